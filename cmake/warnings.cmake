@@ -1,0 +1,12 @@
+# What every target of this project is compiled with. `keelmond_options` carries the include root,
+# so that every include is written from the top of the tree.
+add_library(keelmond_options INTERFACE)
+target_include_directories(keelmond_options INTERFACE ${PROJECT_SOURCE_DIR})
+target_compile_options(keelmond_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+
+if(KEELMOND_SANITIZE)
+  target_compile_options(keelmond_options INTERFACE
+    -fsanitize=${KEELMOND_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(keelmond_options INTERFACE -fsanitize=${KEELMOND_SANITIZE})
+endif()

@@ -1,0 +1,104 @@
+#include "common/misc/console.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+namespace console {
+namespace {
+
+/// How a line reaches the file behind standard output without waiting.
+enum class channel {
+  polled,    ///< ask whether there is room, then write
+  socket,    ///< the call itself says that it must not wait
+  reopened,  ///< through an open file description of our own that does not block
+};
+
+struct target {
+  channel kind;
+  int fd;
+};
+
+/// Written by `open` before any other thread exists, only read afterwards.
+target standard_output{channel::polled, STDOUT_FILENO};
+
+/// The flag that keeps a writer from waiting belongs to the open file description, which is shared
+/// with the shell that started us and with every supervised program. So it is set on a second
+/// description of the same pipe or terminal, never on theirs. A plain file is not opened again: it
+/// never makes a writer wait, and a second description would write from its beginning.
+target find_target() noexcept {
+  struct stat status {};
+  if (::fstat(STDOUT_FILENO, &status) != 0) return {channel::polled, STDOUT_FILENO};
+  if (S_ISSOCK(status.st_mode)) return {channel::socket, STDOUT_FILENO};
+  if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
+    const int fd = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd >= 0) return {channel::reopened, fd};
+  }
+  return {channel::polled, STDOUT_FILENO};
+}
+
+bool has_room(int fd) noexcept {
+  pollfd request{fd, POLLOUT, 0};
+  return ::poll(&request, 1, 0) == 1 && (request.revents & POLLOUT) != 0;
+}
+
+ssize_t write_some(const char* text, std::size_t length) noexcept {
+  const target& out = standard_output;
+  if (out.kind == channel::socket) {
+    return ::send(out.fd, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+  }
+  if (out.kind == channel::polled && !has_room(out.fd)) return -1;
+  return ::write(out.fd, text, length);
+}
+
+/// A terminal may take a line in pieces, so the rest is offered again until it is refused.
+void write_whole(const char* text, std::size_t length) noexcept {
+  const int saved_errno = errno;
+  while (length > 0) {
+    const ssize_t written = write_some(text, length);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) break;
+    text += written;
+    length -= static_cast<std::size_t>(written);
+  }
+  errno = saved_errno;
+}
+
+}  // namespace
+
+void open() noexcept {
+  standard_output = find_target();
+}
+
+void print(const char* format, ...) noexcept {
+  char line[kMaxLine];
+  va_list arguments;
+  va_start(arguments, format);
+  const int length = std::vsnprintf(line, sizeof line, format, arguments);
+  va_end(arguments);
+  if (length > 0) write_whole(line, std::min(static_cast<std::size_t>(length), sizeof line - 1));
+}
+
+void print_line(const char* text) noexcept {
+  print("%s\n", text);
+}
+
+void print_as_format(const char* format) noexcept {
+  char line[kMaxLine];
+  std::size_t length = 0;
+  for (const char* next = format; *next != '\0' && length < sizeof line; ++next) {
+    line[length++] = *next;
+    if (next[0] == '%' && next[1] == '%') ++next;
+  }
+  write_whole(line, length);
+}
+
+}  // namespace console

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstddef>
+
+/// The supervisor's lines on standard output.
+///
+/// A line is formatted first and then handed to the kernel in one write, with no buffer in between:
+/// nothing is left over that a forked copy could write a second time, no two lines mix, and each
+/// is visible at once, whatever standard output is connected to.
+///
+/// A line never waits. When standard output is closed, full or read by nobody, the line is lost and
+/// the caller goes on. Every function but `open` may be called from any thread; errno is left as it
+/// was.
+namespace console {
+
+/// Longest line in bytes. The kernel writes up to this much to a pipe whole or not at all; what
+/// goes beyond is cut.
+inline constexpr std::size_t kMaxLine = 4096;
+
+/// Looks at what standard output is connected to and prepares a way to it that cannot block.
+///
+/// Call it once, before the first thread is started. Until then lines are written after asking
+/// whether there is room, which another writer can make untrue in between.
+void open() noexcept;
+
+/// Prints one formatted text, as `printf` would.
+[[gnu::format(printf, 1, 2)]] void print(const char* format, ...) noexcept;
+
+/// Prints `text` and a newline, as `puts` would.
+void print_line(const char* text) noexcept;
+
+/// Prints `format` as `printf` would print it when it is given no argument at all.
+///
+/// "%%" prints as "%". Any other conversion would read or write an argument that is not there:
+/// it prints as it is written, and nothing is read or written for it.
+void print_as_format(const char* format) noexcept;
+
+}  // namespace console
