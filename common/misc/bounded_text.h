@@ -11,7 +11,7 @@
 /// @return whether the whole text fitted. Nothing is written when `size` is 0.
 inline bool copy_bounded(char* out, std::size_t size, const char* text) noexcept {
   if (size == 0) return false;
-  const std::string_view whole = text == nullptr ? std::string_view{} : std::string_view{text};
+  const std::string_view whole = text == nullptr ? "" : text;
   const std::size_t kept = whole.size() < size ? whole.size() : size - 1;
   std::memcpy(out, whole.data(), kept);
   std::memset(out + kept, 0, size - kept);
