@@ -50,8 +50,7 @@ bool has_room(int fd) noexcept {
   return ::poll(&request, 1, 0) == 1 && (request.revents & POLLOUT) != 0;
 }
 
-ssize_t write_some(const char* text, std::size_t length) noexcept {
-  const target& out = standard_output;
+ssize_t write_some(const target& out, const char* text, std::size_t length) noexcept {
   if (out.kind == channel::socket) {
     return ::send(out.fd, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
   }
@@ -60,10 +59,10 @@ ssize_t write_some(const char* text, std::size_t length) noexcept {
 }
 
 /// A terminal may take a line in pieces, so the rest is offered again until it is refused.
-void write_whole(const char* text, std::size_t length) noexcept {
+void write_whole(const target& out, const char* text, std::size_t length) noexcept {
   const int saved_errno = errno;
   while (length > 0) {
-    const ssize_t written = write_some(text, length);
+    const ssize_t written = write_some(out, text, length);
     if (written < 0 && errno == EINTR) continue;
     if (written <= 0) break;
     text += written;
@@ -84,7 +83,8 @@ void print(const char* format, ...) noexcept {
   va_start(arguments, format);
   const int length = std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
-  if (length > 0) write_whole(line, std::min(static_cast<std::size_t>(length), sizeof line - 1));
+  if (length > 0)
+    write_whole(standard_output, line, std::min(static_cast<std::size_t>(length), sizeof line - 1));
 }
 
 void print_line(const char* text) noexcept {
@@ -98,7 +98,20 @@ void print_as_format(const char* format) noexcept {
     line[length++] = *next;
     if (next[0] == '%' && next[1] == '%') ++next;
   }
-  write_whole(line, length);
+  write_whole(standard_output, line, length);
+}
+
+void report_error(const char* what) noexcept {
+  report_failure(what, std::strerror(errno));
+}
+
+void report_failure(const char* what, const char* why) noexcept {
+  char line[kMaxLine];
+  const int length = std::snprintf(line, sizeof line, "%s: %s\n", what, why);
+  if (length > 0) {
+    write_whole({channel::polled, STDERR_FILENO}, line,
+                std::min(static_cast<std::size_t>(length), sizeof line - 1));
+  }
 }
 
 }  // namespace console

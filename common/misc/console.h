@@ -2,13 +2,13 @@
 
 #include <cstddef>
 
-/// The supervisor's lines on standard output.
+/// The supervisor's lines on standard output, and its complaints on standard error.
 ///
 /// A line is formatted first and then handed to the kernel in one write, with no buffer in between:
 /// nothing is left over that a forked copy could write a second time, no two lines mix, and each
 /// is visible at once, whatever standard output is connected to.
 ///
-/// A line never waits. When standard output is closed, full or read by nobody, the line is lost and
+/// A line never waits. When its descriptor is closed, full or read by nobody, the line is lost and
 /// the caller goes on. Every function but `open` may be called from any thread; errno is left as it
 /// was.
 namespace console {
@@ -34,5 +34,11 @@ void print_line(const char* text) noexcept;
 /// "%%" prints as "%". Any other conversion would read or write an argument that is not there:
 /// it prints as it is written, and nothing is read or written for it.
 void print_as_format(const char* format) noexcept;
+
+/// Prints `what`, ": ", the text for errno and a newline on standard error, as `perror` would.
+void report_error(const char* what) noexcept;
+
+/// Prints `what`, ": ", `why` and a newline on standard error.
+void report_failure(const char* what, const char* why) noexcept;
 
 }  // namespace console

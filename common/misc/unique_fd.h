@@ -21,6 +21,8 @@ class unique_fd final {
   [[nodiscard]] int get() const noexcept { return fd_; }
   [[nodiscard]] bool valid() const noexcept { return fd_ >= 0; }
 
+  /// Gives the descriptor away without closing it.
+  int release() noexcept { return std::exchange(fd_, -1); }
   /// Closes the descriptor held, if any, and takes over `fd`.
   void reset(int fd = -1) noexcept {
     const int old = std::exchange(fd_, fd);
