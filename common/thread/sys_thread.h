@@ -1,0 +1,51 @@
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+
+/// Base of an object that owns one POSIX thread and runs a virtual body on it.
+///
+/// Constructed (aborted, not running), started (the thread exists), running (the body runs), ended
+/// (the body has returned; the thread stays joinable). It may be started again after it has ended.
+/// `Start` and `Stop` are called by one thread at a time; the flags may be read from any thread.
+///
+/// Every thread started here is inside `g_leave_gate` from before its creation until after its last
+/// touch of the object, so that an object can be deleted once the gate is closed and empty.
+class Tsys_thread {
+ public:
+  Tsys_thread() = default;
+  Tsys_thread(const Tsys_thread&) = delete;
+  Tsys_thread& operator=(const Tsys_thread&) = delete;
+  virtual ~Tsys_thread() = default;
+
+  /// Creates the thread, joinable. Does nothing while a thread of this object has not ended, also
+  /// when that thread has not reached its body yet. When no thread can be had nothing changes, and
+  /// a later call tries again.
+  void Start();
+  /// Asks the body to end and joins the thread, if there ever was one. The body is not interrupted;
+  /// it has to ask `IsAbort`.
+  void Stop();
+
+  [[nodiscard]] bool IsAbort() const;
+  /// Whether the body runs. True only from the thread's own first step on, not from `Start` on.
+  [[nodiscard]] bool IsRunning() const;
+  void SetRunning(bool value);
+
+ protected:
+  /// The thread's body.
+  virtual void virtual_thread_proc() = 0;
+
+ private:
+  static void* ThreadProc(void* arg);
+
+  // The two flags are plain booleans for whoever derives from this class. They are read and written
+  // through std::atomic_ref, because the thread and its owner use them at the same time.
+  bool aborted = true;
+  bool running = false;
+  pthread_t thread_id = 0;
+  /// A thread exists or is being created, and its body has not returned. It closes the gap between
+  /// Start and the thread's first step, in which `running` is still false and a second Start would
+  /// create a second thread.
+  std::atomic<bool> occupied{false};
+};
