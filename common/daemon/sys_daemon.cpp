@@ -1,0 +1,83 @@
+#include "common/daemon/sys_daemon.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+
+#include "common/misc/console.h"
+#include "common/misc/unique_fd.h"
+#include "common/misc/unique_file.h"
+
+Tsys_daemon* g_sys_daemon = nullptr;
+
+namespace {
+
+/// Goes on in a child. The parent ends, and so does a process that cannot fork: to whoever waits
+/// for it both look the same, a status of 0.
+void continue_in_child() {
+  if (::fork() != 0) std::exit(0);
+}
+
+/// The process id that a pid file's text stands for; 0 when it stands for none.
+pid_t parse_pid(const char* text) {
+  const long number = std::strtol(text, nullptr, 10);
+  return number > 0 && number <= INT_MAX ? static_cast<pid_t>(number) : 0;
+}
+
+}  // namespace
+
+Tsys_daemon::Tsys_daemon(const char* file, void (*body)()) : pid_file(file), daemon_proc(body) {}
+
+bool Tsys_daemon::run_only_one() {
+  if (::access(pid_file, R_OK) != 0) return true;
+  send_signal();
+  console::print_line("Existing a copy of this daemon! ");
+  return false;
+}
+
+void Tsys_daemon::send_signal() {
+  unique_fd file(::open(pid_file, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file.valid()) return;
+  constexpr std::size_t kMostRead = 128;
+  char text[kMostRead + 1] = {};
+  if (::read(file.get(), text, kMostRead) <= 0) {
+    // The empty file of a running daemon stays open until this process ends, on purpose: ending is
+    // all that is left for it to do.
+    file.release();
+    return;
+  }
+  const pid_t pid = parse_pid(text);
+  if (pid != 0) ::kill(pid, SIGUSR1);
+}
+
+void Tsys_daemon::init_daemon(const char* dir) {
+  continue_in_child();
+  ::setsid();
+  continue_in_child();
+
+  if (::chdir(dir) != 0) {
+    // The daemon then stays where it was started, which is the same directory.
+  }
+  ::umask(0);
+  const pid_t pid = ::getpid();
+  if (pid <= 0) return;
+
+  std::remove(pid_file);
+  const unique_file stream(std::fopen(pid_file, "we"));
+  if (!stream) return;
+  daemon_proc();
+  std::fprintf(stream.get(), "%d", pid);
+}
+
+void Tsys_daemon::signal_reload(int /*sig*/) {}
+
+void Tsys_daemon::signal_exit(int /*sig*/, const char* path) {
+  std::remove(path);
+  std::exit(0);
+}
