@@ -1,0 +1,82 @@
+#include "common/inifile/ini_number.h"
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <limits>
+#include <string>
+
+namespace {
+
+using namespace std::string_literals;
+
+TEST(IniNumber, ConvertsTheLongestBeginningThatIsAnInteger) {
+  const struct {
+    const char* text;
+    int number;
+  } cases[] = {
+      {"1", 1},     {"-3", -3}, {"+5", 5},  {"007", 7},   {"12abc", 12},
+      {"0x1F", 0},  {"1.9", 1}, {"1e3", 1}, {"  42", 42}, {"\t\r\n 42 7", 42},
+      {"1,000", 1}, {"-", 0},   {"- 5", 0},
+  };
+  for (const auto& each : cases) {
+    EXPECT_EQ(ini_number::stoi(each.text), each.number) << each.text;
+    EXPECT_EQ(ini_number::stol(each.text), each.number) << each.text;
+  }
+}
+
+TEST(IniNumber, ConvertsTheLongestBeginningThatIsAFloatingNumber) {
+  const struct {
+    const char* text;
+    double number;
+  } cases[] = {
+      {"1.9", 1.9},  {"1e3", 1000},        {"-.5", -0.5}, {"5.", 5},  {"  2.5x", 2.5}, {"0x1F", 0},
+      {"12abc", 12}, {"-1.5E-2y", -0.015}, {".", 0},      {"inf", 0}, {"nan", 0},
+  };
+  for (const auto& each : cases) {
+    EXPECT_DOUBLE_EQ(ini_number::stod(each.text), each.number) << each.text;
+    EXPECT_FLOAT_EQ(ini_number::stof(each.text), static_cast<float>(each.number)) << each.text;
+  }
+}
+
+TEST(IniNumber, IsZeroForATextThatDoesNotBeginWithANumber) {
+  for (const std::string& text : {"abc"s, "x1"s, "="s, "true"s,
+                                  "\0"
+                                  "1"s,
+                                  "\xff"s}) {
+    EXPECT_EQ(ini_number::stoi(text), 0);
+    EXPECT_EQ(ini_number::stol(text), 0);
+    EXPECT_EQ(ini_number::stof(text), 0.0F);
+    EXPECT_EQ(ini_number::stod(text), 0.0);
+  }
+}
+
+TEST(IniNumber, IsZeroForAnEmptyOrBlankText) {
+  for (const char* text : {"", " ", "\t", " \t\r\n\v\f "}) {
+    EXPECT_EQ(ini_number::stoi(text), 0);
+    EXPECT_EQ(ini_number::stol(text), 0);
+    EXPECT_EQ(ini_number::stof(text), 0.0F);
+    EXPECT_EQ(ini_number::stod(text), 0.0);
+  }
+}
+
+TEST(IniNumber, SaturatesAtTheEndsOfTheIntegerTypes) {
+  EXPECT_EQ(ini_number::stoi("2147483647"), INT_MAX);
+  EXPECT_EQ(ini_number::stoi("2147483648"), INT_MAX);
+  EXPECT_EQ(ini_number::stoi("-2147483648"), INT_MIN);
+  EXPECT_EQ(ini_number::stoi("-2147483649"), INT_MIN);
+  EXPECT_EQ(ini_number::stoi("99999999999999999999999"), INT_MAX);
+  EXPECT_EQ(ini_number::stol("2147483648"), 2147483648L);
+  EXPECT_EQ(ini_number::stol("9223372036854775808"), LONG_MAX);
+  EXPECT_EQ(ini_number::stol("-9223372036854775809"), LONG_MIN);
+}
+
+TEST(IniNumber, SaturatesAtTheLargestFiniteFloatingNumber) {
+  EXPECT_EQ(ini_number::stof("1e39"), std::numeric_limits<float>::max());
+  EXPECT_EQ(ini_number::stof("-1e39"), std::numeric_limits<float>::lowest());
+  EXPECT_EQ(ini_number::stod("1e39"), 1e39);
+  EXPECT_EQ(ini_number::stod("1e309"), std::numeric_limits<double>::max());
+  EXPECT_EQ(ini_number::stod("-1e309"), std::numeric_limits<double>::lowest());
+}
+
+}  // namespace
