@@ -81,6 +81,7 @@ void print(const char* format, ...) noexcept {
   char line[kMaxLine];
   va_list arguments;
   va_start(arguments, format);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is right above.
   const int length = std::vsnprintf(line, sizeof line, format, arguments);
   va_end(arguments);
   if (length > 0)

@@ -41,7 +41,7 @@ class leave_gate final {
   void close() noexcept { phase_.store(phase::closed); }
   /// Waits until no thread is inside.
   /// @return false when there still is one after `limit`.
-  [[nodiscard]] bool wait_until_empty(std::chrono::milliseconds limit) const noexcept;
+  bool wait_until_empty(std::chrono::milliseconds limit) const noexcept;
 
   /// While it lives, the calling thread is outside: it touches no object that leaving deletes.
   /// When it goes and the gate has been closed meanwhile, the thread parks.

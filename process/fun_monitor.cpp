@@ -1,0 +1,179 @@
+#include "process/fun_monitor.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+#include "common/misc/bounded_text.h"
+#include "common/misc/console.h"
+#include "common/misc/fun_misc.h"
+#include "common/thread/leave_gate.h"
+#include "process/forked_copy.h"
+#include "process/launch_probe.h"
+#include "process/log_entry.h"
+
+namespace {
+
+/// The message says 200 and the limit is 200000, both on purpose: people look for the text and rely
+/// on the number.
+constexpr int kRestartLimit = 200000;
+
+constexpr std::size_t kMessageSize = 256;
+
+/// Programs launched and not yet recorded as ended, of all monitors.
+std::atomic<int> alive{0};
+
+std::int64_t steady_now() {
+  return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+void store_byte(char& byte, char value) {
+  std::atomic_ref<char>(byte).store(value);
+}
+
+char load_byte(const char& byte) {
+  return std::atomic_ref<char>(const_cast<char&>(byte)).load();
+}
+
+}  // namespace
+
+Tfun_monitor::Tfun_monitor(const char* command, const char* program, const char* wanted)
+    : pid(0), restart_count(0) {
+  copy_bounded(exepath, command);
+  copy_bounded(name, program);
+  copy_bounded(state, wanted);
+}
+
+void Tfun_monitor::update_state(const char* wanted) {
+  char text[sizeof state];
+  copy_bounded(text, wanted);
+  // A reload that changes nothing must not let the thread see anything but "run".
+  if (std::strcmp(state, text) == 0) return;
+  // The first byte is cleared first and written last: in between the text is empty.
+  store_byte(state[0], '\0');
+  for (std::size_t i = 1; i < sizeof state; ++i)
+    store_byte(state[i], text[i]);
+  store_byte(state[0], text[0]);
+}
+
+bool Tfun_monitor::wants_run() const {
+  constexpr char kRun[] = "run";
+  for (std::size_t i = 0; i < sizeof kRun; ++i) {
+    if (load_byte(state[i]) != kRun[i]) return false;
+  }
+  // The first byte again: it tells that the others belong to the same text.
+  return load_byte(state[0]) == kRun[0];
+}
+
+int Tfun_monitor::last_pid() const {
+  return std::atomic_ref<int>(const_cast<int&>(pid)).load();
+}
+
+int Tfun_monitor::programs_alive() {
+  return alive.load();
+}
+
+void Tfun_monitor::virtual_thread_proc() {
+  monitor_process(exepath);
+}
+
+void Tfun_monitor::monitor_process(const char* command) {
+  for (;;) {
+    const pid_t child = launch(command);
+    if (child <= 0) continue;
+    int error = 0;
+    const pid_t waited = wait_for_end(child, error);
+    if (!record_end(waited, error)) return;
+  }
+}
+
+pid_t Tfun_monitor::launch(const char* command) {
+  launched_at.store(kLaunching);
+  if (!wants_run()) {
+    launched_at.store(kNotLaunched);
+    const leave_gate::outside pause(g_leave_gate);
+    Tfun_misc::select_sleep(1, 0);
+    return 0;
+  }
+  if (!g_leave_gate.may_launch()) {
+    launched_at.store(kNotLaunched);
+    g_leave_gate.park();
+  }
+  const pid_t child = ::fork();
+  if (child == 0) forked_copy::run_program(command);
+  if (child > 0) {
+    record_launch(child);
+  } else {
+    // Tried again at once and for as long as it takes: a pause would only add to the outage.
+    const int error = errno;
+    launched_at.store(kNotLaunched);
+    console::print("fork() error.errno:%d error:%s\n", error, std::strerror(error));
+  }
+  return child;
+}
+
+void Tfun_monitor::record_launch(pid_t child) {
+  std::atomic_ref<int>(pid).store(child);
+  launched_at.store(steady_now());
+  alive.fetch_add(1);
+  Tfun_misc::UpdateProcessLiveFile(name, true);
+  char message[kMessageSize] = {};
+  std::snprintf(message, sizeof message, "launched sub process PID: %lu \r\n",
+                static_cast<unsigned long>(static_cast<std::uint32_t>(child)));
+  append_entry(message);
+}
+
+pid_t Tfun_monitor::wait_for_end(pid_t child, int& error) {
+  // Nothing of the object is touched from here on: it may be deleted during the wait.
+  const leave_gate::outside waiting(g_leave_gate);
+  int status = 0;
+  for (;;) {
+    const pid_t waited = ::waitpid(child, &status, WUNTRACED);
+    error = errno;
+    if (waited != -1 || error != EINTR) return waited;
+  }
+}
+
+void Tfun_monitor::await_launch() const {
+  constexpr std::int64_t kLongest = 500'000'000;
+  const std::int64_t end = steady_now() + kLongest;
+  for (;;) {
+    const std::int64_t launched = launched_at.load();
+    const std::int64_t now = steady_now();
+    if (launched == kNotLaunched || now >= end) return;
+    if (launched != kLaunching) {
+      if (now - launched >= kLongest || launch_probe::is_findable(last_pid())) return;
+    }
+    Tfun_misc::select_sleep(0, 2000);
+  }
+}
+
+void Tfun_monitor::stop_process() {
+  await_launch();
+  char command[kMessageSize] = {};
+  const int length = std::snprintf(command, sizeof command, "kill -USR2 `pgrep %s`", name);
+  // A command that was cut would signal other programs.
+  if (length >= static_cast<int>(sizeof command)) return;
+  const int result = forked_copy::run_command(command);
+  console::print("kill -USR2 result: %s, %d \r\n", command, result);
+}
+
+bool Tfun_monitor::record_end(pid_t waited, int error) {
+  char message[kMessageSize] = {};
+  std::snprintf(message, sizeof message, "exited process PID: %lu  errno: %d\r\n",
+                static_cast<unsigned long>(static_cast<std::uint32_t>(waited)), error);
+  append_entry(message);
+  Tfun_misc::UpdateProcessLiveFile(name, false);
+  alive.fetch_sub(1);
+  if (++restart_count > kRestartLimit) {
+    console::print("Restarted more than 200 times.\r\n");
+    return false;
+  }
+  console::print("Waiting has returned.\r\n");
+  return true;
+}

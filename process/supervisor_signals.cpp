@@ -1,0 +1,98 @@
+#include "process/supervisor_signals.h"
+
+#include <poll.h>
+
+#include <cerrno>
+
+namespace supervisor_signals {
+namespace {
+
+/// Both written by `block` before any thread exists, only read afterwards.
+sigset_t start_mask;
+struct sigaction start_quit;
+
+sigset_t ours() noexcept {
+  sigset_t set;
+  ::sigemptyset(&set);
+  ::sigaddset(&set, SIGINT);
+  ::sigaddset(&set, SIGUSR1);
+  ::sigaddset(&set, SIGUSR2);
+  return set;
+}
+
+/// The calling thread's mask without the supervisor's signals.
+sigset_t opened_mask() noexcept {
+  sigset_t mask;
+  ::pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  ::sigdelset(&mask, SIGINT);
+  ::sigdelset(&mask, SIGUSR1);
+  ::sigdelset(&mask, SIGUSR2);
+  return mask;
+}
+
+timespec to_timespec(std::chrono::nanoseconds time) noexcept {
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+  return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
+}
+
+void do_nothing(int /*sig*/) {}
+
+}  // namespace
+
+void block() noexcept {
+  sigset_t blocked = ours();
+  ::sigaddset(&blocked, SIGPIPE);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, &start_mask);
+  ::sigaction(SIGQUIT, nullptr, &start_quit);
+}
+
+bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
+  using clock = std::chrono::steady_clock;
+  const sigset_t mask = opened_mask();
+  const auto start = clock::now();
+  pollfd request{fd, POLLIN, 0};
+  for (;;) {
+    timespec left{};
+    if (limit) {
+      const auto remaining = *limit - (clock::now() - start);
+      left = to_timespec(std::max(remaining, std::chrono::nanoseconds::zero()));
+    }
+    const int ready = ::ppoll(&request, 1, limit ? &left : nullptr, &mask);
+    if (ready > 0) return true;
+    if (ready == 0) return false;
+    if (errno != EINTR) return true;
+  }
+}
+
+void deliver() noexcept {
+  const sigset_t mask = opened_mask();
+  constexpr timespec kNoTime{};
+  // Each call returns early when a handler has run, and may have let in only some of them.
+  while (::ppoll(nullptr, 0, &kNoTime, &mask) < 0 && errno == EINTR) {
+  }
+}
+
+handler_scope::handler_scope() noexcept : before_(), errno_(errno) {
+  const sigset_t blocked = ours();
+  ::pthread_sigmask(SIG_BLOCK, &blocked, &before_);
+}
+
+handler_scope::~handler_scope() {
+  ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+  errno = errno_;
+}
+
+void disarm_in_copy() noexcept {
+  ::signal(SIGINT, do_nothing);
+  ::signal(SIGUSR1, do_nothing);
+  ::signal(SIGUSR2, do_nothing);
+  // system() ignores SIGQUIT in the whole process while its command runs. A copy that is forked
+  // during that time must not hand the ignoring on to its program.
+  ::sigaction(SIGQUIT, &start_quit, nullptr);
+}
+
+void restore_start_mask() noexcept {
+  ::pthread_sigmask(SIG_SETMASK, &start_mask, nullptr);
+}
+
+}  // namespace supervisor_signals

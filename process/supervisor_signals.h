@@ -1,0 +1,52 @@
+#pragma once
+
+#include <chrono>
+#include <csignal>
+#include <optional>
+
+/// When the supervisor's signals (SIGINT, SIGUSR1, SIGUSR2) reach their handlers, and what becomes
+/// of them in forked copies.
+///
+/// Every thread blocks them, always. They are let in only inside `wait` and `deliver`, which one
+/// thread at a time calls, at a point where it holds nothing: the handlers can therefore load a
+/// configuration, run commands, allocate and end the process as ordinary code does. A signal that
+/// arrives at any other time stays pending and is delivered by the next wait; none is lost.
+namespace supervisor_signals {
+
+/// Remembers the mask and the dispositions that the process was started with and blocks the
+/// supervisor's signals, and SIGPIPE, which no write may end us with before it is ignored. The
+/// first act of `main`, before any thread exists.
+void block() noexcept;
+
+/// Waits until `fd` can be read, letting the signals in.
+/// @param fd a descriptor, or -1 to wait for the time alone.
+/// @param limit the longest wait; none waits for ever. Handlers that run do not shorten it.
+/// @return whether `fd` can be read (or is in error, so that reading it tells).
+bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept;
+
+/// Lets in what is pending and returns when its handlers have run.
+void deliver() noexcept;
+
+/// Blocks the supervisor's signals while a handler runs, so that none interrupts another half-way,
+/// and keeps errno. A handler's first local variable.
+class handler_scope final {
+ public:
+  handler_scope() noexcept;
+  handler_scope(const handler_scope&) = delete;
+  handler_scope& operator=(const handler_scope&) = delete;
+  ~handler_scope();
+
+ private:
+  sigset_t before_;
+  int errno_;
+};
+
+/// In a forked copy: makes the supervisor's signals do nothing. They keep a handler, because a
+/// program would inherit an ignored signal, and a default one would end the copy.
+void disarm_in_copy() noexcept;
+
+/// In a forked copy, before a program is run: gives back the mask that the supervisor was started
+/// with.
+void restore_start_mask() noexcept;
+
+}  // namespace supervisor_signals
