@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "common/misc/fun_misc.h"
+#include "process/launcher.h"
 #include "process/supervisor_signals.h"
 
 namespace forked_copy {
@@ -39,12 +40,10 @@ class shared_int final {
   void* at_;
 };
 
-}  // namespace
-
-void run_program(const char* command) noexcept {
+void run_program(const char* command, void* /*unused*/) {
   give_up_what_is_not_ours();
   supervisor_signals::restore_start_mask();
-  char directory[1024] = {};
+  char directory[launcher::kCommandSize] = {};
   Tfun_misc::get_filename_path(command, directory, true);
   if (::chdir(directory) != 0) {
     // The program then runs in the supervisor's directory.
@@ -55,18 +54,25 @@ void run_program(const char* command) noexcept {
   std::exit(0);
 }
 
+void run_and_report(const char* command, void* result) {
+  // The mask stays as it is: a signal sent to the supervisor by name must not hit the shell between
+  // its creation and its first instruction, and lose the command.
+  give_up_what_is_not_ours();
+  *static_cast<int*>(result) = std::system(command);
+  ::_exit(0);
+}
+
+}  // namespace
+
+pid_t start_program(const char* command) noexcept {
+  return launcher::fork_copy(run_program, command, nullptr);
+}
+
 int run_command(const char* command) noexcept {
   shared_int result;
   if (!result.valid()) return -1;
   result.value() = -1;
-  const pid_t copy = ::fork();
-  if (copy == 0) {
-    // The mask stays as it is: a signal sent to the supervisor by name must not hit the shell
-    // between its creation and its first instruction, and lose the command.
-    give_up_what_is_not_ours();
-    result.value() = std::system(command);
-    ::_exit(0);
-  }
+  const pid_t copy = launcher::fork_copy(run_and_report, command, &result.value());
   if (copy > 0) {
     while (::waitpid(copy, nullptr, 0) == -1 && errno == EINTR) {
     }

@@ -1,17 +1,20 @@
 #pragma once
 
+#include <sys/types.h>
+
 /// What forked copies of the supervisor do. A copy never execs: it carries the supervisor's name,
 /// handlers, descriptors and memory for as long as its command runs, so what it must not hold is
 /// given up here, first thing after `fork`.
 namespace forked_copy {
 
-/// Runs a supervised program in a copy that has just been forked, and ends the copy with status 0.
+/// Starts a supervised program in a copy of its own, as `fork` does.
 ///
-/// Changes into the directory of `command` (its text up to the last "/"; a failure is ignored) and
-/// runs it with `system`. The program gets the descriptors 0, 1 and 2 and the signal mask that the
-/// supervisor was started with.
+/// The copy changes into the directory of `command` (its text up to the last "/"; a failure is
+/// ignored), runs it with `system` and ends with status 0. The program gets the descriptors 0, 1
+/// and 2 and the signal mask that the supervisor was started with.
 /// @param command a shell command of up to 1023 bytes.
-[[noreturn]] void run_program(const char* command) noexcept;
+/// @return the copy's process id, or -1 with errno set.
+pid_t start_program(const char* command) noexcept;
 
 /// Runs `command` with `system` in a copy of its own and waits for it.
 ///

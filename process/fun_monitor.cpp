@@ -8,11 +8,13 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
+#include <new>
 
 #include "common/misc/bounded_text.h"
 #include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
 #include "common/thread/leave_gate.h"
+#include "common/thread/unforked_memory.h"
 #include "process/forked_copy.h"
 #include "process/launch_probe.h"
 #include "process/log_entry.h"
@@ -41,6 +43,16 @@ char load_byte(const char& byte) {
 }
 
 }  // namespace
+
+void* Tfun_monitor::operator new(std::size_t size) {
+  void* const memory = unforked_memory::allocate(size);
+  if (memory == nullptr) throw std::bad_alloc();
+  return memory;
+}
+
+void Tfun_monitor::operator delete(void* memory, std::size_t size) noexcept {
+  unforked_memory::release(memory, size);
+}
 
 Tfun_monitor::Tfun_monitor(const char* command, const char* program, const char* wanted)
     : pid(0), restart_count(0) {
@@ -104,8 +116,7 @@ pid_t Tfun_monitor::launch(const char* command) {
     launched_at.store(kNotLaunched);
     g_leave_gate.park();
   }
-  const pid_t child = ::fork();
-  if (child == 0) forked_copy::run_program(command);
+  const pid_t child = forked_copy::start_program(command);
   if (child > 0) {
     record_launch(child);
   } else {

@@ -3,6 +3,7 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "common/thread/sys_thread.h"
@@ -23,6 +24,12 @@ class Tfun_monitor final : public Tsys_thread {
   /// @param state "run", or any other text, up to 127 bytes.
   Tfun_monitor(const char* exepath, const char* name, const char* state);
   ~Tfun_monitor() override = default;
+  Tfun_monitor(const Tfun_monitor&) = delete;
+  Tfun_monitor& operator=(const Tfun_monitor&) = delete;
+
+  /// Monitors lie in memory that forked copies do not get.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* memory, std::size_t size) noexcept;
 
   /// Replaces the state. The thread acts on it the next time it looks.
   void update_state(const char* state);

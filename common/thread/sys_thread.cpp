@@ -1,8 +1,18 @@
 #include "common/thread/sys_thread.h"
 
+#include <cstddef>
+
 #include "common/thread/leave_gate.h"
+#include "common/thread/unforked_memory.h"
 
 namespace {
+
+/// Instrumented code needs several times as much.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr std::size_t kStackSize = std::size_t{1024} * 1024;
+#else
+constexpr std::size_t kStackSize = std::size_t{64} * 1024;
+#endif
 
 bool read_flag(const bool& flag) {
   return std::atomic_ref<bool>(const_cast<bool&>(flag)).load();
@@ -18,20 +28,29 @@ void Tsys_thread::Start() {
   if (IsRunning() || occupied.exchange(true)) return;
   write_flag(aborted, false);
   g_leave_gate.admit();
-
-  pthread_attr_t attributes;
-  ::pthread_attr_init(&attributes);
-  ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
-  pthread_t created{};
-  const int error = ::pthread_create(&created, &attributes, &Tsys_thread::ThreadProc, this);
-  ::pthread_attr_destroy(&attributes);
-
-  if (error == 0) {
-    thread_id = created;
-  } else {
+  if (!create_thread()) {
     g_leave_gate.dismiss();
     occupied.store(false);
   }
+}
+
+bool Tsys_thread::create_thread() {
+  // Never given back: nobody knows when a thread that is not joined has left its stack.
+  void* const stack = unforked_memory::allocate(kStackSize);
+  if (stack == nullptr) return false;
+  pthread_attr_t attributes;
+  ::pthread_attr_init(&attributes);
+  ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+  ::pthread_attr_setstack(&attributes, stack, kStackSize);
+  pthread_t created{};
+  const int error = ::pthread_create(&created, &attributes, &Tsys_thread::ThreadProc, this);
+  ::pthread_attr_destroy(&attributes);
+  if (error != 0) {
+    unforked_memory::release(stack, kStackSize);
+    return false;
+  }
+  thread_id = created;
+  return true;
 }
 
 void* Tsys_thread::ThreadProc(void* arg) {

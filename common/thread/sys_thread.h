@@ -10,6 +10,9 @@
 /// (the body has returned; the thread stays joinable). It may be started again after it has ended.
 /// `Start` and `Stop` are called by one thread at a time; the flags may be read from any thread.
 ///
+/// A body has 64 kB of stack, in memory that forked copies of the process do not get: it must not
+/// fork by itself.
+///
 /// Every thread started here is inside `g_leave_gate` from before its creation until after its last
 /// touch of the object, so that an object can be deleted once the gate is closed and empty.
 class Tsys_thread {
@@ -37,6 +40,7 @@ class Tsys_thread {
   virtual void virtual_thread_proc() = 0;
 
  private:
+  bool create_thread();
   static void* ThreadProc(void* arg);
 
   // The two flags are plain booleans for whoever derives from this class. They are read and written

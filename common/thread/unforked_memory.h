@@ -1,0 +1,22 @@
+#pragma once
+
+#include <cstddef>
+
+/// Memory that a forked copy of the process does not get.
+///
+/// A copy that runs a command for days would otherwise keep every page as it was at the fork, while
+/// the original goes on and gets new ones: a thousand copies of a thousand stacks. What threads use
+/// for themselves, and no copy ever looks at, belongs here.
+///
+/// The memory comes in whole pages, zeroed, from a mapping of its own; the kernel joins
+/// neighbouring ones. There are no guard pages: they would keep the mappings apart, and each costs
+/// time in every fork. Both functions may be called from any thread.
+namespace unforked_memory {
+
+/// @return `size` bytes, or null when there is no memory to be had.
+void* allocate(std::size_t size) noexcept;
+
+/// Gives back what `allocate` returned for the same `size`; does nothing for null.
+void release(void* memory, std::size_t size) noexcept;
+
+}  // namespace unforked_memory

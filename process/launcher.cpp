@@ -1,0 +1,119 @@
+#include "process/launcher.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <utility>
+
+#include "common/misc/bounded_text.h"
+
+namespace launcher {
+namespace {
+
+/// One fork that a thread waits for. It stands on that thread's stack.
+struct request {
+  copy_body body;
+  const char* command;
+  void* context;
+  request* next = nullptr;
+  /// 0 while it waits, then the copy's process id or the negative errno.
+  std::atomic<int> result{0};
+};
+
+/// Requests not yet taken, the newest first. Pushed by any thread, taken all at once by the
+/// launcher. Release and acquire carry the request's content over.
+std::atomic<request*> waiting{nullptr};
+
+constexpr pid_t kNone = 0;
+constexpr pid_t kBeingCreated = -1;
+
+/// The process in which the launcher's thread runs. A forked process has the value of its parent
+/// but not the thread, and sees that from the process id.
+std::atomic<pid_t> running_in{kNone};
+
+/// The oldest first, so that nobody is overtaken.
+request* reverse(request* list) noexcept {
+  request* reversed = nullptr;
+  while (list != nullptr)
+    reversed = std::exchange(list, std::exchange(list->next, reversed));
+  return reversed;
+}
+
+void serve(request& wanted) noexcept {
+  // The copy gets this thread's stack, not the requester's.
+  char command[kCommandSize];
+  copy_bounded(command, wanted.command);
+  const copy_body body = wanted.body;
+  void* const context = wanted.context;
+  const pid_t copy = ::fork();
+  if (copy == 0) {
+    body(command, context);
+    ::_exit(0);
+  }
+  wanted.result.store(copy > 0 ? copy : -errno, std::memory_order_release);
+  // The requester may be on its way already. Only the address is used here, and stacks of monitors
+  // are never unmapped.
+  wanted.result.notify_one();
+}
+
+void* serve_for_ever(void* /*unused*/) {
+  for (;;) {
+    waiting.wait(nullptr, std::memory_order_relaxed);
+    request* list = reverse(waiting.exchange(nullptr, std::memory_order_acquire));
+    // The next one first: the request is gone as soon as it is served.
+    while (list != nullptr)
+      serve(*std::exchange(list, list->next));
+  }
+}
+
+bool create_thread() noexcept {
+  pthread_t thread{};
+  if (::pthread_create(&thread, nullptr, serve_for_ever, nullptr) != 0) return false;
+  ::pthread_detach(thread);
+  return true;
+}
+
+/// @return false when there is no thread to be had.
+bool ensure_running() noexcept {
+  const pid_t self = ::getpid();
+  for (;;) {
+    pid_t state = running_in.load();
+    if (state == self) return true;
+    if (state == kBeingCreated) {
+      ::sched_yield();
+    } else if (running_in.compare_exchange_strong(state, kBeingCreated)) {
+      const bool created = create_thread();
+      running_in.store(created ? self : kNone);
+      return created;
+    }
+  }
+}
+
+}  // namespace
+
+pid_t fork_copy(copy_body body, const char* command, void* context) noexcept {
+  if (std::char_traits<char>::length(command) >= kCommandSize) {
+    errno = E2BIG;
+    return -1;
+  }
+  if (!ensure_running()) {
+    errno = EAGAIN;
+    return -1;
+  }
+  request own{body, command, context};
+  own.next = waiting.load(std::memory_order_relaxed);
+  while (!waiting.compare_exchange_weak(own.next, &own, std::memory_order_release,
+                                        std::memory_order_relaxed)) {
+  }
+  waiting.notify_one();
+  own.result.wait(0, std::memory_order_acquire);
+  const int result = own.result.load(std::memory_order_acquire);
+  if (result > 0) return result;
+  errno = -result;
+  return -1;
+}
+
+}  // namespace launcher
