@@ -1,0 +1,45 @@
+# shellcheck shell=bash
+# Installs the Debian packages that a script of this tree finds missing. Sourced, not run.
+#
+#   need g++ command -v g++     # package, then the command that succeeds when it is there
+#   need libgtest-dev test -e /usr/include/gtest/gtest.h
+#   install_needed
+#
+# Nothing is printed, fetched or written when everything is there.
+
+packages_needed=()
+
+need() {
+  local package=$1
+  shift
+  "$@" >/dev/null 2>&1 || packages_needed+=("$package")
+}
+
+install_needed() {
+  ((${#packages_needed[@]})) || return 0
+  local install=(apt-get install -y -qq --no-install-recommends "${packages_needed[@]}")
+  local as_root=()
+  if ((EUID != 0)); then
+    if ! command -v sudo >/dev/null; then
+      echo "Missing packages. As root, run: ${install[*]}" >&2
+      return 1
+    fi
+    as_root=(sudo)
+  fi
+  if ! command -v apt-get >/dev/null; then
+    echo "Missing, and there is no apt-get to install it with: ${packages_needed[*]}" >&2
+    return 1
+  fi
+
+  echo "Installing with apt-get: ${packages_needed[*]}"
+  "${as_root[@]}" apt-get update -qq </dev/null
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive "${install[@]}" </dev/null >/dev/null
+  packages_needed=()
+}
+
+# What building the product takes.
+need_build_tools() {
+  need g++ command -v g++
+  need cmake command -v cmake
+  need ninja-build command -v ninja
+}
