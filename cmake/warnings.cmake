@@ -10,3 +10,9 @@ if(KEELMOND_SANITIZE)
     -fsanitize=${KEELMOND_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(keelmond_options INTERFACE -fsanitize=${KEELMOND_SANITIZE})
 endif()
+
+# The threads count in the same places, so the counters have to be atomic.
+if(KEELMOND_COVERAGE)
+  target_compile_options(keelmond_options INTERFACE --coverage -fprofile-update=atomic)
+  target_link_options(keelmond_options INTERFACE --coverage)
+endif()
