@@ -17,11 +17,10 @@ need() {
 
 install_needed() {
   ((${#packages_needed[@]})) || return 0
-  local install=(apt-get install -y -qq --no-install-recommends "${packages_needed[@]}")
   local as_root=()
   if ((EUID != 0)); then
     if ! command -v sudo >/dev/null; then
-      echo "Missing packages. As root, run: ${install[*]}" >&2
+      echo "Packages are missing. As root, run: apt-get install ${packages_needed[*]}" >&2
       return 1
     fi
     as_root=(sudo)
@@ -33,7 +32,9 @@ install_needed() {
 
   echo "Installing with apt-get: ${packages_needed[*]}"
   "${as_root[@]}" apt-get update -qq </dev/null
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive "${install[@]}" </dev/null >/dev/null
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    apt-get install -y -qq -o Dpkg::Use-Pty=0 --no-install-recommends "${packages_needed[@]}" \
+    </dev/null >/dev/null
   packages_needed=()
 }
 
