@@ -3,11 +3,12 @@
 #include <sstream>
 #include <string>
 
-/// How the INI library turns text into numbers.
+/// How the INI library turns text into numbers and numbers into text.
 ///
-/// Four of the names are those of functions of the standard library that throw for a text without
-/// a number, and a call with a standard string as its argument would see both. So these have a
-/// namespace of their own, and internal linkage, and are always called by their full name.
+/// The names are those of functions of the standard library that throw for a text without a number
+/// or print a number another way, and a call with a standard string as its argument would see both.
+/// So these have a namespace of their own, and internal linkage, and are always called by their
+/// full name.
 namespace ini_number {
 
 /// Extracts one number as a stream does: white space is skipped, the longest valid beginning
@@ -35,6 +36,14 @@ template <typename Number>
 
 [[nodiscard]] static inline double stod(const std::string& text) {
   return extract<double>(text);
+}
+
+/// Prints one number as a stream does: decimal, floating numbers with 6 significant digits.
+template <typename Number>
+[[nodiscard]] static std::string to_string(Number number) {
+  std::ostringstream stream;
+  stream << number;
+  return stream.str();
 }
 
 }  // namespace ini_number

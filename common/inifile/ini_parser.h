@@ -13,7 +13,8 @@
 /// The constructor loads the file, once; from then on the object answers from memory and never
 /// reads the file again. It keeps two views side by side: the significant lines in their order,
 /// and a map section -> key -> value for queries. Comments and lines shorter than two characters
-/// are in neither.
+/// are in neither. Each successful change edits both views and at once rewrites the file whole:
+/// what others changed in it since the load is lost, and so are its comments.
 ///
 /// A line is "[name]", "key=value" with optional spaces around "=", or a comment that begins with
 /// one of "#", "%", "/", ";", "@". Lines end in "\n" or "\r\n". There is no quoting, no escape, no
@@ -80,6 +81,48 @@ class Tini_parser final {
   /// The keys of a section in byte order; none for an unknown section, "" included.
   [[nodiscard]] std::vector<std::string> section_keys(const std::string& section) const;
 
+  /// Sets a property in memory, then in the file, as "key=value" without spaces.
+  ///
+  /// Every line of the section that begins with exactly key and "=" is rewritten. When there is
+  /// none, a line is added as `create_property` does; so without a header of the section, and for
+  /// an empty key or value, only later reads of this object see the value. A line "key = value" is
+  /// not found, because of its space: the new line is put before it, and the old one wins again
+  /// at the next load.
+  ///
+  /// Texts are written as they are. A newline in one divides the line at the next load. A null
+  /// value counts as empty. Numbers are printed with 6 significant digits, truth values as "1" and
+  /// "0".
+  void write_value(const std::string& section, const std::string& key, const std::string& value);
+  void write_value(const std::string& section, const std::string& key, const char* value);
+  void write_value(const std::string& section, const std::string& key, int value);
+  void write_value(const std::string& section, const std::string& key, long value);
+  void write_value(const std::string& section, const std::string& key, float value);
+  void write_value(const std::string& section, const std::string& key, double value);
+  void write_value(const std::string& section, const std::string& key, bool value);
+
+  /// Adds an empty line and the header "[name]" at the end of the file, even if there is one.
+  ///
+  /// This object does not find the new header, so properties can be added under it only by an
+  /// object that loads the file anew.
+  /// @return false when the name is empty.
+  bool create_section(const std::string& name);
+  /// Adds a line "key=value" as the first of the section, even if there is one with that key.
+  /// @return false, with nothing changed, when key or value is empty or the section has no header.
+  bool create_property(const std::string& section, const std::string& key,
+                       const std::string& value);
+  /// The same for a section that has a header, the first of which counts; takes empty texts.
+  /// @return false, with nothing changed, when the section has no header.
+  bool create_property_in_section(const std::string& section, const std::string& key,
+                                  const std::string& value);
+  /// The same at the top of the file, before any header; takes empty texts.
+  /// @return true.
+  bool create_property_no_section(const std::string& key, const std::string& value);
+
+  /// Rewrites the file with all kept lines, each ended by "\n"; creates it when it is missing.
+  ///
+  /// A file that cannot be opened or written is given up without a report; memory keeps the lines.
+  void write_input_to_file() const;
+
  private:
   void parse(const std::string& path);
   void parse_line(std::string_view text);
@@ -92,6 +135,8 @@ class Tini_parser final {
   /// Copies a value and its terminating zero, at most `size` bytes in all.
   void copy_value(const std::string& section, const std::string& key, char* out,
                   std::size_t size) const;
+  /// Rewrites every line of the section with this key. @return whether there is one.
+  bool rewrite_lines(const std::string& section, const std::string& key, const std::string& value);
 
   std::string true_text;
   std::string false_text;

@@ -60,6 +60,17 @@ TEST(IniNumber, IsZeroForAnEmptyOrBlankText) {
   }
 }
 
+TEST(IniNumber, PrintsSixSignificantDigits) {
+  EXPECT_EQ(ini_number::to_string(0.5), "0.5");
+  EXPECT_EQ(ini_number::to_string(2.0), "2");
+  EXPECT_EQ(ini_number::to_string(0.1), "0.1");
+  EXPECT_EQ(ini_number::to_string(1.0F), "1");
+  EXPECT_EQ(ini_number::to_string(1234567.0), "1.23457e+06");
+  EXPECT_EQ(ini_number::to_string(100000), "100000");
+  EXPECT_EQ(ini_number::to_string(-3), "-3");
+  EXPECT_EQ(ini_number::to_string(-9000000000L), "-9000000000");
+}
+
 TEST(IniNumber, SaturatesAtTheEndsOfTheIntegerTypes) {
   EXPECT_EQ(ini_number::stoi("2147483647"), INT_MAX);
   EXPECT_EQ(ini_number::stoi("2147483648"), INT_MAX);

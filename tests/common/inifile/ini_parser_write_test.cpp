@@ -1,0 +1,348 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <iterator>
+#include <string>
+#include <string_view>
+
+#include "common/inifile/ini_parser.h"
+#include "common/misc/unique_fd.h"
+#include "tests/support/scratch_dir.h"
+
+namespace {
+
+using namespace std::string_literals;
+
+class IniParserWrite : public testing::Test {
+ protected:
+  [[nodiscard]] Tini_parser load(std::string_view text) const {
+    dir_.write("test.ini", text);
+    return Tini_parser(dir_.file("test.ini"));
+  }
+  /// What the file holds now.
+  [[nodiscard]] std::string file() const { return dir_.read("test.ini"); }
+  /// What a new object reads from the file.
+  [[nodiscard]] std::string reloaded(const std::string& section, const std::string& key) const {
+    return Tini_parser(dir_.file("test.ini")).read_string(section, key, "(none)");
+  }
+
+  scratch_dir dir_;
+};
+
+TEST_F(IniParserWrite, RewritesTheLineOfAProperty) {
+  Tini_parser ini = load("[svr0]\nname=x\nstate=0\nlast=y\n[svr1]\nstate=0\n");
+  ini.write_value("svr0", "state", 1);
+  EXPECT_EQ(file(), "[svr0]\nname=x\nstate=1\nlast=y\n[svr1]\nstate=0\n");
+  EXPECT_EQ(ini.read_int("svr0", "state", -1), 1);
+  EXPECT_EQ(reloaded("svr0", "state"), "1");
+}
+
+TEST_F(IniParserWrite, RewritesEveryLineOfTheProperty) {
+  Tini_parser ini = load("k=0\n[svr0]\nk=1\nx=2\nk=1\n[svr1]\nk=1\n[svr0]\nk=3\n");
+  ini.write_value("svr0", "k", "new");
+  EXPECT_EQ(file(), "k=0\n[svr0]\nk=new\nx=2\nk=new\n[svr1]\nk=1\n[svr0]\nk=new\n");
+}
+
+TEST_F(IniParserWrite, RewritesALineWithSpacesBehindTheEqualsSign) {
+  load("[svr0]\nk= 1\n").write_value("svr0", "k", 2);
+  EXPECT_EQ(file(), "[svr0]\nk=2\n");
+}
+
+TEST_F(IniParserWrite, DoesNotFindALineWithASpaceBeforeTheEqualsSignSoTheOldValueWinsAgain) {
+  Tini_parser ini = load("[svr0]\nkey = old\n");
+  ini.write_value("svr0", "key", "new");
+  EXPECT_EQ(file(), "[svr0]\nkey=new\nkey = old\n");
+  EXPECT_EQ(ini.read_string("svr0", "key", ""), "new");
+  EXPECT_EQ(reloaded("svr0", "key"), "old");
+}
+
+TEST_F(IniParserWrite, DoesNotFindALineWithoutAValue) {
+  load("[svr0]\nk=\n=v\nk\n").write_value("svr0", "k", "v");
+  EXPECT_EQ(file(), "[svr0]\nk=v\nk=\n=v\n");
+}
+
+TEST_F(IniParserWrite, ComparesSectionAndKeyExactly) {
+  load("[SVR0]\nkey=1\n[svr0]\nKEY=1\nkey2=1\nke=1\n").write_value("svr0", "key", 2);
+  EXPECT_EQ(file(), "[SVR0]\nkey=1\n[svr0]\nkey=2\nKEY=1\nkey2=1\nke=1\n");
+}
+
+TEST_F(IniParserWrite, AddsAMissingPropertyRightBehindTheFirstHeaderOfItsSection) {
+  Tini_parser ini = load("[svr0]\na=1\n[svr1]\nb=2\n[svr0]\nc=3\n");
+  ini.write_value("svr0", "ratio", 0.25);
+  EXPECT_EQ(file(), "[svr0]\nratio=0.25\na=1\n[svr1]\nb=2\n[svr0]\nc=3\n");
+  EXPECT_EQ(ini.read_double("svr0", "ratio", 0), 0.25);
+}
+
+TEST_F(IniParserWrite, AddsAMissingPropertyOutsideSectionsAtTheTop) {
+  Tini_parser ini = load("a=1\n[svr0]\nk=0\n");
+  ini.write_value("", "k", "v");
+  EXPECT_EQ(file(), "k=v\na=1\n[svr0]\nk=0\n");
+  EXPECT_EQ(ini.read_string("", "k", ""), "v");
+}
+
+TEST_F(IniParserWrite, RewritesAPropertyOutsideSections) {
+  load("a=1\nk=1\n[svr0]\nk=1\n").write_value("", "k", 2);
+  EXPECT_EQ(file(), "a=1\nk=2\n[svr0]\nk=1\n");
+}
+
+TEST_F(IniParserWrite, KeepsAValueWithoutAHeaderInMemoryOnly) {
+  Tini_parser ini = load("; note\n[svr0]\nk=1\n");
+  ini.write_value("nosuch", "k", "v");
+  EXPECT_EQ(file(), "; note\n[svr0]\nk=1\n");
+  EXPECT_EQ(ini.read_string("nosuch", "k", ""), "v");
+  EXPECT_EQ(reloaded("nosuch", "k"), "(none)");
+}
+
+TEST_F(IniParserWrite, KeepsAnEmptyValueInMemoryOnlyWhenThereIsNoLine) {
+  Tini_parser ini = load("; note\n[svr0]\na=1\n");
+  ini.write_value("svr0", "k", "");
+  ini.write_value("", "k", "");
+  EXPECT_EQ(file(), "; note\n[svr0]\na=1\n");
+  EXPECT_EQ(ini.read_string("svr0", "k", "default"), "");
+  EXPECT_EQ(ini.read_string("", "k", "default"), "");
+  EXPECT_EQ(ini.read_int("svr0", "k", 5), 0);
+  EXPECT_TRUE(ini.read_bool("svr0", "k", true));
+}
+
+TEST_F(IniParserWrite, EmptiesALineThatIsThereSoTheNextLoadHasNoProperty) {
+  Tini_parser ini = load("[svr0]\nk=1\n");
+  ini.write_value("svr0", "k", "");
+  EXPECT_EQ(file(), "[svr0]\nk=\n");
+  EXPECT_EQ(reloaded("svr0", "k"), "(none)");
+}
+
+TEST_F(IniParserWrite, KeepsAnEmptyKeyInMemoryOnly) {
+  Tini_parser ini = load("; note\n[svr0]\n=1\n");
+  ini.write_value("svr0", "", "v");
+  EXPECT_EQ(file(), "; note\n[svr0]\n=1\n");
+  EXPECT_EQ(ini.read_string("svr0", "", "default"), "v");
+}
+
+TEST_F(IniParserWrite, TakesALiteralForATextAndNotForATruthValue) {
+  Tini_parser ini = load("[svr0]\n");
+  ini.write_value("svr0", "k", "v");
+  EXPECT_EQ(file(), "[svr0]\nk=v\n");
+  char array[] = "array";
+  ini.write_value("svr0", "k", array);
+  EXPECT_EQ(file(), "[svr0]\nk=array\n");
+  const char* none = nullptr;
+  ini.write_value("svr0", "k", none);
+  EXPECT_EQ(file(), "[svr0]\nk=\n");
+}
+
+TEST_F(IniParserWrite, WritesTruthValuesAsOneAndZero) {
+  Tini_parser ini = load("[svr0]\nstate=x\n");
+  ini.write_value("svr0", "state", true);
+  EXPECT_EQ(file(), "[svr0]\nstate=1\n");
+  EXPECT_TRUE(ini.read_bool("svr0", "state", false));
+  ini.write_value("svr0", "state", false);
+  EXPECT_EQ(file(), "[svr0]\nstate=0\n");
+  EXPECT_FALSE(ini.read_bool("svr0", "state", true));
+}
+
+TEST_F(IniParserWrite, WritesNumbersAsStreamsPrintThem) {
+  Tini_parser ini = load("[svr0]\nk=x\n");
+  const auto written = [&](auto number) {
+    ini.write_value("svr0", "k", number);
+    return reloaded("svr0", "k");
+  };
+  EXPECT_EQ(written(-3), "-3");
+  EXPECT_EQ(written(-2147483647 - 1), "-2147483648");
+  EXPECT_EQ(written(9223372036854775807L), "9223372036854775807");
+  EXPECT_EQ(written(0.5F), "0.5");
+  EXPECT_EQ(written(0.1F), "0.1");
+  EXPECT_EQ(written(1.0F), "1");
+  EXPECT_EQ(written(0.1), "0.1");
+  EXPECT_EQ(written(2.0), "2");
+  EXPECT_EQ(written(1234567.0), "1.23457e+06");
+  EXPECT_EQ(written(1234567.0F), "1.23457e+06");
+  EXPECT_EQ(written(100000.0), "100000");
+}
+
+TEST_F(IniParserWrite, NormalisesTheWholeFileWithAnyChange) {
+  const std::string text =
+      "; note\r\n\r\n  [svr0]\r\nx\n k = 1 \r\n// l=2\r\ntext\r\nm=3 \r\n#\r\n[svr1]";
+  load(text).write_value("svr0", "m", 4);
+  EXPECT_EQ(file(), "[svr0]\nk = 1 \ntext\nm=4\n[svr1]\n");
+}
+
+TEST_F(IniParserWrite, KeepsALineOfBlanksOrOneCharacterThatIsNotTrimmed) {
+  load("k=1\n   \nx\r\n\r\r\n \r\n").write_input_to_file();
+  EXPECT_EQ(file(), "k=1\n   \nx\r\n\r\r\n");
+}
+
+TEST_F(IniParserWrite, KeepsTheOrderAndTextOfAllOtherLines) {
+  const std::string text = "a=1\ntext\n[ab]\nk=\n=v\n[a]\n[]\n k \"x\n";
+  load(text).write_input_to_file();
+  EXPECT_EQ(file(), "a=1\ntext\n[ab]\nk=\n=v\n[a]\n[]\nk \"x\n");
+}
+
+TEST_F(IniParserWrite, FindsAHeaderThatLoadingDoesNotOpen) {
+  Tini_parser ini = load("[ab]\nx=1\n[a]\nk=old\n");
+  EXPECT_TRUE(ini.create_property_in_section("a", "l", "1"));
+  EXPECT_EQ(file(), "[ab]\nx=1\n[a]\nl=1\nk=old\n");
+  EXPECT_EQ(ini.read_int("a", "l", 0), 1);
+  ini.write_value("a", "k", "new");
+  EXPECT_EQ(file(), "[ab]\nx=1\n[a]\nl=1\nk=new\n");
+  EXPECT_EQ(reloaded("ab", "k"), "new");
+}
+
+TEST_F(IniParserWrite, DoesNotFindUnderItsSectionWhatStandsBehindAOneCharacterHeader) {
+  Tini_parser ini = load("[ab]\n[a]\nk=old\n");
+  EXPECT_EQ(ini.read_string("ab", "k", ""), "old");
+  ini.write_value("ab", "k", "new");
+  EXPECT_EQ(file(), "[ab]\nk=new\n[a]\nk=old\n");
+  EXPECT_EQ(reloaded("ab", "k"), "old");
+}
+
+TEST_F(IniParserWrite, TakesAWrittenLineThatEndsLikeAHeaderForOne) {
+  Tini_parser ini = load("[svr0]\nk=1\nl=1\n");
+  ini.write_value("svr0", "k", "x]\r");
+  ini.write_value("svr0", "l", "2");
+  EXPECT_EQ(file(), "[svr0]\nl=2\nk=x]\r\nl=1\n");
+}
+
+TEST_F(IniParserWrite, WritesTextsAsTheyAre) {
+  Tini_parser ini = load("[svr0]\n");
+  ini.write_value("svr0", "k", " v=\0\xff;#"s + "\nl=2\n");
+  EXPECT_EQ(file(), "[svr0]\nk= v=\0\xff;#\nl=2\n\n"s);
+  EXPECT_EQ(ini.read_string("svr0", "l", "(none)"), "(none)");
+  EXPECT_EQ(reloaded("svr0", "l"), "2");
+}
+
+TEST_F(IniParserWrite, AddsAHeaderBehindAnEmptyLineAtTheEnd) {
+  Tini_parser ini = load("[svr0]\nx=1");
+  EXPECT_TRUE(ini.create_section("svr9"));
+  EXPECT_EQ(file(), "[svr0]\nx=1\n\n[svr9]\n");
+  EXPECT_TRUE(ini.create_section("svr9"));
+  EXPECT_EQ(file(), "[svr0]\nx=1\n\n[svr9]\n\n[svr9]\n");
+  EXPECT_FALSE(ini.create_section(""));
+  EXPECT_EQ(file(), "[svr0]\nx=1\n\n[svr9]\n\n[svr9]\n");
+}
+
+TEST_F(IniParserWrite, FindsAHeaderItHasAddedOnlyAfterALoad) {
+  Tini_parser ini = load("");
+  ini.create_section("svr9");
+  EXPECT_FALSE(ini.create_property("svr9", "k", "v"));
+  ini.write_value("svr9", "k", "v");
+  EXPECT_EQ(file(), "\n[svr9]\n");
+  Tini_parser again(dir_.file("test.ini"));
+  EXPECT_TRUE(again.create_property("svr9", "k", "v"));
+  EXPECT_EQ(file(), "[svr9]\nk=v\n");
+}
+
+TEST_F(IniParserWrite, AddsNoPropertyForAHeaderAlone) {
+  Tini_parser ini = load("a=1\n");
+  ini.create_section("svr9");
+  EXPECT_FALSE(ini.ensure_property_exists("svr9", "k"));
+}
+
+TEST_F(IniParserWrite, AddsAPropertyEvenWhenThereIsOneWithThatKey) {
+  Tini_parser ini = load("[svr0]\nk=1\n[svr0]\n");
+  EXPECT_TRUE(ini.create_property("svr0", "k", "2"));
+  EXPECT_EQ(file(), "[svr0]\nk=2\nk=1\n[svr0]\n");
+  EXPECT_EQ(ini.read_int("svr0", "k", 0), 2);
+  EXPECT_EQ(reloaded("svr0", "k"), "1");
+}
+
+TEST_F(IniParserWrite, AddsAPropertyOutsideSectionsAsTheFirstLine) {
+  Tini_parser ini = load("[svr0]\nk=1\n");
+  EXPECT_TRUE(ini.create_property("", "k", "2"));
+  EXPECT_TRUE(ini.create_property_no_section("l", "3"));
+  EXPECT_EQ(file(), "l=3\nk=2\n[svr0]\nk=1\n");
+  EXPECT_EQ(ini.read_int("", "k", 0), 2);
+  EXPECT_EQ(ini.read_int("", "l", 0), 3);
+}
+
+TEST_F(IniParserWrite, RefusesAPropertyWithoutAKeyOrAValue) {
+  Tini_parser ini = load("; note\n[svr0]\nk=1\n");
+  EXPECT_FALSE(ini.create_property("svr0", "", "v"));
+  EXPECT_FALSE(ini.create_property("svr0", "k", ""));
+  EXPECT_FALSE(ini.create_property("", "k", ""));
+  EXPECT_EQ(file(), "; note\n[svr0]\nk=1\n");
+  EXPECT_EQ(ini.read_int("svr0", "k", 0), 1);
+  EXPECT_FALSE(ini.ensure_property_exists("svr0", ""));
+}
+
+TEST_F(IniParserWrite, RefusesAPropertyOfASectionWithoutAHeader) {
+  Tini_parser ini = load("; note\n[svr0]\nk=1\n");
+  EXPECT_FALSE(ini.create_property("nosuch", "k", "v"));
+  EXPECT_FALSE(ini.create_property_in_section("", "k", "v"));
+  EXPECT_EQ(file(), "; note\n[svr0]\nk=1\n");
+  EXPECT_FALSE(ini.ensure_property_exists("nosuch", "k"));
+}
+
+TEST_F(IniParserWrite, LooksAtNoTextWhenTheKindOfPlaceIsGiven) {
+  Tini_parser ini = load("[svr0]\n[]\n");
+  EXPECT_TRUE(ini.create_property_in_section("svr0", "", ""));
+  EXPECT_TRUE(ini.create_property_in_section("", "k", "v"));
+  EXPECT_TRUE(ini.create_property_no_section("", ""));
+  EXPECT_EQ(file(), "=\n[svr0]\n=\n[]\nk=v\n");
+}
+
+TEST_F(IniParserWrite, CreatesAMissingFile) {
+  Tini_parser ini(dir_.file("test.ini"));
+  ini.write_value("", "k", "v");
+  EXPECT_EQ(file(), "k=v\n");
+}
+
+TEST_F(IniParserWrite, OverwritesWhatOthersChangedSinceTheLoad) {
+  Tini_parser ini = load("[svr0]\nk=1\n");
+  dir_.write("test.ini", "[svr0]\nk=1\nmuch=longer than what was there before\n");
+  ini.write_value("svr0", "k", 2);
+  EXPECT_EQ(file(), "[svr0]\nk=2\n");
+}
+
+TEST_F(IniParserWrite, WritesFilesLargerThanAnyBuffer) {
+  std::string text = "[svr0]\nk=1\n";
+  for (int i = 0; i < 30'000; ++i)
+    text += "key" + std::to_string(i) + "=value\n";
+  text += "long=" + std::string(500'000, 'v') + "\nend=1\n";
+  load(text).write_value("svr0", "k", 2);
+  EXPECT_EQ(file(), text.replace(9, 1, "2"));
+}
+
+TEST_F(IniParserWrite, KeepsTheValueWhenTheFileCannotBeOpened) {
+  Tini_parser ini = load("[svr0]\nk=1\n");
+  std::filesystem::remove(dir_.file("test.ini"));
+  std::filesystem::create_directory(dir_.file("test.ini"));
+  ini.write_value("svr0", "k", 2);
+  EXPECT_TRUE(ini.create_property("svr0", "l", "3"));
+  EXPECT_TRUE(ini.create_section("svr1"));
+  EXPECT_EQ(ini.read_int("svr0", "k", 0), 2);
+  std::filesystem::remove(dir_.file("test.ini"));
+  ini.write_input_to_file();
+  EXPECT_EQ(file(), "[svr0]\nl=3\nk=2\n\n[svr1]\n");
+}
+
+TEST_F(IniParserWrite, KeepsTheValueWhenTheFileCannotBeWritten) {
+  Tini_parser ini("/dev/full");
+  ini.write_value("", "k", "v");
+  ini.write_value("", "long", std::string(100'000, 'v'));
+  ini.write_value("", "last", "v");
+  EXPECT_EQ(ini.read_string("", "k", ""), "v");
+}
+
+TEST_F(IniParserWrite, DoesNotWaitForTheReaderOfAPipe) {
+  ASSERT_EQ(::mkfifo(dir_.file("pipe").c_str(), 0600), 0);
+  Tini_parser ini(dir_.file("pipe"));
+  ini.write_value("", "k", std::string(300'000, 'v'));
+  const unique_fd reader(::open(dir_.file("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  ini.write_value("", "k", std::string(300'000, 'v'));
+  EXPECT_EQ(ini.read_string("", "k", "").size(), 300'000U);
+}
+
+TEST_F(IniParserWrite, LeavesNoDescriptorOpen) {
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+  };
+  Tini_parser ini = load("[ab]\nk=v\n");
+  const auto before = descriptors();
+  ini.write_value("ab", "k", "w");
+  EXPECT_EQ(descriptors(), before);
+}
+
+}  // namespace
