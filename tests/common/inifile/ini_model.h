@@ -32,15 +32,16 @@ class ini_model final {
   [[nodiscard]] const std::map<std::string, properties>& sections() const { return sections_; }
 
   void write_value(const std::string& section, const std::string& key, const std::string& value) {
+    const std::string written = key + "=" + value;
     sections_[section][key] = value;
     bool found = false;
     std::string running;
     for (std::string& line : lines_) {
       if (is_header(line)) {
         running = name_of(line);
-      } else if (has_property(line) && running == section && line.find(key + "=") == 0 &&
-                 line.find('=') == key.size()) {
-        line = key + "=" + value;
+      } else if (has_property(line) && running == section &&
+                 line.substr(0, line.find('=')) == key) {
+        line = written;
         found = true;
       }
     }
