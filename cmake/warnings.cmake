@@ -6,6 +6,8 @@ target_compile_options(keelmond_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 
 if(KEELMOND_SANITIZE)
+  # Instrumented code needs larger stacks.
+  target_compile_definitions(keelmond_options INTERFACE KEELMOND_SANITIZED)
   target_compile_options(keelmond_options INTERFACE
     -fsanitize=${KEELMOND_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
   target_link_options(keelmond_options INTERFACE -fsanitize=${KEELMOND_SANITIZE})

@@ -1,6 +1,7 @@
 #include "process/keelmond.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -157,6 +158,8 @@ void sigint_interrupt(int /*sig*/) {
 }
 
 int main(int argc, char** argv) {
+  // One heap for all threads: every further one is a mapping that each forked copy carries along.
+  ::mallopt(M_ARENA_MAX, 1);
   open_standard_descriptors();
   supervisor_signals::block();
   console::open();

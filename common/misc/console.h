@@ -13,9 +13,10 @@
 /// was.
 namespace console {
 
-/// Longest line in bytes. The kernel writes up to this much to a pipe whole or not at all; what
-/// goes beyond is cut.
-inline constexpr std::size_t kMaxLine = 4096;
+/// Longest line in bytes; what goes beyond is cut. No line of the supervisor comes near it. The
+/// kernel writes this much to a pipe whole or not at all, and it is small because every thread that
+/// prints needs it on its stack.
+inline constexpr std::size_t kMaxLine = 1024;
 
 /// Looks at what standard output is connected to and prepares a way to it that cannot block.
 ///

@@ -8,7 +8,7 @@
 namespace {
 
 /// Instrumented code needs several times as much.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef KEELMOND_SANITIZED
 constexpr std::size_t kStackSize = std::size_t{1024} * 1024;
 #else
 constexpr std::size_t kStackSize = std::size_t{64} * 1024;
