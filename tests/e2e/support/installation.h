@@ -1,0 +1,148 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/e2e/support/process_table.h"
+#include "tests/support/scratch_dir.h"
+
+/// One program as server.ini lists it. A key whose text is empty is left out.
+struct listed_program {
+  std::string name;
+  std::string exepath = {};
+  std::string state = "run";
+};
+
+/// How a supervisor is started.
+struct start_options {
+  std::vector<std::string> arguments = {};
+  /// What standard output is connected to; the installation's console file when negative.
+  int output = -1;
+  /// Runs in the new process, in the working directory, right before the supervisor is executed.
+  std::function<void()> before_exec = {};
+};
+
+/// A whole installation in a scratch directory, with the real binary: its configuration, its
+/// programs and the daemon that supervises them.
+///
+/// Written for one thread. What fails for reasons of the machine throws std::runtime_error; what
+/// the supervisor does is for the tests to judge. The destructor kills every process that was
+/// started below this installation, and fails the test when a sanitizer complained in one of them.
+class installation final {
+ public:
+  /// @param site name of the working directory, below the scratch directory.
+  explicit installation(std::string_view site = "site");
+  installation(const installation&) = delete;
+  installation& operator=(const installation&) = delete;
+  ~installation();
+
+  // Files ---------------------------------------------------------------------------------------
+
+  /// The directory in which the supervisor is started.
+  [[nodiscard]] const std::filesystem::path& site() const { return site_; }
+  /// A file of it, whole; empty when there is none.
+  [[nodiscard]] std::string read(std::string_view name) const { return read_file(site_ / name); }
+  [[nodiscard]] bool has(std::string_view name) const { return exists(site_ / name); }
+  [[nodiscard]] std::string log() const { return read("keelmond.log"); }
+  [[nodiscard]] bool is_live(std::string_view program) const;
+  /// What was written to standard output, unless a start gave another one, and standard error.
+  [[nodiscard]] std::string console() const { return scratch_.read("console"); }
+  [[nodiscard]] std::string errors() const { return scratch_.read("errors"); }
+
+  // Programs ------------------------------------------------------------------------------------
+
+  /// Writes a shell script under a name that no other program on the machine has.
+  /// @param directory where, below the working directory.
+  /// @return the name.
+  std::string add_script(std::string_view body, std::string_view directory = "programs");
+  /// Writes a script under the name of another one.
+  void write_script(const std::filesystem::path& path, std::string_view body) const;
+  /// The beginning of a script that notes its process id, and any text, at each start.
+  [[nodiscard]] std::string note_start(std::string_view text = "") const;
+  /// The end of a script that then runs until a signal ends it, and leaves no orphan.
+  [[nodiscard]] std::string stay() const;
+  /// A program that does both.
+  std::string add_steady() { return add_script(note_start() + stay()); }
+
+  /// The entry of a program in "programs".
+  [[nodiscard]] listed_program entry(const std::string& name, std::string state = "run") const;
+  /// How often the program has been started.
+  [[nodiscard]] std::size_t starts(const std::string& name) const { return notes(name).size(); }
+  /// What the program has noted, one line for each start: process id, blank, text.
+  [[nodiscard]] std::vector<std::string> notes(const std::string& name) const;
+  /// Process ids of the program's running instances.
+  [[nodiscard]] std::vector<pid_t> running(const std::string& name) const;
+  /// Waits until the program has noted `starts` starts and exactly one instance of it runs.
+  /// @return the instance's process id.
+  pid_t wait_running(const std::string& name, std::size_t starts = 1) const;
+
+  // Configuration -------------------------------------------------------------------------------
+
+  /// The text of a server.ini that lists the programs as svr1, svr2, ...
+  static std::string ini(const std::vector<listed_program>& programs);
+  /// Puts a new server.ini in the place of the old one, by renaming.
+  void save(std::string_view text) const;
+  void save(const std::vector<listed_program>& programs) const { save(ini(programs)); }
+  /// Waits for the watch, saves, and waits until the reload is over and the pause has begun.
+  void edit(const std::vector<listed_program>& programs) const { edit(ini(programs)); }
+  void edit(std::string_view text) const;
+  /// The same for any other way of modifying the file.
+  void edit_by(const std::function<void()>& modify) const;
+
+  // Life ----------------------------------------------------------------------------------------
+
+  /// Runs the supervisor until the started process ends. @return its exit status.
+  int run(const start_options& options = {});
+  /// Starts the supervisor and waits until it has loaded its configuration and watches it.
+  void start(const start_options& options = {});
+  /// Starts the supervisor and returns at once. @return the started process.
+  pid_t spawn(const start_options& options = {}) const;
+  /// The daemon of the last `start`.
+  [[nodiscard]] pid_t daemon() const { return daemon_; }
+  void signal(int number) const;
+  /// Sends the daemon a signal and waits for its end. @return its exit status.
+  int end_by(int number) const;
+  /// Waits for the daemon's end. @return its exit status.
+  int wait_end() const;
+
+  /// How many loads the console tells of.
+  [[nodiscard]] std::size_t loads() const;
+  [[nodiscard]] bool is_watching() const { return process_table::count_watches(daemon_) > 0; }
+  void wait_watching() const;
+  /// Process ids of the daemon's forked copies.
+  [[nodiscard]] std::vector<pid_t> copies() const;
+  /// All daemons that run in this installation and are not copies.
+  [[nodiscard]] std::vector<pid_t> daemons() const;
+  /// All processes that were started below this installation.
+  [[nodiscard]] std::vector<process_table::process> processes() const;
+
+ private:
+  [[noreturn]] void become_supervisor(const start_options& options) const;
+  void kill_everything() const;
+  void report_sanitizers() const;
+
+  scratch_dir scratch_;
+  std::filesystem::path site_;
+  /// In the environment of every process of the installation.
+  std::string mark_;
+  pid_t daemon_ = 0;
+};
+
+/// How often `part` stands in `text`, without overlaps.
+std::size_t count(std::string_view text, std::string_view part);
+
+/// Whether `condition` goes on to hold for a while: for what must not happen, and has nothing to
+/// be waited for instead.
+bool keeps(const std::function<bool()>& condition,
+           std::chrono::milliseconds duration = std::chrono::milliseconds(300));
+
+/// The log with every time line's text replaced by "TIME", and the process ids in the lines of a
+/// start or launch by "N".
+std::string masked(const std::string& log);

@@ -1,0 +1,27 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string_view>
+
+#include "tests/e2e/support/children.h"
+#include "tests/e2e/support/private_namespace.h"
+
+namespace {
+
+/// CMake asks for the names of the tests while it builds, where nothing has to be isolated.
+bool only_lists(int argc, char** argv) {
+  return std::any_of(argv, argv + argc, [](std::string_view argument) {
+    return argument.starts_with("--gtest_list_tests");
+  });
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (!only_lists(argc, argv) && !private_namespace::is_inside()) {
+    if (const auto status = private_namespace::run_again(argv)) return *status;
+  }
+  testing::InitGoogleTest(&argc, argv);
+  children::adopt_orphans();
+  return RUN_ALL_TESTS();
+}

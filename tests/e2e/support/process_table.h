@@ -1,0 +1,36 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// What /proc tells of the processes on the machine (or in the test's own namespace).
+namespace process_table {
+
+struct process {
+  pid_t pid;
+  pid_t parent;
+  pid_t session;
+  char state;        ///< As ps prints it: 'R', 'S', 'T', ...
+  std::string name;  ///< At most 15 bytes.
+};
+
+/// The process, unless there is none with that id or it has ended and only waits to be reaped.
+std::optional<process> find(pid_t pid);
+bool is_alive(pid_t pid);
+/// Whether `ancestor` is the process's parent, its parent's parent, ...
+bool is_below(pid_t pid, pid_t ancestor);
+
+/// All processes in whose environment `setting`, as "NAME=value", stands.
+std::vector<process> all_with(std::string_view setting);
+
+/// One line of /proc/PID/status, for instance of "SigBlk", without its name and blanks.
+std::string status_field(pid_t pid, std::string_view field);
+
+/// How many watches the process's inotify instances have.
+int count_watches(pid_t pid);
+
+}  // namespace process_table
