@@ -3,9 +3,8 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
+#include <ctime>
 #include <filesystem>
-#include <regex>
 #include <string>
 #include <vector>
 

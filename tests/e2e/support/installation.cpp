@@ -9,8 +9,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <random>
-#include <regex>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -52,6 +52,30 @@ void reset_signals() {
   sigset_t none;
   ::sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
+/// The text with every digit replaced by 0.
+std::string zeroed(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return c >= '1' && c <= '9'; }, '0');
+  return text;
+}
+
+/// The line of a start or a launch without its process id, any other line as it is.
+std::string without_pid(const std::string& line) {
+  for (const char* beginning : {"keelmond Start PID: ", "launched sub process PID: "}) {
+    if (!line.starts_with(beginning)) continue;
+    const std::size_t number = std::strlen(beginning);
+    const std::size_t end = line.find_first_not_of("0123456789", number);
+    if (end != std::string::npos && end > number)
+      return line.substr(0, number) + "N" + line.substr(end);
+  }
+  return line;
+}
+
+bool is_about_leaks(const std::string& report) {
+  return report.find("LeakSanitizer") != std::string::npos ||
+         report.find("False leaks are possible") != std::string::npos;
 }
 
 int open_to_append(const std::string& path) {
@@ -211,8 +235,8 @@ void installation::become_supervisor(const start_options& options) const {
   add_options("ASAN_OPTIONS", report);
   add_options("UBSAN_OPTIONS", report + ":print_stacktrace=1");
   // The handlers run only where a thread waits and holds nothing, so they may do what others
-  // must not.
-  add_options("TSAN_OPTIONS", report + ":report_signal_unsafe=0");
+  // must not. And every copy would sleep for a second on its way out.
+  add_options("TSAN_OPTIONS", report + ":report_signal_unsafe=0:atexit_sleep_ms=20");
 
   std::vector<std::string> arguments = options.arguments;
   arguments.insert(arguments.begin(), "keelmond");
@@ -291,9 +315,14 @@ void installation::kill_everything() const {
 
 void installation::report_sanitizers() const {
   for (const auto& item : fs::directory_iterator(scratch_.path())) {
-    if (item.path().filename().string().starts_with("sanitizer")) {
-      ADD_FAILURE() << read_file(item.path());
-    }
+    const std::string name = item.path().filename().string();
+    if (!name.starts_with("sanitizer.")) continue;
+    const std::string report = read_file(item.path());
+    // A copy has only one of the daemon's threads. What the others were using when it was forked
+    // nobody points to any more, and it looks leaked.
+    const std::string copy = "launched sub process PID: " + name.substr(name.find('.') + 1) + " ";
+    if (is_about_leaks(report) && log().find(copy) != std::string::npos) continue;
+    ADD_FAILURE() << report;
   }
 }
 
@@ -311,7 +340,14 @@ bool keeps(const std::function<bool()>& condition, std::chrono::milliseconds dur
 }
 
 std::string masked(const std::string& log) {
-  static const std::regex time("[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\r\n");
-  static const std::regex pid("(Start|launched sub process) PID: [0-9]+ \r\n");
-  return std::regex_replace(std::regex_replace(log, time, "TIME\r\n"), pid, "$1 PID: N \r\n");
+  // Not with <regex>: under the sanitizers the compiler warns about its own headers.
+  constexpr std::string_view kTime = "0000-00-00 00:00:00\r\n";
+  std::string result;
+  for (std::size_t at = 0; at < log.size();) {
+    const std::size_t end = std::min(log.find('\n', at), log.size() - 1) + 1;
+    const std::string line = log.substr(at, end - at);
+    result += zeroed(line) == kTime ? "TIME\r\n" : without_pid(line);
+    at = end;
+  }
+  return result;
 }
