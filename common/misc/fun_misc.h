@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The utility class: paths, files and processes.
+/// The utility class: paths, files and processes; dates and times.
 ///
 /// Texts are NUL-terminated bytes in buffers of the caller, paths have "/" as their only separator,
 /// and nothing is printed or logged. Results tell of failures; `linux_exec` alone throws.
@@ -14,8 +14,9 @@
 /// gone and the pointer is null. They may be called from any thread unless a comment says
 /// otherwise.
 ///
-/// A null text or buffer is no error to die of: the member then does nothing and returns its
-/// failure result, unless its comment names another one.
+/// A null text or buffer is no error to die of. A file member then does nothing and returns its
+/// failure result, unless its comment names another one. For the other members a null text counts
+/// as an empty one, and nothing is written to a null buffer.
 class Tfun_misc final {
  public:
   Tfun_misc() = default;
@@ -103,6 +104,69 @@ class Tfun_misc final {
   /// A hint how many worker threads to use: twice the cores and one more, 18 on fewer than four
   /// cores. The first call computes it, so it must be over before another thread calls.
   int get_thread_size() noexcept;
+
+  // ---------------------------------------------------------------------------------------------
+  // Dates and times (fun_misc_datetime.cpp)
+  //
+  // A date-time text is "year-month-day hour:minute:second" with at most 9 characters in each
+  // field; what follows the seconds is ignored. A field that breaks off without its separator takes
+  // the rest of the text, the fields after it are 0, and of a longer field the first 9 characters
+  // count.
+
+  /// Weekday of a date, 0 = Monday to 6 = Sunday: Julian calendar until 2 September 1752, Gregorian
+  /// from the day after, though 3 to 13 September never were. A date that no calendar has gets some
+  /// number from -6 to 6.
+  static int CaculateWeekDay(int year, int month, int day) noexcept;
+
+  /// Splits a date-time text into its fields. Nothing is checked against the calendar.
+  static void split_datetime(const char* text, int& year, int& month, int& day, int& hour,
+                             int& minute, int& second) noexcept;
+
+  /// Whether a time stamp belongs between two date-time texts: 1 when they differ in the hour or
+  /// above, or when `later` is `threshold` seconds or more behind `earlier`; otherwise 0.
+  static int CheckIfNeedToShowTime(const char* earlier, const char* later, int threshold) noexcept;
+
+  /// Writes first minus second as "hours:minutes:seconds", with "days " before it when the day of
+  /// the month is later. Year and month do not count, nor do the hours of a text whose minutes are
+  /// not 0. `out` needs 64 bytes.
+  static void calc_date_time_for_subtract(const char* first, const char* second,
+                                          char* out) noexcept;
+
+  /// Milliseconds since 1970 of the clock on the wall, which can be set back; 0 when it cannot be
+  /// read.
+  static std::uint64_t GetTickCount() noexcept;
+  /// The same in whole seconds.
+  static std::uint64_t GetTickSecond() noexcept;
+
+  /// Writes "2026-11-15 09:58:00\n": the time in UTC less the offset of the local time zone, which
+  /// is UTC itself only where that offset is 0. `out` needs 21 bytes; for years beyond 9999, 32.
+  static void get_utc_time(char* out) noexcept;
+
+  /// 1 when what stands before the first blank begins the text of `get_utc_time`, otherwise 0.
+  /// Texts are compared: a date without leading zeros is never today's.
+  static int checkup_use_small_time(const char* datetime) noexcept;
+
+  /// Writes a date-time text as short as it can be understood today, which `get_utc_time` tells.
+  /// For the last 6 days of this month, and for days of it still to come, the hour and the minute
+  /// are appended to the text in `out` instead. `out` needs 64 bytes and a terminated text.
+  /// @return the label that belongs to it: 10 to 13 for 1 to 4 days ago, the weekday for 5 or 6
+  /// days ago, 100 for none.
+  static int ConvertTimeToHuman(const char* datetime, char* out) noexcept;
+
+  /// Writes the local time as "2026-11-15 09:58:00". `out` needs 20 bytes; for years beyond 9999,
+  /// 32.
+  static void get_local_time(char* out) noexcept;
+
+  /// Writes a duration as "hh:mm:ss" to `whole`, or nothing for 0. From 60 seconds on, and when
+  /// `secs` is not null, the parts that are not 0 are written too. Each buffer needs 32 bytes.
+  static void calc_time_view_times(unsigned long seconds, char* whole, char* hours, char* minutes,
+                                   char* secs) noexcept;
+
+  /// Writes a duration with the words given for its units, as in "1 h 5 m 7 s", to whichever of
+  /// `out1` and `out2` is not null. Each needs the words and 64 bytes.
+  /// @return the length of the text; 0 when both are null.
+  static long SecondToTimeStr(long seconds, const char* hour_unit, const char* minute_unit,
+                              const char* second_unit, char* out1, char* out2) noexcept;
 
  private:
   int thread_size = 0;  ///< What `get_thread_size` found; 0 until it is called.
