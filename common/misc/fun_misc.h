@@ -3,8 +3,9 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
-/// The utility class: paths, files and processes; dates and times.
+/// The utility class: paths, files and processes; dates and times; texts and file names.
 ///
 /// Texts are NUL-terminated bytes in buffers of the caller, paths have "/" as their only separator,
 /// and nothing is printed or logged. Results tell of failures; `linux_exec` alone throws.
@@ -167,6 +168,92 @@ class Tfun_misc final {
   /// @return the length of the text; 0 when both are null.
   static long SecondToTimeStr(long seconds, const char* hour_unit, const char* minute_unit,
                               const char* second_unit, char* out1, char* out2) noexcept;
+
+  // ---------------------------------------------------------------------------------------------
+  // Texts and file names (fun_misc_text.cpp)
+  //
+  // What changes a text in place never makes it longer, and takes a text of any length. A string
+  // list is a vector of texts that were allocated with array new, which the list owns until
+  // `del_string_list`; it must not be used by two threads at once.
+
+  /// A number from a to b when a < b, from b + 1 to a - 1 when a > b, and a + 1 (at most INT_MAX)
+  /// when a = b; a when a = b + 1, which leaves nothing between them. Seeds `rand` from the second,
+  /// so calls within one second agree and every other user of `rand` is disturbed.
+  static int random(int a, int b) noexcept;
+
+  /// Replaces the first character of each occurrence of `find` by the first character of `repl`. An
+  /// empty `repl` ends the text there. Does nothing when `find` is empty or both begin alike.
+  static void ReplaceLetter(char* text, const char* find, const char* repl) noexcept;
+
+  /// Appends 32 random digits and lower-case letters to the text in `out`; a digit is three times
+  /// as likely as a letter. Seeds `rand`. @return `out`.
+  static char* create_guid(char* out) noexcept;
+
+  /// Recognises an image by its first 4 bytes and writes its extension, ".bmp" for one, to the 5
+  /// bytes at `ext`. @return 0 BMP, 1 GIF, 2 JPEG, 3 PNG, 4 TIFF (little-endian only), 5 for any
+  /// other file and for none, with `ext` untouched.
+  static int get_photo_ext_name(const char* path, char* ext) noexcept;
+
+  /// 1 when the file begins with "GIF", otherwise 0.
+  static int checkup_image_is_gif(const char* path) noexcept;
+
+  /// 1 when version `a` is higher than version `b`, otherwise 0. A version is up to four numbers
+  /// with "." between them; those that are missing are 0.
+  static int compare_ver(const char* a, const char* b) noexcept;
+
+  /// Copies what stands behind the last "/" of `path`. With `strip_ext` it ends before the last "."
+  /// and is not terminated: pass a zero-filled buffer. When there is no "." behind the last "/" to
+  /// end before, the whole name is copied, without a terminator too. @return `out`.
+  static char* get_filename_name(const char* path, char* out, bool strip_ext) noexcept;
+  /// The same for a web address.
+  static char* get_filename_name_for_url(const char* path, char* out, bool strip_ext) noexcept;
+
+  /// Copies what stands behind the last "." of `path`, in a directory's name too, or begins with
+  /// it. `out` stays untouched when there is none or it is the first character.
+  static void get_filename_ext(const char* path, char* out, bool with_dot) noexcept;
+
+  /// Writes `path` when it cannot be opened for reading, or else the first path of its kind with a
+  /// number, "name(1).ext" and so on, that cannot. `out` needs 512 bytes, or the length of `path`.
+  /// @return 1 when `path` itself was free, otherwise 0: also when nothing was written because a
+  /// "(" in `path` is not followed by a number and ")", because the number cannot be counted up, or
+  /// because the path would reach 512 bytes. A path without "." is numbered at its end.
+  static int create_new_filename(const char* path, char* out) noexcept;
+
+  /// Writes a size as "1023 Byte", "1.00 KB", "1.00 MB" or "1.0000 GB"; appends " 0 Byte" to the
+  /// text in `out` when there is none. `out` needs 32 bytes.
+  static void calc_file_view_size(long size, char* out) noexcept;
+
+  /// Removes every blank, or with `leading_only` those before the first other character. Only " "
+  /// is a blank. @return `text`.
+  static char* string_trim(char* text, bool leading_only) noexcept;
+
+  /// 1 when any byte of the text is white space, otherwise 0.
+  static int is_have_space(const char* text) noexcept;
+
+  /// Index of the last occurrence of `sub`, or -1 when there is none or a text is empty.
+  static int get_last_str_pos(const char* text, const char* sub) noexcept;
+
+  /// Make each byte of the text lower or upper case. @return `text`.
+  static char* strlwr(char* text) noexcept;
+  static char* strupr(char* text) noexcept;
+  static char* stoupper(char* text) noexcept;
+
+  /// Replaces every "%lu" by "%u".
+  static void AdjustPrintFormat(char* format) noexcept;
+
+  /// Appends an array of `len` + 1 bytes to the list: the first `len` bytes of `src`, or all of it
+  /// when it is shorter, and zeros. A negative `len` counts as 0.
+  /// @throws std::bad_alloc, with the list as it was.
+  static void add_string(const char* src, int len, std::vector<char*>& list);
+
+  /// Appends the pieces of `text` between the occurrences of `delim` to the list; without a `delim`
+  /// the text is one piece. Empty pieces are left out. `n` means nothing.
+  /// @throws std::bad_alloc, with the list holding the pieces so far.
+  static void split_string(const char* text, int n, const char* delim, std::vector<char*>& list);
+
+  /// Releases every text of the list. The list keeps its size, and pointers that lead nowhere:
+  /// clear it.
+  static void del_string_list(const std::vector<char*>& list);
 
  private:
   int thread_size = 0;  ///< What `get_thread_size` found; 0 until it is called.
