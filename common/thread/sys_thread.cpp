@@ -68,7 +68,10 @@ void* Tsys_thread::ThreadProc(void* arg) {
 
 void Tsys_thread::Stop() {
   write_flag(aborted, true);
-  if (thread_id != 0) ::pthread_join(thread_id, nullptr);
+  if (thread_id == 0) return;
+  ::pthread_join(thread_id, nullptr);
+  // The handle is used up: it may soon belong to another thread.
+  thread_id = 0;
 }
 
 bool Tsys_thread::IsAbort() const {

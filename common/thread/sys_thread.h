@@ -26,8 +26,8 @@ class Tsys_thread {
   /// when that thread has not reached its body yet. When no thread can be had nothing changes, and
   /// a later call tries again.
   void Start();
-  /// Asks the body to end and joins the thread, if there ever was one. The body is not interrupted;
-  /// it has to ask `IsAbort`.
+  /// Asks the body to end and joins the thread, if there is one that has not been joined. The body
+  /// is not interrupted; it has to ask `IsAbort`.
   void Stop();
 
   [[nodiscard]] bool IsAbort() const;
