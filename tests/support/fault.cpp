@@ -1,0 +1,110 @@
+#include "tests/support/fault.h"
+
+system_calls faults;
+
+// What the linker calls the two ends of a redirected call: the code under test arrives at the first
+// name, the second one is the system's own function.
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+
+pid_t __real_fork();
+pid_t __real_waitpid(pid_t pid, int* status, int options);
+int __real_system(const char* command);
+int __real_kill(pid_t pid, int sig);
+int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument);
+int __real_pthread_join(pthread_t thread, void** result);
+int __real_inotify_init1(int flags);
+int __real_inotify_add_watch(int fd, const char* path, std::uint32_t events);
+int __real_inotify_rm_watch(int fd, int watch);
+ssize_t __real_read(int fd, void* out, std::size_t size);
+int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
+int __real_flock(int fd, int operation);
+
+pid_t __wrap_fork() {
+  return faults.fork ? faults.fork() : __real_fork();
+}
+
+pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
+  return faults.waitpid ? faults.waitpid(pid, status, options)
+                        : __real_waitpid(pid, status, options);
+}
+
+int __wrap_system(const char* command) {
+  return faults.system ? faults.system(command) : __real_system(command);
+}
+
+int __wrap_kill(pid_t pid, int sig) {
+  return faults.kill ? faults.kill(pid, sig) : __real_kill(pid, sig);
+}
+
+int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                          void* argument) {
+  return faults.pthread_create ? faults.pthread_create(thread, attributes, body, argument)
+                               : __real_pthread_create(thread, attributes, body, argument);
+}
+
+int __wrap_pthread_join(pthread_t thread, void** result) {
+  return faults.pthread_join ? faults.pthread_join(thread, result)
+                             : __real_pthread_join(thread, result);
+}
+
+int __wrap_inotify_init1(int flags) {
+  return faults.inotify_init1 ? faults.inotify_init1(flags) : __real_inotify_init1(flags);
+}
+
+int __wrap_inotify_add_watch(int fd, const char* path, std::uint32_t events) {
+  return faults.inotify_add_watch ? faults.inotify_add_watch(fd, path, events)
+                                  : __real_inotify_add_watch(fd, path, events);
+}
+
+int __wrap_inotify_rm_watch(int fd, int watch) {
+  return faults.inotify_rm_watch ? faults.inotify_rm_watch(fd, watch)
+                                 : __real_inotify_rm_watch(fd, watch);
+}
+
+ssize_t __wrap_read(int fd, void* out, std::size_t size) {
+  return faults.read ? faults.read(fd, out, size) : __real_read(fd, out, size);
+}
+
+int __wrap_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
+  return faults.ppoll ? faults.ppoll(requests, count, limit, mask)
+                      : __real_ppoll(requests, count, limit, mask);
+}
+
+int __wrap_flock(int fd, int operation) {
+  return faults.flock ? faults.flock(fd, operation) : __real_flock(fd, operation);
+}
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
+
+namespace real {
+
+pid_t fork() {
+  return __real_fork();
+}
+pid_t waitpid(pid_t pid, int* status, int options) {
+  return __real_waitpid(pid, status, options);
+}
+int system(const char* command) {
+  return __real_system(command);
+}
+int kill(pid_t pid, int sig) {
+  return __real_kill(pid, sig);
+}
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                   void* argument) {
+  return __real_pthread_create(thread, attributes, body, argument);
+}
+int pthread_join(pthread_t thread, void** result) {
+  return __real_pthread_join(thread, result);
+}
+ssize_t read(int fd, void* out, std::size_t size) {
+  return __real_read(fd, out, size);
+}
+int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
+  return __real_ppoll(requests, count, limit, mask);
+}
+
+}  // namespace real

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/types.h>
+
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+
+/// Stands between the code under test and some calls of the system, so that a test can make them
+/// fail, count them or answer in their place. An empty function lets the call through.
+///
+/// The linker redirects these calls in every test binary (see `keelmond_add_tests`); the product
+/// knows nothing of it. Functions are set while no other thread is inside a call of the same name,
+/// best before the first thread is started.
+struct system_calls {
+  std::function<pid_t()> fork;
+  std::function<pid_t(pid_t, int*, int)> waitpid;
+  std::function<int(const char*)> system;
+  std::function<int(pid_t, int)> kill;
+  std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
+  std::function<int(pthread_t, void**)> pthread_join;
+  std::function<int(int)> inotify_init1;
+  std::function<int(int, const char*, std::uint32_t)> inotify_add_watch;
+  std::function<int(int, int)> inotify_rm_watch;
+  std::function<ssize_t(int, void*, std::size_t)> read;
+  std::function<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> ppoll;
+  std::function<int(int, int)> flock;
+};
+
+/// What stands in at the moment.
+extern system_calls faults;
+
+/// The calls themselves, for functions that let some of them through.
+namespace real {
+pid_t fork();
+pid_t waitpid(pid_t pid, int* status, int options);
+int system(const char* command);
+int kill(pid_t pid, int sig);
+int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
+                   void* argument);
+int pthread_join(pthread_t thread, void** result);
+ssize_t read(int fd, void* out, std::size_t size);
+int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
+}  // namespace real
+
+/// Lets all calls through again when it goes.
+class no_faults_afterwards final {
+ public:
+  no_faults_afterwards() = default;
+  no_faults_afterwards(const no_faults_afterwards&) = delete;
+  no_faults_afterwards& operator=(const no_faults_afterwards&) = delete;
+  ~no_faults_afterwards() { faults = {}; }
+};
