@@ -30,9 +30,15 @@ pid_t parse_pid(const char* text) {
   return number > 0 && number <= INT_MAX ? static_cast<pid_t>(number) : 0;
 }
 
+/// A file name that the calls of the system may be given: an empty one names nothing.
+const char* text_or_empty(const char* text) {
+  return text == nullptr ? "" : text;
+}
+
 }  // namespace
 
-Tsys_daemon::Tsys_daemon(const char* file, void (*body)()) : pid_file(file), daemon_proc(body) {}
+Tsys_daemon::Tsys_daemon(const char* file, void (*body)())
+    : pid_file(text_or_empty(file)), daemon_proc(body) {}
 
 bool Tsys_daemon::run_only_one() {
   if (::access(pid_file, R_OK) != 0) return true;
@@ -61,7 +67,7 @@ void Tsys_daemon::init_daemon(const char* dir) {
   ::setsid();
   continue_in_child();
 
-  if (::chdir(dir) != 0) {
+  if (::chdir(text_or_empty(dir)) != 0) {
     // The daemon then stays where it was started, which is the same directory.
   }
   ::umask(0);
@@ -71,13 +77,13 @@ void Tsys_daemon::init_daemon(const char* dir) {
   std::remove(pid_file);
   const unique_file stream(std::fopen(pid_file, "we"));
   if (!stream) return;
-  daemon_proc();
+  if (daemon_proc != nullptr) daemon_proc();
   std::fprintf(stream.get(), "%d", pid);
 }
 
 void Tsys_daemon::signal_reload(int /*sig*/) {}
 
 void Tsys_daemon::signal_exit(int /*sig*/, const char* path) {
-  std::remove(path);
+  std::remove(text_or_empty(path));
   std::exit(0);
 }

@@ -8,6 +8,8 @@
 /// daemon is recognised. A pid file that was left behind blocks every later start until somebody
 /// deletes it: whether the process in it still lives is not asked, on purpose.
 ///
+/// A null file name, here and below, names no file; a null body does nothing.
+///
 /// All members but `signal_reload` and `signal_exit` are called while the process has one thread.
 class Tsys_daemon final {
  public:
