@@ -19,7 +19,9 @@ int __real_inotify_add_watch(int fd, const char* path, std::uint32_t events);
 int __real_inotify_rm_watch(int fd, int watch);
 ssize_t __real_read(int fd, void* out, std::size_t size);
 int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
+int __real_select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit);
 int __real_flock(int fd, int operation);
+void* __real_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset);
 
 pid_t __wrap_fork() {
   return faults.fork ? faults.fork() : __real_fork();
@@ -72,6 +74,16 @@ int __wrap_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const si
                       : __real_ppoll(requests, count, limit, mask);
 }
 
+int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit) {
+  return faults.select ? faults.select(count, readable, writable, special, limit)
+                       : __real_select(count, readable, writable, special, limit);
+}
+
+void* __wrap_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset) {
+  return faults.mmap ? faults.mmap(at, size, protection, flags, fd, offset)
+                     : __real_mmap(at, size, protection, flags, fd, offset);
+}
+
 int __wrap_flock(int fd, int operation) {
   return faults.flock ? faults.flock(fd, operation) : __real_flock(fd, operation);
 }
@@ -105,6 +117,9 @@ ssize_t read(int fd, void* out, std::size_t size) {
 }
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
   return __real_ppoll(requests, count, limit, mask);
+}
+int flock(int fd, int operation) {
+  return __real_flock(fd, operation);
 }
 
 }  // namespace real

@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <pthread.h>
+#include <sys/select.h>
 #include <sys/types.h>
 
 #include <csignal>
@@ -28,7 +29,9 @@ struct system_calls {
   std::function<int(int, int)> inotify_rm_watch;
   std::function<ssize_t(int, void*, std::size_t)> read;
   std::function<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> ppoll;
+  std::function<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
   std::function<int(int, int)> flock;
+  std::function<void*(void*, std::size_t, int, int, int, off_t)> mmap;
 };
 
 /// What stands in at the moment.
@@ -45,6 +48,7 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 int pthread_join(pthread_t thread, void** result);
 ssize_t read(int fd, void* out, std::size_t size);
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
+int flock(int fd, int operation);
 }  // namespace real
 
 /// Lets all calls through again when it goes.

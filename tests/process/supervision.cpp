@@ -1,0 +1,52 @@
+#include "tests/process/supervision.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <stdexcept>
+
+#include "common/log/log_file.h"
+#include "process/supervisor_signals.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/time_line.h"
+
+supervision& supervision::begin() {
+  static supervision* const instance = new supervision;
+  return *instance;
+}
+
+supervision::supervision() {
+  supervisor_signals::block();
+  ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGCHLD, SIG_IGN);
+  std::filesystem::create_directory("notify");
+  g_logFile = new Tlog_file;
+  if (!g_logFile->create_log_file("keelmond.log", false)) throw std::runtime_error("no log");
+}
+
+std::string supervision::log() const {
+  return with_times_masked(read_file("keelmond.log"));
+}
+
+std::string unique_name(char letter) {
+  return "kt" + std::to_string(::getpid()) + "_" + letter;
+}
+
+std::string write_program(const std::string& name, std::string_view body) {
+  const std::string path = std::filesystem::current_path() / name;
+  write_file(path, "#!/bin/sh\n" + std::string(body));
+  if (::chmod(path.c_str(), 0755) != 0) throw std::runtime_error("cannot make it executable");
+  return path;
+}
+
+std::size_t count_of(std::string_view part, std::string_view text) {
+  std::size_t count = 0;
+  for (std::size_t at = text.find(part); at != std::string_view::npos;
+       at = text.find(part, at + part.size())) {
+    ++count;
+  }
+  return count;
+}

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "tests/support/captured_output.h"
+
+/// What the daemon gives its monitors, in the process of a test (see `in_child`): SIGCHLD and
+/// SIGPIPE ignored, the supervisor's signals blocked, a log, a directory for the liveness files,
+/// and the console caught.
+///
+/// Monitors' threads use it until the process ends, so it is made once and never goes.
+class supervision final {
+ public:
+  static supervision& begin();
+
+  /// The log so far, with "<time>\r\n" for each time line.
+  [[nodiscard]] std::string log() const;
+  /// What has been printed on standard output so far.
+  [[nodiscard]] std::string printed() const { return output_.text(); }
+  [[nodiscard]] std::string complaints() const { return errors_.text(); }
+
+ private:
+  supervision();
+
+  captured_output output_{1};
+  captured_output errors_{2};
+};
+
+/// A name for a program of this process that no other process on the machine has; at most 15
+/// characters, so that it can be found by it.
+std::string unique_name(char letter);
+
+/// Writes a shell script called `name` to the working directory that can be executed.
+/// @return its full path.
+std::string write_program(const std::string& name, std::string_view body);
+
+/// How often `part` stands in `text`.
+std::size_t count_of(std::string_view part, std::string_view text);
