@@ -366,6 +366,26 @@ TEST_F(log_file, texts_of_several_threads_stay_whole) {
   EXPECT_EQ(messages, kThreads * kTexts);
 }
 
+TEST_F(log_file, a_text_of_any_length_is_one_write) {
+  constexpr std::size_t kTexts = 300;
+  constexpr std::size_t kLength = 5000;
+  Tlog_file of_another_process;
+  ASSERT_TRUE(of_another_process.create_log_file(path_.c_str(), false));
+  const auto write_to = [](Tlog_file& log, char letter) {
+    const std::string text = std::string(kLength - 1, letter) + "\n";
+    for (std::size_t i = 0; i < kTexts; ++i)
+      log.append_log(text.c_str(), -1);
+  };
+  std::thread other([&] { write_to(of_another_process, 'b'); });
+  write_to(*log_, 'a');
+  other.join();
+
+  const std::string all = content();
+  ASSERT_EQ(all.size(), 2 * kTexts * kLength);
+  for (std::size_t at = 0; at < all.size(); at += kLength)
+    ASSERT_EQ(all.compare(at, kLength, std::string(kLength - 1, all[at]) + "\n"), 0);
+}
+
 TEST_F(log_file, a_forked_copy_has_nothing_left_to_write_a_second_time) {
   log_->append_log("once\r\n", -1);
   EXPECT_EQ(WEXITSTATUS(run_in_child([] { std::exit(0); }).status), 0);
