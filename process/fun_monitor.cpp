@@ -119,10 +119,12 @@ pid_t Tfun_monitor::launch(const char* command) {
   const pid_t child = forked_copy::start_program(command);
   if (child > 0) {
     record_launch(child);
-  } else {
-    // Tried again at once and for as long as it takes: a pause would only add to the outage.
-    const int error = errno;
-    launched_at.store(kNotLaunched);
+    return child;
+  }
+  // Tried again at once and for as long as it takes: a pause would only add to the outage.
+  const int error = errno;
+  launched_at.store(kNotLaunched);
+  if (child == -1) {
     console::print("fork() error.errno:%d error:%s\n", error, std::strerror(error));
   }
   return child;
