@@ -116,16 +116,15 @@ TEST_F(start_lock_in_a_directory, is_passed_on_by_forks_and_survives_the_parents
 }
 
 TEST(start_lock, that_cannot_be_had_does_not_stop_the_start) {
-  EXPECT_EQ(in_child([] {
-              const std::filesystem::path gone = std::filesystem::current_path() / "gone";
-              std::filesystem::create_directory(gone);
-              std::filesystem::current_path(gone);
-              std::filesystem::remove(gone);
-              start_lock lock;
-              lock.acquire();
-              lock.release();
-            }),
-            "");
+  in_child([] {
+    const std::filesystem::path gone = std::filesystem::current_path() / "gone";
+    std::filesystem::create_directory(gone);
+    std::filesystem::current_path(gone);
+    std::filesystem::remove(gone);
+    start_lock lock;
+    lock.acquire();
+    lock.release();
+  });
 }
 
 }  // namespace

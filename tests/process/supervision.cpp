@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include "process/supervisor_signals.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/time_line.h"
+#include "tests/support/wait_until.h"
 
 supervision& supervision::begin() {
   static supervision* const instance = new supervision;
@@ -40,6 +42,26 @@ std::string write_program(const std::string& name, std::string_view body) {
   write_file(path, "#!/bin/sh\n" + std::string(body));
   if (::chmod(path.c_str(), 0755) != 0) throw std::runtime_error("cannot make it executable");
   return path;
+}
+
+Tfun_monitor& new_monitor(const std::string& command, const std::string& name, const char* state) {
+  return *new Tfun_monitor(command.c_str(), name.c_str(), state);
+}
+
+std::string launched(int pid) {
+  return "launched sub process PID: " + std::to_string(pid) + " \r\n<time>\r\n";
+}
+
+std::string exited(const std::string& pid, int error) {
+  return "exited process PID: " + pid + "  errno: " + std::to_string(error) + "\r\n<time>\r\n";
+}
+
+bool never(const std::function<bool()>& condition) {
+  return !wait_until(condition, std::chrono::milliseconds(15));
+}
+
+bool exists(const std::string& path) {
+  return std::filesystem::exists(path);
 }
 
 std::size_t count_of(std::string_view part, std::string_view text) {

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
 
+#include "process/fun_monitor.h"
 #include "tests/support/captured_output.h"
 
 /// What the daemon gives its monitors, in the process of a test (see `in_child`): SIGCHLD and
@@ -35,6 +37,22 @@ std::string unique_name(char letter);
 /// Writes a shell script called `name` to the working directory that can be executed.
 /// @return its full path.
 std::string write_program(const std::string& name, std::string_view body);
+
+/// A monitor that its thread may use until the process ends.
+Tfun_monitor& new_monitor(const std::string& command, const std::string& name,
+                          const char* state = "run");
+
+/// The entries of the log for a start and an end, with their time lines masked.
+std::string launched(int pid);
+std::string exited(const std::string& pid, int error);
+
+/// What the console says when a program has ended.
+inline constexpr char kWaited[] = "Waiting has returned.\r\n";
+
+/// Whether `condition` stays false for a moment.
+bool never(const std::function<bool()>& condition);
+
+bool exists(const std::string& path);
 
 /// How often `part` stands in `text`.
 std::size_t count_of(std::string_view part, std::string_view text);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -22,11 +23,14 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using steady = std::chrono::steady_clock;
 
-/// The signals whose handler has run, in that order.
+/// The signals whose handler has run, in that order, and how many.
 std::vector<int> handled;
+std::atomic<int> handled_count{0};
 
 void note(int sig) {
+  const supervisor_signals::handler_scope alone;
   handled.push_back(sig);
+  ++handled_count;
 }
 
 bool is_blocked(int sig) {
@@ -54,244 +58,227 @@ void begin() {
 }
 
 TEST(supervisor_signals, block_blocks_the_supervisor_s_signals_and_sigpipe) {
-  EXPECT_EQ(in_child([] {
-              ASSERT_FALSE(is_blocked(SIGUSR1));
-              supervisor_signals::block();
-              for (const int sig : {SIGINT, SIGUSR1, SIGUSR2, SIGPIPE})
-                EXPECT_TRUE(is_blocked(sig)) << sig;
-              for (const int sig : {SIGTERM, SIGCHLD, SIGHUP, SIGQUIT, SIGALRM})
-                EXPECT_FALSE(is_blocked(sig)) << sig;
-            }),
-            "");
+  in_child([] {
+    ASSERT_FALSE(is_blocked(SIGUSR1));
+    supervisor_signals::block();
+    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2, SIGPIPE})
+      EXPECT_TRUE(is_blocked(sig)) << sig;
+    for (const int sig : {SIGTERM, SIGCHLD, SIGHUP, SIGQUIT, SIGALRM})
+      EXPECT_FALSE(is_blocked(sig)) << sig;
+  });
 }
 
 TEST(supervisor_signals, a_write_to_a_broken_pipe_does_not_end_the_process_once_blocked) {
-  EXPECT_EQ(in_child([] {
-              supervisor_signals::block();
-              std::array<int, 2> ends{};
-              ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-              ::close(ends[0]);
-              EXPECT_EQ(::write(ends[1], "x", 1), -1);
-              EXPECT_EQ(errno, EPIPE);
-            }),
-            "");
+  in_child([] {
+    supervisor_signals::block();
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    ::close(ends[0]);
+    EXPECT_EQ(::write(ends[1], "x", 1), -1);
+    EXPECT_EQ(errno, EPIPE);
+  });
 }
 
 TEST(supervisor_signals, a_signal_outside_a_wait_stays_pending_until_the_next_one) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              ::raise(SIGUSR1);
-              ::kill(::getpid(), SIGUSR2);
-              EXPECT_TRUE(handled.empty());
-              EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(0)));
-              EXPECT_EQ(handled.size(), 2U);
-              EXPECT_FALSE(is_pending(SIGUSR1) || is_pending(SIGUSR2));
-              EXPECT_TRUE(is_blocked(SIGUSR1)) << "the mask is as before";
-            }),
-            "");
+  in_child([] {
+    begin();
+    ::raise(SIGUSR1);
+    ::kill(::getpid(), SIGUSR2);
+    EXPECT_TRUE(handled.empty());
+    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(0)));
+    EXPECT_EQ(handled.size(), 2U);
+    EXPECT_FALSE(is_pending(SIGUSR1) || is_pending(SIGUSR2));
+    EXPECT_TRUE(is_blocked(SIGUSR1)) << "the mask is as before";
+  });
 }
 
 TEST(supervisor_signals, wait_tells_whether_the_descriptor_can_be_read) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              std::array<int, 2> ends{};
-              ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-              EXPECT_FALSE(supervisor_signals::wait(ends[0], milliseconds(1)));
-              ASSERT_EQ(::write(ends[1], "x", 1), 1);
-              EXPECT_TRUE(supervisor_signals::wait(ends[0], milliseconds(0)));
-              EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt));
-              ::close(ends[0]);
-              EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt))
-                  << "reading it tells what is wrong";
-            }),
-            "");
+  in_child([] {
+    begin();
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    EXPECT_FALSE(supervisor_signals::wait(ends[0], milliseconds(1)));
+    ASSERT_EQ(::write(ends[1], "x", 1), 1);
+    EXPECT_TRUE(supervisor_signals::wait(ends[0], milliseconds(0)));
+    EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt));
+    ::close(ends[0]);
+    EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt))
+        << "reading it tells what is wrong";
+  });
 }
 
 TEST(supervisor_signals, wait_ends_at_once_when_it_cannot_wait) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              faults.ppoll = [](auto...) {
-                errno = EINVAL;
-                return -1;
-              };
-              EXPECT_TRUE(supervisor_signals::wait(-1, std::nullopt));
-            }),
-            "");
+  in_child([] {
+    begin();
+    faults.ppoll = [](auto...) {
+      errno = EINVAL;
+      return -1;
+    };
+    EXPECT_TRUE(supervisor_signals::wait(-1, std::nullopt));
+  });
 }
 
 TEST(supervisor_signals, a_handler_does_not_shorten_the_wait) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              ::raise(SIGUSR1);
-              const auto start = steady::now();
-              EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(30)));
-              EXPECT_GE(steady::now() - start, milliseconds(30));
-              EXPECT_EQ(handled, std::vector<int>{SIGUSR1});
-            }),
-            "");
+  in_child([] {
+    begin();
+    ::raise(SIGUSR1);
+    const auto start = steady::now();
+    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(30)));
+    EXPECT_GE(steady::now() - start, milliseconds(30));
+    EXPECT_EQ(handled, std::vector<int>{SIGUSR1});
+  });
 }
 
 TEST(supervisor_signals, a_handler_that_takes_longer_than_the_limit_ends_the_wait) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              ::signal(SIGUSR1, [](int) { std::this_thread::sleep_for(milliseconds(10)); });
-              ::raise(SIGUSR1);
-              EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(2)));
-              EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(-5)));
-            }),
-            "");
+  in_child([] {
+    begin();
+    ::signal(SIGUSR1, [](int) { std::this_thread::sleep_for(milliseconds(10)); });
+    ::raise(SIGUSR1);
+    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(2)));
+    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(-5)));
+  });
 }
 
 TEST(supervisor_signals, an_endless_wait_handles_signals_and_goes_on) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              static std::array<int, 2> ends{};
-              ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-              ::signal(SIGUSR2, [](int sig) {
-                note(sig);
-                if (::write(ends[1], "x", 1) != 1) handled.clear();
-              });
-              std::thread sender([] {
-                ::kill(::getpid(), SIGUSR1);
-                while (is_pending(SIGUSR1))
-                  std::this_thread::yield();
-                ::kill(::getpid(), SIGUSR2);
-              });
-              EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt));
-              sender.join();
-              EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR2}));
-            }),
-            "");
+  in_child([] {
+    begin();
+    static std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    ::signal(SIGUSR2, [](int sig) {
+      note(sig);
+      if (::write(ends[1], "x", 1) != 1) handled.clear();
+    });
+    std::thread sender([] {
+      ::kill(::getpid(), SIGUSR1);
+      while (handled_count == 0)
+        std::this_thread::yield();
+      ::kill(::getpid(), SIGUSR2);
+    });
+    EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt));
+    sender.join();
+    EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR2}));
+  });
 }
 
 TEST(supervisor_signals, deliver_returns_when_all_that_is_pending_has_been_handled) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              supervisor_signals::deliver();
-              EXPECT_TRUE(handled.empty());
-              // Handlers that block the others: each lets in only itself.
-              handle_all_with([](int sig) {
-                const supervisor_signals::handler_scope alone;
-                note(sig);
-              });
-              for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
-                ::raise(sig);
-              supervisor_signals::deliver();
-              EXPECT_EQ(handled.size(), 3U);
-              EXPECT_TRUE(is_blocked(SIGINT));
-            }),
-            "");
+  in_child([] {
+    begin();
+    supervisor_signals::deliver();
+    EXPECT_TRUE(handled.empty());
+    // Handlers that block the others: each lets in only itself.
+    handle_all_with([](int sig) {
+      const supervisor_signals::handler_scope alone;
+      note(sig);
+    });
+    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
+      ::raise(sig);
+    supervisor_signals::deliver();
+    EXPECT_EQ(handled.size(), 3U);
+    EXPECT_TRUE(is_blocked(SIGINT));
+  });
 }
 
 TEST(supervisor_signals, deliver_handles_what_a_handler_raises) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              ::signal(SIGUSR1, [](int sig) {
-                const supervisor_signals::handler_scope alone;
-                ::raise(SIGUSR2);
-                note(sig);
-              });
-              ::raise(SIGUSR1);
-              supervisor_signals::deliver();
-              EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR2}))
-                  << "no handler interrupts another half-way";
-            }),
-            "");
+  in_child([] {
+    begin();
+    ::signal(SIGUSR1, [](int sig) {
+      const supervisor_signals::handler_scope alone;
+      ::raise(SIGUSR2);
+      note(sig);
+    });
+    ::raise(SIGUSR1);
+    supervisor_signals::deliver();
+    EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR2}))
+        << "no handler interrupts another half-way";
+  });
 }
 
 TEST(supervisor_signals, other_signals_of_the_caller_stay_blocked_in_a_wait) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              sigset_t more;
-              ::sigemptyset(&more);
-              ::sigaddset(&more, SIGTERM);
-              ::pthread_sigmask(SIG_BLOCK, &more, nullptr);
-              ::signal(SIGTERM, note);
-              ::raise(SIGTERM);
-              supervisor_signals::deliver();
-              EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(0)));
-              EXPECT_TRUE(handled.empty());
-            }),
-            "");
+  in_child([] {
+    begin();
+    sigset_t more;
+    ::sigemptyset(&more);
+    ::sigaddset(&more, SIGTERM);
+    ::pthread_sigmask(SIG_BLOCK, &more, nullptr);
+    ::signal(SIGTERM, note);
+    ::raise(SIGTERM);
+    supervisor_signals::deliver();
+    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(0)));
+    EXPECT_TRUE(handled.empty());
+  });
 }
 
 TEST(supervisor_signals, a_handler_scope_blocks_all_three_and_gives_the_mask_back) {
-  EXPECT_EQ(in_child([] {
-              {
-                const supervisor_signals::handler_scope alone;
-                for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
-                  EXPECT_TRUE(is_blocked(sig)) << sig;
-                EXPECT_FALSE(is_blocked(SIGTERM));
-              }
-              for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
-                EXPECT_FALSE(is_blocked(sig)) << sig;
-            }),
-            "");
+  in_child([] {
+    {
+      const supervisor_signals::handler_scope alone;
+      for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
+        EXPECT_TRUE(is_blocked(sig)) << sig;
+      EXPECT_FALSE(is_blocked(SIGTERM));
+    }
+    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
+      EXPECT_FALSE(is_blocked(sig)) << sig;
+  });
 }
 
 TEST(supervisor_signals, a_handler_scope_keeps_errno) {
-  EXPECT_EQ(in_child([] {
-              errno = EXDEV;
-              {
-                const supervisor_signals::handler_scope alone;
-                errno = ENOMEM;
-              }
-              EXPECT_EQ(errno, EXDEV);
-            }),
-            "");
+  in_child([] {
+    errno = EXDEV;
+    {
+      const supervisor_signals::handler_scope alone;
+      errno = ENOMEM;
+    }
+    EXPECT_EQ(errno, EXDEV);
+  });
 }
 
 TEST(supervisor_signals, in_a_copy_the_supervisor_s_signals_have_a_handler_that_does_nothing) {
-  EXPECT_EQ(in_child([] {
-              begin();
-              supervisor_signals::disarm_in_copy();
-              for (const int sig : {SIGINT, SIGUSR1, SIGUSR2}) {
-                struct sigaction action {};
-                ::sigaction(sig, nullptr, &action);
-                EXPECT_NE(action.sa_handler, SIG_IGN) << sig;
-                EXPECT_NE(action.sa_handler, SIG_DFL) << sig;
-                ::raise(sig);
-              }
-              supervisor_signals::deliver();
-              EXPECT_TRUE(handled.empty());
-            }),
-            "");
+  in_child([] {
+    begin();
+    supervisor_signals::disarm_in_copy();
+    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2}) {
+      struct sigaction action {};
+      ::sigaction(sig, nullptr, &action);
+      EXPECT_NE(action.sa_handler, SIG_IGN) << sig;
+      EXPECT_NE(action.sa_handler, SIG_DFL) << sig;
+      ::raise(sig);
+    }
+    supervisor_signals::deliver();
+    EXPECT_TRUE(handled.empty());
+  });
 }
 
 TEST(supervisor_signals, a_copy_gets_the_sigquit_that_the_process_was_started_with) {
-  EXPECT_EQ(in_child([] {
-              ::signal(SIGQUIT, SIG_DFL);
-              supervisor_signals::block();
-              ::signal(SIGQUIT, SIG_IGN);  // as system() does for a while
-              supervisor_signals::disarm_in_copy();
-              EXPECT_EQ(::signal(SIGQUIT, SIG_DFL), SIG_DFL);
-            }),
-            "");
-  EXPECT_EQ(in_child([] {
-              ::signal(SIGQUIT, SIG_IGN);
-              supervisor_signals::block();
-              ::signal(SIGQUIT, SIG_DFL);
-              supervisor_signals::disarm_in_copy();
-              EXPECT_EQ(::signal(SIGQUIT, SIG_DFL), SIG_IGN);
-            }),
-            "");
+  in_child([] {
+    ::signal(SIGQUIT, SIG_DFL);
+    supervisor_signals::block();
+    ::signal(SIGQUIT, SIG_IGN);  // as system() does for a while
+    supervisor_signals::disarm_in_copy();
+    EXPECT_EQ(::signal(SIGQUIT, SIG_DFL), SIG_DFL);
+  });
+  in_child([] {
+    ::signal(SIGQUIT, SIG_IGN);
+    supervisor_signals::block();
+    ::signal(SIGQUIT, SIG_DFL);
+    supervisor_signals::disarm_in_copy();
+    EXPECT_EQ(::signal(SIGQUIT, SIG_DFL), SIG_IGN);
+  });
 }
 
 TEST(supervisor_signals, the_start_mask_is_given_back_as_it_was) {
-  EXPECT_EQ(in_child([] {
-              sigset_t start;
-              ::sigemptyset(&start);
-              ::sigaddset(&start, SIGUSR2);
-              ::sigaddset(&start, SIGTERM);
-              ::pthread_sigmask(SIG_SETMASK, &start, nullptr);
-              supervisor_signals::block();
-              supervisor_signals::restore_start_mask();
-              EXPECT_TRUE(is_blocked(SIGUSR2));
-              EXPECT_TRUE(is_blocked(SIGTERM));
-              for (const int sig : {SIGINT, SIGUSR1, SIGPIPE})
-                EXPECT_FALSE(is_blocked(sig)) << sig;
-            }),
-            "");
+  in_child([] {
+    sigset_t start;
+    ::sigemptyset(&start);
+    ::sigaddset(&start, SIGUSR2);
+    ::sigaddset(&start, SIGTERM);
+    ::pthread_sigmask(SIG_SETMASK, &start, nullptr);
+    supervisor_signals::block();
+    supervisor_signals::restore_start_mask();
+    EXPECT_TRUE(is_blocked(SIGUSR2));
+    EXPECT_TRUE(is_blocked(SIGTERM));
+    for (const int sig : {SIGINT, SIGUSR1, SIGPIPE})
+      EXPECT_FALSE(is_blocked(sig)) << sig;
+  });
 }
 
 }  // namespace

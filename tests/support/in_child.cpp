@@ -94,8 +94,10 @@ child_end run_in_child(const std::function<void()>& body) {
   }
 }
 
-std::string in_child(const std::function<void()>& body) {
+void in_child(const std::function<void()>& body) {
   const child_end end = run_in_child(body);
-  if (end.returned && end.status == 0) return end.failures;
-  return end.failures + "the process ended with status " + std::to_string(end.status) + "\n";
+  if (!end.failures.empty()) ADD_FAILURE() << "in a process of its own:\n" << end.failures;
+  if (!end.returned || end.status != 0) {
+    ADD_FAILURE() << "the process ended with status " << end.status;
+  }
 }

@@ -22,6 +22,5 @@ struct child_end {
 /// that itself. A body that hangs is killed after a minute.
 child_end run_in_child(const std::function<void()>& body);
 
-/// The same for a body that returns.
-/// @return what went wrong, empty when nothing did: to be used as `EXPECT_EQ(in_child(...), "")`.
-std::string in_child(const std::function<void()>& body);
+/// The same for a body that returns. What fails in it fails the calling test.
+void in_child(const std::function<void()>& body);

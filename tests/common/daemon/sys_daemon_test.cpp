@@ -139,17 +139,16 @@ TEST_F(pid_file, that_cannot_be_read_lets_the_process_go_on) {
   const std::string directory = scratch_.path();
   // A superuser may read everything, so it asks as somebody else.
   EXPECT_EQ(::chmod(directory.c_str(), 0755), 0);
-  EXPECT_EQ(in_child([&] {
-              faults.kill = nullptr;
-              std::filesystem::current_path(directory);
-              if (::geteuid() == 0) {
-                ASSERT_EQ(::setresuid(65534, 65534, 65534), 0);
-              }
-              const captured_output output;
-              EXPECT_TRUE(Tsys_daemon("run.pid", no_body).run_only_one());
-              EXPECT_EQ(output.text(), "");
-            }),
-            "");
+  in_child([&] {
+    faults.kill = nullptr;
+    std::filesystem::current_path(directory);
+    if (::geteuid() == 0) {
+      ASSERT_EQ(::setresuid(65534, 65534, 65534), 0);
+    }
+    const captured_output output;
+    EXPECT_TRUE(Tsys_daemon("run.pid", no_body).run_only_one());
+    EXPECT_EQ(output.text(), "");
+  });
 }
 
 TEST_F(pid_file, that_is_no_regular_file_is_refused_and_never_waited_for) {
@@ -187,16 +186,15 @@ std::size_t open_descriptors() {
 }
 
 TEST_F(pid_file, stays_open_when_it_was_empty_and_only_then) {
-  EXPECT_EQ(in_child([&] {
-              const std::size_t before = open_descriptors();
-              write_file("run.pid", "4711");
-              ask();
-              EXPECT_EQ(open_descriptors(), before);
-              write_file("run.pid", "");
-              ask();
-              EXPECT_EQ(open_descriptors(), before + 1);
-            }),
-            "");
+  in_child([&] {
+    const std::size_t before = open_descriptors();
+    write_file("run.pid", "4711");
+    ask();
+    EXPECT_EQ(open_descriptors(), before);
+    write_file("run.pid", "");
+    ask();
+    EXPECT_EQ(open_descriptors(), before + 1);
+  });
 }
 
 TEST_F(pid_file, asks_for_the_name_that_the_object_was_given) {
@@ -254,113 +252,102 @@ std::vector<int> exit_codes(const std::vector<process_end>& ends) {
 }
 
 TEST(init_daemon, ends_every_process_but_the_daemon_with_status_0_and_returns_there) {
-  EXPECT_EQ(in_child([] {
-              const auto ends = ends_of([] { Tsys_daemon("run.pid", no_body).init_daemon("."); });
-              EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
-            }),
-            "");
+  in_child([] {
+    const auto ends = ends_of([] { Tsys_daemon("run.pid", no_body).init_daemon("."); });
+    EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
+  });
 }
 
 TEST(init_daemon, runs_the_body_in_the_directory_with_an_empty_pid_file_for_everybody) {
-  EXPECT_EQ(
-      in_child([] {
-        const std::string start = std::filesystem::current_path();
-        ASSERT_TRUE(std::filesystem::create_directory("there"));
-        write_file("there/run.pid", "an old one");
-        ASSERT_EQ(::chmod("there/run.pid", 0600), 0);
-        ::umask(077);
-        const auto ends = ends_of([&] {
-          Tsys_daemon("run.pid", write_what_the_body_sees).init_daemon((start + "/there").c_str());
-        });
-        ASSERT_EQ(ends.size(), 3U);
-        const auto daemon = std::find_if(ends.begin(), ends.end(), [](const auto& end) {
-          return WEXITSTATUS(end.status) == 42;
-        });
-        ASSERT_NE(daemon, ends.end());
-        const std::string pid = std::to_string(daemon->pid);
-        EXPECT_EQ(read_file("there/seen"),
-                  start + "/there\npid " + pid +
-                      "\nsession leader 0\npid file 1 size 0 mode 438\numask 0\n");
-        EXPECT_EQ(read_file("there/run.pid"), pid) << "no line end";
-        EXPECT_FALSE(std::filesystem::exists("run.pid"));
-      }),
-      "");
+  in_child([] {
+    const std::string start = std::filesystem::current_path();
+    ASSERT_TRUE(std::filesystem::create_directory("there"));
+    write_file("there/run.pid", "an old one");
+    ASSERT_EQ(::chmod("there/run.pid", 0600), 0);
+    ::umask(077);
+    const auto ends = ends_of([&] {
+      Tsys_daemon("run.pid", write_what_the_body_sees).init_daemon((start + "/there").c_str());
+    });
+    ASSERT_EQ(ends.size(), 3U);
+    const auto daemon = std::find_if(ends.begin(), ends.end(),
+                                     [](const auto& end) { return WEXITSTATUS(end.status) == 42; });
+    ASSERT_NE(daemon, ends.end());
+    const std::string pid = std::to_string(daemon->pid);
+    EXPECT_EQ(
+        read_file("there/seen"),
+        start + "/there\npid " + pid + "\nsession leader 0\npid file 1 size 0 mode 438\numask 0\n");
+    EXPECT_EQ(read_file("there/run.pid"), pid) << "no line end";
+    EXPECT_FALSE(std::filesystem::exists("run.pid"));
+  });
 }
 
 TEST(init_daemon, removes_an_old_pid_file_instead_of_writing_into_it) {
-  EXPECT_EQ(in_child([] {
-              write_file("run.pid", "an old one");
-              std::filesystem::create_hard_link("run.pid", "old");
-              ends_of([] { Tsys_daemon("run.pid", no_body).init_daemon("."); });
-              EXPECT_EQ(read_file("old"), "an old one");
-              EXPECT_GT(std::stoi(read_file("run.pid")), 0);
-            }),
-            "");
+  in_child([] {
+    write_file("run.pid", "an old one");
+    std::filesystem::create_hard_link("run.pid", "old");
+    ends_of([] { Tsys_daemon("run.pid", no_body).init_daemon("."); });
+    EXPECT_EQ(read_file("old"), "an old one");
+    EXPECT_GT(std::stoi(read_file("run.pid")), 0);
+  });
 }
 
 TEST(init_daemon, stays_where_it_is_when_the_directory_cannot_be_entered) {
-  EXPECT_EQ(in_child([] {
-              const auto ends =
-                  ends_of([] { Tsys_daemon("run.pid", no_body).init_daemon("missing/"); });
-              EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
-              EXPECT_GT(std::stoi(read_file("run.pid")), 0);
-            }),
-            "");
+  in_child([] {
+    const auto ends = ends_of([] { Tsys_daemon("run.pid", no_body).init_daemon("missing/"); });
+    EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
+    EXPECT_GT(std::stoi(read_file("run.pid")), 0);
+  });
 }
 
 TEST(init_daemon, never_runs_the_body_when_the_pid_file_cannot_be_created) {
-  EXPECT_EQ(in_child([] {
-              const auto ends = ends_of(
-                  [] { Tsys_daemon("no/run.pid", write_what_the_body_sees).init_daemon("."); });
-              EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42})) << "it comes back";
-              EXPECT_FALSE(std::filesystem::exists("seen"));
-            }),
-            "");
+  in_child([] {
+    const auto ends =
+        ends_of([] { Tsys_daemon("no/run.pid", write_what_the_body_sees).init_daemon("."); });
+    EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42})) << "it comes back";
+    EXPECT_FALSE(std::filesystem::exists("seen"));
+  });
 }
 
 TEST(init_daemon, keeps_what_the_process_prints_to) {
-  EXPECT_EQ(in_child([] {
-              const captured_output output;
-              ends_of([] {
-                Tsys_daemon("run.pid", [] {
-                  if (::write(1, "body\n", 5) != 5) ::_exit(1);
-                }).init_daemon(".");
-              });
-              EXPECT_EQ(output.text(), "body\n");
-            }),
-            "");
+  in_child([] {
+    const captured_output output;
+    ends_of([] {
+      Tsys_daemon("run.pid", [] {
+        if (::write(1, "body\n", 5) != 5) ::_exit(1);
+      }).init_daemon(".");
+    });
+    EXPECT_EQ(output.text(), "body\n");
+  });
 }
 
 TEST(init_daemon, keeps_the_handlers_of_signals) {
-  EXPECT_EQ(in_child([] {
-              ::signal(SIGPIPE, SIG_IGN);
-              ends_of([] {
-                Tsys_daemon("run.pid", [] {
-                  if (::signal(SIGPIPE, SIG_DFL) == SIG_IGN) write_file("ignored", "");
-                }).init_daemon(".");
-              });
-              EXPECT_TRUE(std::filesystem::exists("ignored"));
-            }),
-            "");
+  in_child([] {
+    ::signal(SIGPIPE, SIG_IGN);
+    ends_of([] {
+      Tsys_daemon("run.pid", [] {
+        if (::signal(SIGPIPE, SIG_DFL) == SIG_IGN) write_file("ignored", "");
+      }).init_daemon(".");
+    });
+    EXPECT_TRUE(std::filesystem::exists("ignored"));
+  });
 }
 
 TEST(init_daemon, does_not_pass_the_pid_file_on_to_programs) {
-  EXPECT_EQ(in_child([] {
-              ends_of([] {
-                Tsys_daemon("run.pid", [] {
-                  for (int fd = 3; fd < 64; ++fd) {
-                    struct stat open {};
-                    struct stat named {};
-                    if (::fstat(fd, &open) == 0 && ::stat("run.pid", &named) == 0 &&
-                        open.st_ino == named.st_ino) {
-                      write_file("flags", std::to_string(::fcntl(fd, F_GETFD)));
-                    }
-                  }
-                }).init_daemon(".");
-              });
-              EXPECT_EQ(read_file("flags"), std::to_string(FD_CLOEXEC));
-            }),
-            "");
+  in_child([] {
+    ends_of([] {
+      Tsys_daemon("run.pid", [] {
+        for (int fd = 3; fd < 64; ++fd) {
+          struct stat open {};
+          struct stat named {};
+          if (::fstat(fd, &open) == 0 && ::stat("run.pid", &named) == 0 &&
+              open.st_ino == named.st_ino) {
+            write_file("flags", std::to_string(::fcntl(fd, F_GETFD)));
+          }
+        }
+      }).init_daemon(".");
+    });
+    EXPECT_EQ(read_file("flags"), std::to_string(FD_CLOEXEC));
+  });
 }
 
 TEST(init_daemon, ends_with_status_0_when_the_first_fork_fails) {
@@ -376,20 +363,19 @@ TEST(init_daemon, ends_with_status_0_when_the_first_fork_fails) {
 }
 
 TEST(init_daemon, ends_with_status_0_when_the_second_fork_fails) {
-  EXPECT_EQ(in_child([] {
-              const auto ends = ends_of([] {
-                int forks = 0;
-                faults.fork = [&] {
-                  if (++forks == 1) return real::fork();
-                  errno = EAGAIN;
-                  return -1;
-                };
-                Tsys_daemon("run.pid", no_body).init_daemon(".");
-              });
-              EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0}));
-              EXPECT_FALSE(std::filesystem::exists("run.pid"));
-            }),
-            "");
+  in_child([] {
+    const auto ends = ends_of([] {
+      int forks = 0;
+      faults.fork = [&] {
+        if (++forks == 1) return real::fork();
+        errno = EAGAIN;
+        return -1;
+      };
+      Tsys_daemon("run.pid", no_body).init_daemon(".");
+    });
+    EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0}));
+    EXPECT_FALSE(std::filesystem::exists("run.pid"));
+  });
 }
 
 TEST(signal_exit, removes_the_file_and_ends_with_status_0) {
@@ -411,36 +397,32 @@ TEST(signal_exit, ends_with_status_0_when_there_is_no_such_file) {
 }
 
 TEST(init_daemon, detaches_from_the_session_of_its_starter) {
-  EXPECT_EQ(in_child([] {
-              ends_of([] {
-                Tsys_daemon("run.pid", [] {
-                  write_file("session", std::to_string(::getsid(0)));
-                }).init_daemon(".");
-              });
-              EXPECT_NE(read_file("session"), std::to_string(::getsid(0)));
-            }),
-            "");
+  in_child([] {
+    ends_of([] {
+      Tsys_daemon("run.pid", [] {
+        write_file("session", std::to_string(::getsid(0)));
+      }).init_daemon(".");
+    });
+    EXPECT_NE(read_file("session"), std::to_string(::getsid(0)));
+  });
 }
 
 TEST(init_daemon, without_a_body_only_writes_the_pid_file) {
-  EXPECT_EQ(in_child([] {
-              const auto ends =
-                  ends_of([] { Tsys_daemon("run.pid", nullptr).init_daemon(nullptr); });
-              EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
-              EXPECT_GT(std::stoi(read_file("run.pid")), 0);
-            }),
-            "");
+  in_child([] {
+    const auto ends = ends_of([] { Tsys_daemon("run.pid", nullptr).init_daemon(nullptr); });
+    EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
+    EXPECT_GT(std::stoi(read_file("run.pid")), 0);
+  });
 }
 
 TEST(init_daemon, without_a_name_for_the_pid_file_never_runs_the_body) {
-  EXPECT_EQ(in_child([] {
-              EXPECT_TRUE(Tsys_daemon(nullptr, no_body).run_only_one());
-              const auto ends =
-                  ends_of([] { Tsys_daemon(nullptr, write_what_the_body_sees).init_daemon("."); });
-              EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
-              EXPECT_FALSE(std::filesystem::exists("seen"));
-            }),
-            "");
+  in_child([] {
+    EXPECT_TRUE(Tsys_daemon(nullptr, no_body).run_only_one());
+    const auto ends =
+        ends_of([] { Tsys_daemon(nullptr, write_what_the_body_sees).init_daemon("."); });
+    EXPECT_EQ(exit_codes(ends), (std::vector<int>{0, 0, 42}));
+    EXPECT_FALSE(std::filesystem::exists("seen"));
+  });
 }
 
 TEST(signal_exit, without_a_path_ends_with_status_0) {
@@ -450,14 +432,13 @@ TEST(signal_exit, without_a_path_ends_with_status_0) {
 }
 
 TEST(signal_reload, needs_no_object_and_does_nothing) {
-  EXPECT_EQ(in_child([] {
-              const captured_output output;
-              g_sys_daemon = nullptr;
-              Tsys_daemon::signal_reload(SIGUSR1);
-              EXPECT_EQ(output.text(), "");
-              EXPECT_TRUE(std::filesystem::is_empty("."));
-            }),
-            "");
+  in_child([] {
+    const captured_output output;
+    g_sys_daemon = nullptr;
+    Tsys_daemon::signal_reload(SIGUSR1);
+    EXPECT_EQ(output.text(), "");
+    EXPECT_TRUE(std::filesystem::is_empty("."));
+  });
 }
 
 }  // namespace

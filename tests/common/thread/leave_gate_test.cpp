@@ -77,21 +77,20 @@ TEST(leave_gate, when_launches_are_forbidden_threads_still_come_and_go) {
 }
 
 TEST(leave_gate, forbidding_launches_does_not_open_a_closed_gate) {
-  EXPECT_EQ(in_child([] {
-              static leave_gate gate;
-              gate.close();
-              gate.forbid_launches();
-              gate.admit();
-              static std::atomic<bool> went_on{false};
-              std::thread([] {
-                { const leave_gate::outside waiting(gate); }
-                went_on = true;
-              }).detach();
-              EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
-              EXPECT_FALSE(gate.may_launch());
-              EXPECT_FALSE(wait_until([] { return went_on.load(); }, milliseconds(20)));
-            }),
-            "");
+  in_child([] {
+    static leave_gate gate;
+    gate.close();
+    gate.forbid_launches();
+    gate.admit();
+    static std::atomic<bool> went_on{false};
+    std::thread([] {
+      { const leave_gate::outside waiting(gate); }
+      went_on = true;
+    }).detach();
+    EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
+    EXPECT_FALSE(gate.may_launch());
+    EXPECT_FALSE(wait_until([] { return went_on.load(); }, milliseconds(20)));
+  });
 }
 
 TEST(leave_gate, a_closed_gate_tells_everybody_not_to_launch) {
@@ -101,30 +100,29 @@ TEST(leave_gate, a_closed_gate_tells_everybody_not_to_launch) {
 }
 
 TEST(leave_gate, closing_parks_whoever_steps_in_again) {
-  EXPECT_EQ(in_child([] {
-              static leave_gate gate;
-              static std::atomic<bool> outside{false};
-              static std::atomic<bool> may_step_in{false};
-              static std::atomic<bool> went_on{false};
-              gate.admit();
-              std::thread([] {
-                {
-                  const leave_gate::outside waiting(gate);
-                  outside = true;
-                  while (!may_step_in)
-                    std::this_thread::yield();
-                }
-                went_on = true;
-              }).detach();
-              ASSERT_TRUE(wait_until([] { return outside.load(); }));
-              gate.close();
-              may_step_in = true;
-              // It is counted in for a moment while it learns that the gate is closed.
-              EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
-              EXPECT_FALSE(wait_until([] { return went_on.load(); }, milliseconds(20)));
-              EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
-            }),
-            "");
+  in_child([] {
+    static leave_gate gate;
+    static std::atomic<bool> outside{false};
+    static std::atomic<bool> may_step_in{false};
+    static std::atomic<bool> went_on{false};
+    gate.admit();
+    std::thread([] {
+      {
+        const leave_gate::outside waiting(gate);
+        outside = true;
+        while (!may_step_in)
+          std::this_thread::yield();
+      }
+      went_on = true;
+    }).detach();
+    ASSERT_TRUE(wait_until([] { return outside.load(); }));
+    gate.close();
+    may_step_in = true;
+    // It is counted in for a moment while it learns that the gate is closed.
+    EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
+    EXPECT_FALSE(wait_until([] { return went_on.load(); }, milliseconds(20)));
+    EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
+  });
 }
 
 TEST(leave_gate, closing_waits_for_whoever_is_inside) {
@@ -137,39 +135,37 @@ TEST(leave_gate, closing_waits_for_whoever_is_inside) {
 }
 
 TEST(leave_gate, a_parked_thread_counts_as_outside_and_never_returns) {
-  EXPECT_EQ(in_child([] {
-              static leave_gate gate;
-              gate.admit();
-              std::thread([] { gate.park(); }).detach();
-              EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
-            }),
-            "");
+  in_child([] {
+    static leave_gate gate;
+    gate.admit();
+    std::thread([] { gate.park(); }).detach();
+    EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
+  });
 }
 
 /// Once the gate is closed and found empty, nobody touches what the gate protects.
 TEST(leave_gate, nobody_is_inside_once_it_is_closed_and_empty) {
-  EXPECT_EQ(in_child([] {
-              static leave_gate gate;
-              // Plain integers: reading them while a thread counts would be a race.
-              static std::vector<int> touched(4, 0);
-              constexpr std::size_t kThreads = 4;
-              for (std::size_t t = 0; t < kThreads; ++t) {
-                gate.admit();
-                std::thread([t] {
-                  for (;;) {
-                    ++touched[t];
-                    const leave_gate::outside waiting(gate);
-                  }
-                }).detach();
-              }
-              std::this_thread::sleep_for(milliseconds(5));
-              gate.close();
-              ASSERT_TRUE(gate.wait_until_empty(seconds(20)));
-              const std::vector<int> before = touched;
-              std::this_thread::sleep_for(milliseconds(5));
-              EXPECT_EQ(touched, before);
-            }),
-            "");
+  in_child([] {
+    static leave_gate gate;
+    // Plain integers: reading them while a thread counts would be a race.
+    static std::vector<int> touched(4, 0);
+    constexpr std::size_t kThreads = 4;
+    for (std::size_t t = 0; t < kThreads; ++t) {
+      gate.admit();
+      std::thread([t] {
+        for (;;) {
+          ++touched[t];
+          const leave_gate::outside waiting(gate);
+        }
+      }).detach();
+    }
+    std::this_thread::sleep_for(milliseconds(5));
+    gate.close();
+    ASSERT_TRUE(gate.wait_until_empty(seconds(20)));
+    const std::vector<int> before = touched;
+    std::this_thread::sleep_for(milliseconds(5));
+    EXPECT_EQ(touched, before);
+  });
 }
 
 }  // namespace

@@ -1,0 +1,172 @@
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "process/fun_monitor.h"
+#include "tests/process/supervision.h"
+#include "tests/support/in_child.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/wait_until.h"
+
+// Monitors with real programs, under the signal handling of the daemon.
+
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+TEST(fun_monitor_with_a_program, in_the_daemon_its_end_is_logged_as_a_failed_wait) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    const std::string name = unique_name('e');
+    // Runs twice, then waits for its end.
+    const std::string path = write_program(name,
+                                           "if test -e first; then sleep 60; fi\n"
+                                           "echo $PPID > first\n");
+    Tfun_monitor& monitor = new_monitor(path, name);
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 2; }));
+    const std::string log = world.log();
+    const std::string first = log.substr(0, log.find("exited"));
+    EXPECT_EQ(log, first + exited("4294967295", 10) + launched(monitor.last_pid()));
+    EXPECT_EQ(world.printed(), kWaited);
+    EXPECT_TRUE(exists("notify/" + name + ".dat"));
+  });
+}
+
+TEST(fun_monitor_with_a_program, its_pid_is_logged_when_children_are_not_reaped_by_the_kernel) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    ::signal(SIGCHLD, SIG_DFL);
+    const std::string name = unique_name('p');
+    Tfun_monitor& monitor = new_monitor(write_program(name, "exit 3\n"), name);
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return count_of("exited", world.log()) > 0; }));
+    const std::string log = world.log();
+    const std::size_t at = log.find(": ") + 2;
+    const std::string pid = log.substr(at, log.find(' ', at) - at);
+    const std::string start = "launched sub process PID: " + pid +
+                              " \r\n<time>\r\nexited process PID: " + pid + "  errno: ";
+    EXPECT_EQ(log.substr(0, start.size()), start);
+  });
+}
+
+/// Waits until the program has written its own number to the file "pid".
+pid_t pid_of_program() {
+  std::string text;
+  wait_until([&] {
+    text = read_file("pid");
+    return !text.empty() && text.back() == '\n';
+  });
+  return text.empty() ? 0 : std::stoi(text);
+}
+
+constexpr char kSleeper[] = "echo $$ > pid.new; mv pid.new pid; sleep 60\n";
+
+TEST(fun_monitor_with_a_program, stop_ends_it_by_name_and_the_monitor_then_idles) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    const std::string name = unique_name('s');
+    Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name);
+    monitor.Start();
+    const pid_t program = pid_of_program();
+    ASSERT_GT(program, 0);
+    EXPECT_NE(program, monitor.last_pid()) << "the copy runs it through a shell";
+    monitor.update_state("stop");
+    monitor.stop_process();
+    ASSERT_TRUE(wait_until([&] { return Tfun_monitor::programs_alive() == 0; }));
+    EXPECT_EQ(::kill(program, 0), -1);
+    EXPECT_TRUE(wait_until([&] { return count_of(kWaited, world.printed()) == 1; }));
+    EXPECT_TRUE(never([&] { return count_of("launched", world.log()) > 1; }));
+    // With SIGCHLD ignored the command's status is never known.
+    EXPECT_EQ(
+        count_of("kill -USR2 result: kill -USR2 `pgrep " + name + "`, -1 \r\n", world.printed()),
+        1U);
+  });
+}
+
+TEST(fun_monitor_with_a_program, it_runs_again_within_about_a_second_of_run) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    const std::string name = unique_name('r');
+    Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name, "stop");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return monitor.IsRunning(); }));
+    std::this_thread::sleep_for(milliseconds(5));  // it idles by now, most likely
+    const auto start = steady::now();
+    monitor.update_state("run");
+    ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 1; }));
+    EXPECT_GE(steady::now() - start, milliseconds(500));
+  });
+}
+
+TEST(fun_monitor_with_a_program, a_stop_right_after_the_start_is_not_lost) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    const std::string name = unique_name('q');
+    const std::string path = write_program(name, "sleep 60\n");
+    for (int round = 0; round < 8; ++round) {
+      Tfun_monitor& monitor = new_monitor(path, name);
+      monitor.Start();
+      std::this_thread::sleep_for(std::chrono::microseconds(150 * round));
+      monitor.update_state("stop");
+      monitor.stop_process();
+      ASSERT_TRUE(wait_until([&] {
+        const std::string log = world.log();
+        return count_of("launched", log) == count_of("exited", log) &&
+               Tfun_monitor::programs_alive() == 0;
+      })) << round;
+    }
+  });
+}
+
+TEST(fun_monitor_with_a_program, a_stopped_copy_counts_as_ended_and_remains) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    const std::string name = unique_name('t');
+    Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name);
+    monitor.Start();
+    ASSERT_GT(pid_of_program(), 0);
+    const pid_t first = monitor.last_pid();
+    ASSERT_EQ(::kill(first, SIGSTOP), 0);
+    ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 2; }));
+    EXPECT_EQ(count_of("exited process PID: " + std::to_string(first) + "  errno: ", world.log()),
+              1U);
+    EXPECT_NE(monitor.last_pid(), first);
+    EXPECT_EQ(::kill(first, 0), 0) << "it is still there";
+  });
+}
+
+TEST(fun_monitor_with_a_program, a_command_with_blanks_is_split_by_the_shell) {
+  in_child([] {
+    supervision::begin();
+    const std::string name = unique_name('b');
+    const std::string path =
+        write_program(name, "echo \"$#:$1:$2\" > args.new; mv args.new args; sleep 60\n");
+    Tfun_monitor& monitor = new_monitor(path + "  one 'two three'", name);
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return exists("args"); }));
+    EXPECT_EQ(read_file("args"), "2:one:two three\n");
+  });
+}
+
+TEST(fun_monitor_with_a_program, a_command_of_1023_bytes_is_run_whole) {
+  in_child([] {
+    supervision::begin();
+    std::string command = ": > whole; sleep 60 # ";
+    command.resize(1022, '/');
+    command += '\n';
+    Tfun_monitor& monitor = new_monitor(command, unique_name('l'));
+    monitor.Start();
+    EXPECT_TRUE(wait_until([] { return exists("whole"); }));
+  });
+}
+
+}  // namespace

@@ -1,0 +1,423 @@
+#include "process/fun_monitor.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "common/log/log_file.h"
+#include "common/thread/leave_gate.h"
+#include "tests/process/imagined_programs.h"
+#include "tests/process/supervision.h"
+#include "tests/support/fault.h"
+#include "tests/support/in_child.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/wait_until.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+TEST(fun_monitor, a_new_one_has_started_nothing) {
+  const Tfun_monitor monitor("/bin/true", "name", "run");
+  EXPECT_EQ(monitor.last_pid(), 0);
+  EXPECT_STREQ(monitor.program_name(), "name");
+  EXPECT_FALSE(monitor.IsRunning());
+  EXPECT_TRUE(monitor.IsAbort());
+  EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
+}
+
+TEST(fun_monitor, null_texts_count_as_empty) {
+  Tfun_monitor monitor(nullptr, nullptr, nullptr);
+  EXPECT_STREQ(monitor.program_name(), "");
+  monitor.update_state(nullptr);
+}
+
+TEST(fun_monitor, a_name_that_does_not_fit_is_cut_at_511_bytes) {
+  const std::string longest(511, 'n');
+  EXPECT_EQ(Tfun_monitor("", longest.c_str(), "").program_name(), longest);
+  EXPECT_EQ(Tfun_monitor("", (longest + "m").c_str(), "").program_name(), longest);
+  EXPECT_EQ(Tfun_monitor("", std::string(9000, 'n').c_str(), "").program_name(), longest);
+}
+
+TEST(fun_monitor, one_run_is_logged_shown_and_kept_in_the_liveness_file) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "one");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    EXPECT_EQ(monitor.last_pid(), 4711);
+    EXPECT_EQ(programs.waited_for, 4711);
+    EXPECT_EQ(programs.wait_options, WUNTRACED);
+    EXPECT_EQ(read_file("notify/one.dat"), "1");
+    EXPECT_EQ(world.log(), launched(4711));
+    EXPECT_EQ(world.printed(), "");
+    EXPECT_EQ(Tfun_monitor::programs_alive(), 1);
+
+    monitor.update_state("stop");
+    programs.end_one();
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 0; }));
+    EXPECT_FALSE(exists("notify/one.dat"));
+    EXPECT_EQ(world.log(), launched(4711) + exited("4711", 0));
+    EXPECT_EQ(world.printed(), kWaited);
+    EXPECT_EQ(monitor.last_pid(), 4711) << "never reset";
+    EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
+    EXPECT_TRUE(monitor.IsRunning());
+  });
+}
+
+TEST(fun_monitor, a_program_that_ends_is_started_again_at_once) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "again");
+    monitor.Start();
+    programs.may_end = 3;
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(4); }));
+    EXPECT_EQ(programs.sleeps, 0) << "no pause";
+    EXPECT_EQ(world.log(), launched(4711) + exited("4711", 0) + launched(4712) + exited("4712", 0) +
+                               launched(4713) + exited("4713", 0) + launched(4714));
+    EXPECT_EQ(world.printed(), std::string(kWaited) + kWaited + kWaited);
+    EXPECT_EQ(monitor.last_pid(), 4714);
+    EXPECT_EQ(Tfun_monitor::programs_alive(), 1);
+    EXPECT_TRUE(exists("notify/again.dat"));
+  });
+}
+
+TEST(fun_monitor, the_result_and_errno_of_the_wait_are_logged_whether_or_not_it_failed) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "errno");
+    static std::atomic<int> call{0};
+    faults.waitpid = [&](pid_t pid, int*, int) {
+      switch (++call) {
+        case 1:
+          errno = ECHILD;
+          return -1;
+        case 2:
+          errno = EXDEV;
+          return pid;
+        case 3:
+        case 4:
+          errno = EINTR;  // no end of the program
+          return -1;
+        default:
+          monitor.update_state("stop");
+          errno = EINVAL;
+          return -1;
+      }
+    };
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 0; }));
+    EXPECT_EQ(world.log(), launched(4711) + exited("4294967295", 10) + launched(4712) +
+                               exited("4712", EXDEV) + launched(4713) +
+                               exited("4294967295", EINVAL));
+  });
+}
+
+TEST(fun_monitor, any_state_but_run_is_idle) {
+  for (const char* state :
+       {"stop", "", "Run", "RUN", "run ", " run", "runs", "ru", "r", "restart"}) {
+    SCOPED_TRACE(state);
+    in_child([&] {
+      const supervision& world = supervision::begin();
+      imagined_programs& programs = imagined_programs::begin();
+      Tfun_monitor& monitor = new_monitor("/a/b", "idle", state);
+      monitor.Start();
+      ASSERT_TRUE(wait_until([&] { return programs.sleeps > 2; }));
+      EXPECT_EQ(programs.forks, 0);
+      EXPECT_EQ(programs.slept_seconds, 1);
+      EXPECT_EQ(programs.slept_microseconds, 0);
+      EXPECT_EQ(monitor.last_pid(), 0);
+      EXPECT_TRUE(monitor.IsRunning());
+      EXPECT_EQ(world.log() + world.printed(), "");
+      monitor.update_state("run");
+      EXPECT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    });
+  }
+}
+
+TEST(fun_monitor, another_state_neither_ends_the_program_nor_starts_it_again) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "state");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    monitor.update_state("anything");
+    EXPECT_TRUE(never([&] { return programs.sleeps > 0 || programs.forks > 1; }));
+    programs.end_one();
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 2; }));
+    EXPECT_EQ(programs.forks, 1);
+    monitor.update_state("run");
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(2); }));
+    EXPECT_EQ(programs.forks, 2);
+  });
+}
+
+TEST(fun_monitor, a_state_of_127_bytes_is_kept_and_a_longer_one_is_cut) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "long", std::string(900, 'r').c_str());
+    monitor.Start();
+    monitor.update_state(std::string(127, 'r').c_str());
+    monitor.update_state(std::string(5000, 'r').c_str());
+    const int seen = programs.sleeps;
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > seen + 2; }));
+    EXPECT_EQ(programs.forks, 0);
+    monitor.update_state("run");
+    EXPECT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+  });
+}
+
+TEST(fun_monitor, a_state_that_is_half_replaced_is_never_run) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    faults.select = [&](auto...) {
+      ++programs.sleeps;
+      return 0;
+    };
+    Tfun_monitor& monitor = new_monitor("/a/b", "half", "rxn");
+    monitor.Start();
+    for (int i = 0; i < 3000; ++i) {
+      monitor.update_state("xun");
+      monitor.update_state("rxn");
+      monitor.update_state("runner");
+    }
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 0; }));
+    EXPECT_EQ(programs.forks, 0);
+  });
+}
+
+TEST(fun_monitor, setting_run_again_is_never_seen_as_anything_else) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    faults.waitpid = [](pid_t pid, int*, int) { return pid; };
+    Tfun_monitor& monitor = new_monitor("/a/b", "same");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] {
+      monitor.update_state("run");
+      return programs.forks > 100;
+    }));
+    EXPECT_EQ(programs.sleeps, 0);
+  });
+}
+
+TEST(fun_monitor, a_fork_that_fails_is_reported_and_tried_again_at_once) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    faults.fork = [&] {
+      if (++programs.forks > 3) return imagined_programs::kFirst;
+      errno = programs.forks == 2 ? ENOMEM : EAGAIN;
+      return -1;
+    };
+    Tfun_monitor& monitor = new_monitor("/a/b", "fork");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    EXPECT_EQ(programs.sleeps, 0) << "no pause";
+    EXPECT_EQ(world.printed(),
+              "fork() error.errno:11 error:Resource temporarily unavailable\n"
+              "fork() error.errno:12 error:Cannot allocate memory\n"
+              "fork() error.errno:11 error:Resource temporarily unavailable\n");
+    EXPECT_EQ(world.log(), launched(4711));
+  });
+}
+
+TEST(fun_monitor, a_fork_that_keeps_failing_is_tried_for_as_long_as_the_state_is_run) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "fork");
+    faults.fork = [&] {
+      if (++programs.forks == 50) monitor.update_state("stop");
+      errno = EAGAIN;
+      return -1;
+    };
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 2; }));
+    EXPECT_EQ(programs.forks, 50);
+    EXPECT_EQ(count_of("fork() error.", world.printed()), 50U);
+    EXPECT_EQ(world.log(), "");
+    EXPECT_EQ(monitor.last_pid(), 0);
+    EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
+    EXPECT_FALSE(exists("notify/fork.dat"));
+  });
+}
+
+TEST(fun_monitor, another_negative_result_of_fork_is_tried_again_without_a_word) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    faults.fork = [&] { return ++programs.forks > 2 ? imagined_programs::kFirst : -2; };
+    Tfun_monitor& monitor = new_monitor("/a/b", "fork");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    EXPECT_EQ(world.printed(), "");
+    EXPECT_EQ(world.log(), launched(4711));
+  });
+}
+
+TEST(fun_monitor, ends_when_its_program_has_ended_more_than_200000_times) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    faults.waitpid = [](pid_t pid, int*, int) { return pid; };
+    // Without these two each round costs less.
+    delete g_logFile;
+    g_logFile = nullptr;
+    std::filesystem::remove("notify");
+    Tfun_monitor& monitor = new_monitor("/a/b", "often");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
+    monitor.Stop();  // joins it
+    EXPECT_FALSE(monitor.IsRunning());
+    EXPECT_EQ(programs.forks, 200001);
+    const std::string printed = world.printed();
+    EXPECT_EQ(count_of(kWaited, printed), 200000U);
+    const std::string last = std::string(kWaited) + "Restarted more than 200 times.\r\n";
+    EXPECT_EQ(printed.substr(printed.size() - last.size()), last);
+    EXPECT_EQ(printed.size(), 200000 * std::strlen(kWaited) + 32);
+    EXPECT_EQ(monitor.last_pid(), imagined_programs::kFirst + 200000);
+    EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
+  });
+}
+
+TEST(fun_monitor, stop_process_runs_and_prints_the_command_and_touches_nothing_else) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    Tfun_monitor monitor("/a/b", "name", "run");
+    const std::string seen = std::filesystem::current_path() / "seen";
+    faults.system = [&](const char* command) {
+      write_file(seen, command);
+      return 1234;
+    };
+    monitor.stop_process();
+    EXPECT_EQ(read_file(seen), "kill -USR2 `pgrep name`");
+    EXPECT_EQ(world.printed(), "kill -USR2 result: kill -USR2 `pgrep name`, 1234 \r\n");
+    EXPECT_EQ(world.log(), "");
+    EXPECT_EQ(monitor.last_pid(), 0);
+    EXPECT_FALSE(monitor.IsRunning());
+  });
+}
+
+TEST(fun_monitor, stop_process_does_not_change_the_state) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "still");
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    faults.mmap = [](auto...) { return MAP_FAILED; };
+    monitor.stop_process();
+    programs.end_one();
+    EXPECT_TRUE(wait_until([&] { return programs.is_waiting(2); }));
+    EXPECT_EQ(programs.sleeps, 0);
+  });
+}
+
+TEST(fun_monitor, a_stop_command_that_matches_nothing_shows_only_in_its_result) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    ::signal(SIGCHLD, SIG_DFL);
+    const std::string name = unique_name('n');
+    Tfun_monitor("/a/b", name.c_str(), "run").stop_process();
+    const std::string printed = world.printed();
+    const std::string start = "kill -USR2 result: kill -USR2 `pgrep " + name + "`, ";
+    ASSERT_EQ(printed.substr(0, start.size()), start);
+    EXPECT_NE(std::stoi(printed.substr(start.size())), 0);
+    EXPECT_EQ(printed.substr(printed.size() - 3), " \r\n");
+    EXPECT_EQ(world.log(), "");
+  });
+}
+
+TEST(fun_monitor, a_stop_command_that_would_have_to_be_cut_is_not_run) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    faults.system = [](const char*) { return 0; };
+    const std::string longest(236, 'n');
+    Tfun_monitor("/a/b", longest.c_str(), "run").stop_process();
+    const std::string command = "kill -USR2 `pgrep " + longest + "`";
+    EXPECT_EQ(command.size(), 255U);
+    EXPECT_EQ(world.printed(), "kill -USR2 result: " + command + ", 0 \r\n");
+    Tfun_monitor("/a/b", (longest + "m").c_str(), "run").stop_process();
+    EXPECT_EQ(world.printed(), "kill -USR2 result: " + command + ", 0 \r\n");
+  });
+}
+
+// What brings the monitors to a stand when the supervisor leaves.
+
+TEST(fun_monitor_leaving, the_end_of_a_program_is_recorded_but_it_is_not_started_again) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    auto* monitor = &new_monitor("/a/b", "leave");
+    monitor->Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    EXPECT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)))
+        << "who waits for a program is outside";
+    g_leave_gate.forbid_launches();
+    programs.end_one();
+    ASSERT_TRUE(wait_until([&] { return Tfun_monitor::programs_alive() == 0; }));
+    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    EXPECT_TRUE(never([&] { return programs.forks > 1; }));
+    EXPECT_EQ(world.log(), launched(4711) + exited("4711", 0));
+    g_leave_gate.close();
+    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    delete monitor;
+  });
+}
+
+TEST(fun_monitor_leaving, a_program_that_outlives_the_monitor_is_not_recorded) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    auto* monitor = &new_monitor("/a/b", "late");
+    monitor->Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    g_leave_gate.forbid_launches();
+    g_leave_gate.close();
+    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    const std::string log = world.log();
+    delete monitor;
+    delete g_logFile;
+    g_logFile = nullptr;
+    programs.end_one();
+    EXPECT_TRUE(never([&] { return programs.forks > 1 || world.printed() != ""; }));
+    EXPECT_EQ(world.log(), log + "XXXXXXXXXXX No finish for close log file. \n");
+  });
+}
+
+TEST(fun_monitor_leaving, an_idle_monitor_stops_when_its_second_is_over) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    auto* monitor = &new_monitor("/a/b", "idle", "stop");
+    monitor->Start();
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 1; }));
+    g_leave_gate.close();
+    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    delete monitor;
+    const int sleeps = programs.sleeps;
+    EXPECT_TRUE(never([&] { return programs.sleeps > sleeps + 1; }));
+  });
+}
+
+}  // namespace
