@@ -18,6 +18,7 @@
 
 #include "common/log/log_file.h"
 #include "common/thread/leave_gate.h"
+#include "process/server_config.h"
 #include "tests/process/imagined_programs.h"
 #include "tests/process/supervision.h"
 #include "tests/support/fault.h"
@@ -297,6 +298,17 @@ TEST(fun_monitor, ends_when_its_program_has_ended_more_than_200000_times) {
     EXPECT_EQ(printed.size(), 200000 * std::strlen(kWaited) + 32);
     EXPECT_EQ(monitor.last_pid(), imagined_programs::kFirst + 200000);
     EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
+
+    // Nothing revives it: it has had a program.
+    monitor_list.push_back(&monitor);
+    write_file("server.ini",
+               "[keelmond]\nlinux=1\nsvr1=often\n[often]\nexepath=/bin/true\nstate=run\n");
+    loadServerConfig("server.ini");
+    EXPECT_EQ(world.printed().substr(printed.size()),
+              "loadServerConfig : server.ini\r\nread ini file often \r\n"
+              "monitor often Start 11.\r\n");
+    EXPECT_FALSE(monitor.IsRunning());
+    EXPECT_EQ(programs.forks, 200001);
   });
 }
 

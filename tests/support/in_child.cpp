@@ -15,6 +15,7 @@
 #include <stdexcept>
 
 #include "common/misc/unique_fd.h"
+#include "tests/support/fault.h"
 #include "tests/support/scratch_dir.h"
 
 namespace {
@@ -71,7 +72,7 @@ child_end run_in_child(const std::function<void()>& body) {
   const unique_fd report(::memfd_create("report", MFD_CLOEXEC));
   const pid_t parent = ::getpid();
   std::fflush(nullptr);
-  const pid_t child = ::fork();
+  const pid_t child = real::fork();
   if (child < 0) throw std::runtime_error("cannot fork");
   if (child == 0) run(body, parent, scratch.path(), report.get());
 
@@ -80,9 +81,9 @@ child_end run_in_child(const std::function<void()>& body) {
          errno == EINTR) {
   }
   // Not reaped yet, so that the group's number still belongs to it.
-  ::kill(-child, SIGKILL);
+  real::kill(-child, SIGKILL);
   child_end result;
-  ::waitpid(child, &result.status, 0);
+  real::waitpid(child, &result.status, 0);
   char first = 0;
   result.returned = ::pread(report.get(), &first, 1, 0) == 1 && first == kReturned;
   char part[4096];
