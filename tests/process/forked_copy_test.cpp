@@ -1,0 +1,342 @@
+#include "process/forked_copy.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "process/supervisor_signals.h"
+#include "tests/process/supervision.h"
+#include "tests/support/captured_output.h"
+#include "tests/support/fault.h"
+#include "tests/support/in_child.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/wait_until.h"
+
+namespace {
+
+/// Runs a program in a copy, as a monitor does.
+pid_t start(const std::string& command) {
+  const pid_t copy = ::fork();
+  if (copy == 0) forked_copy::run_program(command.c_str());
+  return copy;
+}
+
+/// The same, and waits for its end.
+/// @return the status as `waitpid` tells it.
+int run(const std::string& command) {
+  int status = -1;
+  ::waitpid(start(command), &status, 0);
+  return status;
+}
+
+/// A set of signals out of a copy of /proc/self/status.
+std::uint64_t signals_in(const std::string& status, const std::string& field) {
+  const std::size_t at = status.find("\n" + field + ":");
+  if (at == std::string::npos) return ~std::uint64_t{0};
+  return std::stoull(status.substr(at + field.size() + 2), nullptr, 16);
+}
+
+std::uint64_t bit(int sig) {
+  return std::uint64_t{1} << (sig - 1);
+}
+
+/// Has `system` keep its caller's /proc/self/status in the file "status": a shell may change what
+/// it hands on.
+void note_status_instead_of_a_shell() {
+  faults.system = [](const char*) {
+    write_file("status", read_file("/proc/self/status"));
+    return 0;
+  };
+}
+
+TEST(run_program, ends_the_copy_with_status_0_whatever_becomes_of_the_command) {
+  in_child([] {
+    const captured_output errors(2);
+    for (const char* command : {"true", "false", "exit 7", "/nowhere/program", "kill -KILL $$", ""})
+      EXPECT_EQ(run(command), 0) << command;
+  });
+}
+
+TEST(run_program, ends_the_copy_with_status_0_when_there_is_no_shell_to_be_had) {
+  in_child([] {
+    faults.system = [](const char*) { return -1; };
+    EXPECT_EQ(run("true"), 0);
+  });
+}
+
+TEST(run_program, hands_the_whole_text_to_the_shell_and_waits) {
+  in_child([] {
+    EXPECT_EQ(run("printf '%s|' one 'two three' > out; sleep 0.01; echo end >> out"), 0);
+    EXPECT_EQ(read_file("out"), "one|two three|end\n");
+  });
+}
+
+TEST(run_program, runs_the_command_in_the_directory_of_its_text) {
+  in_child([] {
+    const std::string start = std::filesystem::current_path();
+    std::filesystem::create_directories("a b/c");
+    const captured_output errors(2);
+    run("'" + start + "/a b'; pwd > " + start + "/quoted");
+    EXPECT_EQ(read_file("quoted"), start + "\n") << "the text is no path";
+
+    std::filesystem::create_directory("sub");
+    ASSERT_FALSE(write_program("sub/tool", "pwd > where\n").empty());
+    run(start + "/sub/tool");
+    EXPECT_EQ(read_file("sub/where"), start + "/sub\n");
+  });
+}
+
+TEST(run_program, takes_the_directory_up_to_the_last_slash_of_the_text) {
+  in_child([] {
+    std::filesystem::create_directories("sub/deep");
+    const captured_output errors(2);
+    // The last "/" stands behind the program's name.
+    run("sub/deep/../../sub/deep/x; pwd > here");
+    EXPECT_EQ(read_file("sub/deep/here"), std::filesystem::current_path().string() + "/sub/deep\n");
+  });
+}
+
+TEST(run_program, stays_where_it_is_when_there_is_no_directory_to_enter) {
+  in_child([] {
+    const std::string start = std::filesystem::current_path();
+    const captured_output errors(2);
+    run("pwd > plain");
+    EXPECT_EQ(read_file("plain"), start + "\n");
+    run("/true; pwd > root");
+    EXPECT_EQ(read_file("root"), start + "\n") << "the root directory counts as none";
+    run("pwd > missing; /nowhere/at/all");
+    EXPECT_EQ(read_file("missing"), start + "\n");
+  });
+}
+
+TEST(run_program, gives_the_program_descriptors_0_1_and_2_only) {
+  in_child([] {
+    // Without close-on-exec, at numbers that no shell uses.
+    for (const int fd : {40, 41, 77})
+      ASSERT_EQ(::dup2(1, fd), fd);
+    run("ls /proc/self/fd > fds");
+    // 3 is the listed directory itself.
+    EXPECT_EQ(read_file("fds"), "0\n1\n2\n3\n");
+  });
+}
+
+TEST(run_program, keeps_nothing_open_while_the_program_runs) {
+  in_child([] {
+    ASSERT_EQ(::dup2(1, 40), 40);
+    const pid_t copy = start("echo > started; sleep 60");
+    ASSERT_TRUE(wait_until([] { return exists("started"); }));
+    const std::string fds = "/proc/" + std::to_string(copy) + "/fd";
+    for (const auto& entry : std::filesystem::directory_iterator(fds))
+      EXPECT_LE(std::stoi(entry.path().filename()), 2);
+  });
+}
+
+TEST(run_program, gives_the_program_the_mask_that_the_supervisor_was_started_with) {
+  in_child([] {
+    sigset_t mask;
+    ::sigemptyset(&mask);
+    ::sigaddset(&mask, SIGUSR1);
+    ::sigaddset(&mask, SIGTERM);
+    ::sigprocmask(SIG_SETMASK, &mask, nullptr);
+    supervisor_signals::block();
+    note_status_instead_of_a_shell();
+    run("true");
+    EXPECT_EQ(signals_in(read_file("status"), "SigBlk"), bit(SIGUSR1) | bit(SIGTERM));
+  });
+}
+
+TEST(run_program, hands_ignored_signals_on_and_no_handler) {
+  in_child([] {
+    supervisor_signals::block();
+    ::signal(SIGPIPE, SIG_IGN);
+    ::signal(SIGCHLD, SIG_IGN);
+    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
+      ::signal(sig, [](int) {});
+    note_status_instead_of_a_shell();
+    run("true");
+    const std::string status = read_file("status");
+    const std::uint64_t ignored = signals_in(status, "SigIgn");
+    EXPECT_TRUE(ignored & bit(SIGPIPE)) << "nothing restores them";
+    EXPECT_TRUE(ignored & bit(SIGCHLD));
+    for (const int sig : {SIGINT, SIGQUIT, SIGUSR1, SIGUSR2})
+      EXPECT_FALSE(ignored & bit(sig)) << sig;
+    EXPECT_EQ(signals_in(status, "SigBlk"), 0U);
+  });
+}
+
+TEST(run_program, a_program_behind_the_shell_does_not_die_of_a_broken_pipe) {
+  in_child([] {
+    supervisor_signals::block();
+    ::signal(SIGPIPE, SIG_IGN);
+    run("cat /proc/self/status > status");
+    const std::string status = read_file("status");
+    EXPECT_TRUE(signals_in(status, "SigIgn") & bit(SIGPIPE));
+    EXPECT_EQ(signals_in(status, "SigCgt"), 0U);
+  });
+}
+
+TEST(run_program, the_copy_outlives_the_supervisor_s_signals) {
+  in_child([] {
+    supervisor_signals::block();
+    const pid_t copy = start("echo > started; while test ! -e end; do sleep 0.01; done");
+    ASSERT_TRUE(wait_until([] { return exists("started"); }));
+    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2, SIGUSR2})
+      ASSERT_EQ(::kill(copy, sig), 0);
+    write_file("end", "");
+    int status = -1;
+    ASSERT_EQ(::waitpid(copy, &status, 0), copy);
+    EXPECT_EQ(status, 0);
+  });
+}
+
+TEST(run_program, a_handler_of_the_supervisor_does_not_run_in_the_copy) {
+  in_child([] {
+    // The signals get through, as they do from the copy's start mask on.
+    static const std::string seen = std::filesystem::current_path() / "seen";
+    supervisor_signals::block();
+    ::signal(SIGUSR2, [](int) { write_file(seen, "handled"); });
+    ::raise(SIGUSR2);  // pending here; a copy begins with none
+    const pid_t copy = ::fork();
+    if (copy == 0) {
+      ::raise(SIGUSR2);
+      forked_copy::run_program("true");
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(copy, &status, 0), copy);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(exists("seen"));
+    ::signal(SIGUSR2, SIG_IGN);
+  });
+}
+
+TEST(run_program, a_command_of_1023_bytes_is_safe) {
+  in_child([] {
+    std::string command = "sub/; echo > whole #";
+    std::filesystem::create_directory("sub");
+    command.resize(1022, 'x');
+    const captured_output errors(2);
+    EXPECT_EQ(run(command + "/"), 0);
+    EXPECT_TRUE(exists("whole")) << "no directory of that name";
+    EXPECT_EQ(run(std::string(1022, '/') + "x"), 0);
+  });
+}
+
+TEST(run_command, returns_what_system_returned) {
+  in_child([] {
+    EXPECT_EQ(forked_copy::run_command("true"), 0);
+    const int status = forked_copy::run_command("exit 3");
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(WTERMSIG(forked_copy::run_command("kill -TERM $$")), SIGTERM);
+  });
+}
+
+TEST(run_command, waits_for_the_command) {
+  in_child([] {
+    forked_copy::run_command("sleep 0.02; echo > done");
+    EXPECT_TRUE(exists("done"));
+  });
+}
+
+TEST(run_command, runs_where_the_supervisor_is) {
+  in_child([] {
+    forked_copy::run_command("pwd > where; /bin/true");
+    EXPECT_EQ(read_file("where"), std::filesystem::current_path().string() + "\n");
+  });
+}
+
+TEST(run_command, returns_minus_1_when_the_kernel_reaps_the_children_and_still_waits) {
+  in_child([] {
+    ::signal(SIGCHLD, SIG_IGN);
+    EXPECT_EQ(forked_copy::run_command("sleep 0.02; echo > done"), -1);
+    EXPECT_TRUE(exists("done"));
+  });
+}
+
+TEST(run_command, returns_minus_1_without_a_process) {
+  in_child([] {
+    faults.fork = [] {
+      errno = EAGAIN;
+      return -1;
+    };
+    EXPECT_EQ(forked_copy::run_command("echo > done"), -1);
+    faults.fork = nullptr;
+    faults.mmap = [](auto...) { return MAP_FAILED; };
+    EXPECT_EQ(forked_copy::run_command("echo > done"), -1);
+    EXPECT_FALSE(exists("done"));
+  });
+}
+
+TEST(run_command, returns_minus_1_when_the_copy_is_killed) {
+  in_child([] {
+    faults.system = [](const char*) {
+      ::raise(SIGKILL);
+      return 0;
+    };
+    EXPECT_EQ(forked_copy::run_command("true"), -1);
+  });
+}
+
+TEST(run_command, goes_on_waiting_when_a_signal_interrupts_it) {
+  in_child([] {
+    int interruptions = 0;
+    faults.waitpid = [&](pid_t pid, int* status, int options) {
+      if (++interruptions < 3) {
+        errno = EINTR;
+        return -1;
+      }
+      return real::waitpid(pid, status, options);
+    };
+    EXPECT_EQ(forked_copy::run_command("sleep 0.01"), 0);
+    EXPECT_EQ(interruptions, 3);
+  });
+}
+
+TEST(run_command, never_calls_system_in_the_supervisor_itself) {
+  in_child([] {
+    const pid_t supervisor = ::getpid();
+    faults.system = [=](const char*) { return ::getpid() == supervisor ? 1 : 2; };
+    EXPECT_EQ(forked_copy::run_command("true"), 2);
+  });
+}
+
+TEST(run_command, gives_the_command_descriptors_0_1_and_2_only) {
+  in_child([] {
+    ASSERT_EQ(::dup2(1, 40), 40);
+    forked_copy::run_command("ls /proc/self/fd > fds");
+    EXPECT_EQ(read_file("fds"), "0\n1\n2\n3\n");
+  });
+}
+
+TEST(run_command, keeps_the_supervisor_s_signals_blocked_in_the_command) {
+  in_child([] {
+    supervisor_signals::block();
+    note_status_instead_of_a_shell();
+    forked_copy::run_command("true");
+    const std::uint64_t blocked = signals_in(read_file("status"), "SigBlk");
+    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
+      EXPECT_TRUE(blocked & bit(sig)) << sig;
+  });
+}
+
+TEST(run_command, leaves_the_supervisor_s_handlers_and_mask_alone) {
+  in_child([] {
+    supervisor_signals::block();
+    const auto handler = [](int) {};
+    ::signal(SIGUSR2, handler);
+    forked_copy::run_command("true");
+    EXPECT_EQ(::signal(SIGUSR2, SIG_IGN), static_cast<sighandler_t>(handler));
+    EXPECT_EQ(::signal(SIGINT, SIG_IGN), SIG_DFL);
+    EXPECT_EQ(::signal(SIGQUIT, SIG_IGN), SIG_DFL);
+  });
+}
+
+}  // namespace
