@@ -112,6 +112,15 @@ int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*
 int pthread_join(pthread_t thread, void** result) {
   return __real_pthread_join(thread, result);
 }
+int inotify_init1(int flags) {
+  return __real_inotify_init1(flags);
+}
+int inotify_add_watch(int fd, const char* path, std::uint32_t events) {
+  return __real_inotify_add_watch(fd, path, events);
+}
+int inotify_rm_watch(int fd, int watch) {
+  return __real_inotify_rm_watch(fd, watch);
+}
 ssize_t read(int fd, void* out, std::size_t size) {
   return __real_read(fd, out, size);
 }

@@ -46,6 +46,9 @@ int kill(pid_t pid, int sig);
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                    void* argument);
 int pthread_join(pthread_t thread, void** result);
+int inotify_init1(int flags);
+int inotify_add_watch(int fd, const char* path, std::uint32_t events);
+int inotify_rm_watch(int fd, int watch);
 ssize_t read(int fd, void* out, std::size_t size);
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
 int flock(int fd, int operation);

@@ -1,0 +1,475 @@
+#include "process/config_watcher.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "process/watch_pause.h"
+#include "tests/process/supervision.h"
+#include "tests/support/fault.h"
+#include "tests/support/in_child.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/wait_until.h"
+
+namespace {
+
+/// What a test does in the watcher's pause, on its thread.
+std::function<void()> in_pause;
+std::atomic<int> pauses{0};
+
+}  // namespace
+
+// Stands in for the pause of two seconds.
+void pause_between_watches() {
+  ++pauses;
+  if (in_pause) in_pause();
+}
+
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+constexpr char kLoad[] = "loadServerConfig : ./config/server.ini\r\n";
+
+/// The watcher of ./config/server.ini in the process of a test. Each load of the configuration,
+/// which names no program, prints a line.
+class watcher final {
+ public:
+  watcher() {
+    std::filesystem::create_directory("config");
+    write_file(kConfigPath, "[keelmond]\n");
+    count_watches();
+  }
+
+  /// Runs it as the supervisor does, on another thread than the caller's.
+  void start() {
+    thread_ = std::thread([this] {
+      monitorServerConfig(kConfigPath);
+      gave_up_ = true;
+    });
+  }
+  /// Waits until the file is watched for the `number`th time, and the watcher waits.
+  bool watches(int number) {
+    return wait_until([&] { return watches_ == number && waits_at_ == number; });
+  }
+  [[nodiscard]] std::size_t loads() const { return count_of(kLoad, world_.printed()); }
+  bool loaded(std::size_t count) {
+    return wait_until([&] { return loads() == count; });
+  }
+  /// Deletes the file, upon which it gives up, and waits for its end.
+  bool end() {
+    std::filesystem::remove(kConfigPath);
+    const bool ended = wait_until([&] { return gave_up_.load(); });
+    if (ended) thread_.join();
+    return ended;
+  }
+  [[nodiscard]] std::string printed() const { return world_.printed(); }
+  [[nodiscard]] std::string complaints() const { return world_.complaints(); }
+
+  ~watcher() {
+    if (thread_.joinable()) thread_.detach();
+  }
+  watcher(const watcher&) = delete;
+  watcher& operator=(const watcher&) = delete;
+
+  std::atomic<int> watches_{0};
+  std::atomic<int> removed_{0};
+  std::atomic<int> instances_{0};
+
+ private:
+  void count_watches() {
+    faults.inotify_init1 = [this](int flags) {
+      ++instances_;
+      EXPECT_EQ(flags, IN_CLOEXEC);
+      return real::inotify_init1(flags);
+    };
+    faults.inotify_add_watch = [this](int fd, const char* path, std::uint32_t events) {
+      EXPECT_EQ(events, std::uint32_t{IN_MODIFY});
+      EXPECT_STREQ(path, "./config/server.ini");
+      const int watch = real::inotify_add_watch(fd, path, events);
+      if (watch != -1) ++watches_;
+      return watch;
+    };
+    faults.inotify_rm_watch = [this](int fd, int watch) {
+      ++removed_;
+      return real::inotify_rm_watch(fd, watch);
+    };
+    // An endless wait is the one for an event.
+    faults.ppoll = [this](pollfd* requests, nfds_t count, const timespec* limit,
+                          const sigset_t* mask) {
+      if (limit == nullptr) waits_at_ = watches_.load();
+      return real::ppoll(requests, count, limit, mask);
+    };
+  }
+
+  const supervision& world_ = supervision::begin();
+  std::thread thread_;
+  std::atomic<int> waits_at_{0};
+  std::atomic<bool> gave_up_{false};
+};
+
+/// A watcher that the process keeps until it ends, since its thread may, too.
+watcher& new_watcher() {
+  return *new watcher;
+}
+
+/// Modifies the file in place, without emptying it.
+void modify() {
+  const int fd = ::open(kConfigPath, O_WRONLY | O_APPEND | O_CLOEXEC);
+  EXPECT_EQ(::write(fd, "#\n", 2), 2);
+  ::close(fd);
+}
+
+void replace(const std::string& text) {
+  write_file("config/new", text);
+  std::filesystem::rename("config/new", kConfigPath);
+}
+
+TEST(config_path, is_relative_to_the_directory_of_the_start) {
+  EXPECT_STREQ(kConfigPath, "./config/server.ini");
+}
+
+TEST(config_watcher, gives_up_without_an_inotify_instance) {
+  in_child([] {
+    const watcher& watch = new_watcher();
+    faults.inotify_init1 = [](int) {
+      errno = EMFILE;
+      return -1;
+    };
+    char path[] = "./config/server.ini";
+    EXPECT_EQ(watch_file(path), nullptr);
+    EXPECT_EQ(watch.complaints(), "inotify_init: Too many open files\n");
+    EXPECT_EQ(watch.watches_ + watch.removed_ + pauses, 0);
+    EXPECT_EQ(watch.loads(), 0U);
+  });
+}
+
+TEST(config_watcher, gives_up_when_the_file_cannot_be_watched) {
+  in_child([] {
+    const watcher& watch = new_watcher();
+    std::filesystem::remove(kConfigPath);
+    const int before = ::dup(0);
+    ::close(before);
+    char path[] = "./config/server.ini";
+    EXPECT_EQ(watch_file(path), nullptr);
+    EXPECT_EQ(watch.complaints(), "inotify_add_watch: No such file or directory\n");
+    EXPECT_EQ(pauses, 0);
+    EXPECT_EQ(watch.loads(), 0U);
+    const int after = ::dup(0);
+    EXPECT_EQ(after, before) << "the instance is closed";
+  });
+}
+
+TEST(config_watcher, gives_up_without_a_path) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    EXPECT_EQ(watch_file(nullptr), nullptr);
+    EXPECT_EQ(world.complaints(), "inotify_add_watch: Bad address\n");
+  });
+}
+
+TEST(config_watcher, a_modification_is_one_load_and_a_pause) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    EXPECT_EQ(watch.loads(), 0U);
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.loads(), 1U);
+    EXPECT_EQ(watch.removed_, 1);
+    EXPECT_EQ(watch.instances_, 2) << "each round has a fresh instance";
+    EXPECT_EQ(pauses, 1);
+    EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
+    EXPECT_EQ(watch.complaints(), "");
+  });
+}
+
+TEST(config_watcher, many_events_of_one_read_are_one_load) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    static std::atomic<bool> written{false};
+    faults.read = [](int fd, void* out, std::size_t size) {
+      EXPECT_EQ(size, 1024U);
+      wait_until([] { return written.load(); });
+      return real::read(fd, out, size);
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    modify();
+    std::this_thread::sleep_for(milliseconds(1));
+    modify();
+    written = true;
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.loads(), 1U);
+    EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
+  });
+}
+
+TEST(config_watcher, what_is_modified_in_the_pause_is_not_seen) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    in_pause = [] {
+      if (pauses == 1) modify();
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
+    modify();
+    ASSERT_TRUE(watch.watches(3));
+    EXPECT_EQ(watch.loads(), 2U);
+  });
+}
+
+TEST(config_watcher, other_changes_of_the_file_are_no_modification) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    ASSERT_EQ(::chmod(kConfigPath, 0640), 0);
+    EXPECT_EQ(read_file(kConfigPath), "[keelmond]\n");
+    write_file("config/other", "");
+    EXPECT_TRUE(never([&] { return watch.loads() > 0; }));
+  });
+}
+
+TEST(config_watcher, a_deleted_file_is_one_load_and_the_end) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    ASSERT_TRUE(watch.end());
+    EXPECT_EQ(watch.loads(), 1U);
+    EXPECT_EQ(pauses, 1);
+    EXPECT_EQ(watch.complaints(), "inotify_add_watch: No such file or directory\n");
+  });
+}
+
+TEST(config_watcher, a_replaced_file_is_one_load_at_once_and_watched_from_then_on) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const auto start = steady::now();
+    replace("");
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_LT(steady::now() - start, milliseconds(900)) << "it is whole from the start";
+    EXPECT_EQ(watch.loads(), 1U);
+    modify();
+    ASSERT_TRUE(watch.watches(3));
+    EXPECT_EQ(watch.loads(), 2U);
+  });
+}
+
+TEST(config_watcher, a_failed_read_is_no_load_and_watching_goes_on) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    faults.read = [](int fd, void* out, std::size_t size) {
+      static bool failed = false;
+      if (failed) return real::read(fd, out, size);
+      failed = true;
+      errno = EINTR;
+      return ssize_t{-1};
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.complaints(), "read: Interrupted system call\n");
+    EXPECT_EQ(watch.loads(), 0U);
+    EXPECT_EQ(watch.removed_, 0);
+    EXPECT_EQ(pauses, 1);
+    modify();
+    ASSERT_TRUE(watch.watches(3));
+    EXPECT_EQ(watch.loads(), 1U);
+  });
+}
+
+TEST(config_watcher, a_read_of_nothing_counts_as_a_modification) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    faults.read = [](int, void*, std::size_t) { return ssize_t{0}; };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.loads(), 1U);
+  });
+}
+
+TEST(config_watcher, loads_in_the_handler_of_sigusr1_on_its_own_thread) {
+  in_child([] {
+    static std::atomic<int> handled{0};
+    static std::atomic<bool> own{false};
+    static pthread_t handler_thread;
+    watcher& watch = new_watcher();
+    in_pause = [] { own = ::pthread_equal(handler_thread, ::pthread_self()) != 0; };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    ::signal(SIGUSR1, [](int sig) {
+      handler_thread = ::pthread_self();
+      server_config_changed(sig);
+      ++handled;
+    });
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(handled, 1);
+    EXPECT_EQ(watch.loads(), 1U);
+    EXPECT_TRUE(own);
+  });
+}
+
+TEST(config_watcher, a_sigusr1_from_outside_loads_and_the_watch_goes_on) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    for (std::size_t count = 1; count <= 3; ++count) {
+      ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
+      ASSERT_TRUE(watch.loaded(count));
+    }
+    EXPECT_EQ(watch.watches_, 1);
+    EXPECT_EQ(pauses, 0);
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.loads(), 4U);
+  });
+}
+
+TEST(config_watcher, a_save_in_pieces_is_one_load_of_the_whole_file) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const int fd = ::open(kConfigPath, O_WRONLY | O_TRUNC | O_CLOEXEC);
+    std::this_thread::sleep_for(milliseconds(70));  // empty for longer than a quiet moment
+    for (const char* piece : {"[keelmond]\n", "linux=1\n", "svr1=late\n", "[late]\n",
+                              "exepath=/bin/true\n", "state=stop\n"}) {
+      ASSERT_GT(::write(fd, piece, std::strlen(piece)), 0);
+      std::this_thread::sleep_for(milliseconds(2));
+    }
+    ::close(fd);
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), std::string(kLoad) +
+                                   "read ini file late \r\n"
+                                   "monitor late stopped 333.\r\n");
+  });
+}
+
+TEST(config_watcher, a_file_that_stays_empty_is_waited_for_a_second) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const auto start = steady::now();
+    ASSERT_EQ(::truncate(kConfigPath, 0), 0);
+    ASSERT_TRUE(watch.loaded(1));
+    EXPECT_GE(steady::now() - start, milliseconds(900));
+  });
+}
+
+TEST(config_watcher, a_file_that_goes_while_it_is_saved_is_not_waited_for) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const auto start = steady::now();
+    ASSERT_EQ(::truncate(kConfigPath, 0), 0);
+    replace("[keelmond]\n");
+    ASSERT_TRUE(watch.loaded(1));
+    EXPECT_LT(steady::now() - start, milliseconds(900));
+  });
+}
+
+TEST(server_config_changed, loads_for_sigusr1_and_for_nothing_else) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    for (const int sig : {SIGUSR2, SIGINT, SIGHUP, 0, -1})
+      server_config_changed(sig);
+    EXPECT_EQ(world.printed(), "");
+    server_config_changed(SIGUSR1);
+    EXPECT_EQ(world.printed(), kLoad);
+  });
+}
+
+TEST(server_config_changed, keeps_errno_and_the_mask) {
+  in_child([] {
+    supervision::begin();
+    sigset_t before;
+    sigset_t after;
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &before);
+    errno = EXDEV;
+    server_config_changed(SIGUSR1);
+    EXPECT_EQ(errno, EXDEV);
+    ::pthread_sigmask(SIG_BLOCK, nullptr, &after);
+    for (int sig = 1; sig < NSIG; ++sig)
+      EXPECT_EQ(::sigismember(&before, sig), ::sigismember(&after, sig)) << sig;
+  });
+}
+
+TEST(monitor_server_config, runs_the_watcher_on_another_thread_with_default_attributes) {
+  in_child([] {
+    new_watcher();
+    std::filesystem::remove(kConfigPath);
+    int created = 0;
+    int joined = 0;
+    faults.pthread_create = [&](pthread_t* thread, const pthread_attr_t* attributes,
+                                void* (*body)(void*), void* argument) {
+      ++created;
+      EXPECT_EQ(attributes, nullptr);
+      EXPECT_EQ(body, &watch_file);
+      EXPECT_STREQ(static_cast<const char*>(argument), "./config/server.ini");
+      return real::pthread_create(thread, attributes, body, argument);
+    };
+    faults.pthread_join = [&](pthread_t thread, void** result) {
+      ++joined;
+      return real::pthread_join(thread, result);
+    };
+    monitorServerConfig(kConfigPath);
+    EXPECT_EQ(created, 1);
+    EXPECT_EQ(joined, 1);
+  });
+}
+
+TEST(monitor_server_config, installs_the_handler_that_loads) {
+  in_child([] {
+    new_watcher();
+    std::filesystem::remove(kConfigPath);
+    monitorServerConfig(kConfigPath);
+    EXPECT_EQ(::signal(SIGUSR1, SIG_DFL), &server_config_changed);
+  });
+}
+
+TEST(monitor_server_config, watches_itself_when_no_thread_is_to_be_had) {
+  in_child([] {
+    const watcher& watch = new_watcher();
+    faults.pthread_create = [](auto...) { return EAGAIN; };
+    // Deleted in the first round, so that it comes back.
+    faults.ppoll = [](pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
+      if (limit == nullptr) std::filesystem::remove(kConfigPath);
+      return real::ppoll(requests, count, limit, mask);
+    };
+    monitorServerConfig(kConfigPath);
+    EXPECT_EQ(watch.loads(), 1U);
+  });
+}
+
+}  // namespace
