@@ -19,8 +19,10 @@ struct request {
   const char* command;
   void* context;
   request* next = nullptr;
-  /// 0 while it waits, then the copy's process id or the negative errno.
-  std::atomic<int> result{0};
+  /// What fork returned, and errno after it. Written before `served`, read after it.
+  pid_t copy = -1;
+  int error = 0;
+  std::atomic<bool> served{false};
 };
 
 /// Requests not yet taken, the newest first. Pushed by any thread, taken all at once by the
@@ -53,10 +55,12 @@ void serve(request& wanted) noexcept {
     body(command, context);
     ::_exit(0);
   }
-  wanted.result.store(copy > 0 ? copy : -errno, std::memory_order_release);
+  wanted.error = errno;
+  wanted.copy = copy;
+  wanted.served.store(true, std::memory_order_release);
   // The requester may be on its way already. Only the address is used here, and stacks of monitors
   // are never unmapped.
-  wanted.result.notify_one();
+  wanted.served.notify_one();
 }
 
 void* serve_for_ever(void* /*unused*/) {
@@ -109,11 +113,9 @@ pid_t fork_copy(copy_body body, const char* command, void* context) noexcept {
                                         std::memory_order_relaxed)) {
   }
   waiting.notify_one();
-  own.result.wait(0, std::memory_order_acquire);
-  const int result = own.result.load(std::memory_order_acquire);
-  if (result > 0) return result;
-  errno = -result;
-  return -1;
+  own.served.wait(false, std::memory_order_acquire);
+  errno = own.error;
+  return own.copy;
 }
 
 }  // namespace launcher

@@ -205,9 +205,12 @@ TEST(config_watcher, many_events_of_one_read_are_one_load) {
   in_child([] {
     watcher& watch = new_watcher();
     static std::atomic<bool> written{false};
+    static std::atomic<int> reads{0};
     faults.read = [](int fd, void* out, std::size_t size) {
-      EXPECT_EQ(size, 1024U);
-      wait_until([] { return written.load(); });
+      if (size == 1024) {  // not the parser's
+        ++reads;
+        wait_until([] { return written.load(); });
+      }
       return real::read(fd, out, size);
     };
     watch.start();
@@ -217,6 +220,7 @@ TEST(config_watcher, many_events_of_one_read_are_one_load) {
     modify();
     written = true;
     ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(reads, 1);
     EXPECT_EQ(watch.loads(), 1U);
     EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
   });

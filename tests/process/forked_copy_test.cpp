@@ -24,9 +24,7 @@ namespace {
 
 /// Runs a program in a copy, as a monitor does.
 pid_t start(const std::string& command) {
-  const pid_t copy = ::fork();
-  if (copy == 0) forked_copy::run_program(command.c_str());
-  return copy;
+  return forked_copy::start_program(command.c_str());
 }
 
 /// The same, and waits for its end.
@@ -57,7 +55,7 @@ void note_status_instead_of_a_shell() {
   };
 }
 
-TEST(run_program, ends_the_copy_with_status_0_whatever_becomes_of_the_command) {
+TEST(start_program, ends_the_copy_with_status_0_whatever_becomes_of_the_command) {
   in_child([] {
     const captured_output errors(2);
     for (const char* command : {"true", "false", "exit 7", "/nowhere/program", "kill -KILL $$", ""})
@@ -65,21 +63,21 @@ TEST(run_program, ends_the_copy_with_status_0_whatever_becomes_of_the_command) {
   });
 }
 
-TEST(run_program, ends_the_copy_with_status_0_when_there_is_no_shell_to_be_had) {
+TEST(start_program, ends_the_copy_with_status_0_when_there_is_no_shell_to_be_had) {
   in_child([] {
     faults.system = [](const char*) { return -1; };
     EXPECT_EQ(run("true"), 0);
   });
 }
 
-TEST(run_program, hands_the_whole_text_to_the_shell_and_waits) {
+TEST(start_program, hands_the_whole_text_to_the_shell_and_waits) {
   in_child([] {
     EXPECT_EQ(run("printf '%s|' one 'two three' > out; sleep 0.01; echo end >> out"), 0);
     EXPECT_EQ(read_file("out"), "one|two three|end\n");
   });
 }
 
-TEST(run_program, runs_the_command_in_the_directory_of_its_text) {
+TEST(start_program, runs_the_command_in_the_directory_of_its_text) {
   in_child([] {
     const std::string start = std::filesystem::current_path();
     std::filesystem::create_directories("a b/c");
@@ -94,7 +92,7 @@ TEST(run_program, runs_the_command_in_the_directory_of_its_text) {
   });
 }
 
-TEST(run_program, takes_the_directory_up_to_the_last_slash_of_the_text) {
+TEST(start_program, takes_the_directory_up_to_the_last_slash_of_the_text) {
   in_child([] {
     std::filesystem::create_directories("sub/deep");
     const captured_output errors(2);
@@ -104,7 +102,7 @@ TEST(run_program, takes_the_directory_up_to_the_last_slash_of_the_text) {
   });
 }
 
-TEST(run_program, stays_where_it_is_when_there_is_no_directory_to_enter) {
+TEST(start_program, stays_where_it_is_when_there_is_no_directory_to_enter) {
   in_child([] {
     const std::string start = std::filesystem::current_path();
     const captured_output errors(2);
@@ -117,7 +115,7 @@ TEST(run_program, stays_where_it_is_when_there_is_no_directory_to_enter) {
   });
 }
 
-TEST(run_program, gives_the_program_descriptors_0_1_and_2_only) {
+TEST(start_program, gives_the_program_descriptors_0_1_and_2_only) {
   in_child([] {
     // Without close-on-exec, at numbers that no shell uses.
     for (const int fd : {40, 41, 77})
@@ -128,7 +126,7 @@ TEST(run_program, gives_the_program_descriptors_0_1_and_2_only) {
   });
 }
 
-TEST(run_program, keeps_nothing_open_while_the_program_runs) {
+TEST(start_program, keeps_nothing_open_while_the_program_runs) {
   in_child([] {
     ASSERT_EQ(::dup2(1, 40), 40);
     const pid_t copy = start("echo > started; sleep 60");
@@ -139,7 +137,7 @@ TEST(run_program, keeps_nothing_open_while_the_program_runs) {
   });
 }
 
-TEST(run_program, gives_the_program_the_mask_that_the_supervisor_was_started_with) {
+TEST(start_program, gives_the_program_the_mask_that_the_supervisor_was_started_with) {
   in_child([] {
     sigset_t mask;
     ::sigemptyset(&mask);
@@ -153,7 +151,7 @@ TEST(run_program, gives_the_program_the_mask_that_the_supervisor_was_started_wit
   });
 }
 
-TEST(run_program, hands_ignored_signals_on_and_no_handler) {
+TEST(start_program, hands_ignored_signals_on_and_no_handler) {
   in_child([] {
     supervisor_signals::block();
     ::signal(SIGPIPE, SIG_IGN);
@@ -172,7 +170,7 @@ TEST(run_program, hands_ignored_signals_on_and_no_handler) {
   });
 }
 
-TEST(run_program, a_program_behind_the_shell_does_not_die_of_a_broken_pipe) {
+TEST(start_program, a_program_behind_the_shell_does_not_die_of_a_broken_pipe) {
   in_child([] {
     supervisor_signals::block();
     ::signal(SIGPIPE, SIG_IGN);
@@ -183,7 +181,7 @@ TEST(run_program, a_program_behind_the_shell_does_not_die_of_a_broken_pipe) {
   });
 }
 
-TEST(run_program, the_copy_outlives_the_supervisor_s_signals) {
+TEST(start_program, the_copy_outlives_the_supervisor_s_signals) {
   in_child([] {
     supervisor_signals::block();
     const pid_t copy = start("echo > started; while test ! -e end; do sleep 0.01; done");
@@ -197,27 +195,25 @@ TEST(run_program, the_copy_outlives_the_supervisor_s_signals) {
   });
 }
 
-TEST(run_program, a_handler_of_the_supervisor_does_not_run_in_the_copy) {
+TEST(start_program, a_handler_of_the_supervisor_does_not_run_in_the_copy) {
   in_child([] {
     // The signals get through, as they do from the copy's start mask on.
     static const std::string seen = std::filesystem::current_path() / "seen";
     supervisor_signals::block();
     ::signal(SIGUSR2, [](int) { write_file(seen, "handled"); });
     ::raise(SIGUSR2);  // pending here; a copy begins with none
-    const pid_t copy = ::fork();
-    if (copy == 0) {
-      ::raise(SIGUSR2);
-      forked_copy::run_program("true");
-    }
-    int status = -1;
-    ASSERT_EQ(::waitpid(copy, &status, 0), copy);
-    EXPECT_EQ(status, 0);
+    faults.fork = [] {
+      const pid_t copy = real::fork();
+      if (copy == 0) ::raise(SIGUSR2);
+      return copy;
+    };
+    EXPECT_EQ(run("true"), 0);
     EXPECT_FALSE(exists("seen"));
     ::signal(SIGUSR2, SIG_IGN);
   });
 }
 
-TEST(run_program, a_command_of_1023_bytes_is_safe) {
+TEST(start_program, a_command_of_1023_bytes_is_safe) {
   in_child([] {
     std::string command = "sub/; echo > whole #";
     std::filesystem::create_directory("sub");
@@ -269,7 +265,7 @@ TEST(run_command, returns_minus_1_without_a_process) {
     };
     EXPECT_EQ(forked_copy::run_command("echo > done"), -1);
     faults.fork = nullptr;
-    faults.mmap = [](auto...) { return MAP_FAILED; };
+    faults.mmap = without_shared_memory;
     EXPECT_EQ(forked_copy::run_command("echo > done"), -1);
     EXPECT_FALSE(exists("done"));
   });

@@ -337,7 +337,7 @@ TEST(fun_monitor, stop_process_does_not_change_the_state) {
     Tfun_monitor& monitor = new_monitor("/a/b", "still");
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    faults.mmap = [](auto...) { return MAP_FAILED; };
+    faults.mmap = without_shared_memory;
     monitor.stop_process();
     programs.end_one();
     EXPECT_TRUE(wait_until([&] { return programs.is_waiting(2); }));

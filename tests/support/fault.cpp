@@ -1,5 +1,7 @@
 #include "tests/support/fault.h"
 
+#include <sys/mman.h>
+
 system_calls faults;
 
 // What the linker calls the two ends of a redirected call: the code under test arrives at the first
@@ -132,3 +134,9 @@ int flock(int fd, int operation) {
 }
 
 }  // namespace real
+
+void* without_shared_memory(void* at, std::size_t size, int protection, int flags, int fd,
+                            off_t offset) {
+  if ((flags & MAP_SHARED) != 0) return MAP_FAILED;
+  return __real_mmap(at, size, protection, flags, fd, offset);
+}

@@ -54,6 +54,11 @@ int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t*
 int flock(int fd, int operation);
 }  // namespace real
 
+/// An `mmap` that has no memory to share with forked processes. Whoever wants to run a command in a
+/// copy then fails before the copy is forked.
+void* without_shared_memory(void* at, std::size_t size, int protection, int flags, int fd,
+                            off_t offset);
+
 /// Lets all calls through again when it goes.
 class no_faults_afterwards final {
  public:
