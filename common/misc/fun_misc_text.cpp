@@ -91,7 +91,7 @@ bool write_next_path(std::string_view path, char (&out)[kMaxNewPath]) noexcept {
     kept = open;
   }
   const std::string_view extension = path.substr(dot);
-  if (number >= INT_MAX || kept + extension.size() >= kMaxNewPath) return false;
+  if (number >= INT_MAX) return false;
   const int length = std::snprintf(out, kMaxNewPath, "%.*s(%d)%.*s", static_cast<int>(kept),
                                    path.data(), static_cast<int>(number + 1),
                                    static_cast<int>(extension.size()), extension.data());

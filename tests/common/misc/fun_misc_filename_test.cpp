@@ -251,7 +251,8 @@ TEST_F(fun_misc_image, an_image_is_recognised_by_its_first_bytes) {
 TEST_F(fun_misc_image, a_short_file_reads_as_zeros) {
   EXPECT_EQ(recognised("BM"), (image{0, ".bmp"}));
   EXPECT_EQ(recognised("\xFF\xD8\xFF"), (image{2, ".jpg"}));
-  EXPECT_EQ(recognised("II*"), (image{4, ".tif"}));
+  EXPECT_EQ(recognised("II*x"), (image{5, "untouched"}));
+  EXPECT_EQ(recognised("II*"), (image{4, ".tif"})) << "nothing is left of the file before";
   EXPECT_EQ(recognised("GIF"), (image{5, "untouched"}));
   EXPECT_EQ(recognised(""), (image{5, "untouched"}));
 }
