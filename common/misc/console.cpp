@@ -47,7 +47,10 @@ target find_target() noexcept {
 
 bool has_room(int fd) noexcept {
   pollfd request{fd, POLLOUT, 0};
-  return ::poll(&request, 1, 0) == 1 && (request.revents & POLLOUT) != 0;
+  if (::poll(&request, 1, 0) == 1 && (request.revents & POLLOUT) != 0) return true;
+  // An EINTR from before the call would have the line offered again for ever.
+  errno = EAGAIN;
+  return false;
 }
 
 ssize_t write_some(const target& out, const char* text, std::size_t length) noexcept {
@@ -78,7 +81,7 @@ void open() noexcept {
 }
 
 void print(const char* format, ...) noexcept {
-  char line[kMaxLine];
+  char line[kMaxLine + 1];
   va_list arguments;
   va_start(arguments, format);
   // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is right above.
