@@ -110,7 +110,7 @@ void report_error(const char* what) noexcept {
 }
 
 void report_failure(const char* what, const char* why) noexcept {
-  char line[kMaxLine];
+  char line[kMaxLine + 1];
   const int length = std::snprintf(line, sizeof line, "%s: %s\n", what, why);
   if (length > 0) {
     write_whole({channel::polled, STDERR_FILENO}, line,

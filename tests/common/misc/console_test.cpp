@@ -26,20 +26,21 @@
 
 namespace {
 
-/// Runs `body` in a child whose standard output is `output`; -1 closes it.
+/// Runs `body` in a child whose descriptor `fd`, standard output or standard error, is `output`; -1
+/// closes it.
 ///
 /// The child ends by a signal when a line makes it wait.
 /// @return whether the child ended by itself and `body` gave true.
-bool holds_in_child(int output, const std::function<bool()>& body) {
+bool holds_in_child(int output, const std::function<bool()>& body, int fd = STDOUT_FILENO) {
   const pid_t child = ::fork();
   if (child == 0) {
     ::alarm(30);
     // As in the supervisor, which no write may end.
     std::signal(SIGPIPE, SIG_IGN);
     if (output >= 0) {
-      ::dup2(output, STDOUT_FILENO);
+      ::dup2(output, fd);
     } else {
-      ::close(STDOUT_FILENO);
+      ::close(fd);
     }
     ::_exit(body() ? 0 : 1);
   }
@@ -255,18 +256,19 @@ TEST_P(console_line, errno_is_left_as_it_was) {
   }));
 }
 
-TEST_P(console_line, a_line_may_be_4096_bytes_long_and_is_cut_beyond) {
-  for (const std::size_t length : {4095U, 4096U, 4097U, 10'000U}) {
+TEST_P(console_line, a_line_of_the_greatest_length_is_whole_and_a_longer_one_is_cut) {
+  constexpr std::size_t kMost = console::kMaxLine;
+  for (const std::size_t length : {kMost - 1, kMost, kMost + 1, 3 * kMost}) {
     const pipe_connection pipe;
     const std::string text(length, 'x');
     EXPECT_TRUE(prints(pipe.writer(), text.c_str()));
-    EXPECT_EQ(pipe.text().size(), std::min<std::size_t>(length, 4096));
+    EXPECT_EQ(pipe.text().size(), std::min(length, kMost));
     EXPECT_TRUE(holds_in_child(pipe.writer(), [&text] {
       prepare();
       console::print_as_format(text.c_str());
       return true;
     }));
-    EXPECT_EQ(pipe.text().size(), std::min<std::size_t>(length, 4096));
+    EXPECT_EQ(pipe.text().size(), std::min(length, kMost));
   }
 }
 
@@ -322,8 +324,8 @@ TEST(console_open, a_terminal_that_nobody_reads_does_not_make_a_line_wait) {
   const terminal_connection terminal;
   EXPECT_TRUE(holds_in_child(terminal.writer(), [] {
     console::open();
-    const std::string line(4000, 'x');
-    for (int i = 0; i < 40; ++i)
+    const std::string line(1000, 'x');
+    for (int i = 0; i < 200; ++i)
       console::print_line(line.c_str());
     return true;
   }));
@@ -357,6 +359,45 @@ TEST(console_open, a_socket_that_nobody_reads_sends_no_signal) {
     console::print_line("lost");
     return true;
   }));
+}
+
+/// What a child prints on standard error.
+std::string complaint(const std::function<void()>& complain) {
+  const pipe_connection pipe;
+  EXPECT_TRUE(holds_in_child(
+      pipe.writer(),
+      [&complain] {
+        errno = ENOENT;
+        complain();
+        return errno == ENOENT;
+      },
+      STDERR_FILENO));
+  return pipe.text();
+}
+
+TEST(console_error, a_failure_is_reported_with_its_reason) {
+  EXPECT_EQ(complaint([] { console::report_error("read"); }), "read: No such file or directory\n");
+  EXPECT_EQ(complaint([] { console::report_failure("load", "no %d reason"); }),
+            "load: no %d reason\n");
+}
+
+TEST(console_error, a_report_of_the_greatest_length_is_whole_and_a_longer_one_is_cut) {
+  const std::string what(console::kMaxLine - 5, 'x');
+  EXPECT_EQ(complaint([&what] { console::report_failure(what.c_str(), "yz"); }), what + ": yz\n");
+  EXPECT_EQ(complaint([&what] { console::report_failure(what.c_str(), "yyz"); }), what + ": yyz");
+}
+
+TEST(console_error, a_full_or_closed_standard_error_loses_the_report) {
+  const pipe_connection pipe;
+  const std::size_t filled = pipe.fill();
+  const auto complain = [] {
+    errno = EINTR;
+    console::report_failure("load", "lost");
+    return errno == EINTR;
+  };
+  EXPECT_TRUE(holds_in_child(pipe.writer(), complain, STDERR_FILENO));
+  EXPECT_TRUE(holds_in_child(-1, complain, STDERR_FILENO));
+  EXPECT_EQ(pipe.text(), std::string(filled, '#'));
 }
 
 }  // namespace

@@ -61,6 +61,15 @@ TEST(unique_fd, a_reset_closes_the_old_and_takes_the_new) {
   EXPECT_FALSE(fd.valid());
 }
 
+TEST(unique_fd, a_released_descriptor_stays_open) {
+  unique_fd fd(open_null());
+  const int held = fd.get();
+  EXPECT_EQ(fd.release(), held);
+  EXPECT_FALSE(fd.valid());
+  EXPECT_TRUE(is_open(held));
+  fd.reset(held);
+}
+
 TEST(unique_fd, moving_leaves_nothing_behind) {
   unique_fd from(open_null());
   const int held = from.get();
