@@ -11,7 +11,8 @@
 /// Made once in a process, because the monitors' threads go on using it until that ends. A test may
 /// put other functions into `faults` afterwards.
 struct imagined_programs {
-  static constexpr pid_t kFirst = 4711;
+  /// Beyond the process ids that the kernel gives, so that nobody has it.
+  static constexpr pid_t kFirst = 5004711;
 
   static imagined_programs& begin();
 
