@@ -91,7 +91,7 @@ TEST(fun_monitor, a_program_that_ends_is_started_again_at_once) {
     EXPECT_EQ(programs.sleeps, 0) << "no pause";
     EXPECT_EQ(world.log(), launched(5004711) + exited("5004711", 0) + launched(5004712) +
                                exited("5004712", 0) + launched(5004713) + exited("5004713", 0) +
-                               launched(4714));
+                               launched(5004714));
     EXPECT_EQ(world.printed(), std::string(kWaited) + kWaited + kWaited);
     EXPECT_EQ(monitor.last_pid(), 4714);
     EXPECT_EQ(Tfun_monitor::programs_alive(), 1);
