@@ -17,6 +17,7 @@ inline constexpr char kSecondLine[] =
     "keelmond ----------------------222--------------------------------------\r\n";
 inline constexpr char kAnotherCopy[] = "Existing a copy of this daemon! \n";
 inline constexpr char kLoad[] = "loadServerConfig : ./config/server.ini\r\n";
+inline constexpr char kWaitReturned[] = "Waiting has returned.\r\n";
 inline constexpr char kDaemonEnds[] = "\ng_sys_daemon init_daemon \r\n";
 
 /// Log entries, as `masked` shows them.
@@ -41,8 +42,9 @@ inline std::string started(const std::string& name) {
   return read_entry(name) + "monitor " + name + " Start 333.\r\n";
 }
 
-inline std::string stop_result(const std::string& name, int result = 0) {
-  return "kill -USR2 result: kill -USR2 `pgrep " + name + "`, " + std::to_string(result) + " \r\n";
+/// The result is always -1: SIGCHLD is ignored, so nobody can learn how the command ended.
+inline std::string stop_result(const std::string& name) {
+  return "kill -USR2 result: kill -USR2 `pgrep " + name + "`, -1 \r\n";
 }
 
 }  // namespace golden

@@ -1,0 +1,225 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/golden.h"
+#include "tests/e2e/support/children.h"
+#include "tests/e2e/support/installation.h"
+#include "tests/support/wait_until.h"
+
+namespace {
+
+/// A set of signals as /proc/PID/status writes it.
+std::string as_status(const std::vector<int>& signals) {
+  unsigned long long bits = 0;
+  for (const int number : signals)
+    bits |= 1ULL << (number - 1);
+  char text[32];
+  std::snprintf(text, sizeof text, "%016llx", bits);
+  return text;
+}
+
+/// `system` blocks it in the process that calls it, and not in the command.
+constexpr int kBlockedBySystem = SIGCHLD;
+
+/// For a script: its own line in /proc, as a command that it runs inherits it.
+constexpr char kOwnBlocked[] = "$(grep SigBlk /proc/self/status)";
+constexpr char kOwnIgnored[] = "$(grep SigIgn /proc/self/status)";
+
+/// The set of signals at the end of a line of /proc/PID/status, without the two that belong to the
+/// C library and that nobody can set.
+std::string signals_in(const std::string& line) {
+  const std::string digits = line.substr(line.size() - std::min<std::size_t>(line.size(), 16));
+  const unsigned long long library = 3ULL << 31U;
+  char text[32];
+  std::snprintf(text, sizeof text, "%016llx", std::stoull(digits, nullptr, 16) & ~library);
+  return text;
+}
+
+std::string signals_of(pid_t pid, const char* field) {
+  return signals_in(process_table::status_field(pid, field));
+}
+
+/// What the program has noted at its last start.
+std::string noted_signals(const installation& place, const std::string& name) {
+  return signals_in(place.notes(name).back());
+}
+
+/// What a command reports that is run by the machine's shell, and that by a process which `prepare`
+/// has set up. Some shells change the mask and the handling of SIGCHLD.
+std::string told_through_shell(const std::string& field, void (*prepare)()) {
+  int ends[2];
+  if (::pipe(ends) != 0) throw std::runtime_error("pipe");
+  const pid_t shell = ::fork();
+  if (shell == 0) {
+    ::dup2(ends[1], STDOUT_FILENO);
+    prepare();
+    const std::string command = "grep " + field + " /proc/self/status";
+    ::execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+    ::_exit(124);
+  }
+  children::announce(shell);
+  EXPECT_EQ(children::wait_for_end(shell), 0);
+  char line[64] = {};
+  const ssize_t got = ::read(ends[0], line, sizeof line);
+  ::close(ends[0]);
+  ::close(ends[1]);
+  if (got < 1) throw std::runtime_error("the shell is silent");
+  return signals_in(std::string(line, static_cast<std::size_t>(got - 1)));
+}
+
+void ignore_as_we_do() {
+  ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGCHLD, SIG_IGN);
+}
+
+/// Starts a supervisor with one program. @return the program.
+pid_t start_program(installation& place, const std::string& name,
+                    const start_options& options = {}) {
+  place.save({place.entry(name)});
+  place.start(options);
+  return place.wait_running(name);
+}
+
+void block_some() {
+  sigset_t set;
+  ::sigemptyset(&set);
+  for (const int number : {SIGHUP, SIGTERM, SIGALRM})
+    ::sigaddset(&set, number);
+  ::sigprocmask(SIG_SETMASK, &set, nullptr);
+}
+
+/// Opens descriptors that survive an exec, as a careless parent does.
+void leave_descriptors_open() {
+  for (const int fd : {3, 7, 100, 900})
+    ::dup2(STDERR_FILENO, fd);
+}
+
+}  // namespace
+
+TEST(inheritance, gives_a_program_the_three_standard_descriptors_only) {
+  installation place;
+  // The one that `ls` itself opens to look is 3, when that is free.
+  const std::string name =
+      place.add_script(place.note_start("$(ls /proc/self/fd | tr '\\n' ' ')") + place.stay());
+  const pid_t program = start_program(place, name, {.before_exec = leave_descriptors_open});
+  EXPECT_EQ(place.notes(name)[0], std::to_string(program) + " 0 1 2 3 ");
+}
+
+TEST(inheritance, gives_a_program_the_mask_that_the_supervisor_was_started_with) {
+  installation place;
+  const std::string name = place.add_script(place.note_start(kOwnBlocked) + place.stay());
+  start_program(place, name, {.before_exec = block_some});
+  const std::string by_hand = told_through_shell("SigBlk", block_some);
+  EXPECT_EQ(noted_signals(place, name), by_hand);
+  // The shell may have its own ideas about masks, so what it was given counts too.
+  EXPECT_EQ(signals_of(place.copies().at(0), "SigBlk"),
+            as_status({SIGHUP, SIGTERM, SIGALRM, kBlockedBySystem}));
+  // All the same after a restart.
+  ::kill(place.running(name).at(0), SIGKILL);
+  place.wait_running(name, 2);
+  EXPECT_EQ(noted_signals(place, name), by_hand);
+  EXPECT_EQ(signals_of(place.copies().at(0), "SigBlk"),
+            as_status({SIGHUP, SIGTERM, SIGALRM, kBlockedBySystem}));
+}
+
+TEST(inheritance, gives_a_program_an_empty_mask_when_it_was_started_with_one) {
+  installation place;
+  const std::string name = place.add_script(place.note_start(kOwnBlocked) + place.stay());
+  start_program(place, name);
+  EXPECT_EQ(noted_signals(place, name), as_status({}));
+  EXPECT_EQ(signals_of(place.copies().at(0), "SigBlk"), as_status({kBlockedBySystem}));
+}
+
+TEST(inheritance, leaves_a_program_with_sigpipe_and_sigchld_ignored) {
+  installation place;
+  const std::string name = place.add_script(place.note_start(kOwnIgnored) + place.stay());
+  start_program(place, name);
+  EXPECT_EQ(noted_signals(place, name), told_through_shell("SigIgn", ignore_as_we_do));
+  EXPECT_EQ(signals_of(place.copies().at(0), "SigIgn"),
+            as_status({SIGPIPE, SIGCHLD, SIGINT, SIGQUIT}))
+      << "the last two are ignored while a command runs";
+}
+
+TEST(inheritance, does_not_make_a_program_ignore_signals_because_another_one_is_being_stopped) {
+  installation place;
+  const std::string looping = place.add_script(place.note_start(kOwnIgnored));
+  const std::string stopped = place.add_steady();
+  place.save({place.entry(looping), place.entry(stopped)});
+  place.start();
+  place.wait_running(stopped);
+  // Each reload runs a command, and the other program is started again and again meanwhile.
+  place.save({place.entry(looping), place.entry(stopped, "stop")});
+  for (int i = 0; i < 10; ++i) {
+    const std::size_t loads = place.loads();
+    place.signal(SIGUSR1);
+    ASSERT_TRUE(wait_until([&] { return place.loads() > loads; }));
+  }
+  ASSERT_TRUE(wait_until([&] { return count(place.console(), "kill -USR2 result") >= 10; }));
+  const std::string by_hand = told_through_shell("SigIgn", ignore_as_we_do);
+  const auto notes = place.notes(looping);
+  ASSERT_GE(notes.size(), 2U);
+  for (const std::string& line : notes)
+    EXPECT_EQ(signals_in(line), by_hand);
+}
+
+TEST(inheritance, keeps_its_own_descriptors_few_and_from_leaking) {
+  installation place;
+  const std::string name = place.add_steady();
+  start_program(place, name);
+  const auto open_files = [&] {
+    std::size_t files = 0;
+    const std::string directory = "/proc/" + std::to_string(place.daemon()) + "/fd";
+    for ([[maybe_unused]] const auto& item : std::filesystem::directory_iterator(directory))
+      ++files;
+    return files;
+  };
+  const std::size_t before = open_files();
+  for (int i = 0; i < 20; ++i) {
+    const std::size_t loads = place.loads();
+    place.signal(SIGUSR1);
+    ASSERT_TRUE(wait_until([&] { return place.loads() > loads; }));
+  }
+  EXPECT_TRUE(wait_until([&] { return open_files() == before; }));
+}
+
+TEST(copies, outlive_every_signal_that_is_sent_to_the_supervisor_by_name) {
+  installation place;
+  const std::string name = place.add_steady();
+  const pid_t program = start_program(place, name);
+  expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
+  const auto copies = place.copies();
+  ASSERT_EQ(copies.size(), 1U);
+  for (const int number : {SIGUSR1, SIGUSR2, SIGINT}) {
+    SCOPED_TRACE(number);
+    ::kill(copies[0], number);
+    EXPECT_TRUE(wait_until(
+        [&] { return process_table::status_field(copies[0], "ShdPnd") == as_status({}); }));
+  }
+  EXPECT_TRUE(keeps([&] { return process_table::is_alive(copies[0]); }));
+  EXPECT_EQ(place.wait_running(name), program);
+  EXPECT_EQ(place.copies(), copies);
+  EXPECT_EQ(place.loads(), 1U);
+  EXPECT_EQ(masked(place.log()), std::string(golden::kLogStart) + golden::kLaunched);
+}
+
+TEST(copies, end_with_their_programs_when_the_exit_signal_goes_to_all_of_that_name) {
+  installation place;
+  const std::string name = place.add_steady();
+  start_program(place, name);
+  expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
+  for (const pid_t copy : place.copies())
+    ::kill(copy, SIGUSR2);
+  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
+  EXPECT_EQ(masked(place.log()),
+            std::string(golden::kLogStart) + golden::kLaunched + golden::kExited + golden::kClosed);
+}
