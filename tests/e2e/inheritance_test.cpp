@@ -158,7 +158,7 @@ TEST(inheritance, does_not_make_a_program_ignore_signals_because_another_one_is_
   place.wait_running(stopped);
   // Each reload runs a command, and the other program is started again and again meanwhile.
   place.save({place.entry(looping), place.entry(stopped, "stop")});
-  for (int i = 0; i < 10; ++i) {
+  for (int i = 0; i < 10 || place.starts(looping) < 10; ++i) {
     const std::size_t loads = place.loads();
     place.signal(SIGUSR1);
     ASSERT_TRUE(wait_until([&] { return place.loads() > loads; }));
@@ -166,7 +166,6 @@ TEST(inheritance, does_not_make_a_program_ignore_signals_because_another_one_is_
   ASSERT_TRUE(wait_until([&] { return count(place.console(), "kill -USR2 result") >= 10; }));
   const std::string by_hand = told_through_shell("SigIgn", ignore_as_we_do);
   const auto notes = place.notes(looping);
-  ASSERT_GE(notes.size(), 2U);
   for (const std::string& line : notes)
     EXPECT_EQ(signals_in(line), by_hand);
 }
