@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -20,6 +21,7 @@ enum class channel {
   polled,    ///< ask whether there is room, then write
   socket,    ///< the call itself says that it must not wait
   reopened,  ///< through an open file description of our own that does not block
+  terminal,  ///< the same, and a refusal may only mean that somebody else is writing
 };
 
 struct target {
@@ -29,6 +31,15 @@ struct target {
 
 /// Written by `open` before any other thread exists, only read afterwards.
 target standard_output{channel::polled, STDOUT_FILENO};
+
+/// How long a line waits at a time for another writer to be done with the terminal, and how often.
+constexpr int kTurnMilliseconds = 20;
+constexpr int kMostTurns = 100;
+
+/// Whether waiting for the terminal was in vain the last time: then nobody reads it, and lines are
+/// lost without a wait until one gets through. Any thread writes and reads it; nothing hangs on its
+/// order, a stale value costs one wait or one line.
+std::atomic<bool> terminal_is_stuck{false};
 
 /// The flag that keeps a writer from waiting belongs to the open file description, which is shared
 /// with the shell that started us and with every supervised program. So it is set on a second
@@ -40,7 +51,7 @@ target find_target() noexcept {
   if (S_ISSOCK(status.st_mode)) return {channel::socket, STDOUT_FILENO};
   if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
     const int fd = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd >= 0) return {channel::reopened, fd};
+    if (fd >= 0) return {::isatty(fd) != 0 ? channel::terminal : channel::reopened, fd};
   }
   return {channel::polled, STDOUT_FILENO};
 }
@@ -61,13 +72,28 @@ ssize_t write_some(const target& out, const char* text, std::size_t length) noex
   return ::write(out.fd, text, length);
 }
 
+/// A terminal takes one writer at a time, and refuses a second one that must not wait as if it were
+/// full. Waits for the first to be done.
+/// @return whether the line should be offered again.
+bool has_turn(const target& out) noexcept {
+  if (out.kind != channel::terminal || terminal_is_stuck.load(std::memory_order_relaxed))
+    return false;
+  pollfd request{out.fd, POLLOUT, 0};
+  const bool free = ::poll(&request, 1, kTurnMilliseconds) == 1 && (request.revents & POLLOUT) != 0;
+  if (!free) terminal_is_stuck.store(true, std::memory_order_relaxed);
+  return free;
+}
+
 /// A terminal may take a line in pieces, so the rest is offered again until it is refused.
 void write_whole(const target& out, const char* text, std::size_t length) noexcept {
   const int saved_errno = errno;
+  int turns = 0;
   while (length > 0) {
     const ssize_t written = write_some(out, text, length);
     if (written < 0 && errno == EINTR) continue;
+    if (written < 0 && errno == EAGAIN && ++turns <= kMostTurns && has_turn(out)) continue;
     if (written <= 0) break;
+    if (out.kind == channel::terminal) terminal_is_stuck.store(false, std::memory_order_relaxed);
     text += written;
     length -= static_cast<std::size_t>(written);
   }
