@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <cstddef>
@@ -11,6 +14,7 @@
 
 #include "process/fun_monitor.h"
 #include "tests/process/supervision.h"
+#include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/wait_until.h"
@@ -124,6 +128,67 @@ TEST(fun_monitor_with_a_program, a_stop_right_after_the_start_is_not_lost) {
                Tfun_monitor::programs_alive() == 0;
       })) << round;
     }
+  });
+}
+
+TEST(fun_monitor_with_a_program, a_stop_waits_for_a_program_that_is_not_there_yet) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    const std::string name = unique_name('y');
+    const std::string path = write_program(name, "sleep 60\n");
+    // The copy takes its time before it runs the program; the stop command does not.
+    faults.system = [&](const char* command) {
+      if (command == path) std::this_thread::sleep_for(milliseconds(60));
+      return real::system(command);
+    };
+    Tfun_monitor& monitor = new_monitor(path, name);
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
+    monitor.update_state("stop");
+    monitor.stop_process();
+    EXPECT_TRUE(wait_until([&] { return count_of("exited", world.log()) == 1; }));
+  });
+}
+
+TEST(fun_monitor_with_a_program, a_stop_waits_for_a_fork_that_has_been_decided_on) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    const std::string name = unique_name('z');
+    static std::atomic<bool> forking{false};
+    faults.fork = [stopper = std::this_thread::get_id()] {
+      if (std::this_thread::get_id() != stopper) {
+        forking = true;
+        std::this_thread::sleep_for(milliseconds(60));
+      }
+      return real::fork();
+    };
+    Tfun_monitor& monitor = new_monitor(write_program(name, "sleep 60\n"), name);
+    monitor.Start();
+    ASSERT_TRUE(wait_until([] { return forking.load(); }));
+    monitor.update_state("stop");
+    monitor.stop_process();
+    EXPECT_TRUE(wait_until([&] { return count_of("exited", world.log()) == 1; }));
+  });
+}
+
+TEST(fun_monitor_with_a_program, a_stop_waits_no_longer_than_half_a_second) {
+  in_child([] {
+    const supervision& world = supervision::begin();
+    // The program never gets its name.
+    faults.system = [](const char*) {
+      for (;;)
+        ::pause();
+      return 0;
+    };
+    Tfun_monitor& monitor = new_monitor("/a/b", unique_name('o'));
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
+    faults.mmap = [](auto...) { return MAP_FAILED; };  // no stop command is run
+    const auto start = steady::now();
+    monitor.stop_process();
+    EXPECT_GE(steady::now() - start, milliseconds(400));
+    EXPECT_LT(steady::now() - start, milliseconds(5000));
+    EXPECT_EQ(count_of("kill -USR2 result: ", world.printed()), 1U);
   });
 }
 

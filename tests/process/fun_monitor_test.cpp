@@ -60,11 +60,11 @@ TEST(fun_monitor, one_run_is_logged_shown_and_kept_in_the_liveness_file) {
     Tfun_monitor& monitor = new_monitor("/a/b", "one");
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    EXPECT_EQ(monitor.last_pid(), 5004711);
-    EXPECT_EQ(programs.waited_for, 5004711);
+    EXPECT_EQ(monitor.last_pid(), 5000000);
+    EXPECT_EQ(programs.waited_for, 5000000);
     EXPECT_EQ(programs.wait_options, WUNTRACED);
     EXPECT_EQ(read_file("notify/one.dat"), "1");
-    EXPECT_EQ(world.log(), launched(5004711));
+    EXPECT_EQ(world.log(), launched(5000000));
     EXPECT_EQ(world.printed(), "");
     EXPECT_EQ(Tfun_monitor::programs_alive(), 1);
 
@@ -72,9 +72,9 @@ TEST(fun_monitor, one_run_is_logged_shown_and_kept_in_the_liveness_file) {
     programs.end_one();
     ASSERT_TRUE(wait_until([&] { return programs.sleeps > 0; }));
     EXPECT_FALSE(exists("notify/one.dat"));
-    EXPECT_EQ(world.log(), launched(5004711) + exited("5004711", 0));
+    EXPECT_EQ(world.log(), launched(5000000) + exited("5000000", 0));
     EXPECT_EQ(world.printed(), kWaited);
-    EXPECT_EQ(monitor.last_pid(), 5004711) << "never reset";
+    EXPECT_EQ(monitor.last_pid(), 5000000) << "never reset";
     EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
     EXPECT_TRUE(monitor.IsRunning());
   });
@@ -89,11 +89,11 @@ TEST(fun_monitor, a_program_that_ends_is_started_again_at_once) {
     programs.may_end = 3;
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(4); }));
     EXPECT_EQ(programs.sleeps, 0) << "no pause";
-    EXPECT_EQ(world.log(), launched(5004711) + exited("5004711", 0) + launched(5004712) +
-                               exited("5004712", 0) + launched(5004713) + exited("5004713", 0) +
-                               launched(5004714));
+    EXPECT_EQ(world.log(), launched(5000000) + exited("5000000", 0) + launched(5000001) +
+                               exited("5000001", 0) + launched(5000002) + exited("5000002", 0) +
+                               launched(5000003));
     EXPECT_EQ(world.printed(), std::string(kWaited) + kWaited + kWaited);
-    EXPECT_EQ(monitor.last_pid(), 4714);
+    EXPECT_EQ(monitor.last_pid(), 5000003);
     EXPECT_EQ(Tfun_monitor::programs_alive(), 1);
     EXPECT_TRUE(exists("notify/again.dat"));
   });
@@ -125,8 +125,8 @@ TEST(fun_monitor, the_result_and_errno_of_the_wait_are_logged_whether_or_not_it_
     };
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return programs.sleeps > 0; }));
-    EXPECT_EQ(world.log(), launched(5004711) + exited("4294967295", 10) + launched(5004712) +
-                               exited("5004712", EXDEV) + launched(5004713) +
+    EXPECT_EQ(world.log(), launched(5000000) + exited("4294967295", 10) + launched(5000001) +
+                               exited("5000001", EXDEV) + launched(5000002) +
                                exited("4294967295", EINVAL));
   });
 }
@@ -215,8 +215,9 @@ TEST(fun_monitor, setting_run_again_is_never_seen_as_anything_else) {
     Tfun_monitor& monitor = new_monitor("/a/b", "same");
     monitor.Start();
     ASSERT_TRUE(wait_until([&] {
-      monitor.update_state("run");
-      return programs.forks > 100;
+      for (int i = 0; i < 1000; ++i)
+        monitor.update_state("run");
+      return programs.forks > 1000;
     }));
     EXPECT_EQ(programs.sleeps, 0);
   });
@@ -239,7 +240,7 @@ TEST(fun_monitor, a_fork_that_fails_is_reported_and_tried_again_at_once) {
               "fork() error.errno:11 error:Resource temporarily unavailable\n"
               "fork() error.errno:12 error:Cannot allocate memory\n"
               "fork() error.errno:11 error:Resource temporarily unavailable\n");
-    EXPECT_EQ(world.log(), launched(5004711));
+    EXPECT_EQ(world.log(), launched(5000000));
   });
 }
 
@@ -273,7 +274,7 @@ TEST(fun_monitor, another_negative_result_of_fork_is_tried_again_without_a_word)
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
     EXPECT_EQ(world.printed(), "");
-    EXPECT_EQ(world.log(), launched(5004711));
+    EXPECT_EQ(world.log(), launched(5000000));
   });
 }
 
@@ -391,7 +392,7 @@ TEST(fun_monitor_leaving, the_end_of_a_program_is_recorded_but_it_is_not_started
     ASSERT_TRUE(wait_until([&] { return Tfun_monitor::programs_alive() == 0; }));
     ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
     EXPECT_TRUE(never([&] { return programs.forks > 1; }));
-    EXPECT_EQ(world.log(), launched(5004711) + exited("5004711", 0));
+    EXPECT_EQ(world.log(), launched(5000000) + exited("5000000", 0));
     g_leave_gate.close();
     ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
     delete monitor;

@@ -11,8 +11,8 @@
 /// Made once in a process, because the monitors' threads go on using it until that ends. A test may
 /// put other functions into `faults` afterwards.
 struct imagined_programs {
-  /// Beyond the process ids that the kernel gives, so that nobody has it.
-  static constexpr pid_t kFirst = 5004711;
+  /// More than the largest process id that Linux ever gives.
+  static constexpr pid_t kFirst = 5000000;
 
   static imagined_programs& begin();
 

@@ -435,7 +435,7 @@ TEST(server_config_running, the_state_is_updated_before_the_stop_command_runs) {
     write_file("server.ini", configuration({{"aa", "stop"}}));
     loadServerConfig("server.ini");
     EXPECT_EQ(programs.forks, 1);
-    EXPECT_EQ(world.log(), launched(5004711) + exited("5004711", 0));
+    EXPECT_EQ(world.log(), launched(5000000) + exited("5000000", 0));
   });
 }
 
@@ -485,7 +485,7 @@ TEST(server_config_running, a_load_that_changes_nothing_does_not_disturb_a_progr
     loadServerConfig("server.ini");
     EXPECT_EQ(programs.forks, 1);
     EXPECT_EQ(programs.sleeps, 0);
-    EXPECT_EQ(world.log(), launched(5004711));
+    EXPECT_EQ(world.log(), launched(5000000));
     EXPECT_EQ(monitor_list.size(), 1U);
   });
 }
