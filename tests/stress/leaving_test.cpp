@@ -1,0 +1,205 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/support/children.h"
+#include "tests/e2e/support/installation.h"
+#include "tests/stress/support/stress.h"
+#include "tests/support/wait_until.h"
+
+namespace fs = std::filesystem;
+using stress::between;
+using stress::rounds;
+
+namespace {
+
+enum class farewell { usr2, interrupt, file_deleted };
+
+/// Programs that meet their end in different ways.
+struct cast {
+  /// Those that the stop command ends, at once or a little later.
+  std::vector<std::string> ending;
+  /// Those that ignore it.
+  std::vector<std::string> ignoring;
+
+  cast(const installation& place, bool with_ignoring) {
+    auto& stage = const_cast<installation&>(place);
+    for (int i = 0; i < 2; ++i) {
+      ending.push_back(stage.add_script("exit 1\n"));
+      ending.push_back(stage.add_steady());
+      ending.push_back(
+          stage.add_script("trap 'sleep 0.2; exit 0' USR2\n" + place.note_start() + place.stay()));
+    }
+    if (with_ignoring) {
+      ignoring.push_back(stage.add_script("trap '' USR2\n" + place.note_start() + place.stay()));
+    }
+  }
+
+  [[nodiscard]] std::vector<listed_program> entries(const installation& place) const {
+    std::vector<listed_program> list;
+    for (const auto* names : {&ending, &ignoring}) {
+      for (const std::string& name : *names)
+        list.push_back(place.entry(name));
+    }
+    return list;
+  }
+};
+
+int leave(const installation& place, farewell kind) {
+  if (kind == farewell::usr2) return place.end_by(SIGUSR2);
+  if (kind == farewell::interrupt) return place.end_by(SIGINT);
+  fs::remove(place.site() / "config" / "server.ini");
+  return place.wait_end();
+}
+
+void expect_pid_file(const installation& place, farewell kind) {
+  if (kind == farewell::usr2) {
+    EXPECT_FALSE(place.has("run.pid"));
+  } else {
+    EXPECT_TRUE(place.has("run.pid"));
+    EXPECT_EQ(place.read("run.pid"),
+              kind == farewell::interrupt ? "" : std::to_string(place.daemon()));
+  }
+}
+
+/// What is left of the programs is what ignores the stop command, and that is ended here.
+void expect_only(const installation& place, const cast& programs) {
+  EXPECT_TRUE(wait_until([&] { return stress::running_names(place, programs.ending).empty(); }))
+      << "left or started again: " << stress::running_names(place, programs.ending).size();
+  EXPECT_EQ(stress::running_names(place, programs.ignoring), programs.ignoring);
+  for (const std::string& name : programs.ignoring) {
+    for (const pid_t pid : place.running(name))
+      ::kill(pid, SIGKILL);
+  }
+  EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
+}
+
+void expect_records(const installation& place, const cast& programs) {
+  EXPECT_EQ(stress::launches(place), stress::ends(place) + programs.ignoring.size());
+  std::vector<std::string> live;
+  for (const auto& item : fs::directory_iterator(place.site() / "notify"))
+    live.push_back(item.path().stem().string());
+  EXPECT_EQ(live, programs.ignoring);
+}
+
+void start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
+  installation place;
+  const cast programs(place, with_ignoring);
+  place.save(programs.entries(place));
+  place.start(kind == farewell::file_deleted ? stress::fast() : start_options{});
+  // Only a program that runs can ignore anything.
+  for (const std::string& name : programs.ignoring)
+    place.wait_running(name);
+  stress::sleep_ms(between(random, 0, 20));
+  for (int i = between(random, -2, 2); i > 0; --i)
+    place.signal(SIGUSR1);
+
+  EXPECT_EQ(leave(place, kind), 0);
+
+  const std::string log = place.log();
+  EXPECT_TRUE(log.ends_with(stress::kClosed));
+  EXPECT_EQ(count(log, stress::kClosed), 1U);
+  expect_pid_file(place, kind);
+  expect_records(place, programs);
+  expect_only(place, programs);
+  EXPECT_EQ(place.log(), log) << "written after the end";
+  EXPECT_EQ(count(place.errors(), "inotify_add_watch: No such file or directory\n"),
+            kind == farewell::file_deleted ? 1U : 0U);
+}
+
+}  // namespace
+
+TEST(leaving, ends_every_program_that_can_be_ended_and_then_itself) {
+  auto random = stress::random_numbers();
+  constexpr farewell kKinds[] = {farewell::usr2, farewell::interrupt, farewell::file_deleted};
+  for (int i = 0; i < rounds(500, 10) && !HasFailure(); ++i) {
+    SCOPED_TRACE(i);
+    start_and_leave(random, kKinds[i % 3], i % 4 == 3);
+  }
+}
+
+TEST(leaving, leaves_no_program_that_was_just_being_launched) {
+  auto random = stress::random_numbers();
+  for (int i = 0; i < rounds(300, 15) && !HasFailure(); ++i) {
+    SCOPED_TRACE(i);
+    installation place;
+    std::vector<listed_program> programs;
+    for (int program = 0; program < 5; ++program)
+      programs.push_back(place.entry(place.add_steady()));
+    place.save(programs);
+    ASSERT_EQ(place.run(), 0);
+    ASSERT_TRUE(wait_until([&] { return place.daemons().size() == 1; }));
+    const pid_t daemon = place.daemons().at(0);
+    stress::sleep_ms(between(random, 0, 30));
+    ::kill(daemon, SIGUSR2);
+    EXPECT_EQ(children::wait_for_end(daemon), 0);
+    EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
+    EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+    EXPECT_EQ(stress::launches(place), stress::ends(place));
+    EXPECT_FALSE(place.has("run.pid"));
+  }
+}
+
+TEST(leaving, waits_for_the_reload_that_is_under_way) {
+  installation place;
+  constexpr int kEntries = 20000;
+  std::vector<listed_program> missing;
+  for (int i = 0; i < kEntries; ++i)
+    missing.push_back({"missing" + std::to_string(i), "/nonexistent/program", "run"});
+  place.save(missing);
+  const std::string last = "read ini file missing" + std::to_string(kEntries - 1) + " ";
+  for (int i = 0; i < rounds(50, 3); ++i) {
+    for (const int number : {SIGUSR2, SIGINT}) {
+      place.start();
+      const std::size_t loads = place.loads();
+      place.signal(SIGUSR1);
+      ASSERT_TRUE(wait_until([&] { return place.loads() == loads + 1; }));
+      EXPECT_EQ(place.end_by(number), 0);
+      EXPECT_EQ(count(place.console(), last), place.loads()) << "a load was broken off";
+      fs::remove(place.site() / "run.pid");
+    }
+  }
+}
+
+TEST(leaving, happens_once_whatever_is_asked_for_meanwhile) {
+  for (int i = 0; i < rounds(100, 4) && !HasFailure(); ++i) {
+    installation place;
+    const cast programs(place, false);
+    place.save(programs.entries(place));
+    place.start();
+    const pid_t daemon = place.daemon();
+    for (int signal = 0; signal < 200 && !children::status_of(daemon); ++signal) {
+      for (const int number : {SIGUSR2, SIGINT, SIGUSR1})
+        ::kill(daemon, number);
+      stress::sleep_ms(2);
+    }
+    EXPECT_EQ(place.wait_end(), 0);
+    EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+    EXPECT_EQ(count(place.log(), stress::kClosed), 1U);
+    const auto stopped = stress::stopped_names(place);
+    EXPECT_EQ(stopped, programs.ending);
+    expect_only(place, programs);
+  }
+}
+
+TEST(leaving, takes_about_a_second_however_many_programs_ignore_it) {
+  installation place;
+  std::vector<listed_program> programs;
+  for (int i = 0; i < 10; ++i) {
+    programs.push_back(
+        place.entry(place.add_script("trap '' USR2\n" + place.note_start() + place.stay())));
+  }
+  place.save(programs);
+  place.start();
+  for (const listed_program& program : programs)
+    place.wait_running(program.name);
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  // Far below a second for each of them, and far above what the stop commands take.
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(7));
+  EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+}

@@ -1,0 +1,218 @@
+#include "tests/stress/support/stress.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "tests/e2e/support/children.h"
+#include "tests/support/wait_until.h"
+
+namespace fs = std::filesystem;
+
+namespace stress {
+namespace {
+
+bool is_long() {
+  const char* form = std::getenv("KEELMOND_STRESS");
+  return form != nullptr && std::string_view(form) == "long";
+}
+
+/// Nobody's, and different for tests that run at the same time.
+uid_t ordinary_id() {
+  return 52000 + static_cast<uid_t>(::getpid() % 7000);
+}
+
+void own(const fs::path& path, uid_t user) {
+  if (::lchown(path.c_str(), user, user) != 0) throw std::runtime_error("chown");
+}
+
+[[noreturn]] void execute(const std::string& binary) {
+  char name[] = "keelmond";
+  char* argv[] = {name, nullptr};
+  ::execv(binary.c_str(), argv);
+  ::_exit(124);
+}
+
+}  // namespace
+
+int rounds(int in_long, int in_short) {
+  return is_long() ? in_long : in_short;
+}
+
+std::mt19937 random_numbers() {
+  const char* given = std::getenv("KEELMOND_STRESS_SEED");
+  const unsigned seed = given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10))
+                                         : std::random_device{}();
+  std::cout << "KEELMOND_STRESS_SEED=" << seed << '\n';
+  return std::mt19937(seed);
+}
+
+int between(std::mt19937& random, int low, int high) {
+  return std::uniform_int_distribution<int>(low, high)(random);
+}
+
+void sleep_ms(int milliseconds) {
+  std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+start_options fast(start_options options) {
+  options.before_exec = [before = std::move(options.before_exec)] {
+    if (before) before();
+    execute(KEELMOND_FAST_BINARY);
+  };
+  return options;
+}
+
+std::size_t pauses(const installation& place) {
+  std::error_code none;
+  const auto size = fs::file_size(place.site() / "pauses", none);
+  return none ? 0 : static_cast<std::size_t>(size);
+}
+
+bool wait_armed(const installation& place, std::size_t wanted) {
+  return wait_until([&] { return pauses(place) >= wanted && place.is_watching(); }, kPatience);
+}
+
+std::vector<int> descriptors(pid_t pid) {
+  std::vector<int> found;
+  std::error_code gone;
+  const fs::path directory = fs::path("/proc") / std::to_string(pid) / "fd";
+  for (fs::directory_iterator at(directory, gone), end; !gone && at != end; at.increment(gone))
+    found.push_back(std::stoi(at->path().filename().string()));
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+long status_number(pid_t pid, std::string_view field) {
+  return std::strtol(process_table::status_field(pid, field).c_str(), nullptr, 10);
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    if (line.ends_with('\r')) line.pop_back();
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+std::size_t launches(const installation& place) {
+  return count(place.log(), "launched sub process PID: ");
+}
+
+std::size_t ends(const installation& place) {
+  return count(place.log(), "exited process PID: ");
+}
+
+std::vector<std::string> stopped_names(const installation& place) {
+  constexpr std::string_view kStop = "kill -USR2 result: kill -USR2 `pgrep ";
+  std::vector<std::string> names;
+  for (const std::string& line : lines_of(place.console())) {
+    if (line.starts_with(kStop)) {
+      names.push_back(line.substr(kStop.size(), line.rfind('`') - kStop.size()));
+    }
+  }
+  return names;
+}
+
+std::vector<std::string> running_names(const installation& place,
+                                       const std::vector<std::string>& programs) {
+  std::vector<std::string> names;
+  for (const auto& process : place.processes()) {
+    if (std::find(programs.begin(), programs.end(), process.name) != programs.end()) {
+      names.push_back(process.name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+bool settles(const installation& place, const std::vector<std::string>& all,
+             std::vector<std::string> wanted) {
+  std::sort(wanted.begin(), wanted.end());
+  // Twice the same: what is about to start a second instance gets the time to do so.
+  const auto as_wanted = [&] { return running_names(place, all) == wanted; };
+  for (const auto end = std::chrono::steady_clock::now() + kPatience;
+       std::chrono::steady_clock::now() < end;) {
+    if (wait_until(as_wanted) && keeps(as_wanted)) return true;
+  }
+  return false;
+}
+
+bool reload(const installation& place) {
+  const std::size_t before = place.loads();
+  place.signal(SIGUSR1);
+  if (!wait_until([&] { return place.loads() > before; }, kPatience)) return false;
+  // The load has begun. It is over when the one after it begins.
+  place.signal(SIGUSR1);
+  return wait_until([&] { return place.loads() > before + 1; }, kPatience);
+}
+
+void expect_clean_end(const installation& place) {
+  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  const std::string log = place.log();
+  EXPECT_TRUE(log.ends_with(kClosed))
+      << log.substr(log.size() - std::min<std::size_t>(log.size(), 300));
+  EXPECT_TRUE(wait_until([&] { return place.processes().empty(); })) << "programs are left";
+  EXPECT_EQ(place.log().size(), log.size());
+  EXPECT_FALSE(place.has("run.pid"));
+}
+
+void limit(pid_t pid, int resource, rlim_t most) {
+  rlimit limits{};
+  if (::prlimit(pid, static_cast<__rlimit_resource>(resource), nullptr, &limits) != 0) {
+    throw std::runtime_error("prlimit");
+  }
+  limits.rlim_cur = most;
+  if (::prlimit(pid, static_cast<__rlimit_resource>(resource), &limits, nullptr) != 0) {
+    throw std::runtime_error("prlimit");
+  }
+}
+
+void unlimit(pid_t pid, int resource) {
+  rlimit limits{};
+  if (::prlimit(pid, static_cast<__rlimit_resource>(resource), nullptr, &limits) != 0) {
+    throw std::runtime_error("prlimit");
+  }
+  limit(pid, resource, limits.rlim_max);
+}
+
+start_options by_ordinary_user(const installation& place, start_options options) {
+  if (::geteuid() != 0) return options;
+  const uid_t user = ordinary_id();
+  const fs::path scratch = place.site().parent_path();
+  // The tree may lie where the user must not look.
+  const fs::path binary = scratch / "bin" / "keelmond";
+  fs::create_directories(binary.parent_path());
+  fs::copy_file(KEELMOND_BINARY, binary, fs::copy_options::overwrite_existing);
+  own(scratch, user);
+  for (const auto& item : fs::recursive_directory_iterator(scratch))
+    own(item.path(), user);
+  options.before_exec = [before = std::move(options.before_exec), user, path = binary.string()] {
+    if (before) before();
+    if (::setresgid(user, user, user) != 0 || ::setresuid(user, user, user) != 0) ::_exit(125);
+    execute(path);
+  };
+  return options;
+}
+
+void save_for_user(const installation& place, const std::string& text) {
+  const fs::path draft = place.site() / "config" / "draft";
+  write_file(draft, text);
+  if (::geteuid() == 0) own(draft, ordinary_id());
+  fs::rename(draft, place.site() / "config" / "server.ini");
+}
+
+}  // namespace stress

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <sys/resource.h>
+#include <sys/types.h>
+
+#include <chrono>
+#include <cstddef>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tests/e2e/support/installation.h"
+
+/// What the stress tests share.
+namespace stress {
+
+/// For whatever has to happen on a machine that is busy with other things.
+inline constexpr std::chrono::seconds kPatience{60};
+
+/// The log's last line.
+inline constexpr char kClosed[] = "XXXXXXXXXXX No finish for close log file. \n";
+
+/// How often something is done: the first number when KEELMOND_STRESS is "long", else the second.
+int rounds(int in_long, int in_short);
+
+/// Random numbers from a seed that the test's output names, and KEELMOND_STRESS_SEED sets.
+std::mt19937 random_numbers();
+/// A number from `low` to `high`.
+int between(std::mt19937& random, int low, int high);
+void sleep_ms(int milliseconds);
+
+/// Starts the supervisor whose pause between two watches takes 10 milliseconds.
+start_options fast(start_options options = {});
+
+/// Waits until the supervisor, a fast one, watches again after its `pauses`th pause.
+bool wait_armed(const installation& place, std::size_t pauses);
+std::size_t pauses(const installation& place);
+
+/// The open descriptors of a process, in ascending order.
+std::vector<int> descriptors(pid_t pid);
+/// A number of /proc/PID/status, for instance of "Threads" or "VmRSS".
+long status_number(pid_t pid, std::string_view field);
+
+/// The lines of a text, without their ends.
+std::vector<std::string> lines_of(const std::string& text);
+
+/// How many entries of the log tell of a launch and of an end.
+std::size_t launches(const installation& place);
+std::size_t ends(const installation& place);
+
+/// The names in the stop commands that the console tells of, in their order.
+std::vector<std::string> stopped_names(const installation& place);
+
+/// Names of the programs of which an instance runs; twice when two do.
+std::vector<std::string> running_names(const installation& place,
+                                       const std::vector<std::string>& programs);
+
+/// Whether from some moment on exactly the given programs run, each once. Waits for it.
+bool settles(const installation& place, const std::vector<std::string>& all,
+             std::vector<std::string> wanted);
+
+/// Asks for a reload and waits until it, or a later one, is over.
+bool reload(const installation& place);
+
+/// Ends the supervisor by SIGUSR2 and checks what always holds then: it has ended with status 0,
+/// nothing of the installation is left, the log is closed and the pid file is gone.
+void expect_clean_end(const installation& place);
+
+/// Sets a limit of a running process; the one that nobody can raise again stays.
+void limit(pid_t pid, int resource, rlim_t most);
+/// Takes a limit away, as far as possible.
+void unlimit(pid_t pid, int resource);
+
+/// Gives the installation to an ordinary user who owns nothing else, and starts the supervisor as
+/// that user. Tests that are run by an ordinary user keep that one.
+start_options by_ordinary_user(const installation& place, start_options options = {});
+/// Replaces server.ini, for the user who was given the installation.
+void save_for_user(const installation& place, const std::string& text);
+
+}  // namespace stress
