@@ -2,7 +2,6 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <system_error>
 
@@ -37,7 +36,13 @@ working_dir::~working_dir() {
 
 std::string read_file(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+  // Through the stream and not through its buffer, which throws when reading fails. A process that
+  // ends while its files in /proc are read makes it fail.
+  std::string text;
+  char part[65536];
+  while (in.read(part, sizeof part), in.gcount() > 0)
+    text.append(part, static_cast<std::size_t>(in.gcount()));
+  return text;
 }
 
 void write_file(const std::filesystem::path& path, std::string_view text) {
