@@ -58,7 +58,7 @@ void start_together(const installation& place, int many) {
 }
 
 /// Ends daemons that no `start` knows of.
-void end(const std::vector<pid_t>& daemons) {
+void end_all(const std::vector<pid_t>& daemons) {
   for (const pid_t daemon : daemons) {
     ::kill(daemon, SIGUSR2);
     EXPECT_EQ(children::wait_for_end(daemon), 0);
@@ -75,7 +75,7 @@ void expect_one_of(int many) {
   EXPECT_EQ(place.loads(), 1U);
   const auto daemons = place.daemons();
   EXPECT_EQ(daemons.size(), 1U);
-  end(daemons);
+  end_all(daemons);
   EXPECT_FALSE(place.has("run.pid"));
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
 }
@@ -102,7 +102,7 @@ TEST(start_race, adds_one_daemon_when_the_pid_file_was_deleted) {
     EXPECT_TRUE(wait_until([&] { return place.loads() > loads && place.daemons().size() == 2; }));
     EXPECT_EQ(place.loads(), loads + 1);
     EXPECT_EQ(count(place.console(), kAnotherCopy), 2U);
-    end(place.daemons());
+    end_all(place.daemons());
   }
 }
 
@@ -125,6 +125,6 @@ TEST(start_race, takes_over_from_a_daemon_that_is_just_leaving) {
     EXPECT_EQ(place.wait_end(), 0);
     place.wait_running(name, 2);
     EXPECT_EQ(others.size(), 1U);
-    end(others);
+    end_all(others);
   }
 }
