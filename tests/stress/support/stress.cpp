@@ -37,6 +37,30 @@ void own(const fs::path& path, uid_t user) {
   if (::lchown(path.c_str(), user, user) != 0) throw std::runtime_error("chown");
 }
 
+/// Becomes the user that a process belongs to: only that one may always limit it.
+bool become_owner_of(pid_t pid) {
+  const auto user = static_cast<uid_t>(status_number(pid, "Uid"));
+  const auto group = static_cast<gid_t>(status_number(pid, "Gid"));
+  return user == ::geteuid() ||
+         (::setresgid(group, group, group) == 0 && ::setresuid(user, user, user) == 0);
+}
+
+/// Sets the limit that a process meets to what `most` makes of the limits that it has.
+template <typename Function>
+void set_limit(pid_t pid, int resource, Function most) {
+  const auto kind = static_cast<__rlimit_resource>(resource);
+  const pid_t owner = ::fork();
+  if (owner == 0) {
+    rlimit limits{};
+    bool done = become_owner_of(pid) && ::prlimit(pid, kind, nullptr, &limits) == 0;
+    limits.rlim_cur = most(limits);
+    done = done && ::prlimit(pid, kind, &limits, nullptr) == 0;
+    ::_exit(done ? 0 : 1);
+  }
+  children::announce(owner);
+  if (children::wait_for_end(owner) != 0) throw std::runtime_error("prlimit");
+}
+
 [[noreturn]] void execute(const std::string& binary) {
   char name[] = "keelmond";
   char* argv[] = {name, nullptr};
@@ -171,22 +195,11 @@ void expect_clean_end(const installation& place) {
 }
 
 void limit(pid_t pid, int resource, rlim_t most) {
-  rlimit limits{};
-  if (::prlimit(pid, static_cast<__rlimit_resource>(resource), nullptr, &limits) != 0) {
-    throw std::runtime_error("prlimit");
-  }
-  limits.rlim_cur = most;
-  if (::prlimit(pid, static_cast<__rlimit_resource>(resource), &limits, nullptr) != 0) {
-    throw std::runtime_error("prlimit");
-  }
+  set_limit(pid, resource, [most](const rlimit&) { return most; });
 }
 
 void unlimit(pid_t pid, int resource) {
-  rlimit limits{};
-  if (::prlimit(pid, static_cast<__rlimit_resource>(resource), nullptr, &limits) != 0) {
-    throw std::runtime_error("prlimit");
-  }
-  limit(pid, resource, limits.rlim_max);
+  set_limit(pid, resource, [](const rlimit& now) { return now.rlim_max; });
 }
 
 start_options by_ordinary_user(const installation& place, start_options options) {
