@@ -64,16 +64,16 @@ TEST(endurance, keeps_descriptors_threads_and_memory_where_they_were) {
   place.start(stress::fast());
   for (int i = 0; i < 4; ++i)
     place.wait_running(programs[static_cast<std::size_t>(i)].name);
-  reload_many(place, text, 50);
+  ASSERT_NO_FATAL_FAILURE(reload_many(place, text, 50));
   const holdings before(place.daemon());
   const std::size_t starts = stress::launches(place);
 
   const int times = rounds(10000, 300);
-  reload_many(place, text, times);
+  ASSERT_NO_FATAL_FAILURE(reload_many(place, text, times));
 
   EXPECT_TRUE(wait_until(
       [&] { return stress::launches(place) >= starts + static_cast<std::size_t>(times); },
-      std::chrono::minutes(10)));
+      stress::patience()));
   expect_same(place, before);
   stress::expect_clean_end(place);
 }
@@ -118,8 +118,7 @@ TEST(endurance, writes_every_line_once_and_whole) {
   place.save(programs);
   place.start();
   const auto wanted = static_cast<std::size_t>(rounds(20000, 300));
-  EXPECT_TRUE(
-      wait_until([&] { return stress::launches(place) >= wanted; }, std::chrono::minutes(10)));
+  EXPECT_TRUE(wait_until([&] { return stress::launches(place) >= wanted; }, stress::patience()));
   stress::expect_clean_end(place);
 
   std::size_t ended = 0;

@@ -146,7 +146,7 @@ TEST(leaving, leaves_no_program_that_was_just_being_launched) {
 
 TEST(leaving, waits_for_the_reload_that_is_under_way) {
   installation place;
-  constexpr int kEntries = 20000;
+  constexpr int kEntries = 20000 / stress::kSlower;
   std::vector<listed_program> missing;
   for (int i = 0; i < kEntries; ++i)
     missing.push_back({"missing" + std::to_string(i), "/nonexistent/program", "run"});

@@ -29,7 +29,7 @@ std::vector<listed_program> long_list(installation& place) {
   std::vector<listed_program> list;
   for (int i = 0; i < 5; ++i)
     list.push_back(place.entry(place.add_script("exit 0\n")));
-  for (int i = 0; i < 500; ++i)
+  for (int i = 0; i < 500 / stress::kSlower; ++i)
     list.push_back({"missing" + std::to_string(i), "/nonexistent/program", "run"});
   return list;
 }

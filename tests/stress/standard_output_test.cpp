@@ -66,8 +66,8 @@ void expect_supervision(installation& place, const chatter& talk) {
   place.wait_running(talk.steady, 2);
   const std::size_t before = stress::launches(place);
   const auto more = static_cast<std::size_t>(rounds(10000, 200));
-  EXPECT_TRUE(wait_until([&] { return stress::launches(place) >= before + more; },
-                         std::chrono::minutes(10)))
+  EXPECT_TRUE(
+      wait_until([&] { return stress::launches(place) >= before + more; }, stress::patience()))
       << stress::launches(place) - before;
   auto stopping = talk.programs;
   stopping[0].state = "stop";

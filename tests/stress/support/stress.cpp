@@ -74,6 +74,10 @@ int rounds(int in_long, int in_short) {
   return is_long() ? in_long : in_short;
 }
 
+std::chrono::seconds patience() {
+  return std::chrono::seconds(rounds(1800, 60));
+}
+
 std::mt19937 random_numbers() {
   const char* given = std::getenv("KEELMOND_STRESS_SEED");
   const unsigned seed = given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10))
@@ -88,6 +92,16 @@ int between(std::mt19937& random, int low, int high) {
 
 void sleep_ms(int milliseconds) {
   std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+start_options without_leak_check(start_options options) {
+  options.before_exec = [before = std::move(options.before_exec)] {
+    if (before) before();
+    const char* given = std::getenv("ASAN_OPTIONS");
+    const std::string all = (given != nullptr ? std::string(given) + ":" : "") + "detect_leaks=0";
+    ::setenv("ASAN_OPTIONS", all.c_str(), 1);
+  };
+  return options;
 }
 
 start_options fast(start_options options) {
@@ -105,7 +119,7 @@ std::size_t pauses(const installation& place) {
 }
 
 bool wait_armed(const installation& place, std::size_t wanted) {
-  return wait_until([&] { return pauses(place) >= wanted && place.is_watching(); }, kPatience);
+  return wait_until([&] { return pauses(place) >= wanted && place.is_watching(); }, patience());
 }
 
 std::vector<int> descriptors(pid_t pid) {
@@ -168,7 +182,7 @@ bool settles(const installation& place, const std::vector<std::string>& all,
   std::sort(wanted.begin(), wanted.end());
   // Twice the same: what is about to start a second instance gets the time to do so.
   const auto as_wanted = [&] { return running_names(place, all) == wanted; };
-  for (const auto end = std::chrono::steady_clock::now() + kPatience;
+  for (const auto end = std::chrono::steady_clock::now() + patience();
        std::chrono::steady_clock::now() < end;) {
     if (wait_until(as_wanted) && keeps(as_wanted)) return true;
   }
@@ -178,10 +192,10 @@ bool settles(const installation& place, const std::vector<std::string>& all,
 bool reload(const installation& place) {
   const std::size_t before = place.loads();
   place.signal(SIGUSR1);
-  if (!wait_until([&] { return place.loads() > before; }, kPatience)) return false;
+  if (!wait_until([&] { return place.loads() > before; }, patience())) return false;
   // The load has begun. It is over when the one after it begins.
   place.signal(SIGUSR1);
-  return wait_until([&] { return place.loads() > before + 1; }, kPatience);
+  return wait_until([&] { return place.loads() > before + 1; }, patience());
 }
 
 void expect_clean_end(const installation& place) {

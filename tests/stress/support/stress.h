@@ -15,8 +15,12 @@
 /// What the stress tests share.
 namespace stress {
 
-/// For whatever has to happen on a machine that is busy with other things.
-inline constexpr std::chrono::seconds kPatience{60};
+/// By how much a supervisor with a sanitizer is given less to read.
+#ifdef KEELMOND_SANITIZED
+inline constexpr int kSlower = 8;
+#else
+inline constexpr int kSlower = 1;
+#endif
 
 /// The log's last line.
 inline constexpr char kClosed[] = "XXXXXXXXXXX No finish for close log file. \n";
@@ -24,11 +28,18 @@ inline constexpr char kClosed[] = "XXXXXXXXXXX No finish for close log file. \n"
 /// How often something is done: the first number when KEELMOND_STRESS is "long", else the second.
 int rounds(int in_long, int in_short);
 
+/// How long something may take that is done often, on a machine that is busy with other things.
+std::chrono::seconds patience();
+
 /// Random numbers from a seed that the test's output names, and KEELMOND_STRESS_SEED sets.
 std::mt19937 random_numbers();
 /// A number from `low` to `high`.
 int between(std::mt19937& random, int low, int high);
 void sleep_ms(int milliseconds);
+
+/// Makes AddressSanitizer look for no leaks when the supervisor ends. Where processes, threads or
+/// descriptors are short that look fails, and with it the supervisor.
+start_options without_leak_check(start_options options = {});
 
 /// Starts the supervisor whose pause between two watches takes 10 milliseconds.
 start_options fast(start_options options = {});
