@@ -176,12 +176,17 @@ void Tfun_monitor::stop_process() {
   console::print("kill -USR2 result: %s, %d \r\n", command, result);
 }
 
+void Tfun_monitor::settle_live_file() const {
+  if (launched_at.load() == kNotLaunched) Tfun_misc::UpdateProcessLiveFile(name, false);
+}
+
 bool Tfun_monitor::record_end(pid_t waited, int error) {
   char message[kMessageSize] = {};
   std::snprintf(message, sizeof message, "exited process PID: %lu  errno: %d\r\n",
                 static_cast<unsigned long>(static_cast<std::uint32_t>(waited)), error);
   append_entry(message);
   Tfun_misc::UpdateProcessLiveFile(name, false);
+  launched_at.store(kNotLaunched);
   alive.fetch_sub(1);
   if (++restart_count > kRestartLimit) {
     console::print("Restarted more than 200 times.\r\n");

@@ -41,6 +41,11 @@ class Tfun_monitor final : public Tsys_thread {
   /// the command finds it.
   void stop_process();
 
+  /// Removes the program's liveness file when the program does not run. A reload marks every
+  /// program alive that shall run, also one that has just ended; this is for when nobody will
+  /// launch it any more, and the monitor's thread stands still.
+  void settle_live_file() const;
+
   /// The supervision loop, on the monitor's thread. Returns only at the restart limit.
   /// @param command the text that the program's copy runs.
   void monitor_process(const char* command);
@@ -78,8 +83,9 @@ class Tfun_monitor final : public Tsys_thread {
   /// Written by the monitor's thread, read by the loader through std::atomic_ref.
   int pid;
   int restart_count;
-  /// When the last launch was recorded, in nanoseconds of the steady clock; `kLaunching` from
-  /// before the state is tested until then. In the default order, like the state: either the loader
-  /// sees that a launch is going on, or the launch sees the loader's new state.
+  /// When the launch of the program that runs was recorded, in nanoseconds of the steady clock;
+  /// `kLaunching` from before the state is tested until then, `kNotLaunched` when none runs. In the
+  /// default order, like the state: either the loader sees that a launch is going on, or the launch
+  /// sees the loader's new state.
   std::atomic<std::int64_t> launched_at{kNotLaunched};
 };

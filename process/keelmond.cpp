@@ -129,8 +129,10 @@ void proc_stop() {
   // then go with the process.
   if (!g_leave_gate.wait_until_empty(kStand)) return;
 
-  for (Tfun_monitor* monitor : monitor_list)
+  for (Tfun_monitor* monitor : monitor_list) {
+    monitor->settle_live_file();
     delete monitor;
+  }
   monitor_list.clear();
   delete_global(g_sys_daemon);
   delete_global(g_fun_misc);

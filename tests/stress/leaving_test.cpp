@@ -186,6 +186,24 @@ TEST(leaving, happens_once_whatever_is_asked_for_meanwhile) {
   }
 }
 
+TEST(leaving, leaves_no_liveness_file_of_a_program_that_was_to_be_started_again) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  place.start();
+  place.wait_running(name);
+  place.save({place.entry(name, "stop")});
+  EXPECT_TRUE(stress::reload(place));
+  EXPECT_TRUE(wait_until([&] { return stress::ends(place) == 1; }));
+  // Its monitor looks at the state once a second, and so does not get to it any more.
+  place.save({place.entry(name)});
+  place.signal(SIGUSR1);
+  EXPECT_TRUE(wait_until([&] { return place.is_live(name); }));
+  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(stress::launches(place), stress::ends(place));
+  EXPECT_FALSE(place.has("notify/" + name + ".dat"));
+}
+
 TEST(leaving, takes_about_a_second_however_many_programs_ignore_it) {
   installation place;
   std::vector<listed_program> programs;
