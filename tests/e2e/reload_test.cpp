@@ -220,7 +220,7 @@ TEST(reload, happens_for_a_signal_too_and_within_the_pause) {
   place.save({first, second});
   reload(place);
   place.wait_running(second.name);
-  EXPECT_FALSE(place.is_watching());
+  EXPECT_TRUE(place.is_pausing());
   // The signal has not cut the pause short, and none of this was an error.
   place.wait_watching();
   EXPECT_EQ(place.loads(), 3U);

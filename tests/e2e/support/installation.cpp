@@ -183,7 +183,7 @@ void installation::edit_by(const std::function<void()>& modify) const {
   wait_watching();
   const std::size_t before = loads();
   modify();
-  if (!wait_until([&] { return loads() > before && !is_watching(); })) {
+  if (!wait_until([&] { return loads() > before && is_pausing(); })) {
     throw std::runtime_error("no reload:\n" + console());
   }
 }

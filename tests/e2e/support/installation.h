@@ -115,6 +115,8 @@ class installation final {
   /// How many loads the console tells of.
   [[nodiscard]] std::size_t loads() const;
   [[nodiscard]] bool is_watching() const { return process_table::count_watches(daemon_) > 0; }
+  /// Whether the daemon neither watches nor reloads because of what it has seen.
+  [[nodiscard]] bool is_pausing() const { return process_table::count_inotifies(daemon_) == 0; }
   void wait_watching() const;
   /// Process ids of the daemon's forked copies.
   [[nodiscard]] std::vector<pid_t> copies() const;

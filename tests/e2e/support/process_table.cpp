@@ -81,6 +81,17 @@ std::string status_field(pid_t pid, std::string_view field) {
   return "";
 }
 
+int count_inotifies(pid_t pid) {
+  int instances = 0;
+  std::error_code gone;
+  for (fs::directory_iterator at(directory_of(pid) / "fd", gone), end; !gone && at != end;
+       at.increment(gone)) {
+    std::error_code closed;
+    instances += fs::read_symlink(at->path(), closed) == "anon_inode:inotify" ? 1 : 0;
+  }
+  return instances;
+}
+
 int count_watches(pid_t pid) {
   int watches = 0;
   std::error_code gone;
