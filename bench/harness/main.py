@@ -1,0 +1,94 @@
+"""Runs every contender on the same work and shows the figures side by side."""
+
+import argparse
+import json
+import os
+import signal
+import sys
+import time
+
+import plan
+import plot
+import prepare
+import report
+import worlds
+from contenders import ALL
+from results import Results
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(prog="compare", description=__doc__)
+    parser.add_argument("--runs", type=int, default=1, help="how often everything is measured")
+    parser.add_argument("--counts", type=_numbers, default=plan.FULL.counts,
+                        help="numbers of programs, as in 10,100,1000")
+    parser.add_argument("--idle-seconds", type=float, default=plan.FULL.idle_seconds,
+                        help="0: not measured")
+    parser.add_argument("--only", type=lambda text: text.split(","), default=[],
+                        help="some contenders: " + ",".join(one.name for one in ALL))
+    parser.add_argument("--smoke", action="store_true",
+                        help="a few seconds in all, to see that everything works: few programs, "
+                             "no packages fetched, no goals shown")
+    parser.add_argument("--json", metavar="FILE", help="write all figures")
+    parser.add_argument("--svg", metavar="FILE", help="write the plot")
+    options = parser.parse_args()
+    unknown = set(options.only) - {one.name for one in ALL}
+    if unknown:
+        parser.error(f"no such contender: {', '.join(sorted(unknown))}")
+    if options.counts[0] < 2 or options.runs < 1:
+        parser.error("at least two programs and one run are needed")
+    return options
+
+
+def _numbers(text):
+    return sorted({int(part) for part in text.split(",")})
+
+
+def say(text):
+    print(f"[{time.strftime('%H:%M:%S')}] {text}", file=sys.stderr, flush=True)
+
+
+def write_results(options, results, machine, versions):
+    print(report.markdown(results, machine, versions, not options.smoke))
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as file:
+            json.dump({"machine": machine, "versions": versions, "counts": results.counts,
+                       "runs": results.runs}, file, indent=1)
+    if options.svg:
+        with open(options.svg, "w", encoding="utf-8") as file:
+            file.write(plot.svg(results))
+
+
+def main():
+    options = parse_arguments()
+    # Whoever ends us ends us as Ctrl-C does, so that nothing is left behind.
+    signal.signal(signal.SIGTERM, signal.default_int_handler)
+    if not worlds.namespaces_work():
+        sys.exit("compare: no private PID namespace to be had here: run it as root")
+    if options.smoke:
+        sizes = plan.SMOKE
+    else:
+        sizes = plan.FULL._replace(counts=options.counts, idle_seconds=options.idle_seconds)
+        prepare.fetch_contenders(ROOT, say)
+    prepare.build(ROOT, say)
+    tools = prepare.tools(ROOT)
+    chosen = prepare.available_contenders(tools, options.only, say)
+
+    runs, failures = [], []
+    for i in range(options.runs):
+        say(f"run {i + 1} of {options.runs}")
+        run = plan.Run(sizes, chosen, tools, say)
+        runs.append(run.measure())
+        failures += run.failures
+    results = Results(runs, [contender.name for contender in chosen], sizes.counts)
+    write_results(options, results, prepare.machine(), prepare.versions())
+    if failures:
+        sys.exit("compare: failed: " + "; ".join(failures))
+
+
+if __name__ == "__main__":
+    try:
+        main()
+    except KeyboardInterrupt:
+        sys.exit(130)

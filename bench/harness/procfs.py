@@ -1,0 +1,140 @@
+"""What /proc tells about the supervising processes of a world.
+
+A world is a PID namespace with a /proc of its own. Everything in it supervises, except the
+harness's own two processes and the programs that are supervised.
+"""
+
+import os
+from typing import NamedTuple
+
+SHELLS = ("dash", "sh", "bash", "busybox")
+
+
+class Memory(NamedTuple):
+    """Sums over the supervising processes; sizes in kB."""
+
+    pss: int
+    page_tables: int
+    processes: int
+    threads: int
+    shell_pss: int
+    shell_page_tables: int
+    shells: int
+
+
+class Work(NamedTuple):
+    """What one thread has done since it was created."""
+
+    cpu_ns: int
+    switches: int
+
+
+def _read(path):
+    try:
+        with open(path, "rb", buffering=0) as file:
+            return file.read().decode(errors="replace")
+    except OSError:
+        return ""
+
+
+def _fields(text):
+    """The "Name: 12 kB" lines of a file of /proc, as numbers."""
+    fields = {}
+    for line in text.splitlines():
+        name, colon, value = line.partition(":")
+        first = value.split(None, 1)[0] if value.strip() else ""
+        if colon and first.isdigit():
+            fields[name] = int(first)
+    return fields
+
+
+def pids():
+    return [int(name) for name in os.listdir("/proc") if name.isdigit()]
+
+
+def is_zombie(pid):
+    _, _, after_name = _read(f"/proc/{pid}/stat").rpartition(")")
+    return not after_name or after_name.split()[0] in "ZX"
+
+
+def parent(pid):
+    _, _, after_name = _read(f"/proc/{pid}/stat").rpartition(")")
+    return int(after_name.split()[1]) if after_name else 0
+
+
+class Processes:
+    """Tells the supervising processes from the others."""
+
+    def __init__(self, program, own_pids):
+        status = os.stat(program)
+        self._program = (status.st_dev, status.st_ino)
+        self._own = set(own_pids)
+
+    def others(self):
+        """All processes that are not the harness's own, ended ones included."""
+        return [pid for pid in pids() if pid not in self._own]
+
+    def all_ended(self):
+        return all(is_zombie(pid) for pid in self.others())
+
+    def supervising(self):
+        found = []
+        for pid in self.others():
+            try:
+                status = os.stat(f"/proc/{pid}/exe")
+            except OSError:
+                continue  # ended
+            if (status.st_dev, status.st_ino) != self._program:
+                found.append(pid)
+        return found
+
+    def memory(self):
+        total = [0] * len(Memory._fields)
+        for pid in self.supervising():
+            status = _fields(_read(f"/proc/{pid}/status"))
+            pss = _fields(_read(f"/proc/{pid}/smaps_rollup")).get("Pss", 0)
+            tables = status.get("VmPTE", 0)
+            shell = _is_shell(pid)
+            one = (pss, tables, 1, status.get("Threads", 0),
+                   pss * shell, tables * shell, int(shell))
+            total = [a + b for a, b in zip(total, one)]
+        return Memory(*total)
+
+    def work(self):
+        """What each thread of each supervising process has done, by (pid, tid)."""
+        done = {}
+        for pid in self.supervising():
+            try:
+                threads = os.listdir(f"/proc/{pid}/task")
+            except OSError:
+                continue
+            for tid in threads:
+                done[pid, int(tid)] = _thread_work(f"/proc/{pid}/task/{tid}")
+        return done
+
+
+def _is_shell(pid):
+    try:
+        return os.path.basename(os.readlink(f"/proc/{pid}/exe")) in SHELLS
+    except OSError:
+        return False
+
+
+def _thread_work(directory):
+    status = _fields(_read(f"{directory}/status"))
+    switches = status.get("voluntary_ctxt_switches", 0) + status.get("nonvoluntary_ctxt_switches", 0)
+    scheduled = _read(f"{directory}/schedstat").split()
+    if scheduled:
+        return Work(int(scheduled[0]), switches)
+    # A kernel without schedstat: clock ticks are all there is.
+    _, _, after_name = _read(f"{directory}/stat").rpartition(")")
+    ticks = sum(int(value) for value in after_name.split()[11:13])
+    return Work(ticks * 1_000_000_000 // os.sysconf("SC_CLK_TCK"), switches)
+
+
+def work_between(before, after):
+    """What was done from one `Processes.work` to the next."""
+    none = Work(0, 0)
+    cpu = sum(work.cpu_ns - before.get(key, none).cpu_ns for key, work in after.items())
+    switches = sum(work.switches - before.get(key, none).switches for key, work in after.items())
+    return Work(cpu, switches)

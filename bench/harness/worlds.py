@@ -1,0 +1,75 @@
+"""Starts worlds (see world.py) and talks to them."""
+
+import json
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+
+def namespace_command():
+    """Runs what follows as the first process of new PID and mount namespaces.
+
+    When we die, setpriv's signal ends unshare, and unshare's ends the namespace.
+    """
+    user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
+    return ["setpriv", "--pdeathsig", "KILL", "unshare", *user, "--pid", "--fork", "--mount",
+            "--mount-proc", "--kill-child=KILL"]
+
+
+def namespaces_work():
+    return subprocess.run([*namespace_command(), "true"], check=False,
+                          capture_output=True).returncode == 0
+
+
+class World:
+    """One contender with one number of programs. A context: everything in it ends with it."""
+
+    def __init__(self, contender, count, tools):
+        self.contender = contender
+        self.count = count
+        self.failed = False
+        self._tools = tools
+        self._root = None
+        self._process = None
+
+    def __enter__(self):
+        self._root = tempfile.mkdtemp(prefix="keelmond-bench-")
+        specification = {"contender": self.contender.name, "count": self.count,
+                         "root": self._root, "tools": self._tools}
+        self._process = subprocess.Popen(
+            [*namespace_command(), sys.executable, "-B", os.path.join(HERE, "world.py"),
+             json.dumps(specification)],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
+        return self
+
+    def __exit__(self, *unused):
+        self._process.kill()
+        self._process.stdout.read()
+        self._process.wait()
+        for pipe in (self._process.stdin, self._process.stdout):
+            try:
+                pipe.close()
+            except BrokenPipeError:
+                pass  # It was told something after its end.
+        shutil.rmtree(self._root, ignore_errors=True)
+
+    def ask(self, phase, **arguments):
+        """Runs one phase of world.py.
+
+        @return its figures, or None when it failed. It has then said why on standard error, and
+        everything that is asked of this world later fails too.
+        """
+        if self.failed:
+            return None
+        try:
+            self._process.stdin.write(json.dumps({"phase": phase, **arguments}) + "\n")
+            self._process.stdin.flush()
+        except BrokenPipeError:
+            pass  # There is no answer either.
+        answer = self._process.stdout.readline()
+        self.failed = not answer
+        return json.loads(answer) if answer else None
