@@ -117,7 +117,7 @@ TEST(endurance, writes_every_line_once_and_whole) {
     programs.push_back(place.entry(place.add_script(place.note_start())));
   place.save(programs);
   place.start();
-  const auto wanted = static_cast<std::size_t>(rounds(20000, 300));
+  const auto wanted = static_cast<std::size_t>(rounds(20000, 1500));
   EXPECT_TRUE(wait_until([&] { return stress::launches(place) >= wanted; }, stress::patience()));
   stress::expect_clean_end(place);
 

@@ -1,11 +1,19 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
-#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <filesystem>
+#include <sstream>
+#include <stdexcept>
 #include <string>
+#include <system_error>
+#include <thread>
 #include <vector>
 
+#include "common/misc/unique_fd.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
 #include "tests/stress/support/stress.h"
@@ -111,6 +119,82 @@ void start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
             kind == farewell::file_deleted ? 1U : 0U);
 }
 
+/// Kills the programs one by one around the moment at which the supervisor, which is leaving, stops
+/// to wait for them.
+void kill_around_the_end_of_the_grace(const installation& place, const std::vector<pid_t>& pids) {
+  ASSERT_TRUE(wait_until([&] { return stress::stopped_names(place).size() == pids.size(); }));
+  stress::sleep_ms(990);
+  for (const pid_t pid : pids) {
+    ::kill(pid, SIGKILL);
+    std::this_thread::sleep_for(std::chrono::microseconds(400));
+  }
+}
+
+/// A log that takes no more when it is full, as one on a disk of another machine may do.
+class slow_log final {
+ public:
+  explicit slow_log(const installation& place) {
+    const std::string path = (place.site() / "keelmond.log").string();
+    if (::mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo");
+    pipe_.reset(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
+    ::fcntl(pipe_.get(), F_SETPIPE_SZ, 4096);
+  }
+
+  void fill() const {
+    while (::write(pipe_.get(), "\n", 1) == 1) {
+    }
+  }
+  /// Lets the writers go on until `done`. @return what they have written.
+  template <typename Condition>
+  [[nodiscard]] std::string drain(Condition done) const {
+    std::string text;
+    const auto read_on = [&] {
+      const bool last = done();
+      char part[4096];
+      for (ssize_t got = 0; (got = ::read(pipe_.get(), part, sizeof part)) > 0;)
+        text.append(part, static_cast<std::size_t>(got));
+      return last;
+    };
+    EXPECT_TRUE(wait_until(read_on));
+    return text;
+  }
+
+ private:
+  unique_fd pipe_;
+};
+
+/// The children of a process, by whichever of its threads.
+std::vector<pid_t> children_of(pid_t pid) {
+  std::vector<pid_t> found;
+  std::error_code gone;
+  const fs::path tasks = fs::path("/proc") / std::to_string(pid) / "task";
+  for (fs::directory_iterator at(tasks, gone), end; !gone && at != end; at.increment(gone)) {
+    std::istringstream line(read_file(at->path() / "children"));
+    for (pid_t child = 0; line >> child;)
+      found.push_back(child);
+  }
+  return found;
+}
+
+/// Stops the shell of the next program that the supervisor launches, while it still is a shell.
+/// @return it; 0 when it was too fast.
+pid_t stop_next_shell(pid_t daemon) {
+  std::vector<pid_t> shells;
+  if (!wait_until([&] {
+        for (const pid_t copy : children_of(daemon)) {
+          if (shells.empty()) shells = children_of(copy);
+        }
+        return !shells.empty();
+      })) {
+    return 0;
+  }
+  ::kill(shells[0], SIGSTOP);
+  const auto stopped = process_table::find(shells[0]);
+  if (stopped && (stopped->name == "sh" || stopped->name == "keelmond")) return shells[0];
+  ::kill(shells[0], SIGCONT);
+  return 0;
+}
+
 }  // namespace
 
 TEST(leaving, ends_every_program_that_can_be_ended_and_then_itself) {
@@ -183,6 +267,89 @@ TEST(leaving, happens_once_whatever_is_asked_for_meanwhile) {
     const auto stopped = stress::stopped_names(place);
     EXPECT_EQ(stopped, programs.ending);
     expect_only(place, programs);
+  }
+}
+
+TEST(leaving, waits_for_a_program_that_has_no_name_yet) {
+  int caught = 0;
+  const int wanted = rounds(50, 3);
+  for (int i = 0; i < 40 * wanted && caught < wanted && !HasFailure(); ++i) {
+    installation place;
+    const std::string name = place.add_steady();
+    place.save({place.entry(name)});
+    place.start();
+    ::kill(place.wait_running(name), SIGKILL);
+    EXPECT_TRUE(wait_until([&] { return stress::ends(place) == 1; }));
+    const pid_t shell = stop_next_shell(place.daemon());
+    place.signal(SIGUSR2);
+    if (shell != 0) {
+      ++caught;
+      stress::sleep_ms(150);
+      ::kill(shell, SIGCONT);
+    }
+    EXPECT_EQ(place.wait_end(), 0);
+    EXPECT_TRUE(wait_until([&] { return place.running(name).empty(); }));
+    EXPECT_TRUE(keeps([&] { return place.running(name).empty(); }));
+  }
+  EXPECT_GT(caught, 0) << "no program was met on its way";
+}
+
+TEST(leaving, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment) {
+  for (int i = 0; i < rounds(100, 5) && !HasFailure(); ++i) {
+    installation place;
+    std::vector<listed_program> programs;
+    for (int program = 0; program < 30; ++program) {
+      programs.push_back(
+          place.entry(place.add_script("trap '' USR2\n" + place.note_start() + place.stay())));
+    }
+    place.save(programs);
+    place.start();
+    std::vector<pid_t> pids;
+    for (const listed_program& program : programs) {
+      ASSERT_TRUE(wait_until([&] { return place.starts(program.name) == 1; }));
+      pids.push_back(std::stoi(place.notes(program.name)[0]));
+    }
+    place.signal(SIGUSR2);
+    kill_around_the_end_of_the_grace(place, pids);
+    EXPECT_EQ(place.wait_end(), 0);
+    EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+    EXPECT_FALSE(place.has("run.pid"));
+    EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
+  }
+}
+
+TEST(leaving, deletes_nothing_that_a_thread_is_using) {
+  for (int i = 0; i < rounds(20, 1) && !HasFailure(); ++i) {
+    installation place;
+    const slow_log log(place);
+    std::vector<listed_program> programs;
+    for (int program = 0; program < 10; ++program)
+      programs.push_back(place.entry(place.add_steady()));
+    place.save(programs);
+    place.start();
+    for (const listed_program& program : programs)
+      place.wait_running(program.name);
+    static_cast<void>(log.drain([] { return true; }));
+    log.fill();
+    // Each monitor now wants to write of its program's end, and cannot.
+    for (const pid_t copy : place.copies())
+      ::kill(copy, SIGKILL);
+    place.signal(SIGUSR2);
+    // After its last stop command it gives the programs a second, and then the threads another.
+    EXPECT_TRUE(wait_until([&] { return stress::stopped_names(place).size() == programs.size(); }));
+    const auto stopped = std::chrono::steady_clock::now();
+    stress::sleep_ms(1400);
+    EXPECT_FALSE(children::status_of(place.daemon()).has_value());
+    const auto released = std::chrono::steady_clock::now();
+    const std::string text =
+        log.drain([&] { return children::status_of(place.daemon()).has_value(); });
+    EXPECT_EQ(place.wait_end(), 0);
+    EXPECT_FALSE(place.has("run.pid"));
+    // A thread that takes longer is left to its fate, and the log with it.
+    if (released - stopped < std::chrono::milliseconds(1800)) {
+      EXPECT_EQ(count(text, "exited process PID: "), programs.size());
+      EXPECT_TRUE(text.ends_with(stress::kClosed)) << text;
+    }
   }
 }
 
