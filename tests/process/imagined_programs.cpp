@@ -6,6 +6,24 @@
 
 #include "tests/support/fault.h"
 
+namespace {
+std::atomic<bool> at_once{false};
+}
+
+// The linker sends the monitors' launches here (see tests/CMakeLists.txt); the names are those of
+// forked_copy::start_program, as the compiler writes them.
+extern "C" {
+pid_t __real__ZN11forked_copy13start_programEPKc(const char* command);
+pid_t __wrap__ZN11forked_copy13start_programEPKc(const char* command);
+pid_t __wrap__ZN11forked_copy13start_programEPKc(const char* command) {
+  return at_once ? faults.fork() : __real__ZN11forked_copy13start_programEPKc(command);
+}
+}
+
+void imagined_programs::fork_at_once() {
+  at_once = true;
+}
+
 imagined_programs& imagined_programs::begin() {
   static auto* const instance = new imagined_programs;
   return *instance;
