@@ -20,6 +20,7 @@ int __real_inotify_init1(int flags);
 int __real_inotify_add_watch(int fd, const char* path, std::uint32_t events);
 int __real_inotify_rm_watch(int fd, int watch);
 ssize_t __real_read(int fd, void* out, std::size_t size);
+ssize_t __real_write(int fd, const void* text, std::size_t size);
 int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
 int __real_select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit);
 int __real_flock(int fd, int operation);
@@ -69,6 +70,10 @@ int __wrap_inotify_rm_watch(int fd, int watch) {
 
 ssize_t __wrap_read(int fd, void* out, std::size_t size) {
   return faults.read ? faults.read(fd, out, size) : __real_read(fd, out, size);
+}
+
+ssize_t __wrap_write(int fd, const void* text, std::size_t size) {
+  return faults.write ? faults.write(fd, text, size) : __real_write(fd, text, size);
 }
 
 int __wrap_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
@@ -125,6 +130,9 @@ int inotify_rm_watch(int fd, int watch) {
 }
 ssize_t read(int fd, void* out, std::size_t size) {
   return __real_read(fd, out, size);
+}
+ssize_t write(int fd, const void* text, std::size_t size) {
+  return __real_write(fd, text, size);
 }
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
   return __real_ppoll(requests, count, limit, mask);

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -12,6 +14,7 @@
 
 #include "common/inifile/ini_parser.h"
 #include "common/misc/unique_fd.h"
+#include "tests/support/fault.h"
 #include "tests/support/scratch_dir.h"
 
 namespace {
@@ -214,6 +217,30 @@ TEST_F(IniParserLoad, CountsWhatIsNoRegularFileAsEmptyWithoutWaitingForIt) {
 TEST_F(IniParserLoad, CountsAFileThatFailsToBeReadAsEmpty) {
   // Our own memory has nothing at address 0.
   EXPECT_EQ(Tini_parser("/proc/self/mem").section_keys(""), names{});
+}
+
+TEST_F(IniParserLoad, GoesOnReadingAfterASignal) {
+  const no_faults_afterwards clean_up;
+  int calls = 0;
+  faults.read = [&calls](int fd, void* out, std::size_t) -> ssize_t {
+    if (++calls % 2 == 0) return real::read(fd, out, 3);
+    errno = EINTR;
+    return -1;
+  };
+  EXPECT_EQ(value(load("key=value\nab=1\n"), "", "key"), "value");
+  EXPECT_GT(calls, 2);
+}
+
+TEST_F(IniParserLoad, TakesNoLineThatAFailingReadCutsShort) {
+  const no_faults_afterwards clean_up;
+  bool first = true;
+  faults.read = [&first](int, void* out, std::size_t) -> ssize_t {
+    errno = EIO;
+    if (!std::exchange(first, false)) return -1;
+    std::memcpy(out, "whole=1\ncut=1", 13);
+    return 13;
+  };
+  EXPECT_EQ(load("").section_keys(""), names{"whole"});
 }
 
 /// Is an ordinary user for as long as it lives: root may open any file for writing.

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <iterator>
 #include <string>
@@ -10,6 +12,8 @@
 
 #include "common/inifile/ini_parser.h"
 #include "common/misc/unique_fd.h"
+#include "tests/common/misc/process_state.h"
+#include "tests/support/fault.h"
 #include "tests/support/scratch_dir.h"
 
 namespace {
@@ -289,6 +293,12 @@ TEST_F(IniParserWrite, CreatesAMissingFile) {
   EXPECT_EQ(file(), "k=v\n");
 }
 
+TEST_F(IniParserWrite, CreatesAFileWithTheModeOfAnyNewFile) {
+  const changed_umask mask{022};
+  Tini_parser(dir_.file("test.ini")).write_value("", "k", "v");
+  EXPECT_EQ(mode_of(dir_.file("test.ini")), 0644U);
+}
+
 TEST_F(IniParserWrite, OverwritesWhatOthersChangedSinceTheLoad) {
   Tini_parser ini = load("[svr0]\nk=1\n");
   dir_.write("test.ini", "[svr0]\nk=1\nmuch=longer than what was there before\n");
@@ -333,6 +343,32 @@ TEST_F(IniParserWrite, DoesNotWaitForTheReaderOfAPipe) {
   const unique_fd reader(::open(dir_.file("pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   ini.write_value("", "k", std::string(300'000, 'v'));
   EXPECT_EQ(ini.read_string("", "k", "").size(), 300'000U);
+}
+
+TEST_F(IniParserWrite, GoesOnWritingAfterASignalAndAfterAWriteOfLess) {
+  Tini_parser ini = load("[svr0]\nk=1\n");
+  const no_faults_afterwards clean_up;
+  int calls = 0;
+  faults.write = [&calls](int fd, const void* text, std::size_t size) -> ssize_t {
+    if (++calls % 2 == 0) return real::write(fd, text, std::min<std::size_t>(size, 4));
+    errno = EINTR;
+    return -1;
+  };
+  ini.write_value("svr0", "k", "value");
+  EXPECT_EQ(file(), "[svr0]\nk=value\n");
+}
+
+TEST_F(IniParserWrite, GivesUpAFileThatTakesNothing) {
+  Tini_parser ini = load("[svr0]\nk=1\n");
+  const no_faults_afterwards clean_up;
+  int calls = 0;
+  faults.write = [&calls](int, const void*, std::size_t) -> ssize_t {
+    errno = ENOSPC;
+    return ++calls < 100 ? 0 : -1;
+  };
+  ini.write_value("svr0", "k", 2);
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(ini.read_int("svr0", "k", 0), 2);
 }
 
 TEST_F(IniParserWrite, LeavesNoDescriptorOpen) {
