@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +35,25 @@ struct pipe_closer {
 std::size_t directory_length(std::string_view path) noexcept {
   const std::size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? 0 : slash;
+}
+
+/// Reads a line, or as much of it as fits, and terminates it. Unlike `fgets` it goes on after a
+/// signal, with all that it has read by then. @return whether anything was read.
+template <std::size_t N>
+bool read_line(std::FILE* stream, char (&line)[N]) noexcept {
+  std::size_t length = 0;
+  while (length < N - 1 && (length == 0 || line[length - 1] != '\n')) {
+    const int next = std::getc(stream);
+    if (next != EOF) {
+      line[length++] = static_cast<char>(next);
+    } else if (std::feof(stream) != 0 || errno != EINTR) {
+      break;
+    } else {
+      std::clearerr(stream);
+    }
+  }
+  line[length] = '\0';
+  return length > 0;
 }
 
 }  // namespace
@@ -169,7 +189,7 @@ bool Tfun_misc::linux_exec(const char* command, char* out, int max_lines) {
   char line[kMaxOutputLine];
   bool result = false;
   int count = 0;
-  while (std::fgets(line, sizeof line, pipe.get()) != nullptr) {
+  while (read_line(pipe.get(), line)) {
     const std::size_t length = std::strlen(line);
     std::memcpy(end, line, length + 1);
     end += length;

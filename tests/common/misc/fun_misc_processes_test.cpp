@@ -99,6 +99,20 @@ TEST(fun_misc_exec, a_line_is_cut_at_a_nul) {
   EXPECT_EQ(exec("printf 'a\\0b\\nc\\n'", 0), (exec_result{true, "ac\n"}));
 }
 
+TEST(fun_misc_exec, a_signal_loses_nothing_of_the_output) {
+  struct sigaction before {};
+  struct sigaction not_restarting {};
+  not_restarting.sa_handler = [](int) {};
+  ASSERT_EQ(::sigaction(SIGALRM, &not_restarting, &before), 0);
+  const itimerval often{{0, 20'000}, {0, 20'000}};
+  const itimerval never{};
+  ASSERT_EQ(::setitimer(ITIMER_REAL, &often, nullptr), 0);
+  const exec_result result = exec("printf a; sleep 0.2; echo b; sleep 0.2; echo c", 0);
+  ::setitimer(ITIMER_REAL, &never, nullptr);
+  ::sigaction(SIGALRM, &before, nullptr);
+  EXPECT_EQ(result, (exec_result{true, "ab\nc\n"}));
+}
+
 TEST(fun_misc_exec, null_texts_run_nothing) {
   char out[] = "untouched";
   EXPECT_FALSE(Tfun_misc::linux_exec(nullptr, out, 0));
