@@ -32,21 +32,34 @@ TEST_F(fun_misc_files, a_file_exists_when_it_can_be_opened_for_reading) {
   EXPECT_FALSE(Tfun_misc::file_exists(nullptr));
 }
 
-TEST_F(fun_misc_files, an_unreadable_file_does_not_exist) {
+/// Whether the check holds in a copy of the process that is an ordinary user.
+template <typename Check>
+bool holds_for_ordinary_user(Check check) {
   constexpr uid_t kNobody = 65534;
-  scratch_.write("readable", "");
-  scratch_.write("unreadable", "");
-  ASSERT_EQ(::chmod(".", 0755), 0);
-  ASSERT_EQ(::chmod("readable", 0644), 0);
-  ASSERT_EQ(::chmod("unreadable", 0), 0);
+  EXPECT_EQ(::chmod(".", 0755), 0);
   const pid_t child = ::fork();
   if (child == 0) {
     if (::geteuid() == 0 && ::setresuid(kNobody, kNobody, kNobody) != 0) ::_exit(1);
-    ::_exit(Tfun_misc::file_exists("readable") && !Tfun_misc::file_exists("unreadable") ? 0 : 2);
+    ::_exit(check() ? 0 : 2);
   }
   int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  return status == 0;
+}
+
+TEST_F(fun_misc_files, an_unreadable_file_does_not_exist) {
+  scratch_.write("readable", "");
+  scratch_.write("unreadable", "");
+  ASSERT_EQ(::chmod("readable", 0644), 0);
+  ASSERT_EQ(::chmod("unreadable", 0), 0);
+  EXPECT_TRUE(holds_for_ordinary_user(
+      [] { return Tfun_misc::file_exists("readable") && !Tfun_misc::file_exists("unreadable"); }));
+}
+
+TEST_F(fun_misc_files, an_unreadable_file_stands_at_its_path_all_the_same) {
+  scratch_.write("unreadable", "");
+  ASSERT_EQ(::chmod("unreadable", 0), 0);
+  EXPECT_TRUE(holds_for_ordinary_user([] { return Tfun_misc::dir_exists("unreadable"); }));
 }
 
 TEST_F(fun_misc_files, asking_for_a_fifo_does_not_wait_for_its_writer) {
@@ -145,6 +158,14 @@ TEST_F(fun_misc_files, copying_a_missing_source_leaves_an_empty_destination) {
   scratch_.write("to", "old content");
   EXPECT_EQ(Tfun_misc::copyFile("missing", "to"), -1);
   EXPECT_EQ(scratch_.read("to"), "");
+}
+
+TEST_F(fun_misc_files, the_source_of_a_copy_is_opened_before_the_destination) {
+  EXPECT_EQ(Tfun_misc::copyFile("same", "same"), -1) << "it was missing when it was asked for";
+  EXPECT_TRUE(scratch_.has("same"));
+  scratch_.write("same", "content");
+  EXPECT_EQ(Tfun_misc::copyFile("same", "same"), 0);
+  EXPECT_EQ(scratch_.read("same"), "");
 }
 
 TEST_F(fun_misc_files, copying_to_what_cannot_be_opened_fails) {
