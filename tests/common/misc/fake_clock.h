@@ -5,7 +5,7 @@
 /// Stops the clocks of the process at a time for as long as the object lives. One at a time.
 ///
 /// The test binary is linked so that `time`, `gettimeofday` and `clock_gettime` come here first.
-/// The standard library's own clocks go on.
+/// The standard library's own clocks go on, and so do those that do not tell the time of day.
 class fake_clock final {
  public:
   /// Every reading of `clock_gettime` afterwards moves the clock on by `step` nanoseconds.

@@ -130,6 +130,8 @@ TEST_F(fun_misc_filename, numbers_go_on_from_the_one_in_the_name) {
   EXPECT_EQ(numbered("a(9).txt"), (new_name{0, "a(10).txt"}));
   scratch_.write("a(007).txt", "");
   EXPECT_EQ(numbered("a(007).txt"), (new_name{0, "a(8).txt"}));
+  scratch_.write("a(010).txt", "");
+  EXPECT_EQ(numbered("a(010).txt"), (new_name{0, "a(11).txt"}));
   scratch_.write("a(0)(3).txt", "");
   EXPECT_EQ(numbered("a(0)(3).txt"), (new_name{0, "a(0)(4).txt"}));
 }

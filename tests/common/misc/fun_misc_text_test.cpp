@@ -161,6 +161,7 @@ TEST(fun_misc_version, numbers_are_read_as_scanf_reads_them) {
   EXPECT_EQ(Tfun_misc::compare_ver("1.-1", "1"), 0);
   EXPECT_EQ(Tfun_misc::compare_ver("1.+1", "1"), 1);
   EXPECT_EQ(Tfun_misc::compare_ver("01.02", "1.2"), 0);
+  EXPECT_EQ(Tfun_misc::compare_ver("1.010", "1.9"), 1) << "decimal for all its zero";
   EXPECT_EQ(Tfun_misc::compare_ver("1.2b.9", "1.2.0"), 0) << "nothing behind the b is read";
   EXPECT_EQ(Tfun_misc::compare_ver("1 .5", "1.4"), 0) << "no blank before the point";
   EXPECT_EQ(Tfun_misc::compare_ver("1x5", "1.4"), 0) << "only a point separates";
