@@ -28,11 +28,12 @@ struct holdings {
 
 /// Reloads at least `times` times, and every second time the file has been replaced.
 void reload_many(const installation& place, const std::string& text, int times) {
+  stress::load_count loads(place);
   for (int i = 0; i < times; ++i) {
-    const std::size_t before = place.loads();
+    const std::size_t before = loads.now();
     if (i % 2 == 0) place.save(text);
     place.signal(SIGUSR1);
-    ASSERT_TRUE(wait_until([&] { return place.loads() > before; })) << i;
+    ASSERT_TRUE(wait_until([&] { return loads.now() > before; })) << i;
   }
 }
 

@@ -94,7 +94,10 @@ void expect_records(const installation& place, const cast& programs) {
   EXPECT_EQ(live, programs.ignoring);
 }
 
-void start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
+/// @return whether there was time for everything to be recorded. On a busy machine programs may
+/// need
+///         longer than the supervisor waits for them.
+bool start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
   installation place;
   const cast programs(place, with_ignoring);
   place.save(programs.entries(place));
@@ -106,17 +109,22 @@ void start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
   for (int i = between(random, -2, 2); i > 0; --i)
     place.signal(SIGUSR1);
 
+  const auto before = std::chrono::steady_clock::now();
   EXPECT_EQ(leave(place, kind), 0);
+  // It waits for a second when a program ignores it, and is far from that when none does.
+  const bool in_time = std::chrono::steady_clock::now() - before <
+                       std::chrono::milliseconds(with_ignoring ? 1300 : 900);
 
   const std::string log = place.log();
   EXPECT_TRUE(log.ends_with(stress::kClosed));
   EXPECT_EQ(count(log, stress::kClosed), 1U);
   expect_pid_file(place, kind);
-  expect_records(place, programs);
+  if (in_time) expect_records(place, programs);
   expect_only(place, programs);
   EXPECT_EQ(place.log(), log) << "written after the end";
   EXPECT_EQ(count(place.errors(), "inotify_add_watch: No such file or directory\n"),
             kind == farewell::file_deleted ? 1U : 0U);
+  return in_time;
 }
 
 /// Kills the programs one by one around the moment at which the supervisor, which is leaving, stops
@@ -200,10 +208,12 @@ pid_t stop_next_shell(pid_t daemon) {
 TEST(leaving, ends_every_program_that_can_be_ended_and_then_itself) {
   auto random = stress::random_numbers();
   constexpr farewell kKinds[] = {farewell::usr2, farewell::interrupt, farewell::file_deleted};
+  int in_time = 0;
   for (int i = 0; i < rounds(500, 10) && !HasFailure(); ++i) {
     SCOPED_TRACE(i);
-    start_and_leave(random, kKinds[i % 3], i % 4 == 3);
+    in_time += start_and_leave(random, kKinds[i % 3], i % 4 == 3) ? 1 : 0;
   }
+  EXPECT_GT(in_time, 0) << "the machine is too busy";
 }
 
 TEST(leaving, leaves_no_program_that_was_just_being_launched) {
@@ -229,23 +239,19 @@ TEST(leaving, leaves_no_program_that_was_just_being_launched) {
 }
 
 TEST(leaving, waits_for_the_reload_that_is_under_way) {
-  installation place;
   constexpr int kEntries = 20000 / stress::kSlower;
   std::vector<listed_program> missing;
   for (int i = 0; i < kEntries; ++i)
     missing.push_back({"missing" + std::to_string(i), "/nonexistent/program", "run"});
-  place.save(missing);
   const std::string last = "read ini file missing" + std::to_string(kEntries - 1) + " ";
-  for (int i = 0; i < rounds(50, 3); ++i) {
-    for (const int number : {SIGUSR2, SIGINT}) {
-      place.start();
-      const std::size_t loads = place.loads();
-      place.signal(SIGUSR1);
-      ASSERT_TRUE(wait_until([&] { return place.loads() == loads + 1; }));
-      EXPECT_EQ(place.end_by(number), 0);
-      EXPECT_EQ(count(place.console(), last), place.loads()) << "a load was broken off";
-      fs::remove(place.site() / "run.pid");
-    }
+  for (int i = 0; i < rounds(100, 6) && !HasFailure(); ++i) {
+    installation place;
+    place.save(missing);
+    place.start();
+    place.signal(SIGUSR1);
+    ASSERT_TRUE(wait_until([&] { return place.loads() == 2; }));
+    EXPECT_EQ(place.end_by(i % 2 == 0 ? SIGUSR2 : SIGINT), 0);
+    EXPECT_EQ(count(place.console(), last), 2U) << "a load was broken off";
   }
 }
 

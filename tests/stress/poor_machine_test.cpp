@@ -316,9 +316,10 @@ TEST(poor_machine, may_have_no_memory_for_a_while) {
   place.save({place.entry(name)});
   place.start();
   place.wait_running(name);
+  // While nothing is being loaded.
+  const auto used = static_cast<rlim_t>(stress::status_number(place.daemon(), "VmSize"));
   text += "more=" + std::string(16U * 1024 * 1024, 'x') + "\n";
   for (int i = 0; i < rounds(20, 2); ++i) {
-    const auto used = static_cast<rlim_t>(stress::status_number(place.daemon(), "VmSize"));
     stress::limit(place.daemon(), RLIMIT_AS, used * 1024);
     place.save(text);
     const std::size_t failures = count(place.errors(), "loadServerConfig: std::bad_alloc\n");

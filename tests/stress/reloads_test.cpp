@@ -63,10 +63,11 @@ TEST(reloads, follow_every_signal) {
   installation place;
   place.save(long_list(place));
   place.start();
+  stress::load_count loads(place);
   for (int i = 0; i < rounds(2000, 100); ++i) {
-    const std::size_t before = place.loads();
+    const std::size_t before = loads.now();
     place.signal(SIGUSR1);
-    ASSERT_TRUE(wait_until([&] { return place.loads() > before; })) << "signal " << i;
+    ASSERT_TRUE(wait_until([&] { return loads.now() > before; })) << "signal " << i;
   }
   stress::expect_clean_end(place);
 }

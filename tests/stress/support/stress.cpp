@@ -8,6 +8,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -144,6 +145,23 @@ std::vector<std::string> lines_of(const std::string& text) {
     lines.push_back(line);
   }
   return lines;
+}
+
+load_count::load_count(const installation& place)
+    : console_((place.site().parent_path() / "console").string()) {}
+
+std::size_t load_count::now() {
+  std::ifstream in(console_, std::ios::binary);
+  in.seekg(static_cast<std::streamoff>(read_));
+  char part[65536];
+  while (in.read(part, sizeof part), in.gcount() > 0) {
+    read_ += static_cast<std::size_t>(in.gcount());
+    line_.append(part, static_cast<std::size_t>(in.gcount()));
+  }
+  const std::size_t whole = line_.rfind('\n') + 1;
+  found_ += count(std::string_view(line_).substr(0, whole), "loadServerConfig : ");
+  line_.erase(0, whole);
+  return found_;
 }
 
 std::size_t launches(const installation& place) {

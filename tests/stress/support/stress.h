@@ -56,6 +56,20 @@ long status_number(pid_t pid, std::string_view field);
 /// The lines of a text, without their ends.
 std::vector<std::string> lines_of(const std::string& text);
 
+/// Counts the loads that the console tells of, as `installation::loads` does, but reads every line
+/// once only: for consoles that grow long.
+class load_count final {
+ public:
+  explicit load_count(const installation& place);
+  [[nodiscard]] std::size_t now();
+
+ private:
+  std::string console_;
+  std::size_t read_ = 0;
+  std::string line_;  ///< What has been read of a line that is not whole yet.
+  std::size_t found_ = 0;
+};
+
 /// How many entries of the log tell of a launch and of an end.
 std::size_t launches(const installation& place);
 std::size_t ends(const installation& place);
