@@ -68,7 +68,7 @@ TEST(copies, give_their_programs_the_mask_of_the_start) {
   place.save({place.entry(name)});
   place.start();
   pid_t sleeper = 0;
-  EXPECT_TRUE(wait_until([&] {
+  ASSERT_TRUE(wait_until([&] {
     for (const auto& process : place.processes())
       sleeper = process.name == "sleep" ? process.pid : sleeper;
     return sleeper != 0;

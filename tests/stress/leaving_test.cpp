@@ -284,7 +284,7 @@ TEST(leaving, waits_for_a_program_that_has_no_name_yet) {
     const std::string name = place.add_steady();
     place.save({place.entry(name)});
     place.start();
-    ::kill(place.wait_running(name), SIGKILL);
+    stress::kill_running(place, name);
     EXPECT_TRUE(wait_until([&] { return stress::ends(place) == 1; }));
     const pid_t shell = stop_next_shell(place.daemon());
     place.signal(SIGUSR2);

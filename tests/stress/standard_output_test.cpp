@@ -62,7 +62,7 @@ struct chatter {
 
 /// Restarts by the hundred go on; so do reloads, the restart of the steady program, and leaving.
 void expect_supervision(installation& place, const chatter& talk) {
-  ::kill(place.wait_running(talk.steady), SIGKILL);
+  stress::kill_running(place, talk.steady);
   place.wait_running(talk.steady, 2);
   const std::size_t before = stress::launches(place);
   const auto more = static_cast<std::size_t>(rounds(10000, 200));

@@ -207,6 +207,12 @@ bool settles(const installation& place, const std::vector<std::string>& all,
   return false;
 }
 
+void kill_running(const installation& place, const std::string& name, std::size_t starts) {
+  const pid_t pid = place.wait_running(name, starts);
+  if (pid <= 0) throw std::runtime_error(name + " does not run");
+  ::kill(pid, SIGKILL);
+}
+
 bool reload(const installation& place) {
   const std::size_t before = place.loads();
   place.signal(SIGUSR1);

@@ -85,6 +85,10 @@ std::vector<std::string> running_names(const installation& place,
 bool settles(const installation& place, const std::vector<std::string>& all,
              std::vector<std::string> wanted);
 
+/// Kills the program's running instance, after it has been started `starts` times. Throws when
+/// there is none: process id 0 would stand for everything that runs this test.
+void kill_running(const installation& place, const std::string& name, std::size_t starts = 1);
+
 /// Asks for a reload and waits until it, or a later one, is over.
 bool reload(const installation& place);
 
