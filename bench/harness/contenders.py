@@ -122,6 +122,7 @@ class Keelmond(Contender):
     title = "keelmond"
     executables = ("pgrep",)
     variables = ()
+    build = None  # another executable than that of this tree
 
     def prepare(self, names):
         super().prepare(names)
@@ -320,5 +321,13 @@ class Supervisor(Contender):
         server.supervisor.addProcessGroup(self.added)
 
 
-ALL = (FloorExec, FloorSystem, Keelmond, Runit, S6, Daemontools, Supervisor)
+ALL = [FloorExec, FloorSystem, Keelmond, Runit, S6, Daemontools, Supervisor]
 BY_NAME = {contender.name: contender for contender in ALL}
+
+
+def add_build(label, executable):
+    """Makes another build of keelmond a contender, next to the one of this tree."""
+    build = type("Build", (Keelmond,), {"name": label, "title": label})
+    build.build = os.path.abspath(executable)
+    ALL.insert(ALL.index(Keelmond) + 1, build)
+    BY_NAME[label] = build

@@ -12,7 +12,7 @@ import plot
 import prepare
 import report
 import worlds
-from contenders import ALL
+from contenders import ALL, add_build
 from results import Results
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -25,17 +25,28 @@ def parse_arguments():
                         help="numbers of programs, as in 10,100,1000")
     parser.add_argument("--idle-seconds", type=float, default=plan.FULL.idle_seconds,
                         help="0: not measured")
-    parser.add_argument("--only", type=lambda text: text.split(","), default=[],
+    parser.add_argument("--realtime", action="store_true",
+                        help="let everything that is measured go before whatever else the machine "
+                             "has to do (real-time scheduling, for root)")
+    parser.add_argument("--only", type=_words, default=[],
                         help="some contenders: " + ",".join(one.name for one in ALL))
+    parser.add_argument("--parts", type=_words, default=plan.PARTS,
+                        help="scale: start, memory, saves, end; gaps: restarts and idleness")
+    parser.add_argument("--also", metavar="LABEL=FILE", action="append", default=[],
+                        help="another build of keelmond, to be measured beside this tree's")
     parser.add_argument("--smoke", action="store_true",
                         help="a few seconds in all, to see that everything works: few programs, "
                              "no packages fetched, no goals shown")
     parser.add_argument("--json", metavar="FILE", help="write all figures")
     parser.add_argument("--svg", metavar="FILE", help="write the plot")
     options = parser.parse_args()
-    unknown = set(options.only) - {one.name for one in ALL}
+    for label, found, file in (build.partition("=") for build in options.also):
+        if not found or not os.access(file, os.X_OK):
+            parser.error("--also takes a label, =, and the path of an executable")
+        add_build(label, file)
+    unknown = set(options.only) - {one.name for one in ALL} | set(options.parts) - set(plan.PARTS)
     if unknown:
-        parser.error(f"no such contender: {', '.join(sorted(unknown))}")
+        parser.error(f"no such contender or part: {', '.join(sorted(unknown))}")
     if options.counts[0] < 2 or options.runs < 1:
         parser.error("at least two programs and one run are needed")
     return options
@@ -45,16 +56,20 @@ def _numbers(text):
     return sorted({int(part) for part in text.split(",")})
 
 
+def _words(text):
+    return text.split(",")
+
+
 def say(text):
     print(f"[{time.strftime('%H:%M:%S')}] {text}", file=sys.stderr, flush=True)
 
 
 def write_results(options, results, machine, versions):
-    print(report.markdown(results, machine, versions, not options.smoke))
+    print(report.markdown(results, machine, versions, not options.smoke, options.realtime))
     if options.json:
         with open(options.json, "w", encoding="utf-8") as file:
-            json.dump({"machine": machine, "versions": versions, "counts": results.counts,
-                       "runs": results.runs}, file, indent=1)
+            json.dump({"machine": machine, "versions": versions, "realtime": options.realtime,
+                       "counts": results.counts, "runs": results.runs}, file, indent=1)
     if options.svg:
         with open(options.svg, "w", encoding="utf-8") as file:
             file.write(plot.svg(results))
@@ -64,13 +79,15 @@ def main():
     options = parse_arguments()
     # Whoever ends us ends us as Ctrl-C does, so that nothing is left behind.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    if not worlds.namespaces_work():
-        sys.exit("compare: no private PID namespace to be had here: run it as root")
+    if not worlds.namespaces_work(options.realtime):
+        sys.exit("compare: no private PID namespace, or no real-time scheduling, to be had here: "
+                 "run it as root")
     if options.smoke:
         sizes = plan.SMOKE
     else:
         sizes = plan.FULL._replace(counts=options.counts, idle_seconds=options.idle_seconds)
         prepare.fetch_contenders(ROOT, say)
+    sizes = sizes._replace(realtime=options.realtime, parts=options.parts)
     prepare.build(ROOT, say)
     tools = prepare.tools(ROOT)
     chosen = prepare.available_contenders(tools, options.only, say)

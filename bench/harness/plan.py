@@ -21,10 +21,13 @@ class Plan(NamedTuple):
     # keelmond does not look at its configuration for two seconds after it has read it.
     quiet_seconds: float
     idle_seconds: float
+    realtime: bool
+    parts: tuple  # of PARTS
 
 
-FULL = Plan([10, 100, 1000], 8, 0.4, 25, 3, 1.2, 2.6, 60)
-SMOKE = Plan([5], 1, 0.2, 1, 1, 0.1, 2.6, 1)
+PARTS = ("scale", "gaps")
+FULL = Plan([10, 100, 1000], 8, 0.4, 25, 3, 1.2, 2.6, 60, False, PARTS)
+SMOKE = Plan([5], 1, 0.2, 1, 1, 0.1, 2.6, 1, False, PARTS)
 
 # Contenders that make a program wait for a second are not asked as often.
 SLOW_NS = 100_000_000
@@ -45,11 +48,16 @@ class Run:
         self.failures = []
 
     def measure(self):
-        for count in self.plan.counts:
-            for contender in self.contenders:
-                self._measure_scale(contender, count)
-        self._measure_gaps()
+        if "scale" in self.plan.parts:
+            for count in self.plan.counts:
+                for contender in self.contenders:
+                    self._measure_scale(contender, count)
+        if "gaps" in self.plan.parts:
+            self._measure_gaps()
         return self.figures
+
+    def _world(self, contender, count):
+        return World(contender, count, self.tools, self.plan.realtime)
 
     def _note(self, world, kind, value):
         """Keeps what a world answered."""
@@ -69,7 +77,7 @@ class Run:
         """What grows with the number of programs, in a world that is alone."""
         self.say(f"{contender.title}: {count} programs start, take a new one, end")
         plan = self.plan
-        with World(contender, count, self.tools) as world:
+        with self._world(contender, count) as world:
             self._note(world, "start_ns", world.ask("start"))
             time.sleep(plan.settle_seconds)
             self._note(world, "memory", world.ask("memory"))
@@ -90,7 +98,7 @@ class Run:
             for count in counts:
                 for contender in self.contenders:
                     self.say(f"{contender.title}: {count} programs start for the gaps")
-                    living.append(stack.enter_context(World(contender, count, self.tools)))
+                    living.append(stack.enter_context(self._world(contender, count)))
                     living[-1].ask("start")
             self._measure_quick(living)
             self._measure_kills(living)

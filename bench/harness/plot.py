@@ -9,9 +9,16 @@ from results import median
 
 COLOURS = {"floor-exec": "#9a9a9a", "floor-system": "#5c5c5c", "keelmond": "#c8102e",
            "runit": "#1f77b4", "s6": "#2a9d50", "daemontools": "#b8860b", "supervisor": "#7b4ab0"}
+OTHER_COLOURS = ("#e0812f", "#17a2b8", "#d65f9b", "#7f6a50")
 HEIGHT = 420
 TOP = 56
 BOTTOM = 330
+
+
+def _colour(contender):
+    if contender not in COLOURS:
+        COLOURS[contender] = OTHER_COLOURS[len(COLOURS) % len(OTHER_COLOURS)]
+    return COLOURS[contender]
 
 
 class Drawing:
@@ -101,7 +108,7 @@ def _draw_memory(drawing, results, left, right):
     drawing.text((left + right) / 2, BOTTOM + 38, "programs")
     for contender, points in lines.items():
         drawing.curve([(horizontal(count), vertical(value)) for count, value in points],
-                      COLOURS[contender])
+                      _colour(contender))
 
 
 def _draw_gaps(drawing, results, left, right):
@@ -124,7 +131,7 @@ def _draw_gaps(drawing, results, left, right):
             value = bars[contender][0][1]
             x, width = left + slot * (i + 0.1 + 0.4 * j), slot * 0.38
             y = vertical(value)
-            drawing.bar(x, y, width, BOTTOM - y, COLOURS[contender], 1.0 if j == 0 else 0.5)
+            drawing.bar(x, y, width, BOTTOM - y, _colour(contender), 1.0 if j == 0 else 0.5)
             drawing.text(x + width / 2, y - 4, number(value), extra='font-size="9"')
     drawing.text((left + right) / 2, BOTTOM + 20,
                  "full colour: ends at once; light: killed after a while")
@@ -134,7 +141,7 @@ def _draw_legend(drawing, results, width):
     slot = (width - 40) / len(results.contenders)
     for i, contender in enumerate(results.contenders):
         x = 20 + slot * i
-        drawing.bar(x, HEIGHT - 32, 12, 12, COLOURS[contender])
+        drawing.bar(x, HEIGHT - 32, 12, 12, _colour(contender))
         drawing.text(x + 18, HEIGHT - 22, BY_NAME[contender].title, "start")
 
 

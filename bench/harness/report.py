@@ -156,8 +156,10 @@ def _machine_lines(machine, versions):
     return [*lines, ""]
 
 
-def markdown(results, machine, versions, with_goals):
+def markdown(results, machine, versions, with_goals, realtime):
     lines = _machine_lines(machine, versions)
+    if realtime:
+        lines += ["With real-time scheduling for all that is measured.", ""]
     if len(results.runs) > 1:
         lines += [f"The median of {len(results.runs)} runs (the smallest to the largest).", ""]
     lines += _gap_tables(results) + _scale_tables(results) + _idle_table(results)

@@ -7,41 +7,51 @@ import subprocess
 import sys
 import tempfile
 
+from contenders import Keelmond
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 
-def namespace_command():
+def namespace_command(realtime):
     """Runs what follows as the first process of new PID and mount namespaces.
 
     When we die, setpriv's signal ends unshare, and unshare's ends the namespace.
+
+    @param realtime whether everything in it goes before whatever else the machine has to do.
     """
+    first = ["chrt", "--rr", "1"] if realtime else []
     user = [] if os.geteuid() == 0 else ["--user", "--map-root-user"]
     return ["setpriv", "--pdeathsig", "KILL", "unshare", *user, "--pid", "--fork", "--mount",
-            "--mount-proc", "--kill-child=KILL"]
+            "--mount-proc", "--kill-child=KILL", *first]
 
 
-def namespaces_work():
-    return subprocess.run([*namespace_command(), "true"], check=False,
+def namespaces_work(realtime):
+    return subprocess.run([*namespace_command(realtime), "true"], check=False,
                           capture_output=True).returncode == 0
 
 
 class World:
     """One contender with one number of programs. A context: everything in it ends with it."""
 
-    def __init__(self, contender, count, tools):
+    def __init__(self, contender, count, tools, realtime):
         self.contender = contender
         self.count = count
         self.failed = False
         self._tools = tools
+        self._kind = contender.name
+        if issubclass(contender, Keelmond) and contender.build is not None:
+            self._tools = {**tools, "KEELMOND": contender.build}
+            self._kind = Keelmond.name
+        self._realtime = realtime
         self._root = None
         self._process = None
 
     def __enter__(self):
         self._root = tempfile.mkdtemp(prefix="keelmond-bench-")
-        specification = {"contender": self.contender.name, "count": self.count,
+        specification = {"contender": self._kind, "count": self.count,
                          "root": self._root, "tools": self._tools}
         self._process = subprocess.Popen(
-            [*namespace_command(), sys.executable, "-B", os.path.join(HERE, "world.py"),
+            [*namespace_command(self._realtime), sys.executable, "-B", os.path.join(HERE, "world.py"),
              json.dumps(specification)],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
         return self
