@@ -48,11 +48,11 @@ class World:
 
     def __enter__(self):
         self._root = tempfile.mkdtemp(prefix="keelmond-bench-")
-        specification = {"contender": self._kind, "count": self.count,
+        description = {"contender": self._kind, "count": self.count,
                          "root": self._root, "tools": self._tools}
         self._process = subprocess.Popen(
             [*namespace_command(self._realtime), sys.executable, "-B", os.path.join(HERE, "world.py"),
-             json.dumps(specification)],
+             json.dumps(description)],
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True, start_new_session=True)
         return self
 
