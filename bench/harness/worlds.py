@@ -49,7 +49,7 @@ class World:
     def __enter__(self):
         self._root = tempfile.mkdtemp(prefix="keelmond-bench-")
         description = {"contender": self._kind, "count": self.count,
-                         "root": self._root, "tools": self._tools}
+                       "root": self._root, "tools": self._tools}
         self._process = subprocess.Popen(
             [*namespace_command(self._realtime), sys.executable, "-B", os.path.join(HERE, "world.py"),
              json.dumps(description)],
