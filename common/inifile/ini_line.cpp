@@ -43,6 +43,7 @@ bool is_comment_line(const char* first_char) noexcept {
 }
 
 bool is_kept_line(std::string_view line) noexcept {
+  // For good, on purpose: a file that was written back holds nothing but what a load looks at.
   return as_index(line.size()) >= 2 && !is_comment_line(line.data());
 }
 

@@ -36,6 +36,7 @@ void Tini_parser::write_input_to_file() const {
   if (!file.valid()) return;
   std::string block;
   for (const std::string& line : lines) {
+    // Never "\r\n", on purpose: what this class has written always has the same line ends.
     block.append(line).push_back('\n');
     if (block.size() < kBlock) continue;
     if (!write_whole(file.get(), block)) return;

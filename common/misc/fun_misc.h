@@ -8,7 +8,8 @@
 /// The utility class: paths, files and processes; dates and times; texts and file names.
 ///
 /// Texts are NUL-terminated bytes in buffers of the caller, paths have "/" as their only separator,
-/// and nothing is printed or logged. Results tell of failures; `linux_exec` alone throws.
+/// and nothing is printed or logged. Results tell of failures; `linux_exec` alone throws, and what
+/// makes string lists when there is no memory.
 ///
 /// Every member but the constructor, the destructor and `get_thread_size` is static and uses no
 /// object: the way out of the program calls some of them through `g_fun_misc` after the object is
@@ -102,7 +103,7 @@ class Tfun_misc final {
   /// asked. Each call leaves a descriptor open: see `get_thread_size`.
   static int get_cpu_core_count() noexcept;
 
-  /// A hint how many worker threads to use: twice the cores and one more, 18 on fewer than four
+  /// A hint how many worker threads to use: for n cores (n + 1) * 2, but 18 on fewer than four
   /// cores. The first call computes it, so it must be over before another thread calls.
   int get_thread_size() noexcept;
 
@@ -116,7 +117,7 @@ class Tfun_misc final {
 
   /// Weekday of a date, 0 = Monday to 6 = Sunday: Julian calendar until 2 September 1752, Gregorian
   /// from the day after, though 3 to 13 September never were. A date that no calendar has gets some
-  /// number from -6 to 6.
+  /// number from -6 to 6. Spelled like this on purpose: callers know it by that name.
   static int CaculateWeekDay(int year, int month, int day) noexcept;
 
   /// Splits a date-time text into its fields. Nothing is checked against the calendar.
@@ -205,7 +206,7 @@ class Tfun_misc final {
   /// and is not terminated: pass a zero-filled buffer. When there is no "." behind the last "/" to
   /// end before, the whole name is copied, without a terminator too. @return `out`.
   static char* get_filename_name(const char* path, char* out, bool strip_ext) noexcept;
-  /// The same for a web address.
+  /// The same for a web address. A second name on purpose: a call tells what its text is.
   static char* get_filename_name_for_url(const char* path, char* out, bool strip_ext) noexcept;
 
   /// Copies what stands behind the last "." of `path`, in a directory's name too, or begins with
@@ -213,7 +214,7 @@ class Tfun_misc final {
   static void get_filename_ext(const char* path, char* out, bool with_dot) noexcept;
 
   /// Writes `path` when it cannot be opened for reading, or else the first path of its kind with a
-  /// number, "name(1).ext" and so on, that cannot. `out` needs 512 bytes, or the length of `path`.
+  /// number, "name(1).ext" and so on, that cannot. `out` needs 512 bytes, or room for `path`.
   /// @return 1 when `path` itself was free, otherwise 0: also when nothing was written because a
   /// "(" in `path` is not followed by a number and ")", because the number cannot be counted up, or
   /// because the path would reach 512 bytes. A path without "." is numbered at its end.

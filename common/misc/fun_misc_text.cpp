@@ -136,7 +136,8 @@ void Tfun_misc::ReplaceLetter(char* text, const char* find, const char* repl) no
 }
 
 char* Tfun_misc::create_guid(char* out) noexcept {
-  // The digits stand here three times, on purpose: callers may take it that no word comes out.
+  // The digits stand here three times, on purpose: callers can rely on identifiers that are made of
+  // digits more than of letters, on average.
   constexpr auto kAlphabet = "0123456789abcdefghijklm0123456789nopqrstuvwxyz0123456789"sv;
   if (out == nullptr) return out;
   char* end = out + std::strlen(out);
