@@ -129,13 +129,14 @@ TEST(log_file_open, a_file_already_held_is_not_closed) {
   EXPECT_EQ(scratch.read("second"), std::string("text") + kUnfinished);
 }
 
-TEST(log_file_open, the_log_is_not_passed_on_to_programs) {
+TEST(log_file_open, the_log_may_be_read_and_appended_to_and_is_not_passed_on_to_programs) {
   const scratch_dir scratch;
   const int before = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
   ::close(before);
   Tlog_file log;
   ASSERT_TRUE(log.create_log_file(scratch.file("a.log").c_str(), false));
   EXPECT_EQ(::fcntl(before, F_GETFD), FD_CLOEXEC);
+  EXPECT_EQ(::fcntl(before, F_GETFL) & (O_ACCMODE | O_APPEND), O_RDWR | O_APPEND);
 }
 
 TEST_F(log_file, minus_one_measures_the_text) {
@@ -198,6 +199,20 @@ TEST(log_file_time, is_local_and_not_universal_time) {
     ::tzset();
     const std::string local = text.data();
     EXPECT_TRUE(local == time_text(before + kAhead) || local == time_text(after + kAhead)) << local;
+  });
+}
+
+TEST(log_file_time, follows_a_time_zone_that_changes) {
+  in_child([] {
+    const Tlog_file log;
+    const auto hour_in = [&](const char* zone) {
+      ::setenv("TZ", zone, 1);
+      std::array<char, 20> text{};
+      log.get_date_time(text.data());
+      return std::string(text.data()).substr(11, 2);
+    };
+    // Never the same hour, however long it takes in between.
+    EXPECT_NE(hour_in("UTC0"), hour_in("XYZ-9"));
   });
 }
 
