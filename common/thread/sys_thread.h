@@ -23,8 +23,8 @@ class Tsys_thread {
   virtual ~Tsys_thread() = default;
 
   /// Creates the thread, joinable. Does nothing while a thread of this object has not ended, also
-  /// when that thread has not reached its body yet. When no thread can be had nothing changes, and
-  /// a later call tries again.
+  /// when that thread has not reached its body yet. When no thread can be had only the abort flag
+  /// is cleared, and a later call tries again.
   void Start();
   /// Asks the body to end and joins the thread, if there is one that has not been joined. The body
   /// is not interrupted; it has to ask `IsAbort`.

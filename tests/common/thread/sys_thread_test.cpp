@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <thread>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -20,6 +21,9 @@
 namespace {
 
 using std::chrono::milliseconds;
+
+static_assert(std::is_abstract_v<Tsys_thread>);
+static_assert(std::has_virtual_destructor_v<Tsys_thread>);
 
 /// Runs a function as its body.
 class test_thread final : public Tsys_thread {
@@ -296,7 +300,7 @@ TEST_F(sys_thread, the_thread_is_created_joinable) {
   EXPECT_EQ(detach_state, PTHREAD_CREATE_JOINABLE);
 }
 
-TEST_F(sys_thread, without_a_thread_nothing_changes_and_a_later_start_tries_again) {
+TEST_F(sys_thread, without_a_thread_only_the_abort_flag_changes_and_a_later_start_tries_again) {
   int attempts = 0;
   faults.pthread_create = [&](auto...) {
     ++attempts;
@@ -308,6 +312,7 @@ TEST_F(sys_thread, without_a_thread_nothing_changes_and_a_later_start_tries_agai
   thread.Start();
   EXPECT_EQ(attempts, 2);
   EXPECT_FALSE(thread.IsRunning());
+  EXPECT_FALSE(thread.IsAbort());
   EXPECT_TRUE(gate_is_empty()) << "a thread that does not exist is not inside";
   thread.Stop();
   faults.pthread_create = nullptr;
