@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/misc/unique_fd.h"
 #include "tests/support/captured_output.h"
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
@@ -178,6 +181,17 @@ TEST_F(pid_file, that_is_missing_or_empty_has_send_signal_signal_nobody) {
   EXPECT_EQ(sent_, signal_list());
 }
 
+TEST_F(pid_file, that_can_be_read_but_not_opened_is_refused) {
+  // A socket is one, for whoever asks.
+  const unique_fd socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{AF_UNIX, "run.pid"};
+  ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::access("run.pid", R_OK), 0);
+  EXPECT_FALSE(ask());
+  EXPECT_EQ(printed_, kExisting);
+  EXPECT_EQ(sent_, signal_list());
+}
+
 std::size_t open_descriptors() {
   std::size_t count = 0;
   for ([[maybe_unused]] const auto& each : std::filesystem::directory_iterator("/proc/self/fd"))
@@ -202,6 +216,14 @@ TEST_F(pid_file, asks_for_the_name_that_the_object_was_given) {
   const captured_output output;
   EXPECT_TRUE(Tsys_daemon("run.pid", no_body).run_only_one());
   EXPECT_FALSE(Tsys_daemon("other.pid", no_body).run_only_one());
+}
+
+TEST_F(pid_file, keeps_the_pointer_to_its_name_and_not_the_text) {
+  char name[] = "run.pid";
+  Tsys_daemon daemon(name, no_body);
+  write("4711");
+  name[0] = 'x';
+  EXPECT_TRUE(daemon.run_only_one());
 }
 
 // The daemon's body in the tests below.
@@ -308,15 +330,23 @@ TEST(init_daemon, never_runs_the_body_when_the_pid_file_cannot_be_created) {
   });
 }
 
-TEST(init_daemon, keeps_what_the_process_prints_to) {
+TEST(init_daemon, keeps_what_the_process_reads_from_and_prints_to) {
   in_child([] {
-    const captured_output output;
+    write_file("input", "given");
+    const unique_fd input(::open("input", O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::dup2(input.get(), STDIN_FILENO), STDIN_FILENO);
+    const captured_output output(STDOUT_FILENO);
+    const captured_output errors(STDERR_FILENO);
     ends_of([] {
       Tsys_daemon("run.pid", [] {
-        if (::write(1, "body\n", 5) != 5) ::_exit(1);
+        char text[8] = {};
+        if (::read(STDIN_FILENO, text, sizeof text) != 5) ::_exit(1);
+        if (::write(STDOUT_FILENO, text, 5) != 5) ::_exit(1);
+        if (::write(STDERR_FILENO, "wrong", 5) != 5) ::_exit(1);
       }).init_daemon(".");
     });
-    EXPECT_EQ(output.text(), "body\n");
+    EXPECT_EQ(output.text(), "given");
+    EXPECT_EQ(errors.text(), "wrong");
   });
 }
 
