@@ -193,6 +193,20 @@ TEST(supervisor_signals, deliver_handles_what_a_handler_raises) {
   });
 }
 
+TEST(supervisor_signals, deliver_handles_a_signal_that_comes_again_while_it_is_handled) {
+  in_child([] {
+    begin();
+    ::signal(SIGUSR1, [](int sig) {
+      note(sig);
+      if (handled.size() < 3) ::raise(SIGUSR1);
+    });
+    ::raise(SIGUSR1);
+    supervisor_signals::deliver();
+    EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR1, SIGUSR1}));
+    EXPECT_FALSE(is_pending(SIGUSR1));
+  });
+}
+
 TEST(supervisor_signals, other_signals_of_the_caller_stay_blocked_in_a_wait) {
   in_child([] {
     begin();
