@@ -203,6 +203,41 @@ pid_t stop_next_shell(pid_t daemon) {
   return 0;
 }
 
+/// Leaves while the fork of a program is under way, lets it go on 700 ms later, and has the copy
+/// run the program 100 ms after that.
+/// @return whether that is what happened. On a busy machine it may take longer, and the supervisor
+///         does not wait for ever.
+bool leave_during_a_long_fork() {
+  using std::chrono::milliseconds;
+  using clock = std::chrono::steady_clock;
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  place.start(stress::fast());
+  place.wait_running(name);
+
+  write_file(place.site() / "hold_copy", "");
+  write_file(place.site() / "hold_fork", "");
+  stress::kill_running(place, name);
+  EXPECT_TRUE(wait_until([&] { return place.has("held_fork"); }));
+  const auto asked = clock::now();
+  place.signal(SIGUSR2);
+  stress::sleep_ms(700);
+  fs::remove(place.site() / "held_fork");
+  const auto forked = clock::now();
+  stress::sleep_ms(100);
+  fs::remove(place.site() / "hold_copy");
+  const bool in_time =
+      forked - asked < milliseconds(900) && clock::now() - forked < milliseconds(200);
+
+  EXPECT_EQ(place.wait_end(), 0);
+  if (in_time) {
+    EXPECT_TRUE(wait_until([&] { return place.processes().empty(); })) << "a program is left";
+    EXPECT_EQ(stress::launches(place), 2U);
+  }
+  return in_time;
+}
+
 }  // namespace
 
 TEST(leaving, ends_every_program_that_can_be_ended_and_then_itself) {
@@ -298,6 +333,14 @@ TEST(leaving, waits_for_a_program_that_has_no_name_yet) {
     EXPECT_TRUE(keeps([&] { return place.running(name).empty(); }));
   }
   EXPECT_GT(caught, 0) << "no program was met on its way";
+}
+
+TEST(leaving, waits_for_a_fork_that_takes_long) {
+  const int wanted = rounds(20, 1);
+  int in_time = 0;
+  for (int i = 0; i < 10 * wanted && in_time < wanted && !HasFailure(); ++i)
+    in_time += leave_during_a_long_fork() ? 1 : 0;
+  EXPECT_GT(in_time, 0) << "the machine is too busy";
 }
 
 TEST(leaving, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment) {
