@@ -17,6 +17,7 @@
 #include <utility>
 
 #include "tests/e2e/support/children.h"
+#include "tests/e2e/support/ordinary_user.h"
 #include "tests/support/wait_until.h"
 
 namespace fs = std::filesystem;
@@ -27,11 +28,6 @@ namespace {
 bool is_long() {
   const char* form = std::getenv("KEELMOND_STRESS");
   return form != nullptr && std::string_view(form) == "long";
-}
-
-/// Nobody's, and different for tests that run at the same time.
-uid_t ordinary_id() {
-  return 52000 + static_cast<uid_t>(::getpid() % 7000);
 }
 
 void own(const fs::path& path, uid_t user) {
@@ -242,7 +238,7 @@ void unlimit(pid_t pid, int resource) {
 
 start_options by_ordinary_user(const installation& place, start_options options) {
   if (::geteuid() != 0) return options;
-  const uid_t user = ordinary_id();
+  const uid_t user = ordinary_user::id();
   const fs::path scratch = place.site().parent_path();
   // The tree may lie where the user must not look.
   const fs::path binary = scratch / "bin" / "keelmond";
@@ -262,7 +258,7 @@ start_options by_ordinary_user(const installation& place, start_options options)
 void save_for_user(const installation& place, const std::string& text) {
   const fs::path draft = place.site() / "config" / "draft";
   write_file(draft, text);
-  if (::geteuid() == 0) own(draft, ordinary_id());
+  if (::geteuid() == 0) own(draft, ordinary_user::id());
   fs::rename(draft, place.site() / "config" / "server.ini");
 }
 
