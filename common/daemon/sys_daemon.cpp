@@ -78,6 +78,7 @@ void Tsys_daemon::init_daemon(const char* dir) {
   const unique_file stream(std::fopen(pid_file, "we"));
   if (!stream) return;
   if (daemon_proc != nullptr) daemon_proc();
+  // Only now, on purpose: as long as the daemon runs, others find its file empty.
   std::fprintf(stream.get(), "%d", pid);
 }
 

@@ -36,7 +36,8 @@ class Tlog_file final {
   void append_time();
 
   /// Appends "debug_log: %s: %lu\n" and a time line. A negative value shows as its two's
-  /// complement. The line is cut at 255 bytes.
+  /// complement. The line is cut at 255 bytes. Its bare LF, between lines that end in CR LF, is on
+  /// purpose: it tells debug lines from entries.
   void add_log_string(const char* name, long long value);
 
   /// Appends two pairs on one "debug_log" line (the first pair ends in two blanks) and a time line.

@@ -24,6 +24,13 @@ std::string graceful(const installation& place) {
          place.stay();
 }
 
+/// A script that notes, when it gets the stop command, what is in the pid file, if there is one.
+std::string pid_file_reader(const installation& place) {
+  const std::string file = (place.site() / "run.pid").string();
+  return place.note_start() + "trap 'test -e " + file + " && " +
+         place.note_start("found:$(cat " + file + ")") + "exit 0' USR2\n" + place.stay();
+}
+
 /// Starts the installation with one program and waits until its launch is on record.
 void start_one(installation& place, const std::string& name) {
   place.save({place.entry(name)});
@@ -91,6 +98,16 @@ TEST(exit_by_usr2, records_the_end_of_a_program_that_cleans_up_first) {
   ASSERT_EQ(place.notes(name).size(), 2U);
   EXPECT_TRUE(place.notes(name)[1].ends_with(" stop"));
   EXPECT_EQ(masked(place.log()), kOneRun);
+}
+
+TEST(exit_by_usr2, removes_the_pid_file_only_when_the_programs_have_been_told) {
+  installation place;
+  const std::string name = place.add_script(pid_file_reader(place));
+  start_one(place, name);
+  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  ASSERT_EQ(place.notes(name).size(), 2U);
+  EXPECT_TRUE(place.notes(name)[1].ends_with(" found:"));
+  EXPECT_FALSE(place.has("run.pid"));
 }
 
 TEST(exit_by_usr2, does_not_wait_for_a_program_that_ignores_the_stop_command) {
@@ -201,6 +218,16 @@ TEST(exit_without_configuration, follows_when_the_file_is_deleted) {
   EXPECT_EQ(masked(place.log()), kOneRun);
   EXPECT_FALSE(place.has("notify/" + name + ".dat"));
   expect_last_lines(place, console + golden::kLoad + golden::kDaemonEnds, name);
+}
+
+TEST(exit_without_configuration, has_written_its_pid_when_the_programs_are_told) {
+  installation place;
+  const std::string name = place.add_script(pid_file_reader(place));
+  start_one(place, name);
+  fs::remove(place.site() / "config" / "server.ini");
+  EXPECT_EQ(place.wait_end(), 0);
+  ASSERT_EQ(place.notes(name).size(), 2U);
+  EXPECT_TRUE(place.notes(name)[1].ends_with(" found:" + std::to_string(place.daemon())));
 }
 
 TEST(exit_without_configuration, is_averted_when_the_file_is_back_within_the_pause) {

@@ -129,6 +129,16 @@ TEST(log_file_open, a_file_already_held_is_not_closed) {
   EXPECT_EQ(scratch.read("second"), std::string("text") + kUnfinished);
 }
 
+TEST(log_file_open, a_failure_leaves_the_log_closed_whatever_was_held) {
+  const scratch_dir scratch;
+  Tlog_file log;
+  ASSERT_TRUE(log.create_log_file(scratch.file("first").c_str(), false));
+  EXPECT_FALSE(log.create_log_file(scratch.file("no/where.log").c_str(), false));
+  log.append_log("text", -1);
+  log.close_file();
+  EXPECT_EQ(scratch.read("first"), "");
+}
+
 TEST(log_file_open, the_log_may_be_read_and_appended_to_and_is_not_passed_on_to_programs) {
   const scratch_dir scratch;
   const int before = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
