@@ -6,9 +6,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <utility>
 
 #include "common/misc/bounded_text.h"
+#include "common/thread/event_count.h"
 
 namespace launcher {
 namespace {
@@ -19,15 +21,18 @@ struct request {
   const char* command;
   void* context;
   request* next = nullptr;
-  /// What fork returned, and errno after it. Written before `served`, read after it.
+  /// What fork returned, and errno after it. Written before `served` advances, read after it.
   pid_t copy = -1;
   int error = 0;
-  std::atomic<bool> served{false};
+  event_count served{};
 };
 
 /// Requests not yet taken, the newest first. Pushed by any thread, taken all at once by the
 /// launcher. Release and acquire carry the request's content over.
 std::atomic<request*> waiting{nullptr};
+
+/// Counts what was pushed, so that the launcher can sleep while there is nothing.
+event_count pushed;
 
 constexpr pid_t kNone = 0;
 constexpr pid_t kBeingCreated = -1;
@@ -57,16 +62,15 @@ void serve(request& wanted) noexcept {
   }
   wanted.error = errno;
   wanted.copy = copy;
-  wanted.served.store(true, std::memory_order_release);
-  // The requester may be on its way already. Only the address is used here, and stacks of monitors
-  // are never unmapped.
-  wanted.served.notify_one();
+  // The requester is on its way as soon as the count has changed, and with it the request.
+  wanted.served.advance();
 }
 
 void* serve_for_ever(void* /*unused*/) {
   for (;;) {
-    waiting.wait(nullptr, std::memory_order_relaxed);
+    const std::uint32_t seen = pushed.current();
     request* list = reverse(waiting.exchange(nullptr, std::memory_order_acquire));
+    if (list == nullptr) pushed.await_change(seen);
     // The next one first: the request is gone as soon as it is served.
     while (list != nullptr)
       serve(*std::exchange(list, list->next));
@@ -112,8 +116,8 @@ pid_t fork_copy(copy_body body, const char* command, void* context) noexcept {
   while (!waiting.compare_exchange_weak(own.next, &own, std::memory_order_release,
                                         std::memory_order_relaxed)) {
   }
-  waiting.notify_one();
-  own.served.wait(false, std::memory_order_acquire);
+  pushed.advance();
+  own.served.await_change(0);
   errno = own.error;
   return own.copy;
 }

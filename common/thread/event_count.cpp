@@ -1,0 +1,20 @@
+#include "common/thread/event_count.h"
+
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+// The kernel reads and compares 32 bits at the address that it is given.
+static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
+static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
+
+void event_count::advance() noexcept {
+  const std::atomic<std::uint32_t>* const address = &count_;
+  count_.fetch_add(1, std::memory_order_release);
+  ::syscall(SYS_futex, address, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+void event_count::await_change(std::uint32_t seen) const noexcept {
+  while (current() == seen)
+    ::syscall(SYS_futex, &count_, FUTEX_WAIT_PRIVATE, seen, nullptr, nullptr, 0);
+}

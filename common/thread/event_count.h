@@ -1,0 +1,31 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+/// A count of events that a thread can sleep on until it changes.
+///
+/// The waits of `std::atomic` give the processor away a few times before they sleep. The thread
+/// stays runnable meanwhile and takes its turns on the processor on which the thread that it woke,
+/// or the process that was just forked, is about to run. Here it sleeps at once.
+///
+/// Any thread may call any member. What was written before `advance` can be read after
+/// `await_change` has returned because of it.
+class event_count final {
+ public:
+  constexpr event_count() = default;
+  event_count(const event_count&) = delete;
+  event_count& operator=(const event_count&) = delete;
+
+  [[nodiscard]] std::uint32_t current() const noexcept {
+    return count_.load(std::memory_order_acquire);
+  }
+  /// Counts one more event and wakes one thread that waits. The object may be gone as soon as its
+  /// count has changed: nothing but its address is used after that.
+  void advance() noexcept;
+  /// Sleeps until the count is another than `seen`, whatever signals arrive meanwhile.
+  void await_change(std::uint32_t seen) const noexcept;
+
+ private:
+  std::atomic<std::uint32_t> count_{0};
+};
