@@ -101,7 +101,7 @@ def _draw_memory(drawing, results, left, right):
     values = [value for points in lines.values() for _, value in points]
     vertical = LogScale(values, BOTTOM, TOP)
     horizontal = LogScale(results.counts, left + 16, right - 16)
-    _value_axis(drawing, vertical, left, right, "kB (PSS) per program")
+    _value_axis(drawing, vertical, left, right, "kB (PSS and page tables) per program")
     for count in results.counts:
         drawing.line(horizontal(count), BOTTOM, horizontal(count), BOTTOM + 5)
         drawing.text(horizontal(count), BOTTOM + 20, f"{count:,}")

@@ -6,8 +6,8 @@ from results import (at, gap, idle, median, per_program, ratio, time_of, to_floo
 QUICK = gap("quick_gaps_ns", None)
 KILL = gap("kill_gaps_ns", None)
 START = time_of("start_ns")
-ABOVE_SHELL = without_shell("pss")
-MEMORY = per_program("pss")
+ABOVE_SHELL = without_shell("pss", "page_tables")
+MEMORY = per_program("pss", "page_tables")
 
 
 def number(value):
@@ -81,11 +81,9 @@ def _scale_tables(results):
             ("Time to end them all, ms", time_of("end_ns")),
             ("Time from a save by rename to the new program's first instruction: median, ms",
              time_of("save_ns")),
-            ("Memory (PSS) of all supervising processes, kB per program", MEMORY),
-            ("Of which shells, kB per program", per_program("shell_pss")),
-            ("Page tables of all supervising processes, kB per program",
-             per_program("page_tables")),
-            ("Of which shells', kB per program", per_program("shell_page_tables")),
+            ("Memory (PSS and page tables) of all supervising processes, kB per program", MEMORY),
+            ("The same without the shells, kB per program", ABOVE_SHELL),
+            ("Of which page tables, kB per program", without_shell("page_tables")),
             ("Supervising processes per program", per_program("processes")),
             ("Supervising threads per program", per_program("threads"))):
         lines += _metric_table(results, title, metric, results.counts, "{:,} programs".format)
@@ -117,8 +115,10 @@ def _goals(results):
         (f"Time until {many:,} run in relation to {many // few} times that of {few}",
          lambda *what: _scaled(ratio(at(START, count=many), at(START, count=few))(*what),
                                few / many), 1.5),
-        (f"Memory (PSS) per program above the shell, {many:,} programs, kB",
+        (f"Memory (PSS and page tables) per program above the shell, {many:,} programs, kB",
          at(ABOVE_SHELL, count=many), 100),
+        (f"The same in relation to that with {few} programs",
+         ratio(at(ABOVE_SHELL, count=many), at(ABOVE_SHELL, count=few)), 1),
         ("Wake-ups in an idle minute", at(idle("switches", 1), count=many), 0),
         ("Processor time in an idle minute, ms", at(idle("cpu_ns", 1e6), count=many), 0),
     ]
@@ -126,8 +126,8 @@ def _goals(results):
         title = BY_NAME[other].title
         goals.append((f"Time until {many:,} run in relation to that of {title}",
                       ratio(at(START, count=many), at(START, other, many)), 1))
-    goals.append(("Memory (PSS) per program above the shell, in relation to all of s6",
-                  ratio(at(ABOVE_SHELL, count=many), at(MEMORY, "s6", many)), 1))
+    goals.append(("Memory per program above the shell, in relation to that of s6",
+                  ratio(at(ABOVE_SHELL, count=many), at(ABOVE_SHELL, "s6", many)), 1))
     return goals
 
 

@@ -70,11 +70,13 @@ def per_program(*keys):
     return metric
 
 
-def without_shell(key):
+def without_shell(*keys):
     """The same, less what is the shells'."""
+    everything = per_program(*keys)
+    shells = per_program(*("shell_" + key for key in keys))
     def metric(run, contender, count):
-        memory = figures(run, contender, count).get("memory")
-        return None if memory is None else (memory[key] - memory["shell_" + key]) / int(count)
+        value = everything(run, contender, count)
+        return None if value is None else value - shells(run, contender, count)
     return metric
 
 
