@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/misc/unique_fd.h"
 #include "tests/e2e/golden.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
@@ -49,6 +52,25 @@ class caught_usr1 final {
   sigset_t set_;
   sigset_t before_;
 };
+
+/// Makes the starts in a directory wait in front of their check for another copy.
+class held_start final {
+ public:
+  explicit held_start(const installation& place)
+      : directory_(::open(place.site().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+    EXPECT_EQ(::flock(directory_.get(), LOCK_EX | LOCK_NB), 0);
+  }
+  void let_go() { directory_.reset(); }
+
+ private:
+  unique_fd directory_;
+};
+
+/// Whether the signal is in one of the sets of /proc/PID/status: "SigCgt", "SigIgn".
+bool handles(pid_t pid, const char* set, int number) {
+  const std::string digits = process_table::status_field(pid, set);
+  return !digits.empty() && (std::stoull(digits, nullptr, 16) >> (number - 1) & 1U) != 0;
+}
 
 }  // namespace
 
@@ -238,6 +260,42 @@ TEST(start, supervises_without_a_notify_directory_and_creates_none) {
   EXPECT_NE(place.wait_running(name, 2), program);
   EXPECT_EQ(place.end_by(SIGUSR2), 0);
   EXPECT_FALSE(place.has("notify"));
+}
+
+TEST(start, handles_sigint_before_the_check_and_the_other_signals_after_it) {
+  installation place;
+  held_start before_check(place);
+  const pid_t starter = place.spawn();
+  ASSERT_TRUE(wait_until([&] { return handles(starter, "SigCgt", SIGINT); }));
+  EXPECT_TRUE(handles(starter, "SigIgn", SIGPIPE));
+  EXPECT_TRUE(handles(starter, "SigIgn", SIGCHLD));
+  for (const int number : {SIGUSR1, SIGUSR2})
+    EXPECT_FALSE(handles(starter, "SigCgt", number)) << number;
+
+  before_check.let_go();
+  EXPECT_EQ(children::wait_for_end(starter), 0);
+  ASSERT_TRUE(wait_until([&] {
+    return place.daemons().size() == 1 && process_table::count_watches(place.daemons()[0]) == 1;
+  }));
+  const pid_t daemon = place.daemons()[0];
+  for (const int number : {SIGINT, SIGUSR1, SIGUSR2})
+    EXPECT_TRUE(handles(daemon, "SigCgt", number)) << number;
+  for (const int number : {SIGPIPE, SIGCHLD})
+    EXPECT_TRUE(handles(daemon, "SigIgn", number)) << number;
+}
+
+TEST(start, is_given_up_in_order_when_it_is_interrupted_before_the_check) {
+  installation place;
+  held_start before_check(place);
+  const pid_t starter = place.spawn();
+  ASSERT_TRUE(wait_until([&] { return handles(starter, "SigCgt", SIGINT); }));
+  ASSERT_EQ(::kill(starter, SIGINT), 0);
+  before_check.let_go();
+  EXPECT_EQ(children::wait_for_end(starter), 0);
+  EXPECT_TRUE(place.processes().empty());
+  EXPECT_EQ(place.console(), golden::console_start(place));
+  EXPECT_EQ(masked(place.log()), kRefusedStart);
+  EXPECT_FALSE(place.has("run.pid"));
 }
 
 TEST(start, ignores_a_reload_signal_before_the_first_load_is_over) {

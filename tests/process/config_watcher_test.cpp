@@ -91,6 +91,7 @@ class watcher final {
   std::atomic<int> watches_{0};
   std::atomic<int> removed_{0};
   std::atomic<int> instances_{0};
+  std::atomic<std::size_t> loads_at_removal_{0};
 
  private:
   void count_watches() {
@@ -108,6 +109,7 @@ class watcher final {
     };
     faults.inotify_rm_watch = [this](int fd, int watch) {
       ++removed_;
+      loads_at_removal_ = loads();
       return real::inotify_rm_watch(fd, watch);
     };
     // An endless wait is the one for an event.
@@ -194,6 +196,7 @@ TEST(config_watcher, a_modification_is_one_load_and_a_pause) {
     ASSERT_TRUE(watch.watches(2));
     EXPECT_EQ(watch.loads(), 1U);
     EXPECT_EQ(watch.removed_, 1);
+    EXPECT_EQ(watch.loads_at_removal_, 1U) << "the load is over before the watch is removed";
     EXPECT_EQ(watch.instances_, 2) << "each round has a fresh instance";
     EXPECT_EQ(pauses, 1);
     EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
@@ -439,6 +442,7 @@ TEST(monitor_server_config, runs_the_watcher_on_another_thread_with_default_attr
                                 void* (*body)(void*), void* argument) {
       ++created;
       EXPECT_EQ(attributes, nullptr);
+      EXPECT_EQ(::signal(SIGUSR1, SIG_IGN), &server_config_changed) << "installed before";
       EXPECT_EQ(body, &watch_file);
       EXPECT_STREQ(static_cast<const char*>(argument), "./config/server.ini");
       return real::pthread_create(thread, attributes, body, argument);

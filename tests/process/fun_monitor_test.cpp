@@ -1,6 +1,7 @@
 #include "process/fun_monitor.h"
 
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,9 +15,11 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "common/log/log_file.h"
+#include "common/misc/unique_fd.h"
 #include "common/thread/leave_gate.h"
 #include "process/server_config.h"
 #include "tests/process/imagined_programs.h"
@@ -30,6 +33,35 @@ namespace {
 
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
+
+/// Notes changes of the log and of the liveness files, in their order.
+class file_changes final {
+ public:
+  file_changes() {
+    ::inotify_add_watch(queue_.get(), "keelmond.log", IN_MODIFY);
+    ::inotify_add_watch(queue_.get(), "notify", IN_CLOSE_WRITE | IN_DELETE);
+  }
+  /// @return what has happened since the last call, one word for each change.
+  [[nodiscard]] std::string take() const {
+    alignas(inotify_event) char events[4096];
+    const ssize_t got = ::read(queue_.get(), events, sizeof events);
+    std::string words;
+    std::string last;
+    for (ssize_t at = 0; at < got;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(events + at);
+      at += static_cast<ssize_t>(sizeof *event + event->len);
+      const std::string word = event->mask & IN_MODIFY   ? "log "
+                               : event->mask & IN_DELETE ? "dead "
+                                                         : "alive ";
+      if (word != last) words += word;
+      last = word;
+    }
+    return words;
+  }
+
+ private:
+  unique_fd queue_{::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)};
+};
 
 TEST(fun_monitor, a_new_one_has_started_nothing) {
   const Tfun_monitor monitor("/bin/true", "name", "run");
@@ -77,6 +109,30 @@ TEST(fun_monitor, one_run_is_logged_shown_and_kept_in_the_liveness_file) {
     EXPECT_EQ(monitor.last_pid(), 5000000) << "never reset";
     EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
     EXPECT_TRUE(monitor.IsRunning());
+  });
+}
+
+TEST(fun_monitor, records_a_launch_and_an_end_step_by_step) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    const file_changes changes;
+    Tfun_monitor& monitor = new_monitor("/a/b", "step");
+    faults.write = [&](int fd, const void* text, std::size_t size) {
+      if (std::string_view(static_cast<const char*>(text), size) == kWaited) {
+        EXPECT_EQ(changes.take(), "log dead ");
+      } else {
+        EXPECT_EQ(monitor.last_pid(), imagined_programs::kFirst) << "known before it is alive";
+      }
+      return real::write(fd, text, size);
+    };
+    monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    EXPECT_EQ(changes.take(), "alive log ");
+    monitor.update_state("stop");
+    programs.end_one();
+    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 0; }));
+    EXPECT_EQ(changes.take(), "") << "nothing after the console's line";
   });
 }
 

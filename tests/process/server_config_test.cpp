@@ -112,6 +112,7 @@ TEST_F(server_config, a_missing_file_changes_nothing) {
 TEST_F(server_config, a_null_path_is_a_logic_error) {
   const captured_output output;
   EXPECT_THROW(loadServerConfig(nullptr), std::logic_error);
+  EXPECT_EQ(output.text(), "loadServerConfig : (null)\r\n") << "the line comes first";
 }
 
 TEST_F(server_config, without_a_positive_number_of_entries_nothing_is_read) {
