@@ -90,6 +90,17 @@ TEST(exit_by_usr2, stops_the_programs_in_the_order_of_the_list) {
   EXPECT_TRUE(fs::is_empty(place.site() / "notify"));
 }
 
+TEST(exit_by_usr2, runs_the_stop_command_of_a_program_that_is_stopped_already) {
+  installation place;
+  const std::string name = place.add_steady();
+  start_one(place, name);
+  place.edit({place.entry(name, "stop")});
+  expect_log(place, std::string(golden::kLogStart) + golden::kLaunched + golden::kExited);
+  EXPECT_EQ(count(place.console(), golden::stop_result(name)), 1U);
+  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(count(place.console(), golden::stop_result(name)), 2U);
+}
+
 TEST(exit_by_usr2, records_the_end_of_a_program_that_cleans_up_first) {
   installation place;
   const std::string name = place.add_script(graceful(place));
