@@ -15,8 +15,6 @@ constexpr std::size_t kTimeSize = 128;
 std::size_t format_local_time(char (&out)[kTimeSize]) {
   const std::time_t now = std::time(nullptr);
   std::tm local{};
-  // localtime_r alone need not look at a changed time zone.
-  ::tzset();
   ::localtime_r(&now, &local);
   const int length =
       std::snprintf(out, sizeof out, "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900,

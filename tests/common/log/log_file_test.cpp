@@ -212,20 +212,6 @@ TEST(log_file_time, is_local_and_not_universal_time) {
   });
 }
 
-TEST(log_file_time, follows_a_time_zone_that_changes) {
-  in_child([] {
-    const Tlog_file log;
-    const auto hour_in = [&](const char* zone) {
-      ::setenv("TZ", zone, 1);
-      std::array<char, 20> text{};
-      log.get_date_time(text.data());
-      return std::string(text.data()).substr(11, 2);
-    };
-    // Never the same hour, however long it takes in between.
-    EXPECT_NE(hour_in("UTC0"), hour_in("XYZ-9"));
-  });
-}
-
 TEST_F(log_file, the_time_comes_after_the_message_that_it_dates_on_a_line_of_its_own) {
   log_->append_log("exited process PID: 5  errno: 10\r\n", -1);
   log_->append_time();
