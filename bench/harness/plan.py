@@ -25,7 +25,7 @@ class Plan(NamedTuple):
     parts: tuple  # of PARTS
 
 
-PARTS = ("scale", "gaps")
+PARTS = ("scale", "end", "gaps")
 FULL = Plan([10, 100, 1000], 8, 0.4, 25, 3, 1.2, 2.6, 60, False, PARTS)
 SMOKE = Plan([5], 1, 0.2, 1, 1, 0.1, 2.6, 1, False, PARTS)
 
@@ -48,7 +48,7 @@ class Run:
         self.failures = []
 
     def measure(self):
-        if "scale" in self.plan.parts:
+        if {"scale", "end"} & set(self.plan.parts):
             for count in self.plan.counts:
                 for contender in self.contenders:
                     self._measure_scale(contender, count)
@@ -80,13 +80,19 @@ class Run:
         with self._world(contender, count) as world:
             self._note(world, "start_ns", world.ask("start"))
             time.sleep(plan.settle_seconds)
-            self._note(world, "memory", world.ask("memory"))
-            if count in (plan.counts[0], plan.counts[-1]):
-                for _ in range(plan.saves):
-                    self._add(world, "save_ns", [world.ask("save", after=plan.quiet_seconds)])
-            time.sleep(plan.settle_seconds)
-            self._note(world, "end_ns", world.ask("end"))
+            if "scale" in plan.parts:
+                self._measure_living(world)
+            if "end" in plan.parts:
+                self._note(world, "end_ns", world.ask("end"))
             self._check(world, "scale")
+
+    def _measure_living(self, world):
+        plan = self.plan
+        self._note(world, "memory", world.ask("memory"))
+        if world.count in (plan.counts[0], plan.counts[-1]):
+            for _ in range(plan.saves):
+                self._add(world, "save_ns", [world.ask("save", after=plan.quiet_seconds)])
+        time.sleep(plan.settle_seconds)
 
     def _measure_gaps(self):
         """Gaps, in turn for all contenders and numbers of programs, so that what else the machine
