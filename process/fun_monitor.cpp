@@ -66,20 +66,22 @@ void Tfun_monitor::update_state(const char* wanted) {
   copy_bounded(text, wanted);
   // A reload that changes nothing must not let the thread see anything but "run".
   if (std::strcmp(state, text) == 0) return;
-  // The first byte is cleared first and written last: in between the text is empty.
-  store_byte(state[0], '\0');
-  for (std::size_t i = 1; i < sizeof state; ++i)
+  state_changes.fetch_add(1);
+  for (std::size_t i = 0; i < sizeof state; ++i)
     store_byte(state[i], text[i]);
-  store_byte(state[0], text[0]);
+  state_changes.fetch_add(1);
 }
 
 bool Tfun_monitor::wants_run() const {
   constexpr char kRun[] = "run";
+  const std::uint32_t before = state_changes.load();
+  if (before % 2 != 0) return false;
   for (std::size_t i = 0; i < sizeof kRun; ++i) {
     if (load_byte(state[i]) != kRun[i]) return false;
   }
-  // The first byte again: it tells that the others belong to the same text.
-  return load_byte(state[0]) == kRun[0];
+  // However many texts there were meanwhile: these bytes are of one of them only if nothing
+  // changed.
+  return state_changes.load() == before;
 }
 
 int Tfun_monitor::last_pid() const {

@@ -78,11 +78,15 @@ class Tfun_monitor final : public Tsys_thread {
   char name[512];
   char exepath[1024];
   /// Written by the loader, compared by the monitor's thread, byte by byte through
-  /// std::atomic_ref: a text that is half replaced is never equal to "run".
+  /// std::atomic_ref. `state_changes` tells whether the bytes belong together: a text that is half
+  /// replaced is never equal to "run".
   char state[128];
   /// Written by the monitor's thread, read by the loader through std::atomic_ref.
   int pid;
   int restart_count;
+  /// Counts each replacement of the state twice, when it begins and when it is over. Odd: one is
+  /// under way.
+  std::atomic<std::uint32_t> state_changes{0};
   /// When the launch of the program that runs was recorded, in nanoseconds of the steady clock;
   /// `kLaunching` from before the state is tested until then, `kNotLaunched` when none runs. In the
   /// default order, like the state: either the loader sees that a launch is going on, or the launch
