@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -15,9 +16,10 @@
 #include "common/misc/fun_misc.h"
 #include "common/thread/leave_gate.h"
 #include "common/thread/unforked_memory.h"
-#include "process/forked_copy.h"
-#include "process/launch_probe.h"
+#include "process/child.h"
 #include "process/log_entry.h"
+#include "process/program_tree.h"
+#include "process/supervisor_signals.h"
 
 namespace {
 
@@ -27,11 +29,21 @@ constexpr int kRestartLimit = 200000;
 
 constexpr std::size_t kMessageSize = 256;
 
+/// How long a stop command may take. With ten thousand programs one takes about a second.
+constexpr std::chrono::seconds kStopLimit{10};
+
 /// Programs launched and not yet recorded as ended, of all monitors.
 std::atomic<int> alive{0};
 
 std::int64_t steady_now() {
   return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+/// Whether a stop command has come as far as its signal. The shell's status is 0 then, or 1 when
+/// one of the processes had just ended or is another user's. Any other means that it could not run
+/// `pgrep`, or that this found nothing.
+bool has_signalled(const child::command_end& end) {
+  return end.what == child::outcome::ended && WIFEXITED(end.status) && WEXITSTATUS(end.status) <= 1;
 }
 
 void store_byte(char& byte, char value) {
@@ -118,7 +130,7 @@ pid_t Tfun_monitor::launch(const char* command) {
     launched_at.store(kNotLaunched);
     g_leave_gate.park();
   }
-  const pid_t child = forked_copy::start_program(command);
+  const pid_t child = child::start_program(command);
   if (child > 0) {
     record_launch(child);
     return child;
@@ -164,7 +176,7 @@ void Tfun_monitor::await_launch() const {
     const std::int64_t now = steady_now();
     if (launched == kNotLaunched || now >= end) return;
     if (launched != kLaunching) {
-      if (now - launched >= kLongest || launch_probe::is_findable(last_pid())) return;
+      if (now - launched >= kLongest || program_tree::is_findable(last_pid())) return;
     }
     Tfun_misc::select_sleep(0, 2000);
   }
@@ -176,8 +188,18 @@ void Tfun_monitor::stop_process() {
   const int length = std::snprintf(command, sizeof command, "kill -USR2 `pgrep %s`", name);
   // A command that was cut would signal other programs.
   if (length >= static_cast<int>(sizeof command)) return;
-  const int result = forked_copy::run_command(command);
-  console::print("kill -USR2 result: %s, %d \r\n", command, result);
+  const child::command_end end =
+      child::run_command(command, kStopLimit, supervisor_signals::end_is_pending);
+  if (end.what == child::outcome::given_up) {
+    console::print("keelmond: the stop command of %s did not end and was killed.\r\n", name);
+  }
+  if (!has_signalled(end)) stop_directly();
+  console::print("kill -USR2 result: %s, %d \r\n", command, end.result);
+}
+
+void Tfun_monitor::stop_directly() const {
+  // Not a process that has the number of a child that is long gone.
+  if (launched_at.load() > kNotLaunched) program_tree::signal_by_name(last_pid(), name, SIGUSR2);
 }
 
 void Tfun_monitor::settle_live_file() const {

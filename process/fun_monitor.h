@@ -38,7 +38,9 @@ class Tfun_monitor final : public Tsys_thread {
   /// prints that command and its result. Does not touch the state or the thread.
   ///
   /// A program that is being launched is waited for first, about half a second at most, so that
-  /// the command finds it.
+  /// the command finds it. A command that takes longer than ten seconds, or is still running when a
+  /// request to end is pending, is killed. When no command could do it, for want of processes or
+  /// because it was killed, the signal goes to what runs below this monitor's own child instead.
   void stop_process();
 
   /// Removes the program's liveness file when the program does not run. A reload marks every
@@ -71,6 +73,7 @@ class Tfun_monitor final : public Tsys_thread {
   /// @return false at the restart limit.
   bool record_end(pid_t waited, int error);
   void await_launch() const;
+  void stop_directly() const;
 
   static constexpr std::int64_t kNotLaunched = 0;
   static constexpr std::int64_t kLaunching = -1;

@@ -16,7 +16,9 @@
 #include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
 #include "common/thread/leave_gate.h"
+#include "common/thread/stack_size.h"
 #include "common/version/fun_version.h"
+#include "process/child.h"
 #include "process/config_watcher.h"
 #include "process/log_entry.h"
 #include "process/server_config.h"
@@ -104,6 +106,8 @@ void delete_global(T*& object) {
 
 void proc_start() {
   g_start_lock.release();
+  set_default_stack_size(kLargeStack);
+  child::start();
   // Whoever asks for the end before the first load gets it without a program having been started.
   supervisor_signals::deliver();
   try {

@@ -8,8 +8,8 @@ namespace supervisor_signals {
 namespace {
 
 /// Both written by `block` before any thread exists, only read afterwards.
-sigset_t start_mask;
-struct sigaction start_quit;
+sigset_t mask_at_start;
+struct sigaction quit_at_start;
 
 sigset_t ours() noexcept {
   sigset_t set;
@@ -35,15 +35,14 @@ timespec to_timespec(std::chrono::nanoseconds time) noexcept {
   return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
 }
 
-void do_nothing(int /*sig*/) {}
-
 }  // namespace
 
 void block() noexcept {
   sigset_t blocked = ours();
   ::sigaddset(&blocked, SIGPIPE);
-  ::pthread_sigmask(SIG_BLOCK, &blocked, &start_mask);
-  ::sigaction(SIGQUIT, nullptr, &start_quit);
+  ::sigaddset(&blocked, SIGXFSZ);
+  ::pthread_sigmask(SIG_BLOCK, &blocked, &mask_at_start);
+  ::sigaction(SIGQUIT, nullptr, &quit_at_start);
 }
 
 bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
@@ -82,17 +81,18 @@ handler_scope::~handler_scope() {
   errno = errno_;
 }
 
-void disarm_in_copy() noexcept {
-  ::signal(SIGINT, do_nothing);
-  ::signal(SIGUSR1, do_nothing);
-  ::signal(SIGUSR2, do_nothing);
-  // system() ignores SIGQUIT in the whole process while its command runs. A copy that is forked
-  // during that time must not hand the ignoring on to its program.
-  ::sigaction(SIGQUIT, &start_quit, nullptr);
+const sigset_t& start_mask() noexcept {
+  return mask_at_start;
 }
 
-void restore_start_mask() noexcept {
-  ::pthread_sigmask(SIG_SETMASK, &start_mask, nullptr);
+const struct sigaction& start_quit() noexcept {
+  return quit_at_start;
+}
+
+bool end_is_pending() noexcept {
+  sigset_t pending;
+  ::sigpending(&pending);
+  return ::sigismember(&pending, SIGINT) == 1 || ::sigismember(&pending, SIGUSR2) == 1;
 }
 
 }  // namespace supervisor_signals

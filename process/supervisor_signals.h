@@ -4,8 +4,7 @@
 #include <csignal>
 #include <optional>
 
-/// When the supervisor's signals (SIGINT, SIGUSR1, SIGUSR2) reach their handlers, and what becomes
-/// of them in forked copies.
+/// When the supervisor's signals (SIGINT, SIGUSR1, SIGUSR2) reach their handlers.
 ///
 /// Every thread blocks them, always. They are let in only inside `wait` and `deliver`, which one
 /// thread at a time calls, at a point where it holds nothing: the handlers can therefore load a
@@ -14,8 +13,9 @@
 namespace supervisor_signals {
 
 /// Remembers the mask and the dispositions that the process was started with and blocks the
-/// supervisor's signals, and SIGPIPE, which no write may end us with before it is ignored. The
-/// first act of `main`, before any thread exists.
+/// supervisor's signals; also SIGPIPE, which no write may end us with before it is ignored, and
+/// SIGXFSZ, with which a log that has reached the limit for files would end us. The first act of
+/// `main`, before any thread exists.
 void block() noexcept;
 
 /// Waits until `fd` can be read, letting the signals in.
@@ -41,12 +41,13 @@ class handler_scope final {
   int errno_;
 };
 
-/// In a forked copy: makes the supervisor's signals do nothing. They keep a handler, because a
-/// program would inherit an ignored signal, and a default one would end the copy.
-void disarm_in_copy() noexcept;
+/// The mask, and what SIGQUIT did, when the process was started: what its programs begin with. Both
+/// lie in static memory.
+[[nodiscard]] const sigset_t& start_mask() noexcept;
+[[nodiscard]] const struct sigaction& start_quit() noexcept;
 
-/// In a forked copy, before a program is run: gives back the mask that the supervisor was started
-/// with.
-void restore_start_mask() noexcept;
+/// Whether somebody waits for the supervisor to end: SIGINT or SIGUSR2 is pending. While one of
+/// them is handled that means a second request.
+[[nodiscard]] bool end_is_pending() noexcept;
 
 }  // namespace supervisor_signals

@@ -1,18 +1,10 @@
 #include "common/thread/sys_thread.h"
 
-#include <cstddef>
-
 #include "common/thread/leave_gate.h"
+#include "common/thread/stack_size.h"
 #include "common/thread/unforked_memory.h"
 
 namespace {
-
-/// Instrumented code needs several times as much.
-#ifdef KEELMOND_SANITIZED
-constexpr std::size_t kStackSize = std::size_t{1024} * 1024;
-#else
-constexpr std::size_t kStackSize = std::size_t{64} * 1024;
-#endif
 
 bool read_flag(const bool& flag) {
   return std::atomic_ref<bool>(const_cast<bool&>(flag)).load();
@@ -36,17 +28,17 @@ void Tsys_thread::Start() {
 
 bool Tsys_thread::create_thread() {
   // Never given back: nobody knows when a thread that is not joined has left its stack.
-  void* const stack = unforked_memory::allocate(kStackSize);
+  void* const stack = unforked_memory::allocate(kSmallStack);
   if (stack == nullptr) return false;
   pthread_attr_t attributes;
   ::pthread_attr_init(&attributes);
   ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
-  ::pthread_attr_setstack(&attributes, stack, kStackSize);
+  ::pthread_attr_setstack(&attributes, stack, kSmallStack);
   pthread_t created{};
   const int error = ::pthread_create(&created, &attributes, &Tsys_thread::ThreadProc, this);
   ::pthread_attr_destroy(&attributes);
   if (error != 0) {
-    unforked_memory::release(stack, kStackSize);
+    unforked_memory::release(stack, kSmallStack);
     return false;
   }
   thread_id = created;

@@ -137,9 +137,9 @@ TEST(fun_monitor_with_a_program, a_stop_waits_for_a_program_that_is_not_there_ye
     const std::string name = unique_name('y');
     const std::string path = write_program(name, "sleep 60\n");
     // The copy takes its time before it runs the program; the stop command does not.
-    faults.system = [&](const char* command) {
-      if (command == path) std::this_thread::sleep_for(milliseconds(60));
-      return real::system(command);
+    faults.execv = [&](const char* shell, char* const* arguments) {
+      if (arguments[2] == path) std::this_thread::sleep_for(milliseconds(60));
+      return real::execv(shell, arguments);
     };
     Tfun_monitor& monitor = new_monitor(path, name);
     monitor.Start();
@@ -155,12 +155,9 @@ TEST(fun_monitor_with_a_program, a_stop_waits_for_a_fork_that_has_been_decided_o
     const supervision& world = supervision::begin();
     const std::string name = unique_name('z');
     static std::atomic<bool> forking{false};
-    faults.fork = [stopper = std::this_thread::get_id()] {
-      if (std::this_thread::get_id() != stopper) {
-        forking = true;
-        std::this_thread::sleep_for(milliseconds(60));
-      }
-      return real::fork();
+    faults.fork = [] {
+      if (!forking.exchange(true)) std::this_thread::sleep_for(milliseconds(60));
+      return real::fork_bare();
     };
     Tfun_monitor& monitor = new_monitor(write_program(name, "sleep 60\n"), name);
     monitor.Start();
@@ -175,15 +172,14 @@ TEST(fun_monitor_with_a_program, a_stop_waits_no_longer_than_half_a_second) {
   in_child([] {
     const supervision& world = supervision::begin();
     // The program never gets its name.
-    faults.system = [](const char*) {
+    faults.execv = [](const char*, char* const*) -> int {
       for (;;)
         ::pause();
-      return 0;
     };
     Tfun_monitor& monitor = new_monitor("/a/b", unique_name('o'));
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
-    faults.mmap = [](auto...) { return MAP_FAILED; };  // no stop command is run
+    faults.pipe2 = without_pipes;  // no stop command is run
     const auto start = steady::now();
     monitor.stop_process();
     EXPECT_GE(steady::now() - start, milliseconds(400));

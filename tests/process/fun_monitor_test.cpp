@@ -340,7 +340,6 @@ TEST(fun_monitor, ends_when_its_program_has_ended_more_than_200000_times) {
     imagined_programs& programs = imagined_programs::begin();
     faults.waitpid = [](pid_t pid, int*, int) { return pid; };
     // Without all this each round costs less.
-    imagined_programs::fork_at_once();
     delete g_logFile;
     g_logFile = nullptr;
     std::filesystem::remove("notify");
@@ -376,13 +375,15 @@ TEST(fun_monitor, stop_process_runs_and_prints_the_command_and_touches_nothing_e
     const supervision& world = supervision::begin();
     Tfun_monitor monitor("/a/b", "name", "run");
     const std::string seen = std::filesystem::current_path() / "seen";
-    faults.system = [&](const char* command) {
-      write_file(seen, command);
-      return 1234;
+    ::signal(SIGCHLD, SIG_DFL);
+    faults.execv = [&](const char* path, char* const* arguments) -> int {
+      write_file(seen,
+                 std::string(path) + "|" + arguments[0] + "|" + arguments[1] + "|" + arguments[2]);
+      ::_exit(12);
     };
     monitor.stop_process();
-    EXPECT_EQ(read_file(seen), "kill -USR2 `pgrep name`");
-    EXPECT_EQ(world.printed(), "kill -USR2 result: kill -USR2 `pgrep name`, 1234 \r\n");
+    EXPECT_EQ(read_file(seen), "/bin/sh|sh|-c|kill -USR2 `pgrep name`");
+    EXPECT_EQ(world.printed(), "kill -USR2 result: kill -USR2 `pgrep name`, 3072 \r\n");
     EXPECT_EQ(world.log(), "");
     EXPECT_EQ(monitor.last_pid(), 0);
     EXPECT_FALSE(monitor.IsRunning());
@@ -396,7 +397,7 @@ TEST(fun_monitor, stop_process_does_not_change_the_state) {
     Tfun_monitor& monitor = new_monitor("/a/b", "still");
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    faults.mmap = without_shared_memory;
+    faults.pipe2 = without_pipes;
     monitor.stop_process();
     programs.end_one();
     EXPECT_TRUE(wait_until([&] { return programs.is_waiting(2); }));
@@ -422,7 +423,8 @@ TEST(fun_monitor, a_stop_command_that_matches_nothing_shows_only_in_its_result) 
 TEST(fun_monitor, a_stop_command_that_would_have_to_be_cut_is_not_run) {
   in_child([] {
     const supervision& world = supervision::begin();
-    faults.system = [](const char*) { return 0; };
+    ::signal(SIGCHLD, SIG_DFL);
+    faults.execv = [](const char*, char* const*) -> int { ::_exit(0); };
     const std::string longest(236, 'n');
     Tfun_monitor("/a/b", longest.c_str(), "run").stop_process();
     const std::string command = "kill -USR2 `pgrep " + longest + "`";

@@ -4,25 +4,8 @@
 #include <chrono>
 #include <thread>
 
+#include "process/child.h"
 #include "tests/support/fault.h"
-
-namespace {
-std::atomic<bool> at_once{false};
-}
-
-// The linker sends the monitors' launches here (see tests/CMakeLists.txt); the names are those of
-// forked_copy::start_program, as the compiler writes them.
-extern "C" {
-pid_t __real__ZN11forked_copy13start_programEPKc(const char* command);
-pid_t __wrap__ZN11forked_copy13start_programEPKc(const char* command);
-pid_t __wrap__ZN11forked_copy13start_programEPKc(const char* command) {
-  return at_once ? faults.fork() : __real__ZN11forked_copy13start_programEPKc(command);
-}
-}
-
-void imagined_programs::fork_at_once() {
-  at_once = true;
-}
 
 imagined_programs& imagined_programs::begin() {
   static auto* const instance = new imagined_programs;
@@ -30,6 +13,7 @@ imagined_programs& imagined_programs::begin() {
 }
 
 imagined_programs::imagined_programs() {
+  child::start();
   faults.fork = [this] { return kFirst + forks++; };
   faults.waitpid = [this](pid_t pid, int*, int options) {
     waited_for = pid;

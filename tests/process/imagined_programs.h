@@ -20,10 +20,6 @@ struct imagined_programs {
   /// Whether the program with that number, counted from 1, is being waited for.
   [[nodiscard]] bool is_waiting(int number) const { return waits == number; }
 
-  /// Lets monitors fork by themselves from now on, which spares each launch the way to another
-  /// thread and back. Imagined forks need no stack of their own.
-  static void fork_at_once();
-
   std::atomic<int> forks{0};
   std::atomic<int> waits{0};
   std::atomic<pid_t> waited_for{-1};

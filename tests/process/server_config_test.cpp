@@ -394,7 +394,7 @@ TEST(server_config_running, run_stop_run_keeps_the_monitor_and_says_start_11_onl
   in_child([] {
     const supervision& world = supervision::begin();
     imagined_programs& programs = imagined_programs::begin();
-    faults.mmap = without_shared_memory;  // no stop command is run
+    faults.pipe2 = without_pipes;  // no stop command is run
     const auto load = [&](const char* state) {
       write_file("server.ini", configuration({{"aa", state}}));
       const std::size_t before = world.printed().size();
@@ -427,11 +427,10 @@ TEST(server_config_running, the_state_is_updated_before_the_stop_command_runs) {
     loadServerConfig("server.ini");
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
     // The program ends while the stop command runs.
-    faults.mmap = [&](auto... arguments) {
-      if (without_shared_memory(arguments...) != MAP_FAILED) return MAP_FAILED;
+    faults.pipe2 = [&](auto...) {
       programs.end_one();
       EXPECT_TRUE(wait_until([&] { return programs.sleeps > 0 || programs.forks > 1; }));
-      return MAP_FAILED;
+      return -1;
     };
     write_file("server.ini", configuration({{"aa", "stop"}}));
     loadServerConfig("server.ini");

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "common/log/log_file.h"
+#include "process/child.h"
 #include "process/supervisor_signals.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/time_line.h"
@@ -24,6 +25,7 @@ supervision::supervision() {
   supervisor_signals::block();
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGCHLD, SIG_IGN);
+  child::start();
   std::filesystem::create_directory("notify");
   g_logFile = new Tlog_file;
   if (!g_logFile->create_log_file("keelmond.log", false)) throw std::runtime_error("no log");
@@ -71,4 +73,10 @@ std::size_t count_of(std::string_view part, std::string_view text) {
     ++count;
   }
   return count;
+}
+
+char state_of(pid_t pid) {
+  const std::string status = read_file("/proc/" + std::to_string(pid) + "/status");
+  const std::size_t at = status.find("State:\t");
+  return at == std::string::npos ? '?' : status[at + 7];
 }

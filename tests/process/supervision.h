@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <functional>
 #include <string>
@@ -56,3 +58,7 @@ bool exists(const std::string& path);
 
 /// How often `part` stands in `text`.
 std::size_t count_of(std::string_view part, std::string_view text);
+
+/// The letter that the kernel has for what a process does; 'Z' for one that has ended and is not
+/// waited for, '?' for one that is gone.
+char state_of(pid_t pid);

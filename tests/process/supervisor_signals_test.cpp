@@ -246,40 +246,18 @@ TEST(supervisor_signals, a_handler_scope_keeps_errno) {
   });
 }
 
-TEST(supervisor_signals, in_a_copy_the_supervisor_s_signals_have_a_handler_that_does_nothing) {
-  in_child([] {
-    begin();
-    supervisor_signals::disarm_in_copy();
-    for (const int sig : {SIGINT, SIGUSR1, SIGUSR2}) {
-      struct sigaction action {};
-      ::sigaction(sig, nullptr, &action);
-      EXPECT_NE(action.sa_handler, SIG_IGN) << sig;
-      EXPECT_NE(action.sa_handler, SIG_DFL) << sig;
-      ::raise(sig);
-    }
-    supervisor_signals::deliver();
-    EXPECT_TRUE(handled.empty());
-  });
+TEST(supervisor_signals, what_sigquit_did_at_the_start_is_kept) {
+  for (const auto before : {SIG_DFL, SIG_IGN}) {
+    in_child([=] {
+      ::signal(SIGQUIT, before);
+      supervisor_signals::block();
+      ::signal(SIGQUIT, before == SIG_DFL ? SIG_IGN : SIG_DFL);
+      EXPECT_EQ(supervisor_signals::start_quit().sa_handler, before);
+    });
+  }
 }
 
-TEST(supervisor_signals, a_copy_gets_the_sigquit_that_the_process_was_started_with) {
-  in_child([] {
-    ::signal(SIGQUIT, SIG_DFL);
-    supervisor_signals::block();
-    ::signal(SIGQUIT, SIG_IGN);  // as system() does for a while
-    supervisor_signals::disarm_in_copy();
-    EXPECT_EQ(::signal(SIGQUIT, SIG_DFL), SIG_DFL);
-  });
-  in_child([] {
-    ::signal(SIGQUIT, SIG_IGN);
-    supervisor_signals::block();
-    ::signal(SIGQUIT, SIG_DFL);
-    supervisor_signals::disarm_in_copy();
-    EXPECT_EQ(::signal(SIGQUIT, SIG_DFL), SIG_IGN);
-  });
-}
-
-TEST(supervisor_signals, the_start_mask_is_given_back_as_it_was) {
+TEST(supervisor_signals, the_mask_of_the_start_is_kept_as_it_was) {
   in_child([] {
     sigset_t start;
     ::sigemptyset(&start);
@@ -287,12 +265,35 @@ TEST(supervisor_signals, the_start_mask_is_given_back_as_it_was) {
     ::sigaddset(&start, SIGTERM);
     ::pthread_sigmask(SIG_SETMASK, &start, nullptr);
     supervisor_signals::block();
-    supervisor_signals::restore_start_mask();
-    EXPECT_TRUE(is_blocked(SIGUSR2));
-    EXPECT_TRUE(is_blocked(SIGTERM));
-    for (const int sig : {SIGINT, SIGUSR1, SIGPIPE})
-      EXPECT_FALSE(is_blocked(sig)) << sig;
+    for (int sig = 1; sig < 32; ++sig) {
+      EXPECT_EQ(::sigismember(&supervisor_signals::start_mask(), sig),
+                sig == SIGUSR2 || sig == SIGTERM ? 1 : 0)
+          << sig;
+    }
   });
+}
+
+TEST(supervisor_signals, no_write_ends_the_process) {
+  in_child([] {
+    supervisor_signals::block();
+    EXPECT_TRUE(is_blocked(SIGPIPE));
+    EXPECT_TRUE(is_blocked(SIGXFSZ));
+  });
+}
+
+TEST(supervisor_signals, a_request_to_end_is_seen_while_it_is_pending) {
+  for (const int sig : {SIGINT, SIGUSR2}) {
+    in_child([=] {
+      begin();
+      EXPECT_FALSE(supervisor_signals::end_is_pending());
+      ::kill(::getpid(), SIGUSR1);
+      EXPECT_FALSE(supervisor_signals::end_is_pending());
+      ::kill(::getpid(), sig);
+      EXPECT_TRUE(supervisor_signals::end_is_pending());
+      supervisor_signals::deliver();
+      EXPECT_FALSE(supervisor_signals::end_is_pending());
+    });
+  }
 }
 
 }  // namespace

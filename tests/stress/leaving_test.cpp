@@ -216,7 +216,7 @@ bool leave_during_a_long_fork() {
   place.start(stress::fast());
   place.wait_running(name);
 
-  write_file(place.site() / "hold_copy", "");
+  write_file(place.site() / "hold_child", "");
   write_file(place.site() / "hold_fork", "");
   stress::kill_running(place, name);
   EXPECT_TRUE(wait_until([&] { return place.has("held_fork"); }));
@@ -226,7 +226,7 @@ bool leave_during_a_long_fork() {
   fs::remove(place.site() / "held_fork");
   const auto forked = clock::now();
   stress::sleep_ms(100);
-  fs::remove(place.site() / "hold_copy");
+  fs::remove(place.site() / "hold_child");
   const bool in_time =
       forked - asked < milliseconds(900) && clock::now() - forked < milliseconds(200);
 

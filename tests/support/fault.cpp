@@ -1,6 +1,8 @@
 #include "tests/support/fault.h"
 
-#include <sys/mman.h>
+#include <cerrno>
+
+#include "tests/support/fork_rule.h"
 
 system_calls faults;
 
@@ -10,8 +12,10 @@ system_calls faults;
 extern "C" {
 
 pid_t __real_fork();
+pid_t __real__Fork();
 pid_t __real_waitpid(pid_t pid, int* status, int options);
-int __real_system(const char* command);
+int __real_execv(const char* path, char* const* arguments);
+int __real_pipe2(int* ends, int flags);
 int __real_kill(pid_t pid, int sig);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
@@ -27,7 +31,13 @@ int __real_flock(int fd, int operation);
 void* __real_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset);
 
 pid_t __wrap_fork() {
+  require_forking_thread();
   return faults.fork ? faults.fork() : __real_fork();
+}
+
+pid_t __wrap__Fork() {
+  require_forking_thread();
+  return faults.fork ? faults.fork() : __real__Fork();
 }
 
 pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
@@ -35,8 +45,12 @@ pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
                         : __real_waitpid(pid, status, options);
 }
 
-int __wrap_system(const char* command) {
-  return faults.system ? faults.system(command) : __real_system(command);
+int __wrap_execv(const char* path, char* const* arguments) {
+  return faults.execv ? faults.execv(path, arguments) : __real_execv(path, arguments);
+}
+
+int __wrap_pipe2(int* ends, int flags) {
+  return faults.pipe2 ? faults.pipe2(ends, flags) : __real_pipe2(ends, flags);
 }
 
 int __wrap_kill(pid_t pid, int sig) {
@@ -103,11 +117,18 @@ namespace real {
 pid_t fork() {
   return __real_fork();
 }
+pid_t fork_bare() {
+#ifdef KEELMOND_SANITIZED
+  return __real_fork();
+#else
+  return __real__Fork();
+#endif
+}
 pid_t waitpid(pid_t pid, int* status, int options) {
   return __real_waitpid(pid, status, options);
 }
-int system(const char* command) {
-  return __real_system(command);
+int execv(const char* path, char* const* arguments) {
+  return __real_execv(path, arguments);
 }
 int kill(pid_t pid, int sig) {
   return __real_kill(pid, sig);
@@ -143,8 +164,7 @@ int flock(int fd, int operation) {
 
 }  // namespace real
 
-void* without_shared_memory(void* at, std::size_t size, int protection, int flags, int fd,
-                            off_t offset) {
-  if ((flags & MAP_SHARED) != 0) return MAP_FAILED;
-  return __real_mmap(at, size, protection, flags, fd, offset);
+int without_pipes(int* /*ends*/, int /*flags*/) {
+  errno = EMFILE;
+  return -1;
 }

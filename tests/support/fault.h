@@ -18,9 +18,11 @@
 /// knows nothing of it. Functions are set while no other thread is inside a call of the same name,
 /// best before the first thread is started.
 struct system_calls {
+  /// `fork` and `_Fork`.
   std::function<pid_t()> fork;
   std::function<pid_t(pid_t, int*, int)> waitpid;
-  std::function<int(const char*)> system;
+  /// Runs in the process that is to become a program.
+  std::function<int(const char*, char* const*)> execv;
   std::function<int(pid_t, int)> kill;
   std::function<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> pthread_create;
   std::function<int(pthread_t, void**)> pthread_join;
@@ -32,6 +34,7 @@ struct system_calls {
   std::function<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> ppoll;
   std::function<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
   std::function<int(int, int)> flock;
+  std::function<int(int*, int)> pipe2;
   std::function<void*(void*, std::size_t, int, int, int, off_t)> mmap;
 };
 
@@ -41,8 +44,10 @@ extern system_calls faults;
 /// The calls themselves, for functions that let some of them through.
 namespace real {
 pid_t fork();
+/// The fork that the supervisor uses for its children.
+pid_t fork_bare();
 pid_t waitpid(pid_t pid, int* status, int options);
-int system(const char* command);
+int execv(const char* path, char* const* arguments);
 int kill(pid_t pid, int sig);
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                    void* argument);
@@ -56,10 +61,9 @@ int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t*
 int flock(int fd, int operation);
 }  // namespace real
 
-/// An `mmap` that has no memory to share with forked processes. Whoever wants to run a command in a
-/// copy then fails before the copy is forked.
-void* without_shared_memory(void* at, std::size_t size, int protection, int flags, int fd,
-                            off_t offset);
+/// A `pipe2` that has no descriptors: whoever wants to run a command then fails before a child is
+/// forked.
+int without_pipes(int* ends, int flags);
 
 /// Lets all calls through again when it goes.
 class no_faults_afterwards final {

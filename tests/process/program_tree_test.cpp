@@ -1,10 +1,12 @@
-#include "process/launch_probe.h"
+#include "process/program_tree.h"
 
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <string>
@@ -53,33 +55,33 @@ pid_t child_of(pid_t pid) {
   return text.empty() ? 0 : std::stoi(text);
 }
 
-TEST(launch_probe, a_copy_that_is_gone_is_not_waited_for) {
+TEST(program_tree, a_copy_that_is_gone_is_not_waited_for) {
   in_child([] {
     const pid_t gone = ::fork();
     if (gone == 0) ::_exit(0);
     ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
-    EXPECT_TRUE(launch_probe::is_findable(gone));
-    EXPECT_TRUE(launch_probe::is_findable(0));
-    EXPECT_TRUE(launch_probe::is_findable(-1));
+    EXPECT_TRUE(program_tree::is_findable(gone));
+    EXPECT_TRUE(program_tree::is_findable(0));
+    EXPECT_TRUE(program_tree::is_findable(-1));
   });
 }
 
-TEST(launch_probe, a_copy_without_a_child_has_not_started_its_program) {
+TEST(program_tree, a_copy_without_a_child_has_not_started_its_program) {
   in_child([] {
     const pid_t copy = start([] {});
-    EXPECT_FALSE(launch_probe::is_findable(copy));
+    EXPECT_FALSE(program_tree::is_findable(copy));
   });
 }
 
-TEST(launch_probe, a_child_that_is_still_a_copy_is_not_the_program) {
+TEST(program_tree, a_child_that_is_still_a_copy_is_not_the_program) {
   in_child([] {
     const pid_t copy = start([] { start([] {}); });
     ASSERT_GT(child_of(copy), 0);
-    EXPECT_FALSE(launch_probe::is_findable(copy));
+    EXPECT_FALSE(program_tree::is_findable(copy));
   });
 }
 
-TEST(launch_probe, a_shell_without_a_child_is_not_the_program) {
+TEST(program_tree, a_shell_without_a_child_is_not_the_program) {
   in_child([] {
     // A shell that waits for its input, which never comes.
     int ends[2];
@@ -91,41 +93,84 @@ TEST(launch_probe, a_shell_without_a_child_is_not_the_program) {
       });
     });
     ASSERT_TRUE(has_name(child_of(copy), "sh"));
-    EXPECT_FALSE(launch_probe::is_findable(copy));
+    EXPECT_FALSE(program_tree::is_findable(copy));
   });
 }
 
-TEST(launch_probe, a_child_of_the_shell_is_the_program) {
+TEST(program_tree, a_child_of_the_shell_is_the_program) {
   in_child([] {
     const pid_t copy = start([] { start([] { run("/bin/sh", "sh", "-c"); }); });
     const pid_t shell = child_of(copy);
     ASSERT_TRUE(has_name(shell, "sh"));
     ASSERT_TRUE(has_name(child_of(shell), "sleep"));
-    EXPECT_TRUE(launch_probe::is_findable(copy));
+    EXPECT_TRUE(program_tree::is_findable(copy));
   });
 }
 
-TEST(launch_probe, a_shell_that_has_become_the_program_is_the_program) {
+TEST(program_tree, a_shell_that_has_become_the_program_is_the_program) {
   in_child([] {
     const std::string name = unique_name('d');
     const pid_t copy = start([&] { start([&] { ::prctl(PR_SET_NAME, name.c_str()); }); });
     ASSERT_TRUE(has_name(child_of(copy), name));
-    EXPECT_TRUE(launch_probe::is_findable(copy));
+    EXPECT_TRUE(program_tree::is_findable(copy));
   });
 }
 
-TEST(launch_probe, tells_when_a_real_launch_has_got_there) {
+TEST(program_tree, tells_when_a_real_launch_has_got_there) {
   in_child([] {
     const std::string name = unique_name('w');
     const std::string path = write_program(name, "sleep 60\n");
     const pid_t copy = start([&] {
       if (std::system(path.c_str()) != 0) ::_exit(1);
     });
-    ASSERT_TRUE(wait_until([&] { return launch_probe::is_findable(copy); }));
+    ASSERT_TRUE(wait_until([&] { return program_tree::is_findable(copy); }));
     // The shell runs the program in a child or becomes it.
     const pid_t child = child_of(copy);
     EXPECT_TRUE(
         wait_until([&] { return name_of(child) == name || name_of(child_of(child)) == name; }));
+  });
+}
+
+TEST(program_tree, the_signal_goes_to_every_descendant_of_that_name_and_to_no_other) {
+  in_child([] {
+    const std::string name = unique_name('s');
+    const auto named = [&](const std::string& own, const std::function<void()>& then) {
+      return start([=] {
+        ::prctl(PR_SET_NAME, own.c_str());
+        then();
+      });
+    };
+    const pid_t elsewhere = named(name, [] {});
+    // child, shell, program, its helper of another name, and below that one of the program's again
+    const pid_t child = start([&] {
+      named("sh", [&] {
+        named(name + "x", [&] { named("helper", [&] { named(name, [] {}); }); });
+        named(name, [] {});
+      });
+    });
+    const pid_t shell = child_of(child);
+    ASSERT_TRUE(wait_until([&] {
+      const std::string list = read_file("/proc/" + std::to_string(shell) + "/task/" +
+                                         std::to_string(shell) + "/children");
+      return std::count(list.begin(), list.end(), ' ') == 2;
+    }));
+    const pid_t helper = child_of(child_of(shell));
+    const pid_t deepest = child_of(helper);
+    ASSERT_TRUE(has_name(deepest, name));
+
+    EXPECT_EQ(program_tree::signal_by_name(child, name.c_str(), SIGUSR2), 3);
+    EXPECT_TRUE(wait_until([&] { return state_of(deepest) == 'Z' || state_of(deepest) == '?'; }));
+    for (const pid_t spared : {elsewhere, child, shell, helper})
+      EXPECT_EQ(state_of(spared), 'S') << name_of(spared);
+  });
+}
+
+TEST(program_tree, a_name_that_is_no_pattern_is_nobody_s) {
+  in_child([] {
+    const pid_t child = start([] { start([] {}); });
+    ASSERT_GT(child_of(child), 0);
+    EXPECT_EQ(program_tree::signal_by_name(child, "(", SIGUSR2), 0);
+    EXPECT_EQ(program_tree::signal_by_name(child, ".", 0), 1);
   });
 }
 

@@ -1,11 +1,11 @@
-#include "process/forked_copy.h"
+#include "process/child.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
@@ -22,9 +22,10 @@
 
 namespace {
 
-/// Runs a program in a copy, as a monitor does.
+/// Runs a program in a child, as a monitor does.
 pid_t start(const std::string& command) {
-  return forked_copy::start_program(command.c_str());
+  child::start();
+  return child::start_program(command.c_str());
 }
 
 /// The same, and waits for its end.
@@ -35,7 +36,7 @@ int run(const std::string& command) {
   return status;
 }
 
-/// A set of signals out of a copy of /proc/self/status.
+/// A set of signals out of the text of /proc/self/status.
 std::uint64_t signals_in(const std::string& status, const std::string& field) {
   const std::size_t at = status.find("\n" + field + ":");
   if (at == std::string::npos) return ~std::uint64_t{0};
@@ -46,16 +47,25 @@ std::uint64_t bit(int sig) {
   return std::uint64_t{1} << (sig - 1);
 }
 
-/// Has `system` keep its caller's /proc/self/status in the file "status": a shell may change what
-/// it hands on.
+bool never_in_a_hurry() {
+  return false;
+}
+
+child::command_end run_to_its_end(const std::string& command) {
+  child::start();
+  return child::run_command(command.c_str(), std::chrono::minutes(1), never_in_a_hurry);
+}
+
+/// Has the process that is to become a shell keep its /proc/self/status in the file "status"
+/// instead: a shell may change what it hands on.
 void note_status_instead_of_a_shell() {
-  faults.system = [](const char*) {
+  faults.execv = [](const char*, char* const*) {
     write_file("status", read_file("/proc/self/status"));
-    return 0;
+    return -1;
   };
 }
 
-TEST(start_program, ends_the_copy_with_status_0_whatever_becomes_of_the_command) {
+TEST(start_program, ends_the_child_with_status_0_whatever_becomes_of_the_command) {
   in_child([] {
     const captured_output errors(2);
     for (const char* command : {"true", "false", "exit 7", "/nowhere/program", "kill -KILL $$", ""})
@@ -63,10 +73,45 @@ TEST(start_program, ends_the_copy_with_status_0_whatever_becomes_of_the_command)
   });
 }
 
-TEST(start_program, ends_the_copy_with_status_0_when_there_is_no_shell_to_be_had) {
+TEST(start_program, ends_the_child_with_status_0_when_there_is_no_shell_to_be_had) {
   in_child([] {
-    faults.system = [](const char*) { return -1; };
+    faults.execv = [](const char*, char* const*) { return -1; };
     EXPECT_EQ(run("true"), 0);
+    faults.execv = nullptr;
+    // The child forks, and its shell is not to be had.
+    faults.fork = [] {
+      const pid_t child = real::fork_bare();
+      if (child == 0) faults.fork = [] { return -1; };
+      return child;
+    };
+    EXPECT_EQ(run("true"), 0);
+  });
+}
+
+TEST(start_program, has_no_process_before_the_thread_that_forks_exists) {
+  in_child([] {
+    errno = 0;
+    EXPECT_EQ(child::start_program("true"), -1);
+    EXPECT_EQ(errno, EAGAIN);
+  });
+}
+
+TEST(start_program, is_possible_when_the_thread_that_forks_was_not_to_be_had_at_first) {
+  in_child([] {
+    faults.pthread_create = [](auto...) { return EAGAIN; };
+    EXPECT_FALSE(child::start());
+    faults.pthread_create = nullptr;
+    EXPECT_TRUE(child::start());
+    EXPECT_EQ(run("true"), 0);
+  });
+}
+
+TEST(start_program, refuses_a_command_of_1024_bytes) {
+  in_child([] {
+    child::start();
+    errno = 0;
+    EXPECT_EQ(child::start_program(std::string(1024, 'x').c_str()), -1);
+    EXPECT_EQ(errno, E2BIG);
   });
 }
 
@@ -129,9 +174,9 @@ TEST(start_program, gives_the_program_descriptors_0_1_and_2_only) {
 TEST(start_program, keeps_nothing_open_while_the_program_runs) {
   in_child([] {
     ASSERT_EQ(::dup2(1, 40), 40);
-    const pid_t copy = start("echo > started; sleep 60");
+    const pid_t child = start("echo > started; sleep 60");
     ASSERT_TRUE(wait_until([] { return exists("started"); }));
-    const std::string fds = "/proc/" + std::to_string(copy) + "/fd";
+    const std::string fds = "/proc/" + std::to_string(child) + "/fd";
     for (const auto& entry : std::filesystem::directory_iterator(fds))
       EXPECT_LE(std::stoi(entry.path().filename()), 2);
   });
@@ -170,6 +215,29 @@ TEST(start_program, hands_ignored_signals_on_and_no_handler) {
   });
 }
 
+TEST(start_program, the_child_leaves_the_terminal_s_signals_to_its_shell) {
+  for (const auto at_start : {SIG_DFL, SIG_IGN}) {
+    in_child([=] {
+      ::signal(SIGQUIT, at_start);
+      supervisor_signals::block();
+      ::signal(SIGQUIT, at_start == SIG_DFL ? SIG_IGN : SIG_DFL);
+      faults.execv = [](const char*, char* const*) {
+        write_file("shell", read_file("/proc/self/status"));
+        write_file("child", read_file("/proc/" + std::to_string(::getppid()) + "/status"));
+        return -1;
+      };
+      run("true");
+      EXPECT_TRUE(signals_in(read_file("child"), "SigIgn") & bit(SIGQUIT));
+      EXPECT_TRUE(signals_in(read_file("child"), "SigIgn") & bit(SIGINT));
+      EXPECT_TRUE(signals_in(read_file("child"), "SigBlk") & bit(SIGCHLD));
+      EXPECT_FALSE(signals_in(read_file("shell"), "SigIgn") & bit(SIGINT));
+      EXPECT_FALSE(signals_in(read_file("shell"), "SigBlk") & bit(SIGCHLD));
+      EXPECT_EQ((signals_in(read_file("shell"), "SigIgn") & bit(SIGQUIT)) != 0,
+                at_start == SIG_IGN);
+    });
+  }
+}
+
 TEST(start_program, a_program_behind_the_shell_does_not_die_of_a_broken_pipe) {
   in_child([] {
     supervisor_signals::block();
@@ -181,31 +249,31 @@ TEST(start_program, a_program_behind_the_shell_does_not_die_of_a_broken_pipe) {
   });
 }
 
-TEST(start_program, the_copy_outlives_the_supervisor_s_signals) {
+TEST(start_program, the_child_outlives_the_supervisor_s_signals) {
   in_child([] {
     supervisor_signals::block();
-    const pid_t copy = start("echo > started; while test ! -e end; do sleep 0.01; done");
+    const pid_t child = start("echo > started; while test ! -e end; do sleep 0.01; done");
     ASSERT_TRUE(wait_until([] { return exists("started"); }));
     for (const int sig : {SIGINT, SIGUSR1, SIGUSR2, SIGUSR2})
-      ASSERT_EQ(::kill(copy, sig), 0);
+      ASSERT_EQ(::kill(child, sig), 0);
     write_file("end", "");
     int status = -1;
-    ASSERT_EQ(::waitpid(copy, &status, 0), copy);
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
   });
 }
 
-TEST(start_program, a_handler_of_the_supervisor_does_not_run_in_the_copy) {
+TEST(start_program, a_handler_of_the_supervisor_does_not_run_in_the_child) {
   in_child([] {
-    // The signals get through, as they do from the copy's start mask on.
+    // The signals get through, as they do from the child's start mask on.
     static const std::string seen = std::filesystem::current_path() / "seen";
     supervisor_signals::block();
     ::signal(SIGUSR2, [](int) { write_file(seen, "handled"); });
-    ::raise(SIGUSR2);  // pending here; a copy begins with none
+    ::raise(SIGUSR2);  // pending here; a child begins with none
     faults.fork = [] {
-      const pid_t copy = real::fork();
-      if (copy == 0) ::raise(SIGUSR2);
-      return copy;
+      const pid_t child = real::fork_bare();
+      if (child == 0) ::raise(SIGUSR2);
+      return child;
     };
     EXPECT_EQ(run("true"), 0);
     EXPECT_FALSE(exists("seen"));
@@ -225,59 +293,82 @@ TEST(start_program, a_command_of_1023_bytes_is_safe) {
   });
 }
 
-TEST(run_command, returns_what_system_returned) {
+TEST(run_command, returns_what_system_would_have_returned) {
   in_child([] {
-    EXPECT_EQ(forked_copy::run_command("true"), 0);
-    const int status = forked_copy::run_command("exit 3");
-    EXPECT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 3);
-    EXPECT_EQ(WTERMSIG(forked_copy::run_command("kill -TERM $$")), SIGTERM);
+    EXPECT_EQ(run_to_its_end("true").result, 0);
+    const int result = run_to_its_end("exit 3").result;
+    EXPECT_TRUE(WIFEXITED(result));
+    EXPECT_EQ(WEXITSTATUS(result), 3);
+    EXPECT_EQ(WTERMSIG(run_to_its_end("kill -TERM $$").result), SIGTERM);
   });
 }
 
 TEST(run_command, waits_for_the_command) {
   in_child([] {
-    forked_copy::run_command("sleep 0.02; echo > done");
+    EXPECT_EQ(run_to_its_end("sleep 0.02; echo > done").what, child::outcome::ended);
     EXPECT_TRUE(exists("done"));
   });
 }
 
 TEST(run_command, runs_where_the_supervisor_is) {
   in_child([] {
-    forked_copy::run_command("pwd > where; /bin/true");
+    run_to_its_end("pwd > where; /bin/true");
     EXPECT_EQ(read_file("where"), std::filesystem::current_path().string() + "\n");
   });
 }
 
-TEST(run_command, returns_minus_1_when_the_kernel_reaps_the_children_and_still_waits) {
+TEST(run_command,
+     has_a_result_of_minus_1_where_the_kernel_reaps_and_knows_the_status_all_the_same) {
   in_child([] {
     ::signal(SIGCHLD, SIG_IGN);
-    EXPECT_EQ(forked_copy::run_command("sleep 0.02; echo > done"), -1);
+    const child::command_end end = run_to_its_end("sleep 0.02; echo > done; exit 3");
+    EXPECT_EQ(end.what, child::outcome::ended);
+    EXPECT_EQ(end.result, -1);
+    EXPECT_EQ(WEXITSTATUS(end.status), 3);
     EXPECT_TRUE(exists("done"));
   });
 }
 
-TEST(run_command, returns_minus_1_without_a_process) {
+void expect_not_started(const child::command_end& end) {
+  EXPECT_EQ(end.what, child::outcome::not_started);
+  EXPECT_EQ(end.result, -1);
+  EXPECT_EQ(end.status, -1);
+}
+
+TEST(run_command, is_not_started_without_a_process) {
   in_child([] {
     faults.fork = [] {
       errno = EAGAIN;
       return -1;
     };
-    EXPECT_EQ(forked_copy::run_command("echo > done"), -1);
+    expect_not_started(run_to_its_end("echo > done"));
     faults.fork = nullptr;
-    faults.mmap = without_shared_memory;
-    EXPECT_EQ(forked_copy::run_command("echo > done"), -1);
+    faults.pipe2 = without_pipes;
+    expect_not_started(run_to_its_end("echo > done"));
     EXPECT_FALSE(exists("done"));
   });
 }
 
-TEST(run_command, returns_minus_1_when_the_copy_is_killed) {
+TEST(run_command, is_not_started_when_the_child_has_no_process_for_the_shell) {
   in_child([] {
-    faults.system = [](const char*) {
-      ::raise(SIGKILL);
-      return 0;
+    faults.fork = [] {
+      const pid_t child = real::fork_bare();
+      if (child == 0) faults.fork = [] { return -1; };
+      return child;
     };
-    EXPECT_EQ(forked_copy::run_command("true"), -1);
+    expect_not_started(run_to_its_end("echo > done"));
+    EXPECT_FALSE(exists("done"));
+  });
+}
+
+TEST(run_command, is_not_started_when_the_child_is_killed) {
+  in_child([] {
+    faults.fork = [] {
+      const pid_t child = real::fork_bare();
+      if (child == 0) ::raise(SIGKILL);
+      return child;
+    };
+    expect_not_started(run_to_its_end("true"));
   });
 }
 
@@ -291,23 +382,63 @@ TEST(run_command, goes_on_waiting_when_a_signal_interrupts_it) {
       }
       return real::waitpid(pid, status, options);
     };
-    EXPECT_EQ(forked_copy::run_command("sleep 0.01"), 0);
+    EXPECT_EQ(run_to_its_end("sleep 0.01").result, 0);
     EXPECT_EQ(interruptions, 3);
   });
 }
 
-TEST(run_command, never_calls_system_in_the_supervisor_itself) {
+TEST(run_command, kills_a_command_that_takes_too_long_with_all_that_it_has_started) {
+  in_child([] {
+    child::start();
+    const child::command_end end =
+        child::run_command("sleep 60 & echo $! > below; echo $$ > shell; wait",
+                           std::chrono::milliseconds(300), never_in_a_hurry);
+    EXPECT_EQ(end.what, child::outcome::given_up);
+    EXPECT_EQ(end.result, -1);
+    for (const char* file : {"below", "shell"}) {
+      const pid_t pid = std::stoi(read_file(file));
+      // This process adopts orphans and does not wait for them.
+      EXPECT_TRUE(wait_until([&] { return state_of(pid) == 'Z' || state_of(pid) == '?'; })) << file;
+    }
+  });
+}
+
+TEST(run_command, is_over_at_once_when_there_is_a_hurry) {
+  in_child([] {
+    child::start();
+    static int asked = 0;
+    const auto start = std::chrono::steady_clock::now();
+    const child::command_end end =
+        child::run_command("sleep 60", std::chrono::minutes(1), [] { return ++asked == 2; });
+    EXPECT_EQ(end.what, child::outcome::given_up);
+    EXPECT_EQ(asked, 2);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+  });
+}
+
+TEST(run_command, is_killed_when_it_is_stopped_for_too_long) {
+  in_child([] {
+    child::start();
+    const child::command_end end = child::run_command(
+        "kill -STOP $PPID; exit 0", std::chrono::milliseconds(200), never_in_a_hurry);
+    EXPECT_EQ(end.what, child::outcome::given_up);
+  });
+}
+
+TEST(run_command, never_runs_anything_in_the_supervisor_itself) {
   in_child([] {
     const pid_t supervisor = ::getpid();
-    faults.system = [=](const char*) { return ::getpid() == supervisor ? 1 : 2; };
-    EXPECT_EQ(forked_copy::run_command("true"), 2);
+    faults.execv = [=](const char*, char* const*) -> int {
+      ::_exit(::getppid() == supervisor || ::getpid() == supervisor ? 1 : 2);
+    };
+    EXPECT_EQ(WEXITSTATUS(run_to_its_end("true").result), 2);
   });
 }
 
 TEST(run_command, gives_the_command_descriptors_0_1_and_2_only) {
   in_child([] {
     ASSERT_EQ(::dup2(1, 40), 40);
-    forked_copy::run_command("ls /proc/self/fd > fds");
+    run_to_its_end("ls /proc/self/fd > fds");
     EXPECT_EQ(read_file("fds"), "0\n1\n2\n3\n");
   });
 }
@@ -316,7 +447,7 @@ TEST(run_command, keeps_the_supervisor_s_signals_blocked_in_the_command) {
   in_child([] {
     supervisor_signals::block();
     note_status_instead_of_a_shell();
-    forked_copy::run_command("true");
+    run_to_its_end("true");
     const std::uint64_t blocked = signals_in(read_file("status"), "SigBlk");
     for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
       EXPECT_TRUE(blocked & bit(sig)) << sig;
@@ -328,11 +459,23 @@ TEST(run_command, leaves_the_supervisor_s_handlers_and_mask_alone) {
     supervisor_signals::block();
     const auto handler = [](int) {};
     ::signal(SIGUSR2, handler);
-    forked_copy::run_command("true");
+    run_to_its_end("true");
     EXPECT_EQ(::signal(SIGUSR2, SIG_IGN), static_cast<sighandler_t>(handler));
     EXPECT_EQ(::signal(SIGINT, SIG_IGN), SIG_DFL);
     EXPECT_EQ(::signal(SIGQUIT, SIG_IGN), SIG_DFL);
+    EXPECT_EQ(::signal(SIGCHLD, SIG_IGN), SIG_DFL);
   });
+}
+
+TEST(the_thread_that_forks, is_the_only_one) {
+  const child_end end = run_in_child([] {
+    const captured_output errors(2);
+    run("true");
+    // Whoever else forks ends the tests.
+    child_path::fork_bare();
+  });
+  EXPECT_FALSE(end.returned);
+  EXPECT_EQ(WTERMSIG(end.status), SIGABRT);
 }
 
 }  // namespace

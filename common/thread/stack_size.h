@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstddef>
+
+/// How much stack threads get, in bytes. Stated for each of them: what a thread gets otherwise
+/// depends on the limit that the process was started with, and can be too little, or more than
+/// there is.
+#ifdef KEELMOND_SANITIZED
+// Instrumented code needs several times as much.
+inline constexpr std::size_t kSmallStack = std::size_t{1024} * 1024;
+inline constexpr std::size_t kLargeStack = std::size_t{8} * 1024 * 1024;
+#else
+/// For threads that do a few things with bounded buffers.
+inline constexpr std::size_t kSmallStack = std::size_t{64} * 1024;
+/// For threads that load configurations and run the handlers, and the one that forks.
+inline constexpr std::size_t kLargeStack = std::size_t{512} * 1024;
+#endif
+
+/// Gives threads with default attributes `size` bytes of stack from now on. Where that cannot be
+/// set they get what the limit of the start says.
+void set_default_stack_size(std::size_t size) noexcept;

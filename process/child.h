@@ -1,0 +1,60 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+
+#include "process/child_path.h"
+
+/// Children of the supervisor: how programs and commands are run.
+///
+/// A child shares its memory with the supervisor until one of the two writes, and keeps its half
+/// for as long as its program runs. So the stacks of monitors, and all else that only the
+/// supervisor's own threads use, lie in memory that children do not get (`unforked_memory`): a
+/// child of ten thousand is as small as a child of ten, and as quickly born. Somebody must fork all
+/// the same, on a stack that the child gets: the one thread that `start` creates. Nobody else in
+/// the supervisor forks, once that has been called. It touches nothing but the request that it
+/// serves, and the child does nothing but what `child_path` shows.
+namespace child {
+
+/// Creates the thread that forks, if it does not exist. Called before the first monitor is started,
+/// and again with each load: by one thread at a time.
+/// @return whether it exists; without it nothing can be run.
+bool start() noexcept;
+
+/// Longest command in bytes with its terminator; a longer one is not run.
+inline constexpr unsigned kCommandSize = 1024;
+
+/// Runs a supervised program in a child of its own, as `fork` does: in the directory of `command`
+/// (its text up to the last "/"; a failure is ignored), through the shell, with the descriptors 0,
+/// 1 and 2 and the signal mask that the supervisor was started with. The child ends with status 0
+/// when the command has ended. Called from any thread.
+/// @return the child's process id, or -1 with errno set: EAGAIN also when there is no thread that
+///         forks, E2BIG when the command is too long.
+pid_t start_program(const char* command) noexcept;
+
+/// How much of a command was run.
+enum class outcome {
+  ended,        ///< its shell has ended
+  not_started,  ///< there was no process, descriptor or shell for it
+  given_up,     ///< it took too long, or was not waited for any more; it has been killed
+};
+
+struct command_end {
+  outcome what;
+  /// What `system` would have returned; -1 unless the shell has ended.
+  int result;
+  /// The shell's status as `waitpid` gives it; -1 unless the shell has ended.
+  int status;
+};
+
+/// Runs `command` through the shell in a child of its own and waits for it. The supervisor's
+/// signals stay blocked in it: one that is sent to the supervisor by name must not hit the shell
+/// between its birth and its first instruction, and lose the command.
+/// @param limit after which it is killed, with everything that it has started.
+/// @param must_hurry asked a few times a second; a command that is not over when it says yes is
+///        killed at once.
+command_end run_command(const char* command, std::chrono::milliseconds limit,
+                        bool (*must_hurry)()) noexcept;
+
+}  // namespace child
