@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -18,6 +19,7 @@
 #include "common/misc/bounded_text.h"
 #include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
+#include "common/thread/unforked_memory.h"
 #include "process/log_entry.h"
 
 std::vector<Tfun_monitor*> monitor_list;
@@ -39,7 +41,7 @@ struct entry {
 };
 
 /// Monitors by name. Where two have the same name, the one that was created first.
-using monitor_index = std::unordered_map<std::string_view, Tfun_monitor*>;
+using monitor_index = std::pmr::unordered_map<std::string_view, Tfun_monitor*>;
 
 /// The number i of a key "svri", written as printf's %d would write it; 0 for any other key.
 int entry_number(std::string_view key) {
@@ -162,8 +164,8 @@ void reconcile(monitor_index& monitors, const entry& wanted) {
   }
 }
 
-monitor_index index_monitors() {
-  monitor_index monitors;
+monitor_index index_monitors(std::pmr::memory_resource* memory) {
+  monitor_index monitors(memory);
   monitors.reserve(monitor_list.size());
   for (Tfun_monitor* monitor : monitor_list)
     monitors.emplace(monitor->program_name(), monitor);
@@ -174,8 +176,10 @@ monitor_index index_monitors() {
 
 void loadServerConfig(const char* path) {
   console::print("loadServerConfig : %s\r\n", path);
-  const Tini_parser config{std::string(path)};
-  monitor_index monitors = index_monitors();
+  // Programs are launched while this goes on, and a child keeps what it is born with.
+  std::pmr::monotonic_buffer_resource memory(unforked_memory::resource());
+  const Tini_parser config{std::string(path), &memory};
+  monitor_index monitors = index_monitors(&memory);
   const int count = config.read_int(kOwnSection, "linux", 0);
   for (const int number : listed_numbers(config, count)) {
     entry program;

@@ -26,9 +26,10 @@ unique_fd open_document(const std::string& path) {
 
 /// Calls `handle` with each line in turn, without its "\n"; the last one needs none. A line that is
 /// cut short by a failing read is not handed out.
+/// @param memory what the reading itself needs.
 template <typename Handler>
-void for_each_line(int fd, Handler handle) {
-  std::vector<char> chunk(std::size_t{64} * 1024);
+void for_each_line(int fd, std::pmr::memory_resource* memory, Handler handle) {
+  std::pmr::vector<char> chunk(std::size_t{64} * 1024, memory);
   std::string line;
   for (;;) {
     const ssize_t got = ::read(fd, chunk.data(), chunk.size());
@@ -48,19 +49,20 @@ void for_each_line(int fd, Handler handle) {
 
 }  // namespace
 
-Tini_parser::Tini_parser(const std::string& path)
-    : true_text("1"), false_text("0"), file_name(path) {
+Tini_parser::Tini_parser(const std::string& path, std::pmr::memory_resource* memory)
+    : true_text("1"), false_text("0"), file_name(path), lines(memory), sections(memory) {
   parse(path);
 }
 
 void Tini_parser::parse(const std::string& path) {
   const unique_fd file = open_document(path);
   if (!file.valid()) return;
-  for_each_line(file.get(), [this](std::string_view text) { parse_line(text); });
+  std::pmr::memory_resource* const memory = lines.get_allocator().resource();
+  for_each_line(file.get(), memory, [this](std::string_view line) { parse_line(line); });
 }
 
-void Tini_parser::parse_line(std::string_view text) {
-  const std::string_view line = ini_line::trim_func(text);
+void Tini_parser::parse_line(std::string_view untrimmed) {
+  const std::string_view line = ini_line::trim_func(untrimmed);
   if (!ini_line::is_kept_line(line)) return;
   lines.emplace_back(line);
   switch (ini_line::classify(line)) {
@@ -82,33 +84,48 @@ void Tini_parser::start_section(std::string_view line) {
 void Tini_parser::handle_assignment(std::string_view line) {
   const std::string_view key = ini_line::trim_func(ini_line::extract_key(line));
   const std::string_view value = ini_line::trim_func(ini_line::extract_value(line));
-  sections[current_section][std::string(key)] = value;
+  set_value(current_section, key, value);
+}
+
+void Tini_parser::set_value(std::string_view section, std::string_view key,
+                            std::string_view value) {
+  auto owner = sections.find(section);
+  if (owner == sections.end()) owner = sections.emplace(section, properties()).first;
+  const auto known = owner->second.find(key);
+  if (known != owner->second.end()) {
+    known->second = value;
+  } else {
+    owner->second.emplace(key, value);
+  }
 }
 
 bool Tini_parser::ensure_property_exists(const std::string& section, const std::string& key) const {
-  if (!section.empty() && !sections.contains(section)) return false;
-  // For "" this lookup is the first: callers rely on its error to tell "no property stands outside
-  // a section" from "this one does not".
-  return sections.at(section).contains(key);
+  return find_value(section, key) != nullptr;
 }
 
-const std::string* Tini_parser::find_value(const std::string& section,
-                                           const std::string& key) const {
-  return ensure_property_exists(section, key) ? &sections.at(section).at(key) : nullptr;
+const Tini_parser::text* Tini_parser::find_value(const std::string& section,
+                                                 const std::string& key) const {
+  const auto owner = sections.find(std::string_view(section));
+  if (!section.empty() && owner == sections.end()) return nullptr;
+  // For "" this look-up is the first: callers rely on its error to tell "no property stands outside
+  // a section" from "this one does not".
+  const properties& known = owner != sections.end() ? owner->second : sections.at(text(section));
+  const auto value = known.find(std::string_view(key));
+  return value != known.end() ? &value->second : nullptr;
 }
 
 bool Tini_parser::read_bool(const std::string& section, const std::string& key,
                             bool default_value) const {
-  const std::string* value = find_value(section, key);
+  const text* value = find_value(section, key);
   if (value == nullptr) return default_value;
-  if (*value == true_text) return true;
-  if (*value == false_text) return false;
+  if (std::string_view(*value) == true_text) return true;
+  if (std::string_view(*value) == false_text) return false;
   return default_value;
 }
 
 std::string Tini_parser::read_string(const std::string& section, const std::string& key,
                                      std::string default_value) const {
-  const std::string* value = find_value(section, key);
+  const text* value = find_value(section, key);
   if (value != nullptr) default_value = *value;
   return default_value;
 }
@@ -120,7 +137,7 @@ std::string Tini_parser::read_string(const std::string& section, const std::stri
 
 void Tini_parser::copy_value(const std::string& section, const std::string& key, char* out,
                              std::size_t size) const {
-  const std::string* value = find_value(section, key);
+  const text* value = find_value(section, key);
   if (value == nullptr || out == nullptr) return;
   const std::size_t length = std::min(value->size(), size - 1);
   std::memcpy(out, value->data(), length);
@@ -129,34 +146,34 @@ void Tini_parser::copy_value(const std::string& section, const std::string& key,
 
 int Tini_parser::read_int(const std::string& section, const std::string& key,
                           int default_value) const {
-  const std::string* value = find_value(section, key);
-  return value == nullptr ? default_value : ini_number::stoi(*value);
+  const text* value = find_value(section, key);
+  return value == nullptr ? default_value : ini_number::stoi(std::string(*value));
 }
 
 long Tini_parser::read_long(const std::string& section, const std::string& key,
                             long default_value) const {
-  const std::string* value = find_value(section, key);
-  return value == nullptr ? default_value : ini_number::stol(*value);
+  const text* value = find_value(section, key);
+  return value == nullptr ? default_value : ini_number::stol(std::string(*value));
 }
 
 float Tini_parser::read_float(const std::string& section, const std::string& key,
                               long default_value) const {
-  const std::string* value = find_value(section, key);
-  return value == nullptr ? static_cast<float>(default_value) : ini_number::stof(*value);
+  const text* value = find_value(section, key);
+  return value == nullptr ? static_cast<float>(default_value) : ini_number::stof(std::string(*value));
 }
 
 double Tini_parser::read_double(const std::string& section, const std::string& key,
                                 double default_value) const {
-  const std::string* value = find_value(section, key);
-  return value == nullptr ? default_value : ini_number::stod(*value);
+  const text* value = find_value(section, key);
+  return value == nullptr ? default_value : ini_number::stod(std::string(*value));
 }
 
 std::vector<std::string> Tini_parser::section_keys(const std::string& section) const {
   std::vector<std::string> keys;
-  const auto found = sections.find(section);
+  const auto found = sections.find(std::string_view(section));
   if (found == sections.end()) return keys;
   keys.reserve(found->second.size());
   for (const auto& property : found->second)
-    keys.push_back(property.first);
+    keys.emplace_back(property.first);
   return keys;
 }

@@ -2,8 +2,10 @@
 
 #include <concepts>
 #include <cstddef>
+#include <functional>
 #include <limits>
 #include <map>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,7 +32,10 @@
 class Tini_parser final {
  public:
   /// Loads the file. Any content is accepted; memory grows in proportion to its size.
-  explicit Tini_parser(const std::string& path);
+  /// @param memory where lines and properties are kept; it must outlive the object. A copy of the
+  ///        object keeps its own in ordinary memory.
+  explicit Tini_parser(const std::string& path,
+                       std::pmr::memory_resource* memory = std::pmr::get_default_resource());
 
   /// Whether the section has the key. Nothing is created, in spite of the name.
   ///
@@ -124,24 +129,29 @@ class Tini_parser final {
   void write_input_to_file() const;
 
  private:
+  using text = std::pmr::string;
+  /// Looked up by texts of any kind.
+  using properties = std::pmr::map<text, text, std::less<>>;
+
   void parse(const std::string& path);
-  void parse_line(std::string_view text);
+  void parse_line(std::string_view untrimmed);
   void start_section(std::string_view line);
   void handle_assignment(std::string_view line);
 
   /// The value of a property, null when there is none; throws as `ensure_property_exists` does.
-  [[nodiscard]] const std::string* find_value(const std::string& section,
-                                              const std::string& key) const;
+  [[nodiscard]] const text* find_value(const std::string& section, const std::string& key) const;
   /// Copies a value and its terminating zero, at most `size` bytes in all.
   void copy_value(const std::string& section, const std::string& key, char* out,
                   std::size_t size) const;
+  /// Sets a value in memory, and creates section and key for it.
+  void set_value(std::string_view section, std::string_view key, std::string_view value);
   /// Rewrites every line of the section with this key. @return whether there is one.
   bool rewrite_lines(const std::string& section, const std::string& key, const std::string& value);
 
   std::string true_text;
   std::string false_text;
   std::string file_name;
-  std::vector<std::string> lines;
-  std::map<std::string, std::map<std::string, std::string>> sections;
+  std::pmr::vector<text> lines;
+  std::pmr::map<text, properties, std::less<>> sections;
   std::string current_section;
 };

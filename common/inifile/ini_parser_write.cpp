@@ -35,7 +35,7 @@ void Tini_parser::write_input_to_file() const {
   const unique_fd file(::open(file_name.c_str(), kFlags, 0666));
   if (!file.valid()) return;
   std::string block;
-  for (const std::string& line : lines) {
+  for (const text& line : lines) {
     // Never "\r\n", on purpose: what this class has written always has the same line ends.
     block.append(line).push_back('\n');
     if (block.size() < kBlock) continue;
@@ -49,7 +49,7 @@ bool Tini_parser::create_section(const std::string& name) {
   if (name.empty()) return false;
   // One kept line for both: the newline in front makes the empty line, and it keeps this object
   // from taking the line for a header, so that only a reload opens the section.
-  lines.push_back("\n[" + name + "]");
+  lines.emplace_back("\n[" + name + "]");
   write_input_to_file();
   return true;
 }
@@ -67,16 +67,16 @@ bool Tini_parser::create_property_in_section(const std::string& section, const s
     return ini_line::is_section_start_line(line) && ini_line::extract_section_name(line) == section;
   });
   if (header == lines.end()) return false;
-  lines.insert(header + 1, assignment_line(key, value));
+  lines.emplace(header + 1, assignment_line(key, value));
   write_input_to_file();
-  sections[section][key] = value;
+  set_value(section, key, value);
   return true;
 }
 
 bool Tini_parser::create_property_no_section(const std::string& key, const std::string& value) {
-  lines.insert(lines.begin(), assignment_line(key, value));
+  lines.emplace(lines.begin(), assignment_line(key, value));
   write_input_to_file();
-  sections[""][key] = value;
+  set_value("", key, value);
   return true;
 }
 
@@ -84,7 +84,7 @@ bool Tini_parser::rewrite_lines(const std::string& section, const std::string& k
                                 const std::string& value) {
   bool found = false;
   std::string_view current;  // into a header's line, and those are not rewritten
-  for (std::string& line : lines) {
+  for (text& line : lines) {
     switch (ini_line::classify(line)) {
       case ini_line::meaning::section:
         current = ini_line::extract_section_name(line);
@@ -105,7 +105,7 @@ bool Tini_parser::rewrite_lines(const std::string& section, const std::string& k
 void Tini_parser::write_value(const std::string& section, const std::string& key,
                               const std::string& value) {
   // First, and for good: callers rely on reading back a value that found no place in the file.
-  sections[section][key] = value;
+  set_value(section, key, value);
   if (rewrite_lines(section, key, value)) {
     write_input_to_file();
   } else {

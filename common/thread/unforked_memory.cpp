@@ -2,7 +2,26 @@
 
 #include <sys/mman.h>
 
+#include <new>
+
 namespace unforked_memory {
+namespace {
+
+class page_resource final : public std::pmr::memory_resource {
+  void* do_allocate(std::size_t size, std::size_t /*alignment: a page's is enough*/) override {
+    void* const memory = allocate(size);
+    if (memory == nullptr) throw std::bad_alloc();
+    return memory;
+  }
+  void do_deallocate(void* memory, std::size_t size, std::size_t /*alignment*/) override {
+    release(memory, size);
+  }
+  [[nodiscard]] bool do_is_equal(const memory_resource& other) const noexcept override {
+    return this == &other;
+  }
+};
+
+}  // namespace
 
 void* allocate(std::size_t size) noexcept {
   void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
@@ -20,6 +39,11 @@ void* allocate(std::size_t size) noexcept {
 
 void release(void* memory, std::size_t size) noexcept {
   if (memory != nullptr) ::munmap(memory, size);
+}
+
+std::pmr::memory_resource* resource() noexcept {
+  static constinit page_resource instance;
+  return &instance;
 }
 
 }  // namespace unforked_memory

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory_resource>
 
 /// Memory that a forked copy of the process does not get.
 ///
@@ -18,5 +19,9 @@ void* allocate(std::size_t size) noexcept;
 
 /// Gives back what `allocate` returned for the same `size`; does nothing for null.
 void release(void* memory, std::size_t size) noexcept;
+
+/// The same for containers. Each allocation is a mapping of its own, so something that hands out
+/// smaller pieces belongs on top. Throws std::bad_alloc.
+std::pmr::memory_resource* resource() noexcept;
 
 }  // namespace unforked_memory
