@@ -9,7 +9,7 @@ namespace {
 
 class page_resource final : public std::pmr::memory_resource {
   void* do_allocate(std::size_t size, std::size_t /*alignment: a page's is enough*/) override {
-    void* const memory = allocate(size);
+    void* const memory = unforked_memory::allocate(size);
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
   }
