@@ -2,106 +2,177 @@
 
 #include <pthread.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <exception>
 #include <optional>
+#include <utility>
 
 #include "common/misc/console.h"
 #include "common/misc/unique_fd.h"
+#include "process/file_version.h"
+#include "process/name_watch.h"
 #include "process/server_config.h"
 #include "process/supervisor_signals.h"
-#include "process/watch_pause.h"
 
 namespace {
 
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
 
+/// What is saved between two rounds is not seen, on purpose: a reload is over before the next one.
+constexpr std::chrono::seconds kPause{2};
 /// A save in place counts as finished when nothing has changed for this long.
 constexpr milliseconds kQuiet{50};
 /// How long a save in place is waited for at most.
 constexpr milliseconds kLongestSave{1000};
+/// How long a tool may take between removing the file and making it anew.
+constexpr milliseconds kLongestAbsence{500};
 constexpr milliseconds kLookEvery{5};
 
-/// What changes when a file is written to.
-struct file_version {
-  dev_t device;
-  ino_t inode;
-  off_t size;
-  timespec modified;
-
-  [[nodiscard]] bool same_file(const file_version& other) const {
-    return device == other.device && inode == other.inode;
-  }
-  [[nodiscard]] bool same_content(const file_version& other) const {
-    return size == other.size && modified.tv_sec == other.modified.tv_sec &&
-           modified.tv_nsec == other.modified.tv_nsec;
-  }
-};
-
-std::optional<file_version> version_of(const char* path) {
-  struct stat status {};
-  if (::stat(path, &status) != 0) return std::nullopt;
-  return file_version{status.st_dev, status.st_ino, status.st_size, status.st_mtim};
+/// Waits for a file that is absent. One that stays away has been deleted.
+void await_file(const char* path) {
+  const auto end = steady::now() + kLongestAbsence;
+  while (!file_version::of(path) && steady::now() < end)
+    supervisor_signals::wait(-1, kLookEvery);
 }
 
-/// Lets a save in place become whole: most editors empty the file first and write it then, and the
-/// first of the two is already a modification. A file that was replaced is whole from the start,
-/// and one that is gone stays gone; neither is waited for. An empty file is a save that has not got
+/// Lets a save become whole: most editors empty the file first, or make a new one, and write it
+/// then, and the first of these is already an event. An empty file is a save that has not got
 /// further yet.
-void await_whole_file(const char* path, const std::optional<file_version>& watched) {
+void await_whole_file(const char* path) {
   const auto end = steady::now() + kLongestSave;
   auto quiet_since = steady::now();
-  std::optional<file_version> last = version_of(path);
-  while (last && watched && last->same_file(*watched)) {
+  std::optional<file_version> last = file_version::of(path);
+  while (last) {
     const auto now = steady::now();
     if (now >= end || (now - quiet_since >= kQuiet && last->size > 0)) return;
     supervisor_signals::wait(-1, kLookEvery);
-    const std::optional<file_version> current = version_of(path);
-    if (!current || !current->same_content(*last)) quiet_since = steady::now();
+    const std::optional<file_version> current = file_version::of(path);
+    if (current != last) quiet_since = steady::now();
     last = current;
   }
 }
 
-/// One round of the watch.
-/// @return false when the watcher has to give up.
-bool watch_once(const char* path) {
-  const unique_fd instance(::inotify_init1(IN_CLOEXEC));
+/// Lets a save get to its end, whatever tool makes it: in place, by removing the file and making it
+/// anew, or by moving the old one away first.
+void await_save(const char* path) {
+  await_file(path);
+  await_whole_file(path);
+}
+
+/// A reload, in the handler of SIGUSR1 on this thread.
+void reload() {
+  ::pthread_kill(::pthread_self(), SIGUSR1);
+  supervisor_signals::deliver();
+}
+
+/// Reloads again for what was saved while the last load was going on. That one may have read the
+/// old content, and no event will tell.
+void catch_up(const char* path) {
+  while (has_changed_since_load(path)) {
+    await_save(path);
+    reload();
+  }
+}
+
+/// Says what would have kept the supervisor going. The fixed line before it only names a call.
+void explain_end(const char* path, int error) {
+  char reason[256];
+  std::snprintf(
+      reason, sizeof reason,
+      "%s cannot be watched, so everything ends. It has to be there, and user %u has to be "
+      "able to read and write it and to enter its directory (%s). run.pid stays and "
+      "blocks the next start",
+      path == nullptr ? "(null)" : path, ::geteuid(), std::strerror(error));
+  console::report_failure("keelmond", reason);
+}
+
+/// The watch on the file, and beside it those on its name, on one instance.
+struct watches {
+  unique_fd instance;
+  int file;
+  std::optional<file_version> watched;
+  name_watch names;
+};
+
+/// @return none when the watcher has to give up; it has said why.
+std::optional<watches> set_watches(const char* path) {
+  unique_fd instance(::inotify_init1(IN_CLOEXEC));
   if (!instance.valid()) {
     console::report_error("inotify_init");
-    return false;
+    return std::nullopt;
   }
-  const int watch = ::inotify_add_watch(instance.get(), path, IN_MODIFY);
-  if (watch == -1) {
+  std::optional<file_version> watched = file_version::of(path);
+  const int file = ::inotify_add_watch(instance.get(), path, IN_MODIFY);
+  if (file == -1) {
+    const int error = errno;
     console::report_error("inotify_add_watch");
-    return false;
+    explain_end(path, error);
+    return std::nullopt;
   }
-  const std::optional<file_version> watched = version_of(path);
-  supervisor_signals::wait(instance.get(), std::nullopt);
+  name_watch names(instance.get(), path);
+  return watches{std::move(instance), file, watched, std::move(names)};
+}
 
-  // Any event counts. A file that is deleted or replaced reports that its watch is gone, and that
-  // is the only way in which a save by rename is seen.
-  char events[1024] = {};
-  if (::read(instance.get(), events, sizeof events) < 0) {
+/// Whether another file stands there than the one that is watched.
+bool is_replaced(const char* path, const watches& set) {
+  const std::optional<file_version> current = file_version::of(path);
+  return current && set.watched && !current->is_same_file_as(*set.watched);
+}
+
+/// Waits for something that concerns the file.
+/// @return what it was; none when the events could not be read.
+std::optional<name_watch::finding> await_event(const char* path, const watches& set) {
+  // It was moved away when only the file was watched, and that tells nothing.
+  if (is_replaced(path, set)) return name_watch::finding::changed;
+  alignas(inotify_event) char events[1024];
+  for (;;) {
+    supervisor_signals::wait(set.instance.get(), std::nullopt);
+    std::memset(events, 0, sizeof events);
+    const ssize_t got = ::read(set.instance.get(), events, sizeof events);
+    if (got < 0) return std::nullopt;
+    const auto found = set.names.judge(events, static_cast<std::size_t>(got));
+    if (found != name_watch::finding::nothing) return found;
+  }
+}
+
+/// Whether the file that stands there now was moved to its place, so that it is whole.
+bool is_whole(const char* path, const watches& set, name_watch::finding found) {
+  return set.names.sees_the_name() ? found == name_watch::finding::replaced
+                                   : is_replaced(path, set);
+}
+
+/// One round of the watch. Any event counts: one modification may be several, and a file that is
+/// deleted or replaced may report only that its watch is gone.
+/// @return false when the watcher has to give up.
+bool watch_once(const char* path, bool is_first) {
+  const std::optional<watches> set = set_watches(path);
+  if (!set) return false;
+  if (is_first) catch_up(path);
+  const auto found = await_event(path, *set);
+  if (!found) {
     console::report_error("read");
     return true;
   }
-  await_whole_file(path, watched);
-  ::pthread_kill(::pthread_self(), SIGUSR1);
-  supervisor_signals::deliver();
-  ::inotify_rm_watch(instance.get(), watch);
+  if (!is_whole(path, *set, *found)) await_save(path);
+  reload();
+  catch_up(path);
+  ::inotify_rm_watch(set->instance.get(), set->file);
   return true;
 }
 
 }  // namespace
 
-void* watch_file(void* path) {
-  while (watch_once(static_cast<const char*>(path)))
-    pause_between_watches();
+void* watch_file(void* argument) {
+  const auto* const path = static_cast<const char*>(argument);
+  for (bool is_first = true; watch_once(path, is_first); is_first = false)
+    supervisor_signals::wait(-1, kPause);
   return nullptr;
 }
 

@@ -7,12 +7,14 @@ inline constexpr char kConfigPath[] = "./config/server.ini";
 /// watcher's thread, and the only place where the supervisor's signals are let in while programs
 /// are supervised.
 ///
-/// Each round uses a fresh inotify instance, reads from it once, whatever the events are, causes
-/// one reload and ends with a pause of two seconds, in which modifications are not seen. A file
-/// that is modified in place is given time to become quiet before the reload.
+/// Each round uses a fresh inotify instance, with a watch on the file and one on each name that
+/// leads to it. A read of its events, whatever they are, causes one reload, unless they are all
+/// about other names in the directory. The save that made them is given time to get to its end
+/// first, and one that was made while the reload was going on causes another. Then comes a pause of
+/// two seconds, in which nothing is seen.
 /// @param path the file's name, NUL-terminated.
 /// @return null, and only when there is no inotify instance to be had or the file cannot be
-///         watched; a line on standard error says which.
+///         watched; lines on standard error say which.
 void* watch_file(void* path);
 
 /// SIGUSR1's handler once the first configuration has been loaded: loads it again when `sig` is

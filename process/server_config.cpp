@@ -10,6 +10,7 @@
 #include <cstring>
 #include <memory>
 #include <memory_resource>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -20,6 +21,7 @@
 #include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
 #include "common/thread/unforked_memory.h"
+#include "process/file_version.h"
 #include "process/log_entry.h"
 
 std::vector<Tfun_monitor*> monitor_list;
@@ -31,6 +33,13 @@ constexpr std::size_t kNameSize = 128;
 constexpr std::size_t kExepathSize = 512;
 /// What a monitor can hold.
 constexpr std::size_t kStateSize = 128;
+
+/// The file as it was when the last load began.
+struct last_load {
+  bool any = false;
+  std::optional<file_version> version{};
+};
+last_load g_last_load;
 
 /// One program as the file describes it.
 struct entry {
@@ -178,6 +187,8 @@ void loadServerConfig(const char* path) {
   console::print("loadServerConfig : %s\r\n", path);
   // Programs are launched while this goes on, and a child keeps what it is born with.
   std::pmr::monotonic_buffer_resource memory(unforked_memory::resource());
+  // Before the reading: a save that comes in between is then taken for one more, not for none.
+  g_last_load = {true, file_version::of(path)};
   const Tini_parser config{std::string(path), &memory};
   monitor_index monitors = index_monitors(&memory);
   const int count = config.read_int(kOwnSection, "linux", 0);
@@ -187,4 +198,9 @@ void loadServerConfig(const char* path) {
       reconcile(monitors, program);
     }
   }
+}
+
+bool has_changed_since_load(const char* path) {
+  const std::optional<file_version> current = file_version::of(path);
+  return g_last_load.any && current && current != g_last_load.version;
 }

@@ -18,3 +18,8 @@ extern std::vector<Tfun_monitor*> monitor_list;
 /// Runs on the daemon's main thread at start-up, then inside the SIGUSR1 handler on the watcher's
 /// thread. Throws std::logic_error for a null `path` and std::bad_alloc.
 void loadServerConfig(const char* path);
+
+/// Whether another file, or another content, stands at `path` than when the last load began.
+/// Neither has a file that is absent changed, nor one that was never loaded. Called where loads
+/// are.
+bool has_changed_since_load(const char* path);

@@ -159,7 +159,8 @@ long Tini_parser::read_long(const std::string& section, const std::string& key,
 float Tini_parser::read_float(const std::string& section, const std::string& key,
                               long default_value) const {
   const text* value = find_value(section, key);
-  return value == nullptr ? static_cast<float>(default_value) : ini_number::stof(std::string(*value));
+  return value == nullptr ? static_cast<float>(default_value)
+                          : ini_number::stof(std::string(*value));
 }
 
 double Tini_parser::read_double(const std::string& section, const std::string& key,

@@ -1,9 +1,5 @@
-#include "process/config_watcher.h"
-
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -11,16 +7,10 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 #include <filesystem>
-#include <functional>
-#include <string>
 #include <thread>
 
-#include "process/watch_pause.h"
-#include "tests/process/supervision.h"
+#include "tests/process/watched_config.h"
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
@@ -28,120 +18,8 @@
 
 namespace {
 
-/// What a test does in the watcher's pause, on its thread.
-std::function<void()> in_pause;
-std::atomic<int> pauses{0};
-
-}  // namespace
-
-// Stands in for the pause of two seconds.
-void pause_between_watches() {
-  ++pauses;
-  if (in_pause) in_pause();
-}
-
-namespace {
-
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
-
-constexpr char kLoad[] = "loadServerConfig : ./config/server.ini\r\n";
-
-/// The watcher of ./config/server.ini in the process of a test. Each load of the configuration,
-/// which names no program, prints a line.
-class watcher final {
- public:
-  watcher() {
-    std::filesystem::create_directory("config");
-    write_file(kConfigPath, "[keelmond]\n");
-    count_watches();
-  }
-
-  /// Runs it as the supervisor does, on another thread than the caller's.
-  void start() {
-    thread_ = std::thread([this] {
-      monitorServerConfig(kConfigPath);
-      gave_up_ = true;
-    });
-  }
-  /// Waits until the file is watched for the `number`th time, and the watcher waits.
-  bool watches(int number) {
-    return wait_until([&] { return watches_ == number && waits_at_ == number; });
-  }
-  [[nodiscard]] std::size_t loads() const { return count_of(kLoad, world_.printed()); }
-  bool loaded(std::size_t count) {
-    return wait_until([&] { return loads() == count; });
-  }
-  /// Deletes the file, upon which it gives up, and waits for its end.
-  bool end() {
-    std::filesystem::remove(kConfigPath);
-    const bool ended = wait_until([&] { return gave_up_.load(); });
-    if (ended) thread_.join();
-    return ended;
-  }
-  [[nodiscard]] std::string printed() const { return world_.printed(); }
-  [[nodiscard]] std::string complaints() const { return world_.complaints(); }
-
-  ~watcher() {
-    if (thread_.joinable()) thread_.detach();
-  }
-  watcher(const watcher&) = delete;
-  watcher& operator=(const watcher&) = delete;
-
-  std::atomic<int> watches_{0};
-  std::atomic<int> removed_{0};
-  std::atomic<int> instances_{0};
-  std::atomic<std::size_t> loads_at_removal_{0};
-
- private:
-  void count_watches() {
-    faults.inotify_init1 = [this](int flags) {
-      ++instances_;
-      EXPECT_EQ(flags, IN_CLOEXEC);
-      return real::inotify_init1(flags);
-    };
-    faults.inotify_add_watch = [this](int fd, const char* path, std::uint32_t events) {
-      EXPECT_EQ(events, std::uint32_t{IN_MODIFY});
-      EXPECT_STREQ(path, "./config/server.ini");
-      const int watch = real::inotify_add_watch(fd, path, events);
-      if (watch != -1) ++watches_;
-      return watch;
-    };
-    faults.inotify_rm_watch = [this](int fd, int watch) {
-      ++removed_;
-      loads_at_removal_ = loads();
-      return real::inotify_rm_watch(fd, watch);
-    };
-    // An endless wait is the one for an event.
-    faults.ppoll = [this](pollfd* requests, nfds_t count, const timespec* limit,
-                          const sigset_t* mask) {
-      if (limit == nullptr) waits_at_ = watches_.load();
-      return real::ppoll(requests, count, limit, mask);
-    };
-  }
-
-  const supervision& world_ = supervision::begin();
-  std::thread thread_;
-  std::atomic<int> waits_at_{0};
-  std::atomic<bool> gave_up_{false};
-};
-
-/// A watcher that the process keeps until it ends, since its thread may, too.
-watcher& new_watcher() {
-  return *new watcher;
-}
-
-/// Modifies the file in place, without emptying it.
-void modify() {
-  const int fd = ::open(kConfigPath, O_WRONLY | O_APPEND | O_CLOEXEC);
-  EXPECT_EQ(::write(fd, "#\n", 2), 2);
-  ::close(fd);
-}
-
-void replace(const std::string& text) {
-  write_file("config/new", text);
-  std::filesystem::rename("config/new", kConfigPath);
-}
 
 TEST(config_path, is_relative_to_the_directory_of_the_start) {
   EXPECT_STREQ(kConfigPath, "./config/server.ini");
@@ -170,7 +48,7 @@ TEST(config_watcher, gives_up_when_the_file_cannot_be_watched) {
     ::close(before);
     char path[] = "./config/server.ini";
     EXPECT_EQ(watch_file(path), nullptr);
-    EXPECT_EQ(watch.complaints(), "inotify_add_watch: No such file or directory\n");
+    EXPECT_EQ(watch.complaints(), cannot_watch("No such file or directory"));
     EXPECT_EQ(pauses, 0);
     EXPECT_EQ(watch.loads(), 0U);
     const int after = ::dup(0);
@@ -182,7 +60,7 @@ TEST(config_watcher, gives_up_without_a_path) {
   in_child([] {
     const supervision& world = supervision::begin();
     EXPECT_EQ(watch_file(nullptr), nullptr);
-    EXPECT_EQ(world.complaints(), "inotify_add_watch: Bad address\n");
+    EXPECT_EQ(world.complaints(), cannot_watch("Bad address", "(null)"));
   });
 }
 
@@ -266,7 +144,7 @@ TEST(config_watcher, a_deleted_file_is_one_load_and_the_end) {
     ASSERT_TRUE(watch.end());
     EXPECT_EQ(watch.loads(), 1U);
     EXPECT_EQ(pauses, 1);
-    EXPECT_EQ(watch.complaints(), "inotify_add_watch: No such file or directory\n");
+    EXPECT_EQ(watch.complaints(), cannot_watch("No such file or directory"));
   });
 }
 
@@ -358,51 +236,6 @@ TEST(config_watcher, a_sigusr1_from_outside_loads_and_the_watch_goes_on) {
     modify();
     ASSERT_TRUE(watch.watches(2));
     EXPECT_EQ(watch.loads(), 4U);
-  });
-}
-
-TEST(config_watcher, a_save_in_pieces_is_one_load_of_the_whole_file) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
-    const int fd = ::open(kConfigPath, O_WRONLY | O_TRUNC | O_CLOEXEC);
-    std::this_thread::sleep_for(milliseconds(70));  // empty for longer than a quiet moment
-    for (const char* piece : {"[keelmond]\n", "linux=1\n", "svr1=late\n", "[late]\n",
-                              "exepath=/bin/true\n", "state=stop\n"}) {
-      ASSERT_GT(::write(fd, piece, std::strlen(piece)), 0);
-      std::this_thread::sleep_for(milliseconds(2));
-    }
-    ::close(fd);
-    ASSERT_TRUE(watch.watches(2));
-    EXPECT_EQ(watch.printed(), std::string(kLoad) +
-                                   "read ini file late \r\n"
-                                   "monitor late stopped 333.\r\n");
-  });
-}
-
-TEST(config_watcher, a_file_that_stays_empty_is_waited_for_a_second) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
-    const auto start = steady::now();
-    ASSERT_EQ(::truncate(kConfigPath, 0), 0);
-    ASSERT_TRUE(watch.loaded(1));
-    EXPECT_GE(steady::now() - start, milliseconds(900));
-  });
-}
-
-TEST(config_watcher, a_file_that_goes_while_it_is_saved_is_not_waited_for) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
-    const auto start = steady::now();
-    ASSERT_EQ(::truncate(kConfigPath, 0), 0);
-    replace("[keelmond]\n");
-    ASSERT_TRUE(watch.loaded(1));
-    EXPECT_LT(steady::now() - start, milliseconds(900));
   });
 }
 

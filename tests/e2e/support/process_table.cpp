@@ -99,7 +99,7 @@ int count_watches(pid_t pid) {
        at.increment(gone)) {
     std::istringstream lines(read_file(at->path()));
     for (std::string line; std::getline(lines, line);)
-      watches += line.starts_with("inotify wd:") ? 1 : 0;
+      watches += line.starts_with("inotify wd:") && line.find(" mask:2 ") != line.npos ? 1 : 0;
   }
   return watches;
 }

@@ -1,0 +1,302 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "process/server_config.h"
+#include "tests/process/watched_config.h"
+#include "tests/support/fault.h"
+#include "tests/support/in_child.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/wait_until.h"
+
+// What becomes of saves that do not simply write the file, or put another in its place.
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+/// A configuration whose load prints a line with the name.
+std::string naming(const std::string& name) {
+  return "[keelmond]\nlinux=1\nsvr1=" + name + "\n[" + name + "]\nexepath=/bin/true\nstate=stop\n";
+}
+
+std::string load_of(const std::string& name) {
+  return std::string(kLoad) + "read ini file " + name + " \r\nmonitor " + name +
+         " stopped 333.\r\n";
+}
+
+TEST(config_watcher, a_save_in_pieces_is_one_load_of_the_whole_file) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const int fd = ::open(kConfigPath, O_WRONLY | O_TRUNC | O_CLOEXEC);
+    std::this_thread::sleep_for(milliseconds(70));  // empty for longer than a quiet moment
+    for (const char* piece : {"[keelmond]\n", "linux=1\n", "svr1=late\n", "[late]\n",
+                              "exepath=/bin/true\n", "state=stop\n"}) {
+      ASSERT_GT(::write(fd, piece, std::strlen(piece)), 0);
+      std::this_thread::sleep_for(milliseconds(2));
+    }
+    ::close(fd);
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), std::string(kLoad) +
+                                   "read ini file late \r\n"
+                                   "monitor late stopped 333.\r\n");
+  });
+}
+
+TEST(config_watcher, a_file_that_stays_empty_is_waited_for_a_second) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const auto start = steady::now();
+    ASSERT_EQ(::truncate(kConfigPath, 0), 0);
+    ASSERT_TRUE(watch.loaded(1));
+    EXPECT_GE(steady::now() - start, milliseconds(900));
+  });
+}
+
+TEST(config_watcher, a_file_that_goes_while_it_is_saved_is_not_waited_for) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const auto start = steady::now();
+    ASSERT_EQ(::truncate(kConfigPath, 0), 0);
+    replace("[keelmond]\n");
+    ASSERT_TRUE(watch.loaded(1));
+    EXPECT_LT(steady::now() - start, milliseconds(900));
+  });
+}
+
+TEST(config_watcher, a_file_that_is_removed_and_made_anew_is_waited_for_and_loaded_whole) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    fs::remove(kConfigPath);
+    std::this_thread::sleep_for(milliseconds(100));
+    const int fd = ::open(kConfigPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    std::this_thread::sleep_for(milliseconds(100));
+    const std::string text = naming("anew");
+    ASSERT_EQ(::write(fd, text.data(), 20), 20);
+    std::this_thread::sleep_for(milliseconds(5));
+    ASSERT_GT(::write(fd, text.data() + 20, text.size() - 20), 0);
+    ::close(fd);
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("anew"));
+  });
+}
+
+TEST(config_watcher, a_file_that_stays_away_is_waited_for_half_a_second) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    const auto start = steady::now();
+    ASSERT_TRUE(watch.end());
+    EXPECT_GE(steady::now() - start, milliseconds(450));
+    EXPECT_EQ(watch.loads(), 1U);
+    EXPECT_EQ(watch.complaints(), cannot_watch("No such file or directory"));
+  });
+}
+
+TEST(config_watcher, a_file_that_is_moved_away_as_a_backup_does_not_take_the_watch_along) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    for (int save = 1; save <= 3; ++save) {
+      ASSERT_TRUE(watch.watches(save));
+      fs::rename(kConfigPath, "config/server.ini~");
+      write_file(kConfigPath, naming("backed" + std::to_string(save)));
+    }
+    ASSERT_TRUE(watch.watches(4));
+    EXPECT_EQ(watch.printed(), load_of("backed1") + load_of("backed2") + load_of("backed3"));
+  });
+}
+
+TEST(config_watcher, a_file_that_is_moved_in_after_the_other_was_moved_away_is_loaded) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    write_file("config/next", naming("moved"));
+    fs::rename(kConfigPath, "config/server.ini~");
+    fs::rename("config/next", kConfigPath);
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("moved"));
+  });
+}
+
+TEST(config_watcher, a_link_that_is_turned_is_a_save) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    write_file("config/one", "[keelmond]\n");
+    write_file("config/two", naming("two"));
+    fs::remove(kConfigPath);
+    fs::create_symlink("one", kConfigPath);
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    fs::create_symlink("two", "config/new");
+    fs::rename("config/new", kConfigPath);
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("two"));
+    write_file("config/two", naming("again"));
+    ASSERT_TRUE(watch.watches(3));
+    EXPECT_EQ(watch.printed(), load_of("two") + load_of("again")) << "what it leads to is watched";
+  });
+}
+
+TEST(config_watcher, a_link_on_the_way_that_is_turned_is_a_save) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    const fs::path here = fs::current_path();
+    for (const char* version : {"first", "second"}) {
+      fs::create_directories(std::string("versions/") + version);
+      write_file(std::string("versions/") + version + "/ini", naming(version));
+    }
+    fs::create_symlink("first", "versions/now");
+    fs::remove(kConfigPath);
+    fs::create_symlink(here / "versions/now/ini", kConfigPath);
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    fs::create_symlink("second", "versions/next");
+    fs::rename("versions/next", "versions/now");
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("second"));
+  });
+}
+
+TEST(config_watcher, what_happens_to_other_names_is_dropped_and_wakes_nothing_else) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    for (const char* other : {"config/.server.ini.swp", "config/server.ini~", "config/server.in",
+                              "server.ini", "config.new"}) {
+      write_file(other, "x");
+      fs::rename(other, std::string(other) + "2");
+      fs::remove(std::string(other) + "2");
+    }
+    EXPECT_TRUE(never([&] { return watch.loads() > 0; }));
+    EXPECT_EQ(pauses, 0);
+    EXPECT_EQ(watch.instances_, 1);
+    replace(naming("other"));
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("other")) << "they have not dulled it";
+  });
+}
+
+TEST(config_watcher, a_directory_that_cannot_be_watched_is_done_without) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    const auto watched = faults.inotify_add_watch;
+    faults.inotify_add_watch = [=](int fd, const char* path, std::uint32_t events) {
+      if ((events & IN_MODIFY) != 0) return watched(fd, path, events);
+      errno = ENOSPC;
+      return -1;
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    replace(naming("renamed"));
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("renamed"));
+    EXPECT_EQ(watch.complaints(), "");
+  });
+}
+
+TEST(config_watcher, a_file_that_is_moved_away_before_its_name_is_watched_is_not_lost) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    const auto watched = faults.inotify_add_watch;
+    faults.inotify_add_watch = [=](int fd, const char* path, std::uint32_t events) {
+      const int result = watched(fd, path, events);
+      static bool moved = false;
+      if ((events & IN_MODIFY) != 0 && !moved) {
+        moved = true;
+        fs::rename(kConfigPath, "config/server.ini~");
+        write_file(kConfigPath, naming("between"));
+      }
+      return result;
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("between"));
+  });
+}
+
+TEST(config_watcher, what_was_saved_during_the_first_load_is_loaded_when_the_first_watch_is_set) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    loadServerConfig(kConfigPath);
+    replace(naming("meanwhile"));
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    EXPECT_EQ(watch.printed(), kLoad + load_of("meanwhile"));
+    EXPECT_EQ(pauses, 0) << "the watch that was set goes on";
+    EXPECT_TRUE(never([&] { return watch.loads() > 2; }));
+  });
+}
+
+TEST(config_watcher, what_was_loaded_first_and_stands_there_still_is_not_loaded_again) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    loadServerConfig(kConfigPath);
+    ASSERT_EQ(::chmod(kConfigPath, 0600), 0);
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
+  });
+}
+
+/// Saves while the first load of a test's watcher reads what was there before.
+void save_during_the_next_load(const std::function<void()>& save) {
+  faults.pipe2 = [=](int* ends, int flags) {
+    faults.pipe2 = nullptr;
+    save();
+    return without_pipes(ends, flags);
+  };
+}
+
+TEST(config_watcher, what_was_saved_during_a_reload_is_loaded_before_the_pause) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    Tfun_monitor& known = new_monitor("/bin/true", "known", "stop");
+    monitor_list.push_back(&known);
+    static std::size_t loads_at_pause = 0;
+    in_pause = [&] { loads_at_pause = watch.loads(); };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    // Its stop command is where the load can be met.
+    save_during_the_next_load([] { replace(naming("meanwhile")); });
+    replace(naming("known"));
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.loads(), 2U);
+    EXPECT_EQ(loads_at_pause, 2U);
+    EXPECT_TRUE(watch.printed().ends_with(load_of("meanwhile")));
+  });
+}
+
+TEST(config_watcher, a_file_that_was_deleted_during_a_reload_is_not_loaded_again) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    monitor_list.push_back(&new_monitor("/bin/true", "known", "stop"));
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    save_during_the_next_load([] { fs::remove(kConfigPath); });
+    replace(naming("known"));
+    ASSERT_TRUE(wait_until([&] { return !watch.complaints().empty(); }));
+    EXPECT_EQ(watch.loads(), 1U);
+  });
+}
+
+}  // namespace

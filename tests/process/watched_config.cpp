@@ -1,0 +1,111 @@
+#include "tests/process/watched_config.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <filesystem>
+
+#include "tests/support/fault.h"
+#include "tests/support/scratch_dir.h"
+#include "tests/support/wait_until.h"
+
+std::function<void()> in_pause;
+std::atomic<int> pauses{0};
+
+namespace {
+
+/// Whether a wait is the pause of two seconds.
+bool is_pause(const pollfd* requests, const timespec* limit) {
+  return requests != nullptr && requests->fd == -1 && limit != nullptr && limit->tv_sec >= 1;
+}
+
+}  // namespace
+
+watcher::watcher() {
+  std::filesystem::create_directory("config");
+  write_file(kConfigPath, "[keelmond]\n");
+  count_watches();
+}
+
+watcher::~watcher() {
+  if (thread_.joinable()) thread_.detach();
+}
+
+void watcher::start() {
+  thread_ = std::thread([this] {
+    monitorServerConfig(kConfigPath);
+    gave_up_ = true;
+  });
+}
+
+bool watcher::watches(int number) {
+  return wait_until([&] { return watches_ == number && waits_at_ == number; });
+}
+
+bool watcher::loaded(std::size_t count) {
+  return wait_until([&] { return loads() == count; });
+}
+
+bool watcher::end() {
+  std::filesystem::remove(kConfigPath);
+  const bool ended = wait_until([&] { return gave_up_.load(); });
+  if (ended) thread_.join();
+  return ended;
+}
+
+void watcher::count_watches() {
+  faults.inotify_init1 = [this](int flags) {
+    ++instances_;
+    EXPECT_EQ(flags, IN_CLOEXEC);
+    return real::inotify_init1(flags);
+  };
+  faults.inotify_add_watch = [this](int fd, const char* path, std::uint32_t events) {
+    const int watch = real::inotify_add_watch(fd, path, events);
+    if ((events & IN_MODIFY) == 0) return watch;
+    EXPECT_EQ(events, std::uint32_t{IN_MODIFY});
+    EXPECT_STREQ(path, "./config/server.ini");
+    if (watch != -1) ++watches_;
+    return watch;
+  };
+  faults.inotify_rm_watch = [this](int fd, int watch) {
+    ++removed_;
+    loads_at_removal_ = loads();
+    return real::inotify_rm_watch(fd, watch);
+  };
+  // An endless wait is the one for an event.
+  faults.ppoll = [this](pollfd* requests, nfds_t count, const timespec* limit,
+                        const sigset_t* mask) {
+    if (limit == nullptr) waits_at_ = watches_.load();
+    if (is_pause(requests, limit)) {
+      ++pauses;
+      if (in_pause) in_pause();
+      return 0;
+    }
+    return real::ppoll(requests, count, limit, mask);
+  };
+}
+
+watcher& new_watcher() {
+  return *new watcher;
+}
+
+std::string cannot_watch(const std::string& reason, const std::string& path) {
+  return "inotify_add_watch: " + reason + "\nkeelmond: " + path +
+         " cannot be watched, so everything ends. It has to be there, and user " +
+         std::to_string(::geteuid()) +
+         " has to be able to read and write it and to enter its directory (" + reason +
+         "). run.pid stays and blocks the next start\n";
+}
+
+void modify() {
+  const int fd = ::open(kConfigPath, O_WRONLY | O_APPEND | O_CLOEXEC);
+  EXPECT_EQ(::write(fd, "#\n", 2), 2);
+  ::close(fd);
+}
+
+void replace(const std::string& text) {
+  write_file("config/new", text);
+  std::filesystem::rename("config/new", kConfigPath);
+}

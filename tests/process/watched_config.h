@@ -1,0 +1,66 @@
+#pragma once
+
+#include <poll.h>
+#include <sys/inotify.h>
+
+#include <atomic>
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "process/config_watcher.h"
+#include "tests/process/supervision.h"
+
+/// What a test does in the watcher's pause, on its thread, and how many there have been.
+extern std::function<void()> in_pause;
+extern std::atomic<int> pauses;
+
+inline constexpr char kLoad[] = "loadServerConfig : ./config/server.ini\r\n";
+
+/// The watcher of ./config/server.ini in the process of a test. Each load of the configuration,
+/// which names no program, prints a line. A pause takes no time.
+class watcher final {
+ public:
+  watcher();
+
+  /// Runs it as the supervisor does, on another thread than the caller's.
+  void start();
+  /// Waits until the file is watched for the `number`th time, and the watcher waits.
+  bool watches(int number);
+  [[nodiscard]] std::size_t loads() const { return count_of(kLoad, world_.printed()); }
+  bool loaded(std::size_t count);
+  /// Deletes the file, upon which it gives up, and waits for its end.
+  bool end();
+  [[nodiscard]] std::string printed() const { return world_.printed(); }
+  [[nodiscard]] std::string complaints() const { return world_.complaints(); }
+
+  ~watcher();
+  watcher(const watcher&) = delete;
+  watcher& operator=(const watcher&) = delete;
+
+  std::atomic<int> watches_{0};
+  std::atomic<int> removed_{0};
+  std::atomic<int> instances_{0};
+  std::atomic<std::size_t> loads_at_removal_{0};
+
+ private:
+  void count_watches();
+
+  const supervision& world_ = supervision::begin();
+  std::thread thread_;
+  std::atomic<int> waits_at_{0};
+  std::atomic<bool> gave_up_{false};
+};
+
+/// A watcher that the process keeps until it ends, since its thread may, too.
+watcher& new_watcher();
+
+/// What is on standard error when the file cannot be watched.
+std::string cannot_watch(const std::string& reason,
+                         const std::string& path = "./config/server.ini");
+
+/// Modifies the file in place, without emptying it.
+void modify();
+/// Puts another file in its place, by renaming.
+void replace(const std::string& text);
