@@ -3,6 +3,7 @@
 #
 #   need g++ command -v g++     # package, then the command that succeeds when it is there
 #   need libgtest-dev test -e /usr/include/gtest/gtest.h
+#   need clang-tidy-14/clang-tidy command -v clang-tidy-14    # the first that Debian has
 #   install_needed
 #
 # Nothing is printed, fetched or written when everything is there.
@@ -13,6 +14,21 @@ need() {
   local package=$1
   shift
   "$@" >/dev/null 2>&1 || packages_needed+=("$package")
+}
+
+# Replaces each choice of packages by the first that apt knows, or by the last.
+choose_packages() {
+  local i
+  for i in "${!packages_needed[@]}"; do
+    while [[ ${packages_needed[i]} == */* ]] && ! is_packaged "${packages_needed[i]%%/*}"; do
+      packages_needed[i]=${packages_needed[i]#*/}
+    done
+    packages_needed[i]=${packages_needed[i]%%/*}
+  done
+}
+
+is_packaged() {
+  [[ -n $(apt-cache --quiet=2 show "$1" 2>/dev/null) ]]
 }
 
 install_needed() {
@@ -30,8 +46,9 @@ install_needed() {
     return 1
   fi
 
-  echo "Installing with apt-get: ${packages_needed[*]}"
   "${as_root[@]}" apt-get update -qq </dev/null
+  choose_packages
+  echo "Installing with apt-get: ${packages_needed[*]}"
   "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
     apt-get install -y -qq -o Dpkg::Use-Pty=0 --no-install-recommends "${packages_needed[@]}" \
     </dev/null >/dev/null
