@@ -3,7 +3,7 @@
 add_library(keelmond_options INTERFACE)
 target_include_directories(keelmond_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(keelmond_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 
 if(KEELMOND_SANITIZE)
   # Instrumented code needs larger stacks.
