@@ -151,8 +151,9 @@ pid_t installation::wait_running(const std::string& name, std::size_t wanted) co
     return running(name) == std::vector<pid_t>{pid};
   });
   if (!runs) {
-    ADD_FAILURE() << name << " was started " << starts(name) << " times instead of " << wanted
-                  << ", and " << running(name).size() << " run";
+    throw std::runtime_error(name + " was started " + std::to_string(starts(name)) +
+                             " times instead of " + std::to_string(wanted) + ", and " +
+                             std::to_string(running(name).size()) + " run");
   }
   return pid;
 }

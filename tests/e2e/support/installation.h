@@ -32,8 +32,8 @@ struct start_options {
 /// A whole installation in a scratch directory, with the real binary: its configuration, its
 /// programs and the daemon that supervises them.
 ///
-/// Written for one thread. What fails for reasons of the machine throws std::runtime_error; what
-/// the supervisor does is for the tests to judge. The destructor kills every process that was
+/// Written for one thread. What fails for reasons of the machine, or leaves a test nothing to go on
+/// with, throws std::runtime_error; the rest is for the tests to judge. The destructor kills every process that was
 /// started below this installation, and fails the test when a sanitizer complained in one of them.
 class installation final {
  public:
@@ -79,7 +79,8 @@ class installation final {
   [[nodiscard]] std::vector<std::string> notes(const std::string& name) const;
   /// Process ids of the program's running instances.
   [[nodiscard]] std::vector<pid_t> running(const std::string& name) const;
-  /// Waits until the program has noted `starts` starts and exactly one instance of it runs.
+  /// Waits until the program has noted `starts` starts and exactly one instance of it runs. Throws
+  /// when that does not happen, for there is no process to go on with.
   /// @return the instance's process id.
   pid_t wait_running(const std::string& name, std::size_t starts = 1) const;
 
