@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "tests/e2e/support/children.h"
+#include "tests/e2e/support/supervisor_binary.h"
 #include "tests/support/wait_until.h"
 
 namespace fs = std::filesystem;
@@ -234,6 +235,7 @@ void installation::become_supervisor(const start_options& options) const {
   // must not. And every copy would sleep for a second on its way out.
   add_options("TSAN_OPTIONS", report + ":report_signal_unsafe=0:atexit_sleep_ms=20");
 
+  const std::string binary = supervisor_binary();
   std::vector<std::string> arguments = options.arguments;
   arguments.insert(arguments.begin(), "keelmond");
   std::vector<char*> argv;
@@ -242,7 +244,7 @@ void installation::become_supervisor(const start_options& options) const {
   argv.push_back(nullptr);
   if (::chdir(site_.c_str()) != 0) ::_exit(121);
   if (options.before_exec) options.before_exec();
-  ::execv(KEELMOND_BINARY, argv.data());
+  ::execv(binary.c_str(), argv.data());
   ::_exit(122);
 }
 

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "tests/e2e/support/supervisor_binary.h"
+
 namespace ordinary_user {
 
 bool is_wanted() {
@@ -26,7 +28,8 @@ std::string become() {
   }
   // Its files in /proc are the new user's, too.
   ::prctl(PR_SET_DUMPABLE, 1);
-  if (::access(KEELMOND_BINARY, X_OK) != 0) return KEELMOND_BINARY " is out of reach";
+  const std::string binary = supervisor_binary();
+  if (::access(binary.c_str(), X_OK) != 0) return binary + " is out of reach";
   const std::filesystem::path scratch = std::filesystem::temp_directory_path();
   if (::access(scratch.c_str(), W_OK | X_OK) != 0) return scratch.string() + " is out of reach";
   return "";

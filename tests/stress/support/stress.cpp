@@ -18,6 +18,7 @@
 
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/ordinary_user.h"
+#include "tests/e2e/support/supervisor_binary.h"
 #include "tests/support/wait_until.h"
 
 namespace fs = std::filesystem;
@@ -243,7 +244,7 @@ start_options by_ordinary_user(const installation& place, start_options options)
   // The tree may lie where the user must not look.
   const fs::path binary = scratch / "bin" / "keelmond";
   fs::create_directories(binary.parent_path());
-  fs::copy_file(KEELMOND_BINARY, binary, fs::copy_options::overwrite_existing);
+  fs::copy_file(supervisor_binary(), binary, fs::copy_options::overwrite_existing);
   own(scratch, user);
   for (const auto& item : fs::recursive_directory_iterator(scratch))
     own(item.path(), user);

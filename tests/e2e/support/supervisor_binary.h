@@ -1,0 +1,7 @@
+#pragma once
+
+#include <string>
+
+/// The path of the supervisor that the tests run: the one that was built with them, or the one that
+/// the environment names in KEELMOND_BINARY, which may be linked with another C library.
+std::string supervisor_binary();
