@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pthread.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -10,14 +9,15 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdint>
 #include <string>
 #include <utility>
 
 #include "common/misc/bounded_text.h"
 #include "common/misc/fun_misc.h"
 #include "common/misc/unique_fd.h"
+#include "common/thread/detached_thread.h"
 #include "common/thread/event_count.h"
+#include "common/thread/inbox.h"
 #include "common/thread/stack_size.h"
 #include "process/supervisor_signals.h"
 
@@ -39,23 +39,11 @@ struct request {
   event_count served{};
 };
 
-/// Requests not yet taken, the newest first. Pushed by any thread, taken all at once by the thread
-/// that forks. Release and acquire carry the request's content over.
-std::atomic<request*> waiting{nullptr};
-
-/// Counts what was pushed, so that the thread that forks can sleep while there is nothing.
-event_count pushed;
+/// What the thread that forks has to do.
+constinit inbox<request> g_requests;
 
 /// Written by `start`, read by every thread; whoever reads it was started later.
 std::atomic<bool> running{false};
-
-/// The oldest first, so that nobody is overtaken.
-request* reverse(request* list) noexcept {
-  request* reversed = nullptr;
-  while (list != nullptr)
-    reversed = std::exchange(list, std::exchange(list->next, reversed));
-  return reversed;
-}
 
 /// Forks, from the thread whose stack the child gets. Everything that it needs is put there first.
 void serve(request& wanted) noexcept {
@@ -77,11 +65,8 @@ void serve(request& wanted) noexcept {
 
 void* serve_for_ever(void* /*unused*/) {
   for (;;) {
-    const std::uint32_t seen = pushed.current();
-    request* list = reverse(waiting.exchange(nullptr, std::memory_order_acquire));
-    if (list == nullptr) pushed.await_change(seen);
-    // The next one first: the request is gone as soon as it is served.
-    while (list != nullptr)
+    // The next one first: a request is gone as soon as it is served.
+    for (request* list = g_requests.take_all(); list != nullptr;)
       serve(*std::exchange(list, list->next));
   }
 }
@@ -98,11 +83,7 @@ pid_t fork_child(const char* command, int report) noexcept {
     return -1;
   }
   request own{command, report};
-  own.next = waiting.load(std::memory_order_relaxed);
-  while (!waiting.compare_exchange_weak(own.next, &own, std::memory_order_release,
-                                        std::memory_order_relaxed)) {
-  }
-  pushed.advance();
+  g_requests.push(own);
   own.served.await_change(0);
   errno = own.error;
   return own.child;
@@ -153,16 +134,8 @@ void kill_with_all_it_started(pid_t child) noexcept {
 }  // namespace
 
 bool start() noexcept {
-  if (running.load()) return true;
-  pthread_attr_t attributes;
-  ::pthread_attr_init(&attributes);
-  ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  ::pthread_attr_setstacksize(&attributes, kLargeStack);
-  pthread_t thread{};
-  const int error = ::pthread_create(&thread, &attributes, serve_for_ever, nullptr);
-  ::pthread_attr_destroy(&attributes);
-  running.store(error == 0);
-  return error == 0;
+  if (!running.load()) running.store(start_detached_thread(serve_for_ever, kLargeStack));
+  return running.load();
 }
 
 pid_t start_program(const char* command) noexcept {

@@ -17,8 +17,8 @@
 #include "common/thread/leave_gate.h"
 #include "common/thread/unforked_memory.h"
 #include "process/child.h"
-#include "process/log_entry.h"
 #include "process/program_tree.h"
+#include "process/recorder.h"
 #include "process/supervisor_signals.h"
 
 namespace {
@@ -148,11 +148,10 @@ void Tfun_monitor::record_launch(pid_t child) {
   std::atomic_ref<int>(pid).store(child);
   launched_at.store(steady_now());
   alive.fetch_add(1);
-  Tfun_misc::UpdateProcessLiveFile(name, true);
   char message[kMessageSize] = {};
   std::snprintf(message, sizeof message, "launched sub process PID: %lu \r\n",
                 static_cast<unsigned long>(static_cast<std::uint32_t>(child)));
-  append_entry(message);
+  recorder::record_launch(last_record, name, message);
 }
 
 pid_t Tfun_monitor::wait_for_end(pid_t child, int& error) {
@@ -210,8 +209,7 @@ bool Tfun_monitor::record_end(pid_t waited, int error) {
   char message[kMessageSize] = {};
   std::snprintf(message, sizeof message, "exited process PID: %lu  errno: %d\r\n",
                 static_cast<unsigned long>(static_cast<std::uint32_t>(waited)), error);
-  append_entry(message);
-  Tfun_misc::UpdateProcessLiveFile(name, false);
+  recorder::record_end(last_record, name, message);
   launched_at.store(kNotLaunched);
   alive.fetch_sub(1);
   if (++restart_count > kRestartLimit) {

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "common/thread/sys_thread.h"
+#include "process/recorder.h"
 
 /// Keeps one program running: starts it, waits until it ends, starts it again at once.
 ///
@@ -95,4 +96,6 @@ class Tfun_monitor final : public Tsys_thread {
   /// default order, like the state: either the loader sees that a launch is going on, or the launch
   /// sees the loader's new state.
   std::atomic<std::int64_t> launched_at{kNotLaunched};
+  /// Used by the monitor's thread only, and by the recorder.
+  recorder::record last_record;
 };

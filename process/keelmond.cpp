@@ -21,6 +21,7 @@
 #include "process/child.h"
 #include "process/config_watcher.h"
 #include "process/log_entry.h"
+#include "process/recorder.h"
 #include "process/server_config.h"
 #include "process/start_lock.h"
 #include "process/supervisor_signals.h"
@@ -108,6 +109,7 @@ void proc_start() {
   g_start_lock.release();
   set_default_stack_size(kLargeStack);
   child::start();
+  recorder::start();
   // Whoever asks for the end before the first load gets it without a program having been started.
   supervisor_signals::deliver();
   try {
@@ -129,9 +131,12 @@ void proc_stop() {
     monitor->stop_process();
   await_program_ends();
   g_leave_gate.close();
-  // A thread that hangs in the file system still uses its monitor, the log and the utilities. They
-  // then go with the process.
-  if (!g_leave_gate.wait_until_empty(kStand)) return;
+  // What hangs in the file system still uses the monitors, the log and the utilities. They then go
+  // with the process, at once: the handlers of `exit` would wait for the log's stream.
+  if (!g_leave_gate.wait_until_empty(kStand) || !recorder::is_idle_within(kStand)) {
+    std::atexit([] { ::_exit(0); });
+    return;
+  }
 
   for (Tfun_monitor* monitor : monitor_list) {
     monitor->settle_live_file();
@@ -140,7 +145,7 @@ void proc_stop() {
   monitor_list.clear();
   delete_global(g_sys_daemon);
   delete_global(g_fun_misc);
-  delete_global(g_logFile);
+  if (!recorder::close_log()) std::atexit([] { ::_exit(0); });
 }
 
 void signal_reload(int sig) {

@@ -1,9 +1,8 @@
 #include "process/log_entry.h"
 
-#include "common/log/log_file.h"
+#include "process/recorder.h"
 
 void append_entry(const char* text) {
-  if (g_logFile == nullptr) return;
-  g_logFile->append_log(text, -1);
-  g_logFile->append_time();
+  static recorder::record own;
+  recorder::append(own, text);
 }

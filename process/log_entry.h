@@ -1,6 +1,6 @@
 #pragma once
 
 /// Appends one entry to the supervisor's log: `text`, which carries its own line end, and then the
-/// line with the time. The time comes second on purpose: who reads the log takes it for the message
-/// above it. Does nothing while there is no log. May be called from any thread.
+/// line with the time. Does nothing while there is no log. Called where configurations are loaded,
+/// and before: by one thread at a time.
 void append_entry(const char* text);

@@ -170,7 +170,9 @@ void Tfun_misc::UpdateProcessLiveFile(const char* name, bool alive) noexcept {
     std::remove(path);
     return;
   }
-  const unique_fd file(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  // A pipe that stands in its place must not make the caller wait for a reader.
+  constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+  const unique_fd file(::open(path, kFlags, 0666));
   if (!file.valid()) return;
   [[maybe_unused]] const ssize_t ignored = ::write(file.get(), "1", 1);
 }

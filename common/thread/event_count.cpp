@@ -4,6 +4,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <ctime>
+
 // The kernel reads and compares 32 bits at the address that it is given.
 static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
@@ -17,4 +19,19 @@ void event_count::advance() noexcept {
 void event_count::await_change(std::uint32_t seen) const noexcept {
   while (current() == seen)
     ::syscall(SYS_futex, &count_, FUTEX_WAIT_PRIVATE, seen, nullptr, nullptr, 0);
+}
+
+bool event_count::await_change_for(std::uint32_t seen,
+                                   std::chrono::nanoseconds limit) const noexcept {
+  using clock = std::chrono::steady_clock;
+  const auto end = clock::now() + limit;
+  while (current() == seen) {
+    const std::chrono::nanoseconds left = end - clock::now();
+    if (left <= std::chrono::nanoseconds::zero()) return false;
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(left);
+    const timespec wait{static_cast<time_t>(seconds.count()),
+                        static_cast<long>((left - seconds).count())};
+    ::syscall(SYS_futex, &count_, FUTEX_WAIT_PRIVATE, seen, &wait);
+  }
+  return true;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 /// A count of events that a thread can sleep on until it changes.
@@ -25,6 +26,8 @@ class event_count final {
   void advance() noexcept;
   /// Sleeps until the count is another than `seen`, whatever signals arrive meanwhile.
   void await_change(std::uint32_t seen) const noexcept;
+  /// The same, for `limit` at most. @return whether it is another.
+  bool await_change_for(std::uint32_t seen, std::chrono::nanoseconds limit) const noexcept;
 
  private:
   std::atomic<std::uint32_t> count_{0};

@@ -11,6 +11,7 @@
 
 #include "common/log/log_file.h"
 #include "process/child.h"
+#include "process/recorder.h"
 #include "process/supervisor_signals.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/time_line.h"
@@ -26,6 +27,7 @@ supervision::supervision() {
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGCHLD, SIG_IGN);
   child::start();
+  recorder::start();
   std::filesystem::create_directory("notify");
   g_logFile = new Tlog_file;
   if (!g_logFile->create_log_file("keelmond.log", false)) throw std::runtime_error("no log");

@@ -380,22 +380,22 @@ TEST(leaving, deletes_nothing_that_a_thread_is_using) {
       place.wait_running(program.name);
     static_cast<void>(log.drain([] { return true; }));
     log.fill();
-    // Each monitor now wants to write of its program's end, and cannot.
+    // Each monitor now has its program's end recorded, and the first of these lines hangs.
     for (const pid_t copy : place.copies())
       ::kill(copy, SIGKILL);
     place.signal(SIGUSR2);
-    // After its last stop command it gives the programs a second, and then the threads another.
+    // After its last stop command it gives what is being written a second.
     EXPECT_TRUE(wait_until([&] { return stress::stopped_names(place).size() == programs.size(); }));
     const auto stopped = std::chrono::steady_clock::now();
-    stress::sleep_ms(1400);
+    stress::sleep_ms(500);
     EXPECT_FALSE(children::status_of(place.daemon()).has_value());
     const auto released = std::chrono::steady_clock::now();
     const std::string text =
         log.drain([&] { return children::status_of(place.daemon()).has_value(); });
     EXPECT_EQ(place.wait_end(), 0);
     EXPECT_FALSE(place.has("run.pid"));
-    // A thread that takes longer is left to its fate, and the log with it.
-    if (released - stopped < std::chrono::milliseconds(1800)) {
+    // What takes longer is left to its fate, and the log with it.
+    if (released - stopped < std::chrono::milliseconds(900)) {
       EXPECT_EQ(count(text, "exited process PID: "), programs.size());
       EXPECT_TRUE(text.ends_with(stress::kClosed)) << text;
     }

@@ -60,7 +60,8 @@ constexpr char kReturned = '+';
   std::filesystem::current_path(directory);
   const std::string text = kReturned + failures_of(body);
   if (::pwrite(report, text.data(), text.size(), 0) < 0) ::_exit(1);
-  std::fflush(nullptr);
+  // Not every stream: one that a thread is writing to and that hangs would be waited for.
+  std::fflush(stdout);
   // Its threads may still run: nothing is destroyed under them.
   ::_exit(0);
 }

@@ -1,0 +1,133 @@
+#include "process/recorder.h"
+
+#include <thread>
+#include <utility>
+
+#include "common/log/log_file.h"
+#include "common/misc/bounded_text.h"
+#include "common/misc/console.h"
+#include "common/misc/fun_misc.h"
+#include "common/thread/detached_thread.h"
+#include "common/thread/inbox.h"
+#include "common/thread/stack_size.h"
+
+namespace recorder {
+namespace {
+
+/// How long who hands something over waits for it to be written.
+constexpr std::chrono::seconds kPatience{1};
+
+constinit inbox<record> g_records;
+
+/// What has been handed over and not been written yet.
+std::atomic<int> unwritten{0};
+
+/// Written by `start`, read by every thread; whoever reads it was started later.
+std::atomic<bool> running{false};
+
+void append_line(const char* line) {
+  if (g_logFile == nullptr) return;
+  g_logFile->append_log(line, -1);
+  // The time comes second, on purpose: who reads the log takes it for the line above it.
+  g_logFile->append_time();
+}
+
+/// @return what the liveness file says now, if there is any.
+bool write(const record& wanted) {
+  const bool alive = wanted.alive.load();
+  switch (wanted.what) {
+    case record::kind::line:
+      append_line(wanted.line);
+      break;
+    case record::kind::launched:
+      Tfun_misc::UpdateProcessLiveFile(wanted.program, alive);
+      append_line(wanted.line);
+      break;
+    case record::kind::ended:
+      append_line(wanted.line);
+      Tfun_misc::UpdateProcessLiveFile(wanted.program, alive);
+      break;
+    case record::kind::close_log:
+      delete std::exchange(g_logFile, nullptr);
+      break;
+  }
+  return alive;
+}
+
+void serve(record& wanted) {
+  bool marked = write(wanted);
+  wanted.pending.store(false);
+  // What was to be marked while the line hung could not be handed over.
+  while (wanted.alive.load() != marked && !wanted.pending.exchange(true)) {
+    marked = !marked;
+    Tfun_misc::UpdateProcessLiveFile(wanted.program, marked);
+    wanted.pending.store(false);
+  }
+  // Its owner is on its way as soon as the count has changed.
+  wanted.written.advance();
+  unwritten.fetch_sub(1);
+}
+
+void* serve_for_ever(void* /*unused*/) {
+  for (;;) {
+    for (record* list = g_records.take_all(); list != nullptr;)
+      serve(*std::exchange(list, list->next));
+  }
+}
+
+/// @return whether it has been written.
+bool hand_over(record& own, record::kind what, const char* program, const char* line) noexcept {
+  if (own.pending.exchange(true)) {
+    console::print("keelmond: the log hangs, not written: %s", line);
+    return false;
+  }
+  own.what = what;
+  copy_bounded(own.program, program);
+  copy_bounded(own.line, line);
+  if (!running.load()) {
+    write(own);
+    own.pending.store(false);
+    return true;
+  }
+  unwritten.fetch_add(1);
+  const std::uint32_t seen = own.written.current();
+  g_records.push(own);
+  return own.written.await_change_for(seen, kPatience);
+}
+
+}  // namespace
+
+bool start() noexcept {
+  if (!running.load()) running.store(start_detached_thread(serve_for_ever, kSmallStack));
+  return running.load();
+}
+
+void append(record& own, const char* line) noexcept {
+  hand_over(own, record::kind::line, "", line);
+}
+
+void record_launch(record& own, const char* program, const char* line) noexcept {
+  own.alive.store(true);
+  hand_over(own, record::kind::launched, program, line);
+}
+
+void record_end(record& own, const char* program, const char* line) noexcept {
+  own.alive.store(false);
+  hand_over(own, record::kind::ended, program, line);
+}
+
+bool is_idle_within(std::chrono::milliseconds limit) noexcept {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (unwritten.load() != 0) {
+    if (std::chrono::steady_clock::now() >= end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+bool close_log() noexcept {
+  static record closing;
+  return hand_over(closing, record::kind::close_log, "", "");
+}
+
+}  // namespace recorder
