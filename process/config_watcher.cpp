@@ -108,6 +108,8 @@ std::optional<watches> set_watches(const char* path) {
     console::report_error("inotify_init");
     return std::nullopt;
   }
+  // Also when a save meets the end of the pause.
+  await_file(path);
   std::optional<file_version> watched = file_version::of(path);
   const int file = ::inotify_add_watch(instance.get(), path, IN_MODIFY);
   if (file == -1) {

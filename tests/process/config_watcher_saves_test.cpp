@@ -110,6 +110,27 @@ TEST(config_watcher, a_file_that_stays_away_is_waited_for_half_a_second) {
   });
 }
 
+TEST(config_watcher, a_file_that_is_absent_when_the_pause_ends_is_waited_for) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    static std::thread save;
+    in_pause = [] {
+      if (pauses > 1) return;
+      fs::remove(kConfigPath);
+      save = std::thread([] {
+        std::this_thread::sleep_for(milliseconds(100));
+        write_file(kConfigPath, "[keelmond]\n");
+      });
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    save.join();
+    EXPECT_EQ(watch.complaints(), "");
+  });
+}
+
 TEST(config_watcher, a_file_that_is_moved_away_as_a_backup_does_not_take_the_watch_along) {
   in_child([] {
     watcher& watch = new_watcher();
