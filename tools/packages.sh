@@ -61,3 +61,21 @@ need_build_tools() {
   need cmake command -v cmake
   need ninja-build command -v ninja
 }
+
+# What the tests save the configuration with.
+need_save_tools() {
+  need vim command -v vim
+  need emacs-nox command -v emacs
+  need nano command -v nano
+  need ed command -v ed
+  need sed command -v sed
+  need perl command -v perl
+  need python3 command -v python3
+  need crudini command -v crudini
+  need patch command -v patch
+  need diffutils command -v diff
+  need rsync command -v rsync
+  need git command -v git
+  need tar command -v tar
+  need coreutils command -v install
+}
