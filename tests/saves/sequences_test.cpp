@@ -1,0 +1,154 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tests/e2e/support/installation.h"
+#include "tests/saves/support/random_changes.h"
+#include "tests/saves/support/saving.h"
+#include "tests/stress/support/stress.h"
+#include "tests/support/wait_until.h"
+
+using std::chrono::milliseconds;
+using std::chrono::nanoseconds;
+using layout = random_changes::layout;
+
+namespace {
+
+/// How long the supervisor may take, once nothing changes any more.
+constexpr milliseconds kCalm{3000};
+/// A file may be absent for half a second. Where a busy machine has made it longer, nothing can be
+/// said.
+constexpr milliseconds kLongestAbsence{350};
+/// How near to a pause a change is that may have been in it: the supervisor notes a pause a little
+/// after its last look at the file, and the end of one a little before it watches.
+constexpr milliseconds kNear{5};
+
+struct layout_case {
+  std::string name;
+  layout how;
+};
+
+std::ostream& operator<<(std::ostream& out, const layout_case& one) {
+  return out << one.name;
+}
+
+start_options with_noted_pauses() {
+  start_options options;
+  options.before_exec = [] {
+    ::execl(KEELMOND_NOTED_BINARY, "keelmond", nullptr);
+    ::_exit(124);
+  };
+  return options;
+}
+
+/// Where a change lies, seen from the pauses.
+enum class lies { outside, near, within };
+
+lies position(const installation& place, const random_changes& changes) {
+  using clock = random_changes::clock;
+  lies found = lies::outside;
+  std::istringstream notes(place.read("pauses"));
+  clock::time_point begin;
+  char kind = 0;
+  for (long long at = 0; notes >> kind >> at;) {
+    const clock::time_point moment{nanoseconds(at)};
+    if (kind == 'b') {
+      begin = moment;
+      // Unless its end is noted, too, the pause lasts.
+      if (changes.changed_to() >= begin - kNear && notes.rdbuf()->in_avail() == 0)
+        found = std::max(found, lies::within);
+      continue;
+    }
+    if (changes.changed_to() >= begin && changes.changed_from() <= moment) return lies::within;
+    if (changes.changed_to() >= begin - kNear && changes.changed_from() <= moment + kNear)
+      found = lies::near;
+  }
+  return found;
+}
+
+/// What the last load has read, as far as it has got.
+bool has_loaded(const installation& place, const std::string& name) {
+  const std::string console = place.console();
+  const std::size_t load = console.rfind("loadServerConfig : ");
+  return load != std::string::npos &&
+         console.find("read ini file " + name + " \r\n", load) != std::string::npos;
+}
+
+/// An installation whose configuration changes at random.
+class changing_installation final {
+ public:
+  changing_installation(layout how, std::mt19937& random) : changes_(place_.site(), how, random) {
+    place_.start(with_noted_pauses());
+  }
+
+  /// Changes it, and lets the supervisor become calm.
+  /// @return whether what is there then has been loaded.
+  bool change() {
+    changes_.make();
+    return wait_until([&] { return has_loaded(place_, changes_.standing()); }, kCalm);
+  }
+  [[nodiscard]] bool is_legal() const { return changes_.longest_absence() < kLongestAbsence; }
+  [[nodiscard]] bool is_supervised() const { return process_table::is_alive(place_.daemon()); }
+  [[nodiscard]] lies position() const { return ::position(place_, changes_); }
+  [[nodiscard]] std::string story() const {
+    const std::string console = place_.console();
+    return changes_.story() + "There is " + changes_.standing() + "; the last loads:\n" +
+           console.substr(console.size() - std::min<std::size_t>(console.size(), 300)) +
+           place_.errors();
+  }
+
+ private:
+  installation place_;
+  random_changes changes_;
+};
+
+class sequences : public testing::TestWithParam<layout_case> {};
+
+}  // namespace
+
+TEST_P(sequences, of_changes_end_with_what_is_there) {
+  auto random = stress::random_numbers();
+  const int wanted = stress::rounds(250, 8);
+  std::unique_ptr<changing_installation> place;
+  int judged = 0;
+  int near = 0;
+  int missed = 0;
+  for (int i = 0; i < wanted; ++i) {
+    if (!place) place = std::make_unique<changing_installation>(GetParam().how, random);
+    stress::sleep_ms(stress::between(random, 0, 60));
+    const bool loaded = place->change();
+    const bool lives = place->is_supervised();
+    if (loaded && lives) {
+      ++judged;
+    } else if (!place->is_legal()) {
+      place.reset();
+    } else if (!lives || place->position() == lies::outside) {
+      ++missed;
+      std::printf("missed, sequence %d%s:\n%s\n", i, lives ? "" : ", and the supervisor has ended",
+                  place->story().c_str());
+      place.reset();
+    } else if (place->position() == lies::near) {
+      ++near;
+    }
+  }
+  std::printf("of %d sequences: %d taken, %d missed, %d near a pause, the others within one\n",
+              wanted, judged, missed, near);
+  EXPECT_EQ(missed, 0);
+  EXPECT_LE(near, 1 + wanted / 50);
+  EXPECT_GE(judged, wanted / 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(of, sequences,
+                         testing::Values(layout_case{"a_file", layout::file},
+                                         layout_case{"a_link", layout::link},
+                                         layout_case{"a_directory_link", layout::directory_link},
+                                         layout_case{"a_config_link", layout::config_link},
+                                         layout_case{"a_chain", layout::chain}),
+                         saving::by_name{});
