@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "tests/e2e/support/children.h"
+#include "tests/e2e/support/ordinary_user.h"
 #include "tests/stress/support/stress.h"
 #include "tests/support/wait_until.h"
 
@@ -53,7 +54,7 @@ class desk final {
     fs::create_directories(place_.site().parent_path() / "home");
     place_.save(text(0));
     run(place_, how.prepare, {"", name_of(0)});
-    place_.start();
+    place_.start(how.for_other_user ? stress::by_ordinary_user(place_) : start_options{});
     save_ = how.begin(place_);
   }
 
@@ -195,11 +196,13 @@ void use_defaults(const installation& place) {
 }
 
 void run(const installation& place, const std::string& commands, const change& names) {
+  const std::string owner = std::to_string(ordinary_user::id());
   const pid_t shell = ::fork();
   if (shell == 0) {
     use_defaults(place);
     ::setenv("OLD", names.before.c_str(), 1);
     ::setenv("NEW", names.after.c_str(), 1);
+    ::setenv("OWNER", owner.c_str(), 1);
     ::setenv("WHOLE", whole_of(place).c_str(), 1);
     ::execl("/bin/sh", "sh", "-ec", commands.c_str(), nullptr);
     ::_exit(127);

@@ -50,6 +50,8 @@ struct way {
   std::function<save_function(const installation&)> begin;
   /// How often it is done in the short form.
   int in_short = 1;
+  /// Whether the supervisor is an ordinary user's. The file is that user's then, and root saves.
+  bool for_other_user = false;
 };
 
 /// Names it where a test fails.
@@ -63,8 +65,8 @@ struct by_name {
   }
 };
 
-/// A way that is a few shell commands. They find the names in $OLD and $NEW and a whole new file at
-/// $WHOLE, which they may take away.
+/// A way that is a few shell commands. They find the names in $OLD and $NEW, a whole new file at
+/// $WHOLE, which they may take away, and the supervisor's user in $OWNER.
 way by_shell(const std::string& name, const std::string& program, const std::string& commands,
              const std::string& prepare = "");
 
