@@ -10,18 +10,10 @@
 #include "tests/support/fault.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/wait_until.h"
+#include "tests/support/watch_pause.h"
 
 std::function<void()> in_pause;
 std::atomic<int> pauses{0};
-
-namespace {
-
-/// Whether a wait is the pause of two seconds.
-bool is_pause(const pollfd* requests, const timespec* limit) {
-  return requests != nullptr && requests->fd == -1 && limit != nullptr && limit->tv_sec >= 1;
-}
-
-}  // namespace
 
 watcher::watcher() {
   std::filesystem::create_directory("config");
@@ -78,7 +70,7 @@ void watcher::count_watches() {
   faults.ppoll = [this](pollfd* requests, nfds_t count, const timespec* limit,
                         const sigset_t* mask) {
     if (limit == nullptr) waits_at_ = watches_.load();
-    if (is_pause(requests, limit)) {
+    if (watch_pause::is_it(requests, limit)) {
       ++pauses;
       if (in_pause) in_pause();
       return 0;

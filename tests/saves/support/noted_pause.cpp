@@ -5,8 +5,10 @@
 #include <string>
 
 #include "common/misc/unique_fd.h"
-#include "process/supervisor_signals.h"
-#include "process/watch_pause.h"
+#include "tests/support/watch_pause.h"
+
+// Stands in for `ppoll` in the supervisor of the random sequences. Its pause is short, and it notes
+// when each began and ended: a save in a pause need not be seen.
 
 namespace {
 
@@ -22,10 +24,18 @@ void note(char what) {
 
 }  // namespace
 
-/// Stands in for the pause of two seconds, and notes when each began and ended: a save in a pause
-/// need not be seen.
-void pause_between_watches() {
+// NOLINTBEGIN(bugprone-reserved-identifier)
+extern "C" {
+
+int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
+
+int __wrap_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
+  if (!watch_pause::is_it(requests, limit)) return __real_ppoll(requests, count, limit, mask);
   note('b');
-  supervisor_signals::wait(-1, std::chrono::milliseconds(20));
+  watch_pause::pause_for(std::chrono::milliseconds(20), mask, __real_ppoll);
   note('e');
+  return 0;
 }
+
+}  // extern "C"
+// NOLINTEND(bugprone-reserved-identifier)
