@@ -9,6 +9,7 @@
 
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/private_namespace.h"
+#include "tests/e2e/support/supervisor_binary.h"
 #include "tests/support/scratch_dir.h"
 
 namespace fs = std::filesystem;
@@ -27,7 +28,8 @@ class tree final {
     scratch_.write("bin/cmake",
                    "#!/bin/sh\n"
                    "test \"$1\" = --build || exit 0\n"
-                   "mkdir -p \"$2/process\" && cp " KEELMOND_BINARY " \"$2/process/keelmond\"\n");
+                   "mkdir -p \"$2/process\" && cp " +
+                       supervisor_binary() + " \"$2/process/keelmond\"\n");
     fs::permissions(scratch_.path() / "bin" / "cmake", fs::perms::owner_all);
   }
 

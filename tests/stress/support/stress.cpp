@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <charconv>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -113,7 +115,24 @@ start_options fast(start_options options) {
 std::size_t pauses(const installation& place) {
   std::error_code none;
   const auto size = fs::file_size(place.site() / "pauses", none);
-  return none ? 0 : static_cast<std::size_t>(size);
+  // Each has two times, and one as long as it lasts.
+  constexpr std::size_t kTime = sizeof(std::int64_t);
+  return none ? 0 : (static_cast<std::size_t>(size) / kTime + 1) / 2;
+}
+
+std::vector<pause> noted_pauses(const installation& place) {
+  const std::string notes = place.read("pauses");
+  std::vector<std::int64_t> times(notes.size() / sizeof(std::int64_t));
+  std::memcpy(times.data(), notes.data(), times.size() * sizeof(std::int64_t));
+  using clock = pause::clock;
+  std::vector<pause> found;
+  for (std::size_t i = 0; i < times.size(); i += 2) {
+    const clock::time_point begin{std::chrono::nanoseconds(times[i])};
+    found.push_back({begin, i + 1 < times.size()
+                                ? clock::time_point{std::chrono::nanoseconds(times[i + 1])}
+                                : clock::time_point::max()});
+  }
+  return found;
 }
 
 bool wait_armed(const installation& place, std::size_t wanted) {

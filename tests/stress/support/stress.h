@@ -48,6 +48,14 @@ start_options fast(start_options options = {});
 bool wait_armed(const installation& place, std::size_t pauses);
 std::size_t pauses(const installation& place);
 
+/// When a fast supervisor neither watched nor reloaded. One that lasts has no end yet.
+struct pause {
+  using clock = std::chrono::steady_clock;
+  clock::time_point begin;
+  clock::time_point end;
+};
+std::vector<pause> noted_pauses(const installation& place);
+
 /// The open descriptors of a process, in ascending order.
 std::vector<int> descriptors(pid_t pid);
 /// A number of /proc/PID/status, for instance of "Threads" or "VmRSS".
