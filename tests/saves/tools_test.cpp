@@ -95,6 +95,9 @@ INSTANTIATE_TEST_SUITE_P(
         by_shell("tar", "tar",
                  "tar cf saved.tar -C ${WHOLE%/*} server.ini; tar xf saved.tar -C config"),
         by_shell("rm_and_cp", "rm", "rm config/server.ini; cp $WHOLE config/server.ini"),
+        by_shell("cp_and_rm_and_cp", "rm",
+                 "cp config/server.ini copy; cp copy config/server.ini; rm config/server.ini; "
+                 "cp $WHOLE config/server.ini"),
         by_shell("rm_and_a_while_later_mv", "rm",
                  "rm config/server.ini; sleep 0.2; mv $WHOLE config/server.ini"),
         by_shell("mv_from_another_file_system", "mv",

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -62,6 +63,8 @@ class desk final {
   [[nodiscard]] bool is_pausing() const { return place_.is_pausing(); }
 
   void save() {
+    // Another file each time: the last one may be the configuration by now.
+    fs::remove(whole_of(place_));
     write_file(whole_of(place_), text(++saves_));
     save_({name_of(saves_ - 1), name_of(saves_)});
   }
@@ -77,7 +80,7 @@ class desk final {
          << (!process_table::is_alive(place_.daemon()) ? "the supervisor has ended"
              : is_watching()                           ? "the supervisor watches"
                                                        : "the supervisor watches nothing");
-    return text.str() + "\n" + place_.errors();
+    return text.str() + "\n" + place_.errors() + "the end of the console:\n" + console_end();
   }
 
   /// What holds as long as every save is taken.
@@ -88,6 +91,11 @@ class desk final {
   }
 
  private:
+  [[nodiscard]] std::string console_end() const {
+    const std::string console = place_.console();
+    return console.substr(console.size() - std::min<std::size_t>(console.size(), 300));
+  }
+
   [[nodiscard]] std::string text(int number) const {
     const listed_program program = place_.entry(steady_);
     return "[" + program.name + "]\nexepath = " + program.exepath +
