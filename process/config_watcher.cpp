@@ -36,34 +36,43 @@ constexpr milliseconds kLongestAbsence{500};
 constexpr milliseconds kLookEvery{5};
 
 /// Waits for a file that is absent. One that stays away has been deleted.
-void await_file(const char* path) {
+/// @return whether it is there.
+bool await_file(const char* path) {
   const auto end = steady::now() + kLongestAbsence;
-  while (!file_version::of(path) && steady::now() < end)
+  while (!file_version::of(path)) {
+    if (steady::now() >= end) return false;
     supervisor_signals::wait(-1, kLookEvery);
+  }
+  return true;
 }
 
 /// Lets a save become whole: most editors empty the file first, or make a new one, and write it
 /// then, and the first of these is already an event. An empty file is a save that has not got
 /// further yet.
-void await_whole_file(const char* path) {
+/// @return false when the file has gone meanwhile.
+bool await_whole_file(const char* path) {
   const auto end = steady::now() + kLongestSave;
   auto quiet_since = steady::now();
   std::optional<file_version> last = file_version::of(path);
   while (last) {
     const auto now = steady::now();
-    if (now >= end || (now - quiet_since >= kQuiet && last->size > 0)) return;
+    if (now >= end || (now - quiet_since >= kQuiet && last->size > 0)) return true;
     supervisor_signals::wait(-1, kLookEvery);
     const std::optional<file_version> current = file_version::of(path);
     if (current != last) quiet_since = steady::now();
     last = current;
   }
+  return false;
 }
 
 /// Lets a save get to its end, whatever tool makes it: in place, by removing the file and making it
 /// anew, or by moving the old one away first.
-void await_save(const char* path) {
-  await_file(path);
-  await_whole_file(path);
+/// @return false when the file has been deleted.
+bool await_save(const char* path) {
+  while (await_file(path)) {
+    if (await_whole_file(path)) return true;
+  }
+  return false;
 }
 
 /// A reload, in the handler of SIGUSR1 on this thread.
@@ -76,7 +85,7 @@ void reload() {
 /// old content, and no event will tell.
 void catch_up(const char* path) {
   while (has_changed_since_load(path)) {
-    await_save(path);
+    if (!await_save(path) || !has_changed_since_load(path)) return;
     reload();
   }
 }
@@ -97,6 +106,8 @@ void explain_end(const char* path, int error) {
 struct watches {
   unique_fd instance;
   int file;
+  /// A save had removed the file and came to its end after the pause.
+  bool had_to_wait;
   std::optional<file_version> watched;
   name_watch names;
 };
@@ -108,8 +119,8 @@ std::optional<watches> set_watches(const char* path) {
     console::report_error("inotify_init");
     return std::nullopt;
   }
-  // Also when a save meets the end of the pause.
-  await_file(path);
+  const bool is_absent = !file_version::of(path);
+  const bool had_to_wait = is_absent && await_file(path);
   std::optional<file_version> watched = file_version::of(path);
   const int file = ::inotify_add_watch(instance.get(), path, IN_MODIFY);
   if (file == -1) {
@@ -119,7 +130,7 @@ std::optional<watches> set_watches(const char* path) {
     return std::nullopt;
   }
   name_watch names(instance.get(), path);
-  return watches{std::move(instance), file, watched, std::move(names)};
+  return watches{std::move(instance), file, had_to_wait, watched, std::move(names)};
 }
 
 /// Whether another file stands there than the one that is watched.
@@ -156,7 +167,7 @@ bool is_whole(const char* path, const watches& set, name_watch::finding found) {
 bool watch_once(const char* path, bool is_first) {
   const std::optional<watches> set = set_watches(path);
   if (!set) return false;
-  if (is_first) catch_up(path);
+  if (is_first || set->had_to_wait) catch_up(path);
   const auto found = await_event(path, *set);
   if (!found) {
     console::report_error("read");
@@ -164,6 +175,7 @@ bool watch_once(const char* path, bool is_first) {
   }
   if (!is_whole(path, *set, *found)) await_save(path);
   reload();
+  // Not later: who sees no watch any more takes it for the pause.
   catch_up(path);
   ::inotify_rm_watch(set->instance.get(), set->file);
   return true;

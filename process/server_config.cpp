@@ -201,6 +201,5 @@ void loadServerConfig(const char* path) {
 }
 
 bool has_changed_since_load(const char* path) {
-  const std::optional<file_version> current = file_version::of(path);
-  return g_last_load.any && current && current != g_last_load.version;
+  return g_last_load.any && file_version::of(path) != g_last_load.version;
 }
