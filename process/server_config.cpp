@@ -21,6 +21,7 @@
 #include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
 #include "common/thread/unforked_memory.h"
+#include "process/capacity.h"
 #include "process/file_version.h"
 #include "process/log_entry.h"
 
@@ -73,6 +74,15 @@ std::vector<int> listed_numbers(const Tini_parser& config, int count) {
   }
   std::sort(numbers.begin(), numbers.end());
   return numbers;
+}
+
+/// How many of these entries are to run.
+std::size_t count_wanted(const Tini_parser& config, const std::vector<int>& numbers) {
+  const auto wanted = std::count_if(numbers.begin(), numbers.end(), [&](int number) {
+    const std::string name = config.read_string(kOwnSection, "svr" + std::to_string(number), "");
+    return !name.empty() && config.read_string(name, "state", "") == "run";
+  });
+  return static_cast<std::size_t>(wanted);
 }
 
 void log_refusal(const entry& refused, const char* key, std::size_t limit) {
@@ -184,6 +194,7 @@ monitor_index index_monitors(std::pmr::memory_resource* memory) {
 }  // namespace
 
 void loadServerConfig(const char* path) {
+  const bool is_first = !g_last_load.any;
   console::print("loadServerConfig : %s\r\n", path);
   // Programs are launched while this goes on, and a child keeps what it is born with.
   std::pmr::monotonic_buffer_resource memory(unforked_memory::resource());
@@ -192,7 +203,9 @@ void loadServerConfig(const char* path) {
   const Tini_parser config{std::string(path), &memory};
   monitor_index monitors = index_monitors(&memory);
   const int count = config.read_int(kOwnSection, "linux", 0);
-  for (const int number : listed_numbers(config, count)) {
+  const std::vector<int> numbers = listed_numbers(config, count);
+  if (is_first) capacity::warn_before(count_wanted(config, numbers));
+  for (const int number : numbers) {
     entry program;
     if (read_entry(config, number, program) && is_executable(program)) {
       reconcile(monitors, program);

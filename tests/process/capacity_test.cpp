@@ -1,0 +1,79 @@
+#include "process/capacity.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include "process/server_config.h"
+#include "tests/support/captured_output.h"
+#include "tests/support/in_child.h"
+#include "tests/support/scratch_dir.h"
+
+namespace {
+
+long pid_max() {
+  long number = 0;
+  std::ifstream("/proc/sys/kernel/pid_max") >> number;
+  return number;
+}
+
+std::string warning_before(long programs) {
+  const captured_output errors(2);
+  capacity::warn_before(static_cast<std::size_t>(programs));
+  return errors.text();
+}
+
+TEST(capacity, what_fits_is_not_worth_a_word) {
+  EXPECT_EQ(warning_before(0), "");
+  EXPECT_EQ(warning_before(1), "");
+}
+
+TEST(capacity, more_than_the_machine_can_number_is_said_in_one_line) {
+  const long too_many = pid_max() / 4 + 1;
+  const std::string warning = warning_before(too_many);
+  EXPECT_TRUE(warning.starts_with("keelmond: " + std::to_string(too_many) +
+                                  " programs need about " + std::to_string(too_many * 4) +
+                                  " processes and threads, and "))
+      << warning;
+  EXPECT_EQ(warning.find('\n'), warning.size() - 1);
+}
+
+TEST(capacity, a_limit_of_the_user_counts_for_all_but_root) {
+  in_child([] {
+    const rlimit low{40, 40};
+    ASSERT_EQ(::setrlimit(RLIMIT_NPROC, &low), 0);
+    if (::geteuid() == 0) {
+      EXPECT_EQ(warning_before(11), "");
+      ASSERT_EQ(::setuid(65534), 0);
+    }
+    EXPECT_EQ(warning_before(10), "");
+    EXPECT_NE(warning_before(11).find("and ulimit -u allows 40."), std::string::npos);
+  });
+}
+
+TEST(capacity, is_looked_at_when_the_first_configuration_is_loaded) {
+  in_child([] {
+    const rlimit low{4, 4};
+    ASSERT_EQ(::setrlimit(RLIMIT_NPROC, &low), 0);
+    if (::geteuid() == 0) {
+      ASSERT_EQ(::chmod(".", 0777), 0);
+      ASSERT_EQ(::setuid(65534), 0);
+    }
+    // None of them is there, so nothing is started.
+    write_file("server.ini",
+               "[keelmond]\nlinux=3\nsvr1=aa\nsvr2=bb\nsvr3=cc\n[aa]\nstate=run\n[bb]\nstate=run\n"
+               "[cc]\nstate=stop\n");
+    const captured_output console(1);
+    const captured_output errors(2);
+    loadServerConfig("server.ini");
+    EXPECT_TRUE(errors.text().starts_with("keelmond: 2 programs need about 8 processes"));
+    loadServerConfig("server.ini");
+    EXPECT_EQ(errors.text().find("keelmond", 1), std::string::npos) << "once";
+  });
+}
+
+}  // namespace
