@@ -16,6 +16,7 @@
 #include "common/misc/unique_fd.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
+#include "tests/stress/support/slow_log.h"
 #include "tests/stress/support/stress.h"
 #include "tests/support/wait_until.h"
 
@@ -137,39 +138,6 @@ void kill_around_the_end_of_the_grace(const installation& place, const std::vect
     std::this_thread::sleep_for(std::chrono::microseconds(400));
   }
 }
-
-/// A log that takes no more when it is full, as one on a disk of another machine may do.
-class slow_log final {
- public:
-  explicit slow_log(const installation& place) {
-    const std::string path = (place.site() / "keelmond.log").string();
-    if (::mkfifo(path.c_str(), 0600) != 0) throw std::runtime_error("mkfifo");
-    pipe_.reset(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-    ::fcntl(pipe_.get(), F_SETPIPE_SZ, 4096);
-  }
-
-  void fill() const {
-    while (::write(pipe_.get(), "\n", 1) == 1) {
-    }
-  }
-  /// Lets the writers go on until `done`. @return what they have written.
-  template <typename Condition>
-  [[nodiscard]] std::string drain(Condition done) const {
-    std::string text;
-    const auto read_on = [&] {
-      const bool last = done();
-      char part[4096];
-      for (ssize_t got = 0; (got = ::read(pipe_.get(), part, sizeof part)) > 0;)
-        text.append(part, static_cast<std::size_t>(got));
-      return last;
-    };
-    EXPECT_TRUE(wait_until(read_on));
-    return text;
-  }
-
- private:
-  unique_fd pipe_;
-};
 
 /// The children of a process, by whichever of its threads.
 std::vector<pid_t> children_of(pid_t pid) {
@@ -370,7 +338,7 @@ TEST(leaving, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment)
 TEST(leaving, deletes_nothing_that_a_thread_is_using) {
   for (int i = 0; i < rounds(20, 1) && !HasFailure(); ++i) {
     installation place;
-    const slow_log log(place);
+    const stress::slow_log log(place);
     std::vector<listed_program> programs;
     for (int program = 0; program < 10; ++program)
       programs.push_back(place.entry(place.add_steady()));

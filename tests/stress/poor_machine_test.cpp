@@ -261,7 +261,8 @@ TEST(poor_machine, watches_the_configuration_without_a_thread_for_it) {
   ASSERT_EQ(place.console().find(name), std::string::npos) << "the load was over too early";
   ASSERT_TRUE(wait_until([&] { return process_table::count_watches(daemon) == 1; }));
 #ifndef KEELMOND_SANITIZED
-  EXPECT_EQ(stress::status_number(daemon, "Threads"), 3) << "with the one that forks, and the one that records";
+  EXPECT_EQ(stress::status_number(daemon, "Threads"), 3)
+      << "with the one that forks, and the one that records";
 #endif
   stress::unlimit(daemon, RLIMIT_NPROC);
   ::kill(daemon, SIGUSR1);
