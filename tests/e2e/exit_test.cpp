@@ -9,6 +9,7 @@
 #include "tests/e2e/golden.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
+#include "tests/e2e/support/slow_log.h"
 #include "tests/support/wait_until.h"
 
 namespace fs = std::filesystem;
@@ -275,3 +276,21 @@ TEST(exit_without_configuration, follows_at_once_when_there_is_no_file_at_the_st
   // A daemon that ends before its parent has left it is reaped by the kernel, unseen.
   EXPECT_EQ(children::status_of(std::stoi(digits)).value_or(0), 0);
 }
+
+#ifndef KEELMOND_SANITIZED
+// The sanitizers look for leaks when the process exits, and this one must not exit.
+TEST(exit_with_a_log_that_hangs, is_not_in_the_hands_of_the_log) {
+  for (const int request : {SIGUSR2, SIGINT}) {
+    installation place;
+    const slow_log log(place);
+    const std::string name = place.add_steady();
+    place.save({place.entry(name)});
+    place.start();
+    place.wait_running(name);
+    log.fill();
+    EXPECT_EQ(place.end_by(request), 0);
+    EXPECT_EQ(place.has("run.pid"), request == SIGINT);
+    EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
+  }
+}
+#endif

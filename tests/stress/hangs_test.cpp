@@ -13,7 +13,7 @@
 
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
-#include "tests/stress/support/slow_log.h"
+#include "tests/e2e/support/slow_log.h"
 #include "tests/stress/support/stress.h"
 #include "tests/support/wait_until.h"
 
@@ -139,7 +139,7 @@ TEST(hangs, a_pipe_in_place_of_a_liveness_file_holds_nobody_up) {
 
 TEST(hangs, a_log_that_takes_nothing_holds_no_program_up) {
   installation place;
-  const stress::slow_log log(place);
+  const slow_log log(place);
   std::vector<std::string> programs;
   std::vector<listed_program> listed;
   for (int i = 0; i < 5; ++i) {
@@ -166,21 +166,6 @@ TEST(hangs, a_log_that_takes_nothing_holds_no_program_up) {
   EXPECT_TRUE(is_empty(place));
 }
 
-TEST(hangs, the_end_is_not_in_the_hands_of_a_log_that_takes_nothing) {
-  for (const int request : {SIGUSR2, SIGINT}) {
-    installation place;
-    const stress::slow_log log(place);
-    const std::string name = place.add_steady();
-    place.save({place.entry(name)});
-    place.start(stress::without_leak_check());
-    place.wait_running(name);
-    log.fill();
-    EXPECT_EQ(place.end_by(request), 0);
-    EXPECT_EQ(place.has("run.pid"), request == SIGINT);
-    EXPECT_TRUE(is_empty(place));
-  }
-}
-
 TEST(limits, of_the_stack_do_not_matter) {
   for (const rlim_t most : {rlim_t{64} * 1024, rlim_t{1} << 40, RLIM_INFINITY})
     expect_supervision(limited(RLIMIT_STACK, most));
@@ -190,6 +175,22 @@ TEST(limits, of_the_stack_do_not_matter) {
 // The sanitizers themselves want terabytes.
 TEST(limits, of_the_address_space_may_be_small) {
   expect_supervision(limited(RLIMIT_AS, rlim_t{48} * 1024 * 1024));
+}
+
+TEST(limits, of_the_stack_may_be_more_than_there_is) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  const start_options stack = limited(RLIMIT_STACK, rlim_t{1} << 30);
+  const start_options space = limited(RLIMIT_AS, rlim_t{48} * 1024 * 1024);
+  place.start({.before_exec = [=] {
+    stack.before_exec();
+    space.before_exec();
+  }});
+  place.wait_running(name);
+  EXPECT_EQ(stress::status_number(place.daemon(), "Threads"), 5)
+      << "main, watcher, monitor, the one that forks and the one that records";
+  stress::expect_clean_end(place);
 }
 #endif
 

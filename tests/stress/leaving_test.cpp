@@ -16,7 +16,7 @@
 #include "common/misc/unique_fd.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
-#include "tests/stress/support/slow_log.h"
+#include "tests/e2e/support/slow_log.h"
 #include "tests/stress/support/stress.h"
 #include "tests/support/wait_until.h"
 
@@ -338,7 +338,7 @@ TEST(leaving, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment)
 TEST(leaving, deletes_nothing_that_a_thread_is_using) {
   for (int i = 0; i < rounds(20, 1) && !HasFailure(); ++i) {
     installation place;
-    const stress::slow_log log(place);
+    const slow_log log(place);
     std::vector<listed_program> programs;
     for (int program = 0; program < 10; ++program)
       programs.push_back(place.entry(place.add_steady()));

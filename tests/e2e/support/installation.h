@@ -33,8 +33,9 @@ struct start_options {
 /// programs and the daemon that supervises them.
 ///
 /// Written for one thread. What fails for reasons of the machine, or leaves a test nothing to go on
-/// with, throws std::runtime_error; the rest is for the tests to judge. The destructor kills every process that was
-/// started below this installation, and fails the test when a sanitizer complained in one of them.
+/// with, throws std::runtime_error; the rest is for the tests to judge. The destructor kills every
+/// process that was started below this installation, and fails the test when a sanitizer complained
+/// in one of them.
 class installation final {
  public:
   /// @param site name of the working directory, below the scratch directory.

@@ -12,8 +12,6 @@
 #include "tests/e2e/support/installation.h"
 #include "tests/support/wait_until.h"
 
-namespace stress {
-
 /// A log that takes no more when it is full, as one on a disk of another machine may do.
 class slow_log final {
  public:
@@ -46,5 +44,3 @@ class slow_log final {
  private:
   unique_fd pipe_;
 };
-
-}  // namespace stress

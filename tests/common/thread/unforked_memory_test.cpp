@@ -1,0 +1,100 @@
+#include "common/thread/unforked_memory.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <fstream>
+#include <limits>
+#include <memory_resource>
+#include <new>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t kSize = std::size_t{64} * 1024;
+
+#ifndef KEELMOND_SANITIZED
+
+/// What the kernel says of the mapping at an address: letters of two, as in proc(5).
+std::string flags_of(const void* memory) {
+  std::ifstream maps("/proc/self/smaps");
+  bool is_ours = false;
+  for (std::string line; std::getline(maps, line);) {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+    if (std::sscanf(line.c_str(), "%lx-%lx ", &begin, &end) == 2) {
+      const auto address = reinterpret_cast<std::uintptr_t>(memory);
+      is_ours = begin <= address && address < end;
+    }
+    if (is_ours && line.starts_with("VmFlags:")) return line + " ";
+  }
+  return "";
+}
+
+TEST(unforked_memory, is_not_in_a_child) {
+  void* const memory = unforked_memory::allocate(kSize);
+  ASSERT_NE(memory, nullptr);
+  const pid_t child = ::fork();
+  if (child == 0) ::_exit(::msync(memory, kSize, MS_ASYNC) == 0 ? 1 : 0);
+  int status = -1;
+  ASSERT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  unforked_memory::release(memory, kSize);
+}
+
+TEST(unforked_memory, gets_no_large_pages) {
+  void* const memory = unforked_memory::allocate(kSize);
+  const bool has_large_pages = std::ifstream("/sys/kernel/mm/transparent_hugepage/enabled").good();
+  EXPECT_EQ(flags_of(memory).find(" nh ") != std::string::npos, has_large_pages);
+  unforked_memory::release(memory, kSize);
+}
+
+TEST(unforked_memory, lies_in_few_mappings) {
+  std::vector<void*> all;
+  const auto count_mappings = [] {
+    std::ifstream maps("/proc/self/maps");
+    int lines = 0;
+    for (std::string line; std::getline(maps, line);)
+      ++lines;
+    return lines;
+  };
+  const int before = count_mappings();
+  for (int i = 0; i < 100; ++i)
+    all.push_back(unforked_memory::allocate(kSize));
+  EXPECT_LT(count_mappings(), before + 20);
+  for (void* const one : all)
+    unforked_memory::release(one, kSize);
+}
+
+#endif
+
+TEST(unforked_memory, is_zeroed_and_whole) {
+  auto* const memory = static_cast<char*>(unforked_memory::allocate(kSize));
+  for (std::size_t i = 0; i < kSize; ++i)
+    ASSERT_EQ(memory[i], 0);
+  memory[0] = memory[kSize - 1] = 'x';
+  unforked_memory::release(memory, kSize);
+  unforked_memory::release(nullptr, kSize);
+}
+
+TEST(unforked_memory, may_not_be_had) {
+  constexpr std::size_t kTooMuch = std::numeric_limits<std::size_t>::max() / 2;
+  EXPECT_EQ(unforked_memory::allocate(kTooMuch), nullptr);
+  EXPECT_THROW(static_cast<void>(unforked_memory::resource()->allocate(kTooMuch)), std::bad_alloc);
+}
+
+TEST(unforked_memory, serves_containers) {
+  std::pmr::monotonic_buffer_resource memory(unforked_memory::resource());
+  std::pmr::vector<std::pmr::string> texts(&memory);
+  for (int i = 0; i < 10000; ++i)
+    texts.emplace_back("a text that is too long to be kept in the string itself");
+  EXPECT_EQ(texts.back().get_allocator().resource(), &memory);
+  EXPECT_TRUE(unforked_memory::resource()->is_equal(*unforked_memory::resource()));
+  EXPECT_FALSE(unforked_memory::resource()->is_equal(*std::pmr::new_delete_resource()));
+}
+
+}  // namespace
