@@ -7,7 +7,7 @@
 #include <string>
 
 #include "bench/sample_config.h"
-#include "common/misc/console.h"
+#include "common/log/console.h"
 #include "common/misc/unique_fd.h"
 #include "process/server_config.h"
 #include "tests/support/scratch_dir.h"

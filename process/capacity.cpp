@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "common/misc/console.h"
+#include "common/log/console.h"
 
 namespace capacity {
 namespace {

@@ -13,7 +13,7 @@
 #include <optional>
 #include <utility>
 
-#include "common/misc/console.h"
+#include "common/log/console.h"
 #include "common/misc/unique_fd.h"
 #include "process/file_version.h"
 #include "process/name_watch.h"

@@ -11,12 +11,12 @@
 #include <cstring>
 #include <new>
 
+#include "common/log/console.h"
 #include "common/misc/bounded_text.h"
-#include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
-#include "common/thread/leave_gate.h"
 #include "common/thread/unforked_memory.h"
 #include "process/child.h"
+#include "process/leave_gate.h"
 #include "process/program_tree.h"
 #include "process/recorder.h"
 #include "process/supervisor_signals.h"
@@ -34,10 +34,6 @@ constexpr std::chrono::seconds kStopLimit{10};
 
 /// Programs launched and not yet recorded as ended, of all monitors.
 std::atomic<int> alive{0};
-
-std::int64_t steady_now() {
-  return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
 
 /// Whether a stop command has come as far as its signal. The shell's status is 0 then, or 1 when
 /// one of the processes had just ended or is another user's. Any other means that it could not run
@@ -73,39 +69,13 @@ Tfun_monitor::Tfun_monitor(const char* command, const char* program, const char*
   copy_bounded(state, wanted);
 }
 
-void Tfun_monitor::update_state(const char* wanted) {
-  char text[sizeof state];
-  copy_bounded(text, wanted);
-  // A reload that changes nothing must not let the thread see anything but "run".
-  if (std::strcmp(state, text) == 0) return;
-  state_changes.fetch_add(1);
-  for (std::size_t i = 0; i < sizeof state; ++i)
-    store_byte(state[i], text[i]);
-  state_changes.fetch_add(1);
-}
-
-bool Tfun_monitor::wants_run() const {
-  constexpr char kRun[] = "run";
-  const std::uint32_t before = state_changes.load();
-  if (before % 2 != 0) return false;
-  for (std::size_t i = 0; i < sizeof kRun; ++i) {
-    if (load_byte(state[i]) != kRun[i]) return false;
-  }
-  // However many texts there were meanwhile: these bytes are of one of them only if nothing
-  // changed.
-  return state_changes.load() == before;
-}
-
-int Tfun_monitor::last_pid() const {
-  return std::atomic_ref<int>(const_cast<int&>(pid)).load();
-}
-
-int Tfun_monitor::programs_alive() {
-  return alive.load();
-}
+// The thread's side.
 
 void Tfun_monitor::virtual_thread_proc() {
+  // Counted out when the base has touched the object for the last time.
+  thread_local const leave_gate::until_thread_ends inside(g_leave_gate);
   monitor_process(exepath);
+  phase.end();
 }
 
 void Tfun_monitor::monitor_process(const char* command) {
@@ -119,15 +89,15 @@ void Tfun_monitor::monitor_process(const char* command) {
 }
 
 pid_t Tfun_monitor::launch(const char* command) {
-  launched_at.store(kLaunching);
+  phase.launch();
   if (!wants_run()) {
-    launched_at.store(kNotLaunched);
+    phase.rest();
     const leave_gate::outside pause(g_leave_gate);
     Tfun_misc::select_sleep(1, 0);
     return 0;
   }
   if (!g_leave_gate.may_launch()) {
-    launched_at.store(kNotLaunched);
+    phase.rest();
     g_leave_gate.park();
   }
   const pid_t child = child::start_program(command);
@@ -137,16 +107,28 @@ pid_t Tfun_monitor::launch(const char* command) {
   }
   // Tried again at once and for as long as it takes: a pause would only add to the outage.
   const int error = errno;
-  launched_at.store(kNotLaunched);
+  phase.rest();
   if (child == -1) {
     console::print("fork() error.errno:%d error:%s\n", error, std::strerror(error));
   }
   return child;
 }
 
+bool Tfun_monitor::wants_run() const {
+  constexpr char kRun[] = "run";
+  const std::uint32_t before = state_sequence.load();
+  if (before % 2 != 0) return false;
+  for (std::size_t i = 0; i < sizeof kRun; ++i) {
+    if (load_byte(state[i]) != kRun[i]) return false;
+  }
+  // However many texts there were meanwhile: these bytes are of one of them only if nothing
+  // changed.
+  return state_sequence.load() == before;
+}
+
 void Tfun_monitor::record_launch(pid_t child) {
   std::atomic_ref<int>(pid).store(child);
-  launched_at.store(steady_now());
+  phase.run();
   alive.fetch_add(1);
   char message[kMessageSize] = {};
   std::snprintf(message, sizeof message, "launched sub process PID: %lu \r\n",
@@ -167,18 +149,61 @@ pid_t Tfun_monitor::wait_for_end(pid_t child, int& error) {
   }
 }
 
-void Tfun_monitor::await_launch() const {
-  constexpr std::int64_t kLongest = 500'000'000;
-  const std::int64_t end = steady_now() + kLongest;
-  for (;;) {
-    const std::int64_t launched = launched_at.load();
-    const std::int64_t now = steady_now();
-    if (launched == kNotLaunched || now >= end) return;
-    if (launched != kLaunching) {
-      if (now - launched >= kLongest || program_tree::is_findable(last_pid())) return;
-    }
-    Tfun_misc::select_sleep(0, 2000);
+bool Tfun_monitor::record_end(pid_t waited, int error) {
+  char message[kMessageSize] = {};
+  std::snprintf(message, sizeof message, "exited process PID: %lu  errno: %d\r\n",
+                static_cast<unsigned long>(static_cast<std::uint32_t>(waited)), error);
+  recorder::record_end(last_record, name, message);
+  phase.rest();
+  alive.fetch_sub(1);
+  if (++restart_count > kRestartLimit) {
+    console::print("Restarted more than 200 times.\r\n");
+    return false;
   }
+  console::print("Waiting has returned.\r\n");
+  return true;
+}
+
+// The loader's side.
+
+void Tfun_monitor::Start() {
+  if (!phase.claim()) return;
+  g_leave_gate.admit();
+  Tsys_thread::Start();
+  if (has_thread()) return;
+  g_leave_gate.dismiss();
+  phase.give_back();
+}
+
+void Tfun_monitor::update_state(const char* wanted) {
+  char text[sizeof state];
+  copy_bounded(text, wanted);
+  // A reload that changes nothing must not let the thread see anything but "run".
+  if (std::strcmp(state, text) == 0) return;
+  state_sequence.fetch_add(1);
+  for (std::size_t i = 0; i < sizeof state; ++i)
+    store_byte(state[i], text[i]);
+  state_sequence.fetch_add(1);
+}
+
+int Tfun_monitor::last_pid() const {
+  return std::atomic_ref<int>(const_cast<int&>(pid)).load();
+}
+
+int Tfun_monitor::programs_alive() {
+  return alive.load();
+}
+
+void Tfun_monitor::await_launch() const {
+  constexpr std::chrono::milliseconds kLongest{500};
+  const auto end = monitor_phase::clock::now() + kLongest;
+  const auto may_be_missed = [&] {
+    if (phase.is_launching()) return true;
+    return phase.is_running() && phase.running_for() < kLongest &&
+           !program_tree::is_findable(last_pid());
+  };
+  while (may_be_missed() && monitor_phase::clock::now() < end)
+    Tfun_misc::select_sleep(0, 2000);
 }
 
 void Tfun_monitor::stop_process() {
@@ -198,24 +223,9 @@ void Tfun_monitor::stop_process() {
 
 void Tfun_monitor::stop_directly() const {
   // Not a process that has the number of a child that is long gone.
-  if (launched_at.load() > kNotLaunched) program_tree::signal_by_name(last_pid(), name, SIGUSR2);
+  if (phase.is_running()) program_tree::signal_by_name(last_pid(), name, SIGUSR2);
 }
 
 void Tfun_monitor::settle_live_file() const {
-  if (launched_at.load() == kNotLaunched) Tfun_misc::UpdateProcessLiveFile(name, false);
-}
-
-bool Tfun_monitor::record_end(pid_t waited, int error) {
-  char message[kMessageSize] = {};
-  std::snprintf(message, sizeof message, "exited process PID: %lu  errno: %d\r\n",
-                static_cast<unsigned long>(static_cast<std::uint32_t>(waited)), error);
-  recorder::record_end(last_record, name, message);
-  launched_at.store(kNotLaunched);
-  alive.fetch_sub(1);
-  if (++restart_count > kRestartLimit) {
-    console::print("Restarted more than 200 times.\r\n");
-    return false;
-  }
-  console::print("Waiting has returned.\r\n");
-  return true;
+  if (!phase.is_launching() && !phase.is_running()) Tfun_misc::UpdateProcessLiveFile(name, false);
 }

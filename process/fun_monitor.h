@@ -7,17 +7,22 @@
 #include <cstdint>
 
 #include "common/thread/sys_thread.h"
+#include "process/monitor_phase.h"
 #include "process/recorder.h"
 
 /// Keeps one program running: starts it, waits until it ends, starts it again at once.
 ///
-/// Idle: the state is not "run"; the thread looks at it once a second. Running: a copy of the
-/// supervisor has been forked that runs the program, and the thread waits for that copy. Ended: the
-/// program has ended more than 200000 times and the thread has returned; nothing revives it.
+/// Idle: the state is not "run"; the thread looks at it once a second. Running: a child of the
+/// supervisor has been forked that runs the program, and the thread waits for that child. Ended:
+/// the program has ended more than 200000 times and the thread has returned; nothing revives it.
 ///
 /// The loader creates monitors, starts them and writes their state; the monitor's own thread does
 /// everything else. The texts are bounded: one that does not fit is cut, so callers refuse it
 /// before.
+///
+/// A monitor's thread is inside `g_leave_gate` from before its creation until after its last touch
+/// of the object, except while it waits. So a monitor can be deleted once the gate is closed and
+/// empty.
 class Tfun_monitor final : public Tsys_thread {
  public:
   /// @param exepath the shell command that starts the program, up to 1023 bytes.
@@ -28,9 +33,13 @@ class Tfun_monitor final : public Tsys_thread {
   Tfun_monitor(const Tfun_monitor&) = delete;
   Tfun_monitor& operator=(const Tfun_monitor&) = delete;
 
-  /// Monitors lie in memory that forked copies do not get.
+  /// Monitors lie in memory that children do not get.
   static void* operator new(std::size_t size);
   static void operator delete(void* memory, std::size_t size) noexcept;
+
+  /// Starts the monitor's thread, unless it has one, or had one. Instead of the base's, which would
+  /// create a second one before the first has come to its body, and the program would run twice.
+  void Start();
 
   /// Replaces the state. The thread acts on it the next time it looks.
   void update_state(const char* state);
@@ -64,38 +73,33 @@ class Tfun_monitor final : public Tsys_thread {
   void virtual_thread_proc() override;
 
  private:
-  [[nodiscard]] bool wants_run() const;
+  // The thread's side.
   /// One turn of the loop up to a running program.
-  /// @return the copy's process id; 0 when the state was not "run" (a second has passed then), -1
+  /// @return the child's process id; 0 when the state was not "run" (a second has passed then), -1
   ///         when there was no process to be had.
   pid_t launch(const char* command);
+  [[nodiscard]] bool wants_run() const;
   void record_launch(pid_t child);
   static pid_t wait_for_end(pid_t child, int& error);
   /// @return false at the restart limit.
   bool record_end(pid_t waited, int error);
+
+  // The loader's side.
   void await_launch() const;
   void stop_directly() const;
-
-  static constexpr std::int64_t kNotLaunched = 0;
-  static constexpr std::int64_t kLaunching = -1;
 
   char name[512];
   char exepath[1024];
   /// Written by the loader, compared by the monitor's thread, byte by byte through
-  /// std::atomic_ref. `state_changes` tells whether the bytes belong together: a text that is half
-  /// replaced is never equal to "run".
+  /// std::atomic_ref, under `state_sequence`.
   char state[128];
   /// Written by the monitor's thread, read by the loader through std::atomic_ref.
   int pid;
   int restart_count;
-  /// Counts each replacement of the state twice, when it begins and when it is over. Odd: one is
-  /// under way.
-  std::atomic<std::uint32_t> state_changes{0};
-  /// When the launch of the program that runs was recorded, in nanoseconds of the steady clock;
-  /// `kLaunching` from before the state is tested until then, `kNotLaunched` when none runs. In the
-  /// default order, like the state: either the loader sees that a launch is going on, or the launch
-  /// sees the loader's new state.
-  std::atomic<std::int64_t> launched_at{kNotLaunched};
+  /// The sequence lock of the state: odd while it is being replaced, and another number afterwards.
+  /// A text that is half replaced is never equal to "run".
+  std::atomic<std::uint32_t> state_sequence{0};
+  monitor_phase phase;
   /// Used by the monitor's thread only, and by the recorder.
   recorder::record last_record;
 };

@@ -3,9 +3,9 @@
 #include <thread>
 #include <utility>
 
+#include "common/log/console.h"
 #include "common/log/log_file.h"
 #include "common/misc/bounded_text.h"
-#include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
 #include "common/thread/detached_thread.h"
 #include "common/thread/inbox.h"
@@ -102,7 +102,8 @@ bool start() noexcept {
   return running.load();
 }
 
-void append(record& own, const char* line) noexcept {
+void append(const char* line) noexcept {
+  static record own;
   hand_over(own, record::kind::line, "", line);
 }
 

@@ -40,7 +40,9 @@ struct record {
 bool start() noexcept;
 
 /// Appends a line, which carries its own line end, to the log, and then the line with the time.
-void append(record& own, const char* line) noexcept;
+/// Does nothing while there is no log. Called where configurations are loaded, and before: by one
+/// thread at a time.
+void append(const char* line) noexcept;
 /// Marks the program alive, then appends a line.
 void record_launch(record& own, const char* program, const char* line) noexcept;
 /// Appends a line, then marks the program not alive.

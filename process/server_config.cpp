@@ -17,13 +17,13 @@
 #include <utility>
 
 #include "common/inifile/ini_parser.h"
+#include "common/log/console.h"
 #include "common/misc/bounded_text.h"
-#include "common/misc/console.h"
 #include "common/misc/fun_misc.h"
 #include "common/thread/unforked_memory.h"
 #include "process/capacity.h"
 #include "process/file_version.h"
-#include "process/log_entry.h"
+#include "process/recorder.h"
 
 std::vector<Tfun_monitor*> monitor_list;
 
@@ -91,7 +91,7 @@ void log_refusal(const entry& refused, const char* key, std::size_t limit) {
                 "server.ini: entry svr%d (%s) refused: %s is longer than %zu bytes or holds a NUL "
                 "byte.\r\n",
                 refused.number, refused.name, key, limit);
-  append_entry(message);
+  recorder::append(message);
 }
 
 /// Takes a value over whole, or refuses the entry. A NUL byte in it would hide what follows.
@@ -133,7 +133,7 @@ bool is_executable(const entry& program) {
   char message[768] = {};
   std::snprintf(message, sizeof message, "access(X_OK) .errno:%d error:%s (%s)\n", error,
                 std::strerror(error), program.exepath);
-  append_entry(message);
+  recorder::append(message);
   return false;
 }
 

@@ -10,13 +10,19 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "common/misc/console.h"
+#include "common/daemon/start_lock.h"
+#include "common/log/console.h"
 #include "common/misc/unique_fd.h"
 #include "common/misc/unique_file.h"
 
 Tsys_daemon* g_sys_daemon = nullptr;
 
 namespace {
+
+/// Joins the check for another instance and the creation of the pid file, which two starts at once
+/// would otherwise both get through. Held by the process, not by the object: the daemon that gives
+/// it back is the grandchild of the process that took it.
+start_lock g_start_lock;
 
 /// Goes on in a child. The parent ends, and so does a process that cannot fork: to whoever waits
 /// for it both look the same, a status of 0.
@@ -41,7 +47,9 @@ Tsys_daemon::Tsys_daemon(const char* file, void (*body)())
     : pid_file(text_or_empty(file)), daemon_proc(body) {}
 
 bool Tsys_daemon::run_only_one() {
+  g_start_lock.acquire();
   if (::access(pid_file, R_OK) != 0) return true;
+  g_start_lock.release();
   send_signal();
   console::print_line("Existing a copy of this daemon! ");
   return false;
@@ -76,6 +84,7 @@ void Tsys_daemon::init_daemon(const char* dir) {
 
   std::remove(pid_file);
   const unique_file stream(std::fopen(pid_file, "we"));
+  g_start_lock.release();
   if (!stream) return;
   if (daemon_proc != nullptr) daemon_proc();
   // Only now, on purpose: as long as the daemon runs, others find its file empty.

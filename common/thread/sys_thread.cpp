@@ -1,6 +1,7 @@
 #include "common/thread/sys_thread.h"
 
-#include "common/thread/leave_gate.h"
+#include <atomic>
+
 #include "common/thread/stack_size.h"
 #include "common/thread/unforked_memory.h"
 
@@ -17,19 +18,15 @@ void write_flag(bool& flag, bool value) {
 }  // namespace
 
 void Tsys_thread::Start() {
-  if (IsRunning() || occupied.exchange(true)) return;
+  if (IsRunning()) return;
   write_flag(aborted, false);
-  g_leave_gate.admit();
-  if (!create_thread()) {
-    g_leave_gate.dismiss();
-    occupied.store(false);
-  }
+  create_thread();
 }
 
-bool Tsys_thread::create_thread() {
+void Tsys_thread::create_thread() {
   // Never given back: nobody knows when a thread that is not joined has left its stack.
   void* const stack = unforked_memory::allocate(kSmallStack);
-  if (stack == nullptr) return false;
+  if (stack == nullptr) return;
   pthread_attr_t attributes;
   ::pthread_attr_init(&attributes);
   ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
@@ -37,12 +34,11 @@ bool Tsys_thread::create_thread() {
   pthread_t created{};
   const int error = ::pthread_create(&created, &attributes, &Tsys_thread::ThreadProc, this);
   ::pthread_attr_destroy(&attributes);
-  if (error != 0) {
+  if (error == 0) {
+    thread_id = created;
+  } else {
     unforked_memory::release(stack, kSmallStack);
-    return false;
   }
-  thread_id = created;
-  return true;
 }
 
 void* Tsys_thread::ThreadProc(void* arg) {
@@ -50,10 +46,7 @@ void* Tsys_thread::ThreadProc(void* arg) {
     auto* self = static_cast<Tsys_thread*>(arg);
     self->SetRunning(true);
     self->virtual_thread_proc();
-    // In this order: whoever sees that the body is over can start it again.
-    self->occupied.store(false);
     self->SetRunning(false);
-    g_leave_gate.dismiss();
   }
   ::pthread_exit(nullptr);
 }

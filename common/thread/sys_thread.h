@@ -2,19 +2,14 @@
 
 #include <pthread.h>
 
-#include <atomic>
-
 /// Base of an object that owns one POSIX thread and runs a virtual body on it.
 ///
 /// Constructed (aborted, not running), started (the thread exists), running (the body runs), ended
 /// (the body has returned; the thread stays joinable). It may be started again after it has ended.
 /// `Start` and `Stop` are called by one thread at a time; the flags may be read from any thread.
 ///
-/// A body has 64 kB of stack, in memory that forked copies of the process do not get: it must not
-/// fork by itself.
-///
-/// Every thread started here is inside `g_leave_gate` from before its creation until after its last
-/// touch of the object, so that an object can be deleted once the gate is closed and empty.
+/// A body has 64 kB of stack, in memory that children of the process do not get: it must not fork
+/// by itself.
 class Tsys_thread {
  public:
   Tsys_thread() = default;
@@ -22,9 +17,9 @@ class Tsys_thread {
   Tsys_thread& operator=(const Tsys_thread&) = delete;
   virtual ~Tsys_thread() = default;
 
-  /// Creates the thread, joinable. Does nothing while a thread of this object has not ended, also
-  /// when that thread has not reached its body yet. When no thread can be had only the abort flag
-  /// is cleared, and a later call tries again.
+  /// Creates the thread, joinable. Does nothing while the body runs. A thread that has not reached
+  /// its body yet does not run: a second call before that creates a second thread. When no thread
+  /// can be had only the abort flag is cleared, and a later call tries again.
   void Start();
   /// Asks the body to end and joins the thread, if there is one that has not been joined. The body
   /// is not interrupted; it has to ask `IsAbort`.
@@ -38,9 +33,11 @@ class Tsys_thread {
  protected:
   /// The thread's body.
   virtual void virtual_thread_proc() = 0;
+  /// Whether a thread has been created and not been joined.
+  [[nodiscard]] bool has_thread() const { return thread_id != 0; }
 
  private:
-  bool create_thread();
+  void create_thread();
   static void* ThreadProc(void* arg);
 
   // The two flags are plain booleans for whoever derives from this class. They are read and written
@@ -48,8 +45,4 @@ class Tsys_thread {
   bool aborted = true;
   bool running = false;
   pthread_t thread_id = 0;
-  /// A thread exists or is being created, and its body has not returned. It closes the gap between
-  /// Start and the thread's first step, in which `running` is still false and a second Start would
-  /// create a second thread.
-  std::atomic<bool> occupied{false};
 };

@@ -4,8 +4,8 @@
 #include <iterator>
 #include <string_view>
 
+#include "common/log/console.h"
 #include "common/misc/bounded_text.h"
-#include "common/misc/console.h"
 
 namespace {
 

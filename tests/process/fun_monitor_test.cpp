@@ -20,7 +20,7 @@
 
 #include "common/log/log_file.h"
 #include "common/misc/unique_fd.h"
-#include "common/thread/leave_gate.h"
+#include "process/leave_gate.h"
 #include "process/server_config.h"
 #include "tests/process/imagined_programs.h"
 #include "tests/process/supervision.h"
@@ -490,6 +490,47 @@ TEST(fun_monitor_leaving, an_idle_monitor_stops_when_its_second_is_over) {
     delete monitor;
     const int sleeps = programs.sleeps;
     EXPECT_TRUE(never([&] { return programs.sleeps > sleeps + 1; }));
+  });
+}
+
+TEST(fun_monitor_thread, is_one_however_often_it_is_started) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    std::atomic<int> created{0};
+    faults.pthread_create = [&](pthread_t* thread, const pthread_attr_t* attributes,
+                                void* (*body)(void*), void* argument) {
+      ++created;
+      return real::pthread_create(thread, attributes, body, argument);
+    };
+    Tfun_monitor& monitor = new_monitor("/a/b", "often");
+    for (int i = 0; i < 10; ++i)
+      monitor.Start();
+    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
+    monitor.Start();
+    EXPECT_EQ(created, 1);
+    EXPECT_TRUE(never([&] { return programs.forks > 1; }));
+  });
+}
+
+TEST(fun_monitor_thread, is_inside_the_gate_from_its_creation_on_and_not_when_it_could_not_be_had) {
+  in_child([] {
+    supervision::begin();
+    imagined_programs& programs = imagined_programs::begin();
+    Tfun_monitor& monitor = new_monitor("/a/b", "gated");
+    faults.pthread_create = [](auto...) { return EAGAIN; };
+    monitor.Start();
+    EXPECT_TRUE(g_leave_gate.wait_until_empty(std::chrono::milliseconds(0)));
+    static bool inside_when_created = false;
+    faults.pthread_create = [](pthread_t* thread, const pthread_attr_t* attributes,
+                               void* (*body)(void*), void* argument) {
+      inside_when_created = !g_leave_gate.wait_until_empty(std::chrono::milliseconds(0));
+      return real::pthread_create(thread, attributes, body, argument);
+    };
+    monitor.Start();
+    EXPECT_TRUE(inside_when_created);
+    EXPECT_TRUE(wait_until([&] { return programs.is_waiting(1); })) << "a later start tries again";
+    EXPECT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20))) << "it waits";
   });
 }
 

@@ -68,7 +68,7 @@ recorder::record& new_record() {
 TEST(recorder, has_written_the_line_and_its_time_when_it_returns) {
   in_child([] {
     const supervision& world = supervision::begin();
-    recorder::append(new_record(), "a line\r\n");
+    recorder::append("a line\r\n");
     EXPECT_EQ(world.log(), kEntry);
     EXPECT_TRUE(recorder::is_idle_within(milliseconds(0)));
   });
@@ -104,8 +104,9 @@ TEST(recorder, writes_the_lines_of_several_threads_each_with_its_time) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) {
       threads.emplace_back([] {
+        recorder::record& own = new_record();
         for (int line = 0; line < 50; ++line)
-          recorder::append(new_record(), "a line\r\n");
+          recorder::record_launch(own, "prog", "a line\r\n");
       });
     }
     for (std::thread& one : threads)
@@ -119,10 +120,10 @@ TEST(recorder, lets_who_records_go_on_after_a_second_and_writes_later) {
     supervision::begin();
     full_log log;
     const auto start = steady::now();
-    recorder::append(new_record(), "a line\r\n");
+    recorder::append("a line\r\n");
     EXPECT_GE(steady::now() - start, milliseconds(900));
     EXPECT_FALSE(recorder::is_idle_within(milliseconds(10)));
-    recorder::append(new_record(), "another\r\n");
+    recorder::record_launch(new_record(), "prog", "another\r\n");
     const std::string text = log.drain(59);
     EXPECT_EQ(text.substr(0, 8), "a line\r\n");
     EXPECT_EQ(text.substr(29, 9), "another\r\n");
@@ -184,8 +185,8 @@ TEST(recorder, closes_the_log_unless_that_hangs) {
 TEST(recorder, cuts_a_line_and_a_name_that_are_too_long) {
   in_child([] {
     const supervision& world = supervision::begin();
-    recorder::append(new_record(), std::string(767, 'x').c_str());
-    recorder::append(new_record(), std::string(768, 'y').c_str());
+    recorder::append(std::string(767, 'x').c_str());
+    recorder::append(std::string(768, 'y').c_str());
     EXPECT_EQ(count_of("x", world.log()), 767U);
     EXPECT_EQ(count_of("y", world.log()), 767U);
     recorder::record_launch(new_record(), std::string(600, 'n').c_str(), "");

@@ -1,4 +1,4 @@
-#include "common/thread/leave_gate.h"
+#include "process/leave_gate.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "process/start_lock.h"
+#include "common/daemon/start_lock.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -11,7 +11,9 @@
 #include <filesystem>
 #include <thread>
 
+#include "common/daemon/sys_daemon.h"
 #include "common/misc/unique_fd.h"
+#include "tests/support/captured_output.h"
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
@@ -124,6 +126,29 @@ TEST(start_lock, that_cannot_be_had_does_not_stop_the_start) {
     start_lock lock;
     lock.acquire();
     lock.release();
+  });
+}
+
+TEST_F(start_lock_in_a_directory, is_held_from_the_check_until_the_pid_file_is_there) {
+  in_child([] {
+    static bool held_in_the_body = true;
+    Tsys_daemon daemon("run.pid", [] { held_in_the_body = !is_free(); });
+    ASSERT_TRUE(daemon.run_only_one());
+    EXPECT_FALSE(is_free());
+    faults.fork = [] { return 0; };
+    daemon.init_daemon(".");
+    EXPECT_FALSE(held_in_the_body);
+    EXPECT_TRUE(std::filesystem::exists("run.pid"));
+  });
+}
+
+TEST_F(start_lock_in_a_directory, is_given_back_by_a_start_that_finds_another_instance) {
+  in_child([] {
+    write_file("run.pid", "");
+    const captured_output output(1);
+    Tsys_daemon daemon("run.pid", [] {});
+    ASSERT_FALSE(daemon.run_only_one());
+    EXPECT_TRUE(is_free());
   });
 }
 

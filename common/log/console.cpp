@@ -1,4 +1,4 @@
-#include "common/misc/console.h"
+#include "common/log/console.h"
 
 #include <fcntl.h>
 #include <poll.h>

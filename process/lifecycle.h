@@ -1,5 +1,8 @@
 #pragma once
 
+/// The pid file, relative to the directory that the supervisor was started in.
+inline constexpr char kPidFile[] = "run.pid";
+
 /// The supervisor's life: what `main` hands out to the daemon control and to `signal`.
 ///
 /// The handlers run where `supervisor_signals` lets them in, on a thread that holds nothing; none

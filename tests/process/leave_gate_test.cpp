@@ -1,4 +1,4 @@
-#include "common/thread/leave_gate.h"
+#include "process/leave_gate.h"
 
 #include <gtest/gtest.h>
 
@@ -166,6 +166,19 @@ TEST(leave_gate, nobody_is_inside_once_it_is_closed_and_empty) {
     std::this_thread::sleep_for(milliseconds(5));
     EXPECT_EQ(touched, before);
   });
+}
+
+TEST(leave_gate, a_thread_can_be_counted_out_after_the_last_that_it_does) {
+  static leave_gate gate;
+  static std::atomic<bool> over{false};
+  gate.admit();
+  std::thread([] {
+    thread_local const leave_gate::until_thread_ends inside(gate);
+    EXPECT_FALSE(gate.wait_until_empty(milliseconds(0)));
+    over = true;
+  }).join();
+  EXPECT_TRUE(over);
+  EXPECT_TRUE(gate.wait_until_empty(milliseconds(0)));
 }
 
 }  // namespace

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "common/misc/console.h"
+#include "common/log/console.h"
 #include "common/misc/unique_fd.h"
 
 namespace {

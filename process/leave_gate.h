@@ -56,6 +56,19 @@ class leave_gate final {
     leave_gate& gate_;
   };
 
+  /// Counts the calling thread out when it ends, after the last that it does. Kept as a variable of
+  /// the thread.
+  class until_thread_ends final {
+   public:
+    explicit until_thread_ends(leave_gate& gate) noexcept : gate_(gate) {}
+    until_thread_ends(const until_thread_ends&) = delete;
+    until_thread_ends& operator=(const until_thread_ends&) = delete;
+    ~until_thread_ends() { gate_.dismiss(); }
+
+   private:
+    leave_gate& gate_;
+  };
+
  private:
   enum class phase : int { open, no_launches, closed };
 
@@ -65,5 +78,5 @@ class leave_gate final {
   std::atomic<phase> phase_{phase::open};
 };
 
-/// The gate of all threads that `Tsys_thread` starts.
+/// The gate of all monitors' threads.
 extern leave_gate g_leave_gate;

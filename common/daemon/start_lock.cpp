@@ -1,4 +1,4 @@
-#include "process/start_lock.h"
+#include "common/daemon/start_lock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

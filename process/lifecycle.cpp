@@ -1,0 +1,107 @@
+#include "process/lifecycle.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <thread>
+
+#include "common/daemon/sys_daemon.h"
+#include "common/log/console.h"
+#include "common/log/log_file.h"
+#include "common/misc/fun_misc.h"
+#include "common/thread/stack_size.h"
+#include "process/child.h"
+#include "process/config_watcher.h"
+#include "process/leave_gate.h"
+#include "process/recorder.h"
+#include "process/server_config.h"
+#include "process/supervisor_signals.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// How long programs that were told to end are given to do so, all together.
+constexpr milliseconds kGrace{1000};
+/// How long what is being written may take at the end. It is a line or two; what takes longer hangs.
+constexpr milliseconds kLastLines{1000};
+
+void await_program_ends() {
+  const auto end = std::chrono::steady_clock::now() + kGrace;
+  while (Tfun_monitor::programs_alive() > 0 && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(milliseconds(1));
+  }
+}
+
+template <typename T>
+void delete_global(T*& object) {
+  delete object;
+  object = nullptr;
+}
+
+}  // namespace
+
+void proc_start() {
+  set_default_stack_size(kLargeStack);
+  child::start();
+  recorder::start();
+  // Whoever asks for the end before the first load gets it without a program having been started.
+  supervisor_signals::deliver();
+  try {
+    loadServerConfig(kConfigPath);
+  } catch (const std::exception& failure) {
+    console::report_failure("loadServerConfig", failure.what());
+  }
+  // A SIGUSR1 that arrived until here goes to signal_reload, which does nothing. One that arrives
+  // from here on waits for its new handler.
+  supervisor_signals::deliver();
+  monitorServerConfig(kConfigPath);
+}
+
+void proc_stop() {
+  // A thread that has already asked whether it may launch is waited for; the others are told no.
+  g_leave_gate.forbid_launches();
+  g_leave_gate.wait_until_empty(kLastLines);
+  for (Tfun_monitor* monitor : monitor_list)
+    monitor->stop_process();
+  await_program_ends();
+  g_leave_gate.close();
+  // What hangs in the file system still uses the monitors, the log and the utilities. They then go
+  // with the process, at once: the handlers of `exit` would wait for the log's stream.
+  if (!g_leave_gate.wait_until_empty(kLastLines) || !recorder::is_idle_within(kLastLines)) {
+    std::atexit([] { ::_exit(0); });
+    return;
+  }
+
+  for (Tfun_monitor* monitor : monitor_list) {
+    monitor->settle_live_file();
+    delete monitor;
+  }
+  monitor_list.clear();
+  delete_global(g_sys_daemon);
+  delete_global(g_fun_misc);
+  if (!recorder::close_log()) std::atexit([] { ::_exit(0); });
+}
+
+void signal_reload(int sig) {
+  Tsys_daemon::signal_reload(sig);
+}
+
+void signal_exit(int sig) {
+  const supervisor_signals::handler_scope alone;
+  proc_stop();
+  // Both calls come after their objects are gone, and both are static for that reason: the pid
+  // file has to be the last thing that goes.
+  char path[256] = {};
+  Tfun_misc::get_current_path(path, kPidFile);
+  Tsys_daemon::signal_exit(sig, path);
+}
+
+void sigint_interrupt(int /*sig*/) {
+  const supervisor_signals::handler_scope alone;
+  proc_stop();
+  std::exit(0);
+}
