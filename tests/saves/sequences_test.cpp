@@ -108,34 +108,36 @@ class sequences : public testing::TestWithParam<layout_case> {};
 
 TEST_P(sequences, of_changes_end_with_what_is_there) {
   auto random = stress::random_numbers();
-  const int wanted = stress::rounds(250, 8);
+  const int wanted = stress::rounds(200, 8);
   std::unique_ptr<changing_installation> place;
-  int judged = 0;
+  int made = 0;
+  int taken = 0;
   int near = 0;
   int missed = 0;
-  for (int i = 0; i < wanted; ++i) {
+  // About every third ends within a pause, and does not count.
+  for (; taken + missed < wanted && made < 10 * wanted; ++made) {
     if (!place) place = std::make_unique<changing_installation>(GetParam().how, random);
     stress::sleep_ms(stress::between(random, 0, 60));
     const bool loaded = place->change();
     const bool lives = place->is_supervised();
     if (loaded && lives) {
-      ++judged;
+      ++taken;
     } else if (!place->is_legal()) {
       place.reset();
     } else if (!lives || place->position() == lies::outside) {
       ++missed;
-      std::printf("missed, sequence %d%s:\n%s\n", i, lives ? "" : ", and the supervisor has ended",
-                  place->story().c_str());
+      std::printf("missed, sequence %d%s:\n%s\n", made,
+                  lives ? "" : ", and the supervisor has ended", place->story().c_str());
       place.reset();
     } else if (place->position() == lies::near) {
       ++near;
     }
   }
   std::printf("of %d sequences: %d taken, %d missed, %d near a pause, the others within one\n",
-              wanted, judged, missed, near);
+              made, taken, missed, near);
   EXPECT_EQ(missed, 0);
-  EXPECT_LE(near, 1 + wanted / 50);
-  EXPECT_GE(judged, wanted / 2);
+  EXPECT_EQ(taken + missed, wanted) << "the machine is too busy";
+  EXPECT_LE(near, 2 + made / 50);
 }
 
 INSTANTIATE_TEST_SUITE_P(of, sequences,

@@ -50,7 +50,7 @@ fs::path whole_of(const installation& place) {
 /// One installation in which saves are made, and its supervisor.
 class desk final {
  public:
-  explicit desk(const way& how) : how_(how), steady_(place_.add_steady()) {
+  explicit desk(const way& how) : steady_(place_.add_steady()) {
     fs::create_directories(whole_of(place_).parent_path());
     fs::create_directories(place_.site().parent_path() / "home");
     place_.save(text(0));
@@ -103,7 +103,6 @@ class desk final {
            "\nsvr2 = " + name_of(number) + "\n";
   }
 
-  const way& how_;
   installation place_;
   std::string steady_;
   save_function save_;
