@@ -121,16 +121,18 @@ std::size_t pauses(const installation& place) {
 }
 
 std::vector<pause> noted_pauses(const installation& place) {
-  const std::string notes = place.read("pauses");
-  std::vector<std::int64_t> times(notes.size() / sizeof(std::int64_t));
-  std::memcpy(times.data(), notes.data(), times.size() * sizeof(std::int64_t));
-  using clock = pause::clock;
+  std::istringstream notes(place.read("pauses"));
+  const auto next = [&notes] {
+    char bytes[sizeof(std::int64_t)];
+    std::int64_t time = 0;
+    if (!notes.read(bytes, sizeof bytes)) return pause::clock::time_point::max();
+    std::memcpy(&time, bytes, sizeof time);
+    return pause::clock::time_point{std::chrono::nanoseconds(time)};
+  };
   std::vector<pause> found;
-  for (std::size_t i = 0; i < times.size(); i += 2) {
-    const clock::time_point begin{std::chrono::nanoseconds(times[i])};
-    found.push_back({begin, i + 1 < times.size()
-                                ? clock::time_point{std::chrono::nanoseconds(times[i + 1])}
-                                : clock::time_point::max()});
+  for (pause one{next(), next()}; one.begin != pause::clock::time_point::max();
+       one = {next(), next()}) {
+    found.push_back(one);
   }
   return found;
 }
