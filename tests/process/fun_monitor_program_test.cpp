@@ -195,6 +195,8 @@ TEST(fun_monitor_with_a_program, a_stopped_copy_counts_as_ended_and_remains) {
     Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name);
     monitor.Start();
     ASSERT_GT(pid_of_program(), 0);
+    // The program may be faster than its monitor.
+    ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
     const pid_t first = monitor.last_pid();
     ASSERT_EQ(::kill(first, SIGSTOP), 0);
     ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 2; }));
