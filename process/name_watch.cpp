@@ -64,7 +64,8 @@ void name_watch::follow(std::string_view path) {
       directory += name + "/";
     } else if (++links <= kMostLinks) {
       put_first(parts, target);
-      if (target.front() == '/') directory = "/";
+      // g++ 12 is wrong about an overlap when a literal is assigned here.
+      if (target.front() == '/') directory.assign(1, '/');
     } else {
       return;
     }

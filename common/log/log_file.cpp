@@ -1,5 +1,8 @@
 #include "common/log/log_file.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <cstring>
 #include <ctime>
@@ -20,6 +23,17 @@ std::size_t format_local_time(char (&out)[kTimeSize]) {
       std::snprintf(out, sizeof out, "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900,
                     local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
   return length < 0 ? 0 : static_cast<std::size_t>(length);
+}
+
+/// Takes back the beginning of a text that a full disk has cut: the next one would stand on the
+/// same line. What cannot be shortened, a pipe, keeps it.
+void take_back(std::FILE* file, std::size_t count) {
+  struct stat status {};
+  const int fd = ::fileno(file);
+  if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return;
+  if (::ftruncate(fd, status.st_size - static_cast<off_t>(count)) != 0) {
+    // It stays, and the next text stands behind it.
+  }
 }
 
 }  // namespace
@@ -43,8 +57,9 @@ void Tlog_file::append_log(const char* text, int length) {
   const std::size_t count =
       length == -1 ? std::strlen(text) : static_cast<std::size_t>(length > 0 ? length : 0);
   if (count == 0) return;
-  std::fwrite(text, 1, count, log_fp);
+  const std::size_t written = std::fwrite(text, 1, count, log_fp);
   std::fflush(log_fp);
+  if (written > 0 && written < count) take_back(log_fp, written);
 }
 
 void Tlog_file::append_time() {

@@ -29,7 +29,8 @@ class Tlog_file final {
   /// Appends `length` bytes of `text`, or all of it when `length` is -1.
   ///
   /// Nothing is written for a null or empty text, for any other length below 1, or while the log
-  /// is closed.
+  /// is closed. A text that the disk has no room for is not written in part either, as long as one
+  /// thread writes at a time.
   void append_log(const char* text, int length);
 
   /// Appends the local time as "%d-%02d-%02d %02d:%02d:%02d" and "\r\n", when the log is open.

@@ -2,12 +2,14 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -402,6 +404,26 @@ TEST_F(log_file, a_forked_copy_has_nothing_left_to_write_a_second_time) {
   log_->append_log("once\r\n", -1);
   EXPECT_EQ(WEXITSTATUS(run_in_child([] { std::exit(0); }).status), 0);
   EXPECT_EQ(content(), "once\r\n");
+}
+
+TEST_F(log_file, a_text_that_is_cut_by_the_limit_for_files_is_taken_back) {
+  in_child([] {
+    Tlog_file log;
+    ASSERT_TRUE(log.create_log_file("a.log", false));
+    log.append_log("first\n", -1);
+    ::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    ::getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit low{10, before.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &low), 0);
+    log.append_log("second\n", -1);
+    EXPECT_EQ(read_file("a.log"), "first\n");
+    log.append_log("3rd\n", -1);
+    EXPECT_EQ(read_file("a.log"), "first\n3rd\n");
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &before), 0);
+    log.append_log("fourth\n", -1);
+    EXPECT_EQ(read_file("a.log"), "first\n3rd\nfourth\n");
+  });
 }
 
 }  // namespace
