@@ -26,7 +26,8 @@ using std::chrono::milliseconds;
 
 /// How long programs that were told to end are given to do so, all together.
 constexpr milliseconds kGrace{1000};
-/// How long what is being written may take at the end. It is a line or two; what takes longer hangs.
+/// How long what is being written may take at the end. It is a line or two; what takes longer
+/// hangs.
 constexpr milliseconds kLastLines{1000};
 
 void await_program_ends() {

@@ -1,5 +1,6 @@
 #include "process/recorder.h"
 
+#include <ctime>
 #include <thread>
 #include <utility>
 
@@ -25,8 +26,12 @@ std::atomic<int> unwritten{0};
 /// Written by `start`, read by every thread; whoever reads it was started later.
 std::atomic<bool> running{false};
 
+/// Set by the loader, taken by who writes: the zone is read where times are made, on one thread.
+std::atomic<bool> zone_is_old{false};
+
 void append_line(const char* line) {
   if (g_logFile == nullptr) return;
+  if (zone_is_old.exchange(false)) ::tzset();
   g_logFile->append_log(line, -1);
   // The time comes second, on purpose: who reads the log takes it for the line above it.
   g_logFile->append_time();
@@ -115,6 +120,10 @@ void record_launch(record& own, const char* program, const char* line) noexcept 
 void record_end(record& own, const char* program, const char* line) noexcept {
   own.alive.store(false);
   hand_over(own, record::kind::ended, program, line);
+}
+
+void follow_time_zone() noexcept {
+  zone_is_old.store(true);
 }
 
 bool is_idle_within(std::chrono::milliseconds limit) noexcept {

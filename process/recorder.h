@@ -48,6 +48,9 @@ void record_launch(record& own, const char* program, const char* line) noexcept;
 /// Appends a line, then marks the program not alive.
 void record_end(record& own, const char* program, const char* line) noexcept;
 
+/// Has the time zone of the machine read again before the next line: it may have changed.
+void follow_time_zone() noexcept;
+
 /// Waits until everything that was handed over has been written.
 /// @return false when something is still being written after `limit`.
 bool is_idle_within(std::chrono::milliseconds limit) noexcept;

@@ -103,6 +103,22 @@ bool take_value(const entry& owner, const char* key, const std::string& value, c
   return false;
 }
 
+/// Makes the program's path out of the working directory and its name.
+bool take_own_path(entry& out) {
+  errno = 0;
+  if (Tfun_misc::get_current_path(out.exepath, out.name)) return true;
+  if (errno == 0) {
+    log_refusal(out, "exepath", sizeof out.exepath - 1);
+    return false;
+  }
+  char message[768] = {};
+  std::snprintf(message, sizeof message,
+                "server.ini: entry svr%d (%s) refused: the working directory has no path (%s).\r\n",
+                out.number, out.name, std::strerror(errno));
+  recorder::append(message);
+  return false;
+}
+
 /// Reads the entry with the given number.
 /// @return false when there is nothing to act on: it is empty, refused, or its program is missing.
 bool read_entry(const Tini_parser& config, int number, entry& out) {
@@ -117,11 +133,7 @@ bool read_entry(const Tini_parser& config, int number, entry& out) {
       !take_value(out, "state", config.read_string(name, "state", ""), out.state)) {
     return false;
   }
-  if (out.exepath[0] == '\0' && !Tfun_misc::get_current_path(out.exepath, out.name)) {
-    log_refusal(out, "exepath", sizeof out.exepath - 1);
-    return false;
-  }
-  return true;
+  return out.exepath[0] != '\0' || take_own_path(out);
 }
 
 /// Whether the entry's program can be run. One that is missing is skipped without a word, one that
@@ -200,6 +212,7 @@ void loadServerConfig(const char* path) {
   std::pmr::monotonic_buffer_resource memory(unforked_memory::resource());
   // Before the reading: a save that comes in between is then taken for one more, not for none.
   g_last_load = {true, file_version::of(path)};
+  recorder::follow_time_zone();
   const Tini_parser config{std::string(path), &memory};
   monitor_index monitors = index_monitors(&memory);
   const int count = config.read_int(kOwnSection, "linux", 0);

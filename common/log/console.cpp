@@ -21,7 +21,6 @@ enum class channel {
   polled,    ///< ask whether there is room, then write
   socket,    ///< the call itself says that it must not wait
   reopened,  ///< through an open file description of our own that does not block
-  terminal,  ///< the same, and a refusal may only mean that somebody else is writing
 };
 
 struct target {
@@ -32,14 +31,15 @@ struct target {
 /// Written by `open` before any other thread exists, only read afterwards.
 target standard_output{channel::polled, STDOUT_FILENO};
 
-/// How long a line waits at a time for another writer to be done with the terminal, and how often.
+/// How long a line waits at a time for another writer to be done with a terminal, or for the reader
+/// of a pipe, and how often.
 constexpr int kTurnMilliseconds = 20;
 constexpr int kMostTurns = 100;
 
-/// Whether waiting for the terminal was in vain the last time: then nobody reads it, and lines are
-/// lost without a wait until one gets through. Any thread writes and reads it; nothing hangs on its
+/// Whether waiting was in vain the last time: then nobody reads, and lines are lost without a wait
+/// until one gets through. Any thread writes and reads it; nothing hangs on its
 /// order, a stale value costs one wait or one line.
-std::atomic<bool> terminal_is_stuck{false};
+std::atomic<bool> reader_is_stuck{false};
 
 /// The flag that keeps a writer from waiting belongs to the open file description, which is shared
 /// with the shell that started us and with every supervised program. So it is set on a second
@@ -51,12 +51,13 @@ target find_target() noexcept {
   if (S_ISSOCK(status.st_mode)) return {channel::socket, STDOUT_FILENO};
   if (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode)) {
     const int fd = ::open("/proc/self/fd/1", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd >= 0) return {::isatty(fd) != 0 ? channel::terminal : channel::reopened, fd};
+    if (fd >= 0) return {channel::reopened, fd};
   }
   return {channel::polled, STDOUT_FILENO};
 }
 
-bool has_room(int fd) noexcept {
+/// Asks, and sets errno to EAGAIN when there is none.
+bool ask_for_room(int fd) noexcept {
   pollfd request{fd, POLLOUT, 0};
   if (::poll(&request, 1, 0) == 1 && (request.revents & POLLOUT) != 0) return true;
   // An EINTR from before the call would have the line offered again for ever.
@@ -68,19 +69,19 @@ ssize_t write_some(const target& out, const char* text, std::size_t length) noex
   if (out.kind == channel::socket) {
     return ::send(out.fd, text, length, MSG_DONTWAIT | MSG_NOSIGNAL);
   }
-  if (out.kind == channel::polled && !has_room(out.fd)) return -1;
+  if (out.kind == channel::polled && !ask_for_room(out.fd)) return -1;
   return ::write(out.fd, text, length);
 }
 
-/// A terminal takes one writer at a time, and refuses a second one that must not wait as if it were
-/// full. Waits for the first to be done.
+/// A refusal may only mean that the reader is late. A terminal, which takes one writer at a time,
+/// also refuses while another one is at it. Waits for that to be over.
 /// @return whether the line should be offered again.
-bool has_turn(const target& out) noexcept {
-  if (out.kind != channel::terminal || terminal_is_stuck.load(std::memory_order_relaxed))
+bool wait_for_turn(const target& out) noexcept {
+  if (out.kind != channel::reopened || reader_is_stuck.load(std::memory_order_relaxed))
     return false;
   pollfd request{out.fd, POLLOUT, 0};
   const bool free = ::poll(&request, 1, kTurnMilliseconds) == 1 && (request.revents & POLLOUT) != 0;
-  if (!free) terminal_is_stuck.store(true, std::memory_order_relaxed);
+  if (!free) reader_is_stuck.store(true, std::memory_order_relaxed);
   return free;
 }
 
@@ -91,9 +92,9 @@ void write_whole(const target& out, const char* text, std::size_t length) noexce
   while (length > 0) {
     const ssize_t written = write_some(out, text, length);
     if (written < 0 && errno == EINTR) continue;
-    if (written < 0 && errno == EAGAIN && ++turns <= kMostTurns && has_turn(out)) continue;
+    if (written < 0 && errno == EAGAIN && ++turns <= kMostTurns && wait_for_turn(out)) continue;
     if (written <= 0) break;
-    if (out.kind == channel::terminal) terminal_is_stuck.store(false, std::memory_order_relaxed);
+    if (out.kind == channel::reopened) reader_is_stuck.store(false, std::memory_order_relaxed);
     text += written;
     length -= static_cast<std::size_t>(written);
   }

@@ -8,10 +8,11 @@
 /// nothing is left over that a forked copy could write a second time, no two lines mix, and each
 /// is visible at once, whatever standard output is connected to.
 ///
-/// A line never waits for a reader. When its descriptor is closed, full or read by nobody, the line
-/// is lost and the caller goes on. Only a terminal that somebody else is writing to is waited for;
-/// one that turns out to be stuck instead costs a few hundredths of a second once. Every function
-/// but `open` may be called from any thread; errno is left as it was.
+/// A line never waits long for a reader. When its descriptor is closed, full or read by nobody, the
+/// line is lost and the caller goes on. A pipe whose reader is late, or a terminal that somebody
+/// else is writing to, is waited for; one that turns out to be stuck instead costs a few hundredths
+/// of a second once, and nothing more until a line gets through. Every function but `open` may be
+/// called from any thread; errno is left as it was.
 namespace console {
 
 /// Longest line in bytes; what goes beyond is cut. No line of the supervisor comes near it. The

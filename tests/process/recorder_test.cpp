@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <string>
@@ -190,6 +191,23 @@ TEST(recorder, cuts_a_line_and_a_name_that_are_too_long) {
     EXPECT_EQ(count_of("x", world.log()), 767U);
     EXPECT_EQ(count_of("y", world.log()), 767U);
     recorder::record_launch(new_record(), std::string(600, 'n').c_str(), "");
+  });
+}
+
+TEST(recorder, follows_a_time_zone_that_changes_with_the_next_load) {
+  in_child([] {
+    supervision::begin();
+    const auto hour = [] {
+      const std::string before = read_file("keelmond.log");
+      recorder::append("a line\r\n");
+      return std::stoi(read_file("keelmond.log").substr(before.size() + 8 + 11, 2));
+    };
+    ::setenv("TZ", "UTC0", 1);
+    recorder::follow_time_zone();
+    const int here = hour();
+    ::setenv("TZ", "XXX-5", 1);
+    recorder::follow_time_zone();
+    EXPECT_NEAR((hour() - here + 24) % 24, 5, 1);
   });
 }
 

@@ -320,6 +320,21 @@ TEST(console_format, any_other_conversion_prints_as_it_is_written) {
   EXPECT_EQ(printed_as_format(""), "");
 }
 
+TEST(console_open, a_reader_of_a_pipe_that_is_late_gets_the_line) {
+  const pipe_connection pipe;
+  pipe.fill();
+  EXPECT_TRUE(holds_in_child(pipe.writer(), [&pipe] {
+    console::open();
+    std::thread late([&pipe] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      static_cast<void>(pipe.text());
+    });
+    console::print("kept\n");
+    late.join();
+    return pipe.text() == "kept\n";
+  }));
+}
+
 TEST(console_open, a_terminal_that_nobody_reads_does_not_make_a_line_wait) {
   const terminal_connection terminal;
   EXPECT_TRUE(holds_in_child(terminal.writer(), [] {
