@@ -1,0 +1,175 @@
+#include "control/site/running_programs.h"
+
+#include <algorithm>
+#include <string_view>
+#include <unordered_set>
+#include <utility>
+
+#include "control/proc/in_parallel.h"
+#include "control/site/daemon_search.h"
+
+namespace control {
+namespace {
+
+constexpr std::size_t kLongestProcessName = 15;
+constexpr std::string_view kStopCommand = "kill -USR2 `pgrep ";
+/// A path is the first word of a command line; of a script's the one behind the interpreter, or
+/// behind the interpreter's option.
+constexpr std::size_t kPathAmong = 3;
+
+/// The command of "sh -c COMMAND"; empty when the words are another one's.
+std::string shell_command(const std::vector<std::string>& words) {
+  if (words.size() < 3 || words[1] != "-c") return {};
+  const std::string& shell = words[0];
+  if (shell != "sh" && !shell.ends_with("/sh")) return {};
+  return words.back();
+}
+
+running_program without_copy(const process& program, std::vector<process> tree) {
+  running_program found;
+  found.copy = program;
+  found.program = program;
+  found.tree = std::move(tree);
+  return found;
+}
+
+}  // namespace
+
+std::string process_name_of(const std::string& path) {
+  return path.substr(path.rfind('/') + 1).substr(0, kLongestProcessName);
+}
+
+program_finder::program_finder(const proc_dir& proc, const process_table& table,
+                               const std::vector<listed_program>& programs)
+    : proc_(proc), table_(table) {
+  for (const listed_program& entry : programs) {
+    if (entry.refused != refusal::none) continue;
+    by_path_[entry.exepath].push_back(&entry);
+    by_name_[process_name_of(entry.name)].push_back(&entry);
+  }
+}
+
+/// @return nothing for a copy that runs a stop command.
+std::optional<program_finder::description> program_finder::describe(const process& copy) const {
+  description what;
+  what.found.copy = copy;
+  for (const process* const one : table_.tree(copy.pid)) {
+    if (one->pid != copy.pid) what.found.tree.push_back(*one);
+  }
+  if (what.found.tree.empty()) return what;
+  const process& first = what.found.tree.front();
+  // Still a copy itself: it has been forked and has not executed anything.
+  if (first.name == copy.name && proc_.link(first.pid, "exe") == proc_.link(copy.pid, "exe"))
+    return what;
+  what.words = proc_.command_line(first.pid);
+  what.command = shell_command(what.words);
+  if (what.command.starts_with(kStopCommand)) return std::nullopt;
+  if (what.command.empty()) {
+    what.found.program = first;
+  } else if (const auto below = table_.children(first.pid); !below.empty()) {
+    what.found.program = *below.front();
+  }
+  return what;
+}
+
+const program_finder::entries* program_finder::entries_for(const description& what) const {
+  const auto look_up = [](const auto& map, const std::string& key) {
+    const auto at = map.find(key);
+    return at == map.end() ? nullptr : &at->second;
+  };
+  const entries* found = nullptr;
+  if (!what.command.empty()) found = look_up(by_path_, what.command);
+  const std::size_t looked_at = what.command.empty() ? std::min(what.words.size(), kPathAmong) : 0;
+  for (std::size_t i = 0; i < looked_at && found == nullptr; ++i)
+    found = look_up(by_path_, what.words[i]);
+  // A program that has changed its command line, or an entry whose path has been changed since.
+  if (found == nullptr && what.found.program) found = look_up(by_name_, what.found.program->name);
+  return found;
+}
+
+void program_finder::name(description& what, std::unordered_map<std::string, int>& taken) const {
+  const entries* const candidates = entries_for(what);
+  if (candidates == nullptr) {
+    if (what.found.program) what.found.name = what.found.program->name;
+    return;
+  }
+  // Entries that run the same file cannot be told apart; each gets one of the processes.
+  const auto fewest = std::min_element(candidates->begin(), candidates->end(),
+                                       [&](const listed_program* a, const listed_program* b) {
+                                         return taken[a->name] < taken[b->name];
+                                       });
+  what.found.name = (*fewest)->name;
+  what.found.listed = true;
+  ++taken[what.found.name];
+}
+
+std::vector<running_program> program_finder::below(const process& daemon) const {
+  const std::vector<const process*> copies = table_.children(daemon.pid);
+  std::vector<std::optional<description>> described(copies.size());
+  in_parallel(copies.size(), [&](std::size_t i) {
+    if (copies[i]->threads == 1) described[i] = describe(*copies[i]);
+  });
+  std::vector<running_program> found;
+  std::unordered_map<std::string, int> taken;
+  for (std::optional<description>& one : described) {
+    if (!one) continue;
+    name(*one, taken);
+    found.push_back(std::move(one->found));
+  }
+  return found;
+}
+
+bool program_finder::is_daemon(pid_t pid) const {
+  const process* const one = table_.find(pid);
+  return one != nullptr && one->name == kDaemonName && one->threads > 1;
+}
+
+/// Whether nobody is left of those who started it: its parent has adopted it. The daemon has made a
+/// session whose first process is gone.
+bool program_finder::is_orphan(const process& one) const {
+  const process* const parent = table_.find(one.parent);
+  return table_.find(one.session) == nullptr &&
+         (parent == nullptr || parent->session != one.session);
+}
+
+void program_finder::append_orphaned_programs(const std::string& directory,
+                                              std::vector<running_program>& out) const {
+  std::unordered_map<std::string, int> taken;
+  for (const process& one : table_.all()) {
+    if (one.name == kDaemonName || !is_orphan(one)) continue;
+    description what;
+    what.words = proc_.command_line(one.pid);
+    what.command = shell_command(what.words);
+    const entries* const candidates = entries_for(what);
+    if (candidates == nullptr || !candidates->front()->exepath.starts_with(directory + "/"))
+      continue;
+    std::vector<process> tree;
+    for (const process* const below : table_.tree(one.pid))
+      tree.push_back(*below);
+    what.found = without_copy(one, std::move(tree));
+    name(what, taken);
+    out.push_back(std::move(what.found));
+  }
+}
+
+std::vector<running_program> program_finder::left_over(
+    const std::string& directory, const std::function<bool(const process&)>& was_launched) const {
+  std::vector<running_program> found;
+  std::unordered_map<std::string, int> taken;
+  for (const process& copy : table_.all()) {
+    if (copy.name != kDaemonName || copy.threads > 1 || is_daemon(copy.parent)) continue;
+    std::optional<description> what = describe(copy);
+    if (!what || what->found.tree.empty()) continue;
+    name(*what, taken);
+    const auto is_here = [&] {
+      const entries* const fitting = entries_for(*what);
+      return fitting != nullptr && (fitting->front()->exepath.starts_with(directory + "/") ||
+                                    proc_.environment(copy.pid, "PWD") == directory);
+    };
+    if (was_launched(copy) || is_here()) found.push_back(std::move(what->found));
+  }
+  append_orphaned_programs(directory, found);
+  return found;
+}
+
+}  // namespace control
