@@ -25,14 +25,6 @@ std::string shell_command(const std::vector<std::string>& words) {
   return words.back();
 }
 
-running_program without_copy(const process& program, std::vector<process> tree) {
-  running_program found;
-  found.copy = program;
-  found.program = program;
-  found.tree = std::move(tree);
-  return found;
-}
-
 }  // namespace
 
 std::string process_name_of(const std::string& path) {
@@ -143,10 +135,12 @@ void program_finder::append_orphaned_programs(const std::string& directory,
     const entries* const candidates = entries_for(what);
     if (candidates == nullptr || !candidates->front()->exepath.starts_with(directory + "/"))
       continue;
-    std::vector<process> tree;
+    // In the place of the copy stands the first that is left: the program, or its shell.
+    what.found.copy = one;
     for (const process* const below : table_.tree(one.pid))
-      tree.push_back(*below);
-    what.found = without_copy(one, std::move(tree));
+      what.found.tree.push_back(*below);
+    const auto children = table_.children(one.pid);
+    what.found.program = what.command.empty() || children.empty() ? one : *children.front();
     name(what, taken);
     out.push_back(std::move(what.found));
   }

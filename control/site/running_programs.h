@@ -14,7 +14,7 @@ namespace control {
 
 /// A copy of the daemon and what runs below it.
 struct running_program {
-  /// The copy; for a program that has lost its copy, the program.
+  /// The copy; where that is gone, the first below it that is left.
   process copy;
   /// The name of its entry; that of the process where no entry fits. Empty while nothing runs yet.
   std::string name;

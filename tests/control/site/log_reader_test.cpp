@@ -65,12 +65,11 @@ TEST(log_reader, does_not_shift_all_times_after_a_message_that_never_got_one) {
 }
 
 TEST(log_reader, names_the_program_where_the_message_does) {
-  const auto events =
-      parse("access(X_OK) .errno:13 error:Permission denied (/srv/kmd_web)\n" +
-            std::string(kTime1) +
-            "server.ini: entry svr2 (kmd_db) refused: state is longer than 127 bytes or holds a "
-            "NUL byte.\r\n" +
-            kTime1);
+  const auto events = parse(
+      "access(X_OK) .errno:13 error:Permission denied (/srv/kmd_web)\n" + std::string(kTime1) +
+      "server.ini: entry svr2 (kmd_db) refused: state is longer than 127 bytes or holds a "
+      "NUL byte.\r\n" +
+      kTime1);
   ASSERT_EQ(events.size(), 2U);
   EXPECT_EQ(events[0].what, kind::not_executable);
   EXPECT_EQ(events[0].program, "/srv/kmd_web");

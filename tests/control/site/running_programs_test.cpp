@@ -152,13 +152,19 @@ TEST(running_programs, finds_what_a_daemon_left_over_by_path_by_log_and_by_direc
 TEST(running_programs, finds_a_program_that_lost_its_copy_but_none_that_somebody_runs) {
   const scene place({{20, 1, "kmd_web", {"/srv/kmd_web"}},
                      {21, 20, "worker", {"worker"}},
+                     {30, 1, "sh", {"sh", "-c", "/srv/kmd_db"}, 1, 1001},
+                     {31, 30, "kmd_db", {"/srv/kmd_db"}},
                      {60, 1, "bash", {"bash"}, 1, 900, 60},
                      {61, 60, "kmd_web", {"/srv/kmd_web"}, 1, 950, 60},
                      {70, 10, "keelmond", kCopy},
                      {71, 70, "kmd_web", {"/srv/kmd_web"}}});
-  const auto found = place.left_over({entry("kmd_web", "/srv/kmd_web")});
-  ASSERT_EQ(found.size(), 1U);
+  const auto found =
+      place.left_over({entry("kmd_web", "/srv/kmd_web"), entry("kmd_db", "/srv/kmd_db")});
+  ASSERT_EQ(found.size(), 2U);
   EXPECT_EQ(found[0].name, "kmd_web");
   EXPECT_EQ(found[0].program->pid, 20);
   EXPECT_EQ(found[0].tree.size(), 2U);
+  EXPECT_EQ(found[1].name, "kmd_db");
+  EXPECT_EQ(found[1].program->pid, 31);
+  EXPECT_EQ(found[1].tree.size(), 2U);
 }

@@ -1,6 +1,7 @@
 #include "tests/e2e/support/process_table.h"
 
 #include <charconv>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <system_error>
@@ -79,6 +80,10 @@ std::string status_field(pid_t pid, std::string_view field) {
     return value == std::string::npos ? "" : line.substr(value);
   }
   return "";
+}
+
+int count_threads(pid_t pid) {
+  return std::atoi(status_field(pid, "Threads").c_str());
 }
 
 int count_inotifies(pid_t pid) {

@@ -1,0 +1,132 @@
+#include "control/command_line.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <system_error>
+
+#include "control/commands/down.h"
+#include "control/commands/init.h"
+#include "control/commands/reload.h"
+#include "control/commands/status.h"
+#include "control/commands/up.h"
+#include "control/text/failure.h"
+#include "control/text/quantity.h"
+
+namespace control {
+namespace {
+
+/// What the command line asks for, once it has been understood.
+struct request {
+  std::string directory;
+  std::string command;
+  std::function<int(const session&)> run;
+};
+
+/// Registers one command whose options are kept as long as the parser.
+template <typename Options>
+Options& add_command(CLI::App& app, request& out, const std::string& name, const std::string& text,
+                     int (*body)(const session&, const Options&), CLI::App*& command) {
+  auto options = std::make_shared<Options>();
+  command = app.add_subcommand(name, text);
+  command->callback([&out, name, options, body] {
+    out.command = name;
+    out.run = [options, body](const session& here) { return body(here, *options); };
+  });
+  return *options;
+}
+
+void add_timeout(CLI::App& command, std::chrono::milliseconds& out) {
+  command
+      .add_option_function<std::string>(
+          "--timeout",
+          [&out](const std::string& text) {
+            const auto limit = parse_duration(text);
+            if (!limit) throw CLI::ValidationError("--timeout", text + " is no duration");
+            out = *limit;
+          },
+          "How long to wait, such as 500ms, 10s or 2m (default " +
+              format_short_duration(static_cast<double>(out.count()) / 1000) + ")")
+      ->type_name("TIME");
+}
+
+void add_life(CLI::App& app, request& out) {
+  CLI::App* command = nullptr;
+  init_options& init =
+      add_command(app, out, "init", "Make config/server.ini and notify/", run_init, command);
+  command->add_flag("--example", init.example, "With programs to play with");
+
+  up_options& up =
+      add_command(app, out, "up", "Start keelmond and wait for its programs", run_up, command);
+  add_timeout(*command, up.timeout);
+
+  down_options& down =
+      add_command(app, out, "down", "End keelmond and its programs", run_down, command);
+  add_timeout(*command, down.timeout);
+  command->add_flag("--kill", down.kill, "End by SIGKILL what has not ended in time");
+
+  reload_options& reload =
+      add_command(app, out, "reload", "Have config/server.ini read", run_reload, command);
+  add_timeout(*command, reload.timeout);
+}
+
+void add_looking(CLI::App& app, request& out) {
+  CLI::App* command = nullptr;
+  status_options& status =
+      add_command(app, out, "status", "Show the programs and what they do", run_status, command);
+  command->add_option("NAME", status.names, "Programs, or patterns such as 'kmd_*'");
+  command->add_flag("--json", status.json, "For programs; see docs/keelmondctl.md");
+}
+
+/// `init` makes the directory, too.
+void make_directory_for(const request& asked) {
+  if (asked.command != "init" || asked.directory.empty()) return;
+  std::error_code error;
+  std::filesystem::create_directories(asked.directory, error);
+}
+
+int run(const request& asked) {
+  try {
+    make_directory_for(asked);
+    const session here{enter_site(asked.directory), asked.command};
+    return asked.run(here);
+  } catch (const failure& why) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "keelmondctl %s: %s.\n", asked.command.c_str(), why.what());
+    return why.exit_status();
+  } catch (const std::exception& why) {
+    std::fprintf(stderr, "keelmondctl %s: %s.\n", asked.command.c_str(), why.what());
+    return exit_status::kFailed;
+  }
+}
+
+}  // namespace
+
+int run_command_line(int argc, char** argv) {
+  CLI::App app("Steers the keelmond of a directory.", "keelmondctl");
+  request asked;
+  app.add_option("-C", asked.directory,
+                 "The supervisor's directory (default: $KEELMOND_DIR, else the current one)")
+      ->type_name("DIR");
+  app.require_subcommand(1);
+  app.failure_message([](const CLI::App*, const CLI::Error& error) {
+    return "keelmondctl: " + std::string(error.what()) + ". See `keelmondctl --help`.\n";
+  });
+  app.fallthrough();
+  add_looking(app, asked);
+  add_life(app, asked);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    const int status = app.exit(error);
+    return status == 0 ? exit_status::kDone : exit_status::kUsage;
+  }
+  return run(asked);
+}
+
+}  // namespace control

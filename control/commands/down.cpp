@@ -1,0 +1,94 @@
+#include "control/commands/down.h"
+
+#include <algorithm>
+#include <csignal>
+#include <thread>
+
+#include "control/site/ending.h"
+#include "control/text/failure.h"
+
+namespace control {
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+constexpr milliseconds kLookEvery{2};
+/// How long what was killed may take to be gone.
+constexpr milliseconds kKilled{5000};
+
+milliseconds left_until(steady::time_point end) {
+  return std::max(std::chrono::duration_cast<milliseconds>(end - steady::now()), milliseconds(0));
+}
+
+std::vector<running_program> everything(const snapshot& now) {
+  std::vector<running_program> programs = now.running;
+  programs.insert(programs.end(), now.left_over.begin(), now.left_over.end());
+  return programs;
+}
+
+/// Waits until the daemon has begun to leave. Before that it would start a program that ends anew.
+bool wait_leaving(const session& here, const process_handle& daemon, steady::time_point end) {
+  while (here.proc.is_pending(daemon.who().pid, SIGUSR2) && !daemon.has_ended()) {
+    if (steady::now() >= end) return false;
+    std::this_thread::sleep_for(kLookEvery);
+  }
+  return true;
+}
+
+int report(const session& here, const std::vector<std::string>& left, bool daemon_left) {
+  for (const std::string& one : left)
+    warn(here, one + " has not ended: `keelmondctl down --kill` ends it by SIGKILL");
+  if (daemon_left) {
+    warn(here, "keelmond itself is still ending: ask again with `keelmondctl status`");
+  }
+  if (!left.empty() || daemon_left) return exit_status::kFailed;
+  say("keelmond and its programs have ended in " + here.place.directory);
+  return exit_status::kDone;
+}
+
+int kill_rest(const session& here, const ending& programs, const process_handle& daemon) {
+  for (const std::string& one : programs.left())
+    say("killing " + one);
+  if (daemon.valid() && !daemon.has_ended()) {
+    // It is about to end, and has nothing to wait for once its programs are gone.
+    programs.kill();
+    if (!daemon.wait_end(kKilled)) {
+      say("killing keelmond (PID " + std::to_string(daemon.who().pid) + ")");
+      static_cast<void>(daemon.send(SIGKILL));
+    }
+  }
+  programs.kill();
+  const bool ended = programs.wait(kKilled) && (!daemon.valid() || daemon.wait_end(kKilled));
+  return report(here, programs.left(), !ended && daemon.valid() && !daemon.has_ended());
+}
+
+}  // namespace
+
+int run_down(const session& here, const down_options& options) {
+  const snapshot now = here.look();
+  if (!now.search.daemon && now.left_over.empty()) {
+    // What was asked for is so, unless it may be somebody else's.
+    if (!now.search.hidden.empty()) need_daemon(here, now);
+    say("no keelmond runs in " + here.place.directory);
+    return exit_status::kDone;
+  }
+  const auto end = steady::now() + options.timeout;
+  const process_handle daemon(here.proc, now.search.daemon.value_or(process{}));
+  if (now.search.daemon && !daemon.send(SIGUSR2) && !daemon.has_ended()) {
+    throw failure("keelmond (PID " + std::to_string(daemon.who().pid) +
+                  ") is another user's: try it as root");
+  }
+  const bool leaving = wait_leaving(here, daemon, end);
+  const snapshot later = here.look();
+  std::vector<running_program> programs = everything(later.running.empty() ? now : later);
+  const ending all(here.proc, programs);
+  if (leaving) all.ask(SIGUSR2);
+
+  const bool daemon_ended = daemon.wait_end(left_until(end));
+  const bool ended = all.wait(left_until(end));
+  if (ended && daemon_ended) return report(here, {}, false);
+  return options.kill ? kill_rest(here, all, daemon) : report(here, all.left(), !daemon_ended);
+}
+
+}  // namespace control

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <chrono>
+
+#include "control/commands/session.h"
+
+namespace control {
+
+struct down_options {
+  std::chrono::milliseconds timeout{std::chrono::seconds(30)};
+  bool kill = false;  ///< Ends by SIGKILL what has not ended in time.
+};
+
+/// Ends the daemon and its programs, and what an earlier daemon left over.
+int run_down(const session& here, const down_options& options);
+
+}  // namespace control

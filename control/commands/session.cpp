@@ -1,0 +1,30 @@
+#include "control/commands/session.h"
+
+#include <cstdio>
+#include <string>
+
+#include "control/text/failure.h"
+
+namespace control {
+
+void warn(const session& here, const std::string& text) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "keelmondctl %s: %s\n", here.command.c_str(), text.c_str());
+}
+
+void say(const std::string& text) {
+  std::printf("%s\n", text.c_str());
+  std::fflush(stdout);
+}
+
+process need_daemon(const session& here, const snapshot& now) {
+  if (now.search.daemon) return *now.search.daemon;
+  if (!now.search.hidden.empty()) {
+    throw failure("no keelmond of this user runs in " + here.place.directory +
+                  ", and there are some of other users (PID " +
+                  std::to_string(now.search.hidden.front().pid) + "): try it as root");
+  }
+  throw failure("no keelmond runs in " + here.place.directory + ": start it with `keelmondctl up`");
+}
+
+}  // namespace control

@@ -1,0 +1,129 @@
+#include "control/commands/up.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+#include <thread>
+
+#include "control/config/config_save.h"
+#include "control/site/daemon_start.h"
+#include "control/site/ending.h"
+#include "control/site/program_status.h"
+#include "control/text/failure.h"
+
+namespace control {
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+constexpr milliseconds kLookEvery{10};
+
+void require_config(const session& here, const snapshot& now) {
+  if (now.config) return;
+  throw failure("there is no " + here.place.config_file() +
+                ": `keelmondctl init` makes one. Nothing was started");
+}
+
+void make_live_directory(const session& here) {
+  const std::string path = here.place.directory + "/notify";
+  if (::mkdir(path.c_str(), 0755) == 0) say("made " + path);
+}
+
+/// The programs that are to run, as they are now.
+std::vector<program_status> wanted_programs(const session& here, const snapshot& now) {
+  std::vector<program_status> programs = list_programs(now, here.place);
+  std::erase_if(programs, [](const program_status& one) {
+    return one.wanted != "run" || one.now == actual::left_over;
+  });
+  return programs;
+}
+
+bool is_pending(const program_status& one) {
+  return one.now == actual::starting;
+}
+
+int wait_for_programs(const session& here, milliseconds limit) {
+  const auto end = steady::now() + limit;
+  std::vector<program_status> programs;
+  process daemon;
+  for (;;) {
+    const snapshot now = here.look();
+    daemon = need_daemon(here, now);
+    programs = wanted_programs(here, now);
+    if (std::none_of(programs.begin(), programs.end(), is_pending) || steady::now() >= end) break;
+    std::this_thread::sleep_for(kLookEvery);
+  }
+  std::size_t alive = 0;
+  for (const program_status& one : programs) {
+    if (one.program) {
+      ++alive;
+    } else {
+      warn(here,
+           one.name + " is not alive: " +
+               (one.why.empty() ? "it has not been started in time; see keelmond.log" : one.why));
+    }
+  }
+  say("keelmond runs in " + here.place.directory + " (PID " + std::to_string(daemon.pid) + "), " +
+      std::to_string(alive) + " of " + std::to_string(programs.size()) +
+      " programs that are to run are alive");
+  return alive == programs.size() ? exit_status::kDone : exit_status::kFailed;
+}
+
+process await_daemon(const session& here, milliseconds limit) {
+  const auto end = steady::now() + limit;
+  do {
+    const daemon_search search = find_daemon(here.proc, process_table(here.proc), here.place);
+    if (search.daemon) return *search.daemon;
+    std::this_thread::sleep_for(kLookEvery);
+  } while (steady::now() < end);
+  throw failure("keelmond was started and did not stay: what it said is in " +
+                here.place.directory + "/console.txt and keelmond.log");
+}
+
+}  // namespace
+
+std::size_t end_left_over(const session& here, const snapshot& now, milliseconds grace) {
+  if (now.left_over.empty()) return 0;
+  const ending programs(here.proc, now.left_over);
+  for (const std::string& one : programs.left())
+    say("ending " + one + ", which an earlier keelmond left running");
+  programs.ask(SIGUSR2);
+  if (!programs.wait(grace)) {
+    for (const std::string& one : programs.left())
+      warn(here, one + " did not end on SIGUSR2 and is killed");
+    programs.kill();
+    if (!programs.wait(grace)) {
+      throw failure("what an earlier keelmond left running cannot be ended; nothing was started");
+    }
+  }
+  return now.left_over.size();
+}
+
+process launch_daemon(const session& here, milliseconds limit) {
+  const std::string program = find_daemon_program();
+  if (remove_left_over_pid_file(here.place)) {
+    say("removed run.pid, which was left over: no living keelmond held it");
+  }
+  start_daemon(program, here.place);
+  return await_daemon(here, limit);
+}
+
+int run_up(const session& here, const up_options& options) {
+  require_config(here, here.look());
+  {
+    const config_lock alone(here.place.config_file());
+    const snapshot now = here.look();
+    if (now.search.daemon) {
+      say("keelmond runs already");
+    } else {
+      make_live_directory(here);
+      end_left_over(here, now, options.timeout);
+      launch_daemon(here, options.timeout);
+    }
+  }
+  return wait_for_programs(here, options.timeout);
+}
+
+}  // namespace control

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <chrono>
+
+#include "control/commands/session.h"
+
+namespace control {
+
+struct up_options {
+  std::chrono::milliseconds timeout{std::chrono::seconds(10)};
+};
+
+/// Starts the daemon unless it runs, and waits until the programs marked "run" are alive. What an
+/// earlier daemon left behind is ended first.
+int run_up(const session& here, const up_options& options);
+
+/// Ends programs that a daemon left behind, by SIGUSR2 and those that do not end by SIGKILL, and
+/// says so. @return how many there were.
+std::size_t end_left_over(const session& here, const snapshot& now,
+                          std::chrono::milliseconds grace);
+
+/// Starts the daemon, having removed a pid file that was left over, and waits until it is there.
+/// @throws failure when it does not stay.
+process launch_daemon(const session& here, std::chrono::milliseconds limit);
+
+}  // namespace control

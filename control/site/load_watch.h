@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "common/misc/unique_fd.h"
+#include "control/proc/process_handle.h"
+
+namespace control {
+
+/// Sees a daemon load its configuration. Begun before the load is caused.
+///
+/// The daemon's parser opens the file for writing though it only reads, so the end of a load is the
+/// one end of such an opening that nobody else causes by reading. The load is over when the daemon
+/// lets signals in again, which it does not while it acts on what it has read.
+class load_watch final {
+ public:
+  /// @param file the file that will be loaded; it may get its name later.
+  load_watch(const proc_dir& proc, const process& daemon, const std::string& file);
+
+  /// @return whether a whole load was seen in time; false at once when the daemon ends.
+  [[nodiscard]] bool wait(std::chrono::milliseconds limit);
+
+ private:
+  [[nodiscard]] bool wait_read(std::chrono::steady_clock::time_point end);
+  [[nodiscard]] bool wait_settled(std::chrono::steady_clock::time_point end) const;
+
+  const proc_dir& proc_;
+  process_handle daemon_;
+  bool tells_of_signals_;
+  bool read_ = false;
+  unique_fd events_;
+};
+
+}  // namespace control

@@ -1,0 +1,211 @@
+#include "control/site/program_status.h"
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <system_error>
+#include <unordered_map>
+#include <utility>
+
+#include "control/proc/in_parallel.h"
+
+namespace control {
+namespace {
+
+/// The daemon's limit, and as much log as that many ends fill at least and at most.
+constexpr int kRestartLimit = 200000;
+constexpr std::int64_t kLogOfLimit = std::int64_t{kRestartLimit} * 60;
+constexpr std::int64_t kMostLog = std::int64_t{64} << 20;
+
+/// What a look at the log is about: the last minute, in so many bytes at most.
+constexpr std::int64_t kMinute = 60;
+constexpr std::int64_t kLogOfMinute = std::int64_t{1} << 18;
+/// How many starts more than programs in that time are often, and which programs may be behind.
+constexpr int kOften = 3;
+constexpr double kYoung = 20;
+
+const char* refused_value(refusal refused) {
+  switch (refused) {
+    case refusal::name:
+      return "its name is too long or holds a NUL byte";
+    case refusal::exepath:
+      return "its exepath is too long or holds a NUL byte";
+    default:
+      return "its state is too long or holds a NUL byte";
+  }
+}
+
+/// Why a load passes over the entry; empty when it does not.
+std::string why_passed_over(const listed_program& program) {
+  if (program.refused != refusal::none) return refused_value(program.refused);
+  switch (find_obstacle(program)) {
+    case obstacle::missing:
+      return program.exepath + " is missing or cannot be read";
+    case obstacle::not_executable:
+      return program.exepath + " is not executable";
+    default:
+      return {};
+  }
+}
+
+void take_processes(program_status& status, const running_program& running) {
+  status.copy = running.copy;
+  status.program = running.program;
+  status.tree = running.tree;
+  for (const process& one : running.tree)
+    status.cpu_seconds += static_cast<double>(one.cpu) / ticks_per_second();
+}
+
+/// Whether the daemon has ended so many programs' waits since it was started that one of them may
+/// be at the limit.
+bool may_have_given_up(const site& place) {
+  std::error_code error;
+  const auto size = std::filesystem::file_size(place.log_file(), error);
+  if (error || static_cast<std::int64_t>(size) < kLogOfLimit) return false;
+  int ends = 0;
+  for (const log_event& event : read_last_events(place.log_file(), kMostLog)) {
+    if (event.what == log_event::kind::supervisor_started) ends = 0;
+    if (event.what == log_event::kind::ended) ++ends;
+  }
+  return ends > kRestartLimit;
+}
+
+void judge_running(program_status& status) {
+  if (!status.program) {
+    status.now = actual::starting;
+  } else if (status.wanted == "stop") {
+    status.now = actual::stopping;
+    status.why = "it has been told to end and still runs";
+  } else {
+    status.now = actual::running;
+  }
+}
+
+void judge_idle(program_status& status, const listed_program& entry, const snapshot& now,
+                const site& place) {
+  if (entry.wants_stop()) return;
+  if (const std::string why = why_passed_over(entry); !why.empty()) {
+    status.now = actual::not_loaded;
+    status.why = why;
+  } else if (!entry.wants_run()) {
+    status.why = entry.state.empty() ? "it has no state" : "this state is neither run nor stop";
+  } else if (!now.search.daemon) {
+    // That is said above the table.
+  } else if (may_have_given_up(place)) {
+    status.now = actual::given_up;
+    status.why = "it has ended more than 200000 times; restart the supervisor";
+  } else if (now.watching_another) {
+    status.now = actual::not_loaded;
+    status.why = "the saved file has not been read; `keelmondctl reload` has it read";
+  } else {
+    status.now = actual::starting;
+  }
+}
+
+program_status status_of(const listed_program& entry, const running_program* running,
+                         const snapshot& now, const site& place) {
+  program_status status;
+  status.name = entry.name;
+  status.wanted = entry.state;
+  if (running != nullptr) {
+    take_processes(status, *running);
+    judge_running(status);
+  } else {
+    judge_idle(status, entry, now, place);
+  }
+  return status;
+}
+
+program_status unlisted(const running_program& running, actual what) {
+  program_status status;
+  if (running.listed && what == actual::removed)
+    status.why = "a second one; the copy above the first may have been stopped for a while";
+  status.name = running.name.empty() ? "?" : running.name;
+  status.now = what;
+  take_processes(status, running);
+  return status;
+}
+
+/// How often programs were launched in the last minute, as far as the log tells.
+int recent_launches(const site& place) {
+  const std::int64_t since = static_cast<std::int64_t>(std::time(nullptr)) - kMinute;
+  const auto events = read_last_events(place.log_file(), kLogOfMinute);
+  return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const log_event& event) {
+    return event.what == log_event::kind::launched && seconds_of(event) >= since;
+  }));
+}
+
+/// The log does not say which program was launched, so all that have been started just now are
+/// suspected when there were more starts than programs.
+void mark_restarting(const snapshot& now, const site& place,
+                     std::vector<program_status>& programs) {
+  int started = 0;
+  std::vector<program_status*> suspects;
+  for (program_status& one : programs) {
+    if (!one.copy || now.age_of(*one.copy) > static_cast<double>(kMinute)) continue;
+    ++started;
+    if (one.now == actual::running && now.age_of(*one.copy) < kYoung) suspects.push_back(&one);
+  }
+  if (suspects.empty() || recent_launches(place) - started < kOften) return;
+  for (program_status* const one : suspects) {
+    one->now = actual::restarting;
+    one->why = "programs have ended and been started again in the last minute";
+  }
+}
+
+}  // namespace
+
+const char* name_of(actual what) {
+  switch (what) {
+    case actual::running:
+      return "running";
+    case actual::starting:
+      return "starting";
+    case actual::restarting:
+      return "restarting often";
+    case actual::stopped:
+      return "stopped";
+    case actual::stopping:
+      return "stopping";
+    case actual::given_up:
+      return "given up";
+    case actual::not_loaded:
+      return "not loaded";
+    case actual::removed:
+      return "removed, still running";
+    case actual::left_over:
+      return "left over";
+  }
+  return "?";
+}
+
+std::vector<program_status> list_programs(const snapshot& now, const site& place) {
+  std::unordered_map<std::string, const running_program*> by_name;
+  std::vector<const running_program*> unnamed;
+  for (const running_program& one : now.running) {
+    if (!one.listed || !by_name.emplace(one.name, &one).second) unnamed.push_back(&one);
+  }
+  std::vector<program_status> programs;
+  for (const listed_program& entry : now.programs) {
+    const auto at = by_name.find(entry.name);
+    programs.push_back(status_of(entry, at == by_name.end() ? nullptr : at->second, now, place));
+  }
+  for (const running_program* const one : unnamed) {
+    // A copy that has executed nothing yet belongs to one of the entries that are being started.
+    if (one->name.empty()) continue;
+    programs.push_back(unlisted(*one, actual::removed));
+  }
+  mark_restarting(now, place, programs);
+  for (const running_program& one : now.left_over)
+    programs.push_back(unlisted(one, actual::left_over));
+  return programs;
+}
+
+void measure_memory(const proc_dir& proc, std::vector<program_status>& programs) {
+  in_parallel(programs.size(), [&](std::size_t i) {
+    for (const process& one : programs[i].tree)
+      programs[i].memory += proc.memory(one.pid);
+  });
+}
+
+}  // namespace control

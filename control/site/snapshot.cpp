@@ -1,0 +1,85 @@
+#include "control/site/snapshot.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+
+namespace control {
+namespace {
+
+/// As much of the log as is looked through for what was launched last.
+constexpr std::int64_t kRecentLog = std::int64_t{1} << 20;
+/// The log has seconds, and its line is written a moment after the start.
+constexpr std::int64_t kLogTolerance = 2;
+
+void read_programs_of(const site& place, snapshot& out) {
+  out.config = read_config(place.config_file());
+  if (!out.config) {
+    out.config_error = errno;
+    return;
+  }
+  out.programs = merge_repeated(read_programs(parse_config(out.config->text), place.directory));
+}
+
+void look_at_watch(const proc_dir& proc, snapshot& out) {
+  if (!out.search.daemon) return;
+  for (const file_id& watched : proc.watched_files(out.search.daemon->pid)) {
+    // The inode alone: on some file systems the device has one number here and another there.
+    const bool same = out.config && watched.inode == out.config->id().inode;
+    out.watching = out.watching || same;
+    out.watching_another = out.watching_another || !same;
+  }
+}
+
+}  // namespace
+
+double snapshot::age_of(const process& one) const {
+  return std::max(uptime - static_cast<double>(one.started) / ticks_per_second(), 0.0);
+}
+
+std::int64_t snapshot::start_of(const process& one) const {
+  return boot_time +
+         static_cast<std::int64_t>(static_cast<double>(one.started) / ticks_per_second());
+}
+
+const listed_program* snapshot::find(const std::string& name) const {
+  const auto at = std::find_if(programs.begin(), programs.end(),
+                               [&](const listed_program& one) { return one.name == name; });
+  return at == programs.end() ? nullptr : &*at;
+}
+
+const running_program* snapshot::find_running(const std::string& name) const {
+  const auto at = std::find_if(running.begin(), running.end(),
+                               [&](const running_program& one) { return one.name == name; });
+  return at == running.end() ? nullptr : &*at;
+}
+
+bool is_launched_by_log(const std::vector<log_event>& events, const process& copy,
+                        std::int64_t started) {
+  return std::any_of(events.begin(), events.end(), [&](const log_event& event) {
+    return event.what == log_event::kind::launched && event.pid == copy.pid &&
+           std::abs(seconds_of(event) - started) <= kLogTolerance;
+  });
+}
+
+snapshot look_at(const proc_dir& proc, const site& place) {
+  snapshot now;
+  read_programs_of(place, now);
+  const process_table table(proc);
+  now.uptime = proc.uptime().count();
+  now.boot_time = proc.boot_time();
+  now.search = find_daemon(proc, table, place);
+  const program_finder finder(proc, table, now.programs);
+  if (now.search.daemon) now.running = finder.below(*now.search.daemon);
+
+  // The log is long, and most of the time nothing is left over.
+  std::optional<std::vector<log_event>> events;
+  now.left_over = finder.left_over(place.directory, [&](const process& copy) {
+    if (!events) events = read_last_events(place.log_file(), kRecentLog);
+    return is_launched_by_log(*events, copy, now.start_of(copy));
+  });
+  look_at_watch(proc, now);
+  return now;
+}
+
+}  // namespace control

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "control/config/config_bytes.h"
+#include "control/config/program_list.h"
+#include "control/proc/proc_dir.h"
+#include "control/proc/process_table.h"
+#include "control/site/daemon_search.h"
+#include "control/site/log_reader.h"
+#include "control/site/running_programs.h"
+#include "control/site/site.h"
+
+namespace control {
+
+/// One supervisor at about one moment: its daemon, its configuration, its processes.
+struct snapshot {
+  daemon_search search;
+  /// Nothing when the file cannot be read; `config_error` then tells why, as errno does.
+  std::optional<config_bytes> config;
+  int config_error = 0;
+  /// Each name once, refused entries too.
+  std::vector<listed_program> programs;
+  /// Below the daemon.
+  std::vector<running_program> running;
+  /// Of a daemon that is gone.
+  std::vector<running_program> left_over;
+  /// Whether the daemon watches the file that now has the configuration's name. It does not in the
+  /// two seconds after a load either.
+  bool watching = false;
+  /// Whether the daemon watches another file, which has had that name before.
+  bool watching_another = false;
+  double uptime = 0;           ///< Of the machine, in seconds.
+  std::int64_t boot_time = 0;  ///< Seconds since 1970.
+
+  /// How long the process has been running, in seconds.
+  [[nodiscard]] double age_of(const process& one) const;
+  /// When it was started, in seconds since 1970.
+  [[nodiscard]] std::int64_t start_of(const process& one) const;
+  [[nodiscard]] const listed_program* find(const std::string& name) const;
+  /// The running program of that name; null when there is none.
+  [[nodiscard]] const running_program* find_running(const std::string& name) const;
+};
+
+/// Looks at the supervisor of a directory.
+snapshot look_at(const proc_dir& proc, const site& place);
+
+/// Whether the log says that `copy` was launched when it was started.
+bool is_launched_by_log(const std::vector<log_event>& events, const process& copy,
+                        std::int64_t started);
+
+}  // namespace control
