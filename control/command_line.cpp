@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "control/commands/check.h"
 #include "control/commands/down.h"
 #include "control/commands/init.h"
 #include "control/commands/reload.h"
@@ -55,6 +56,13 @@ void add_timeout(CLI::App& command, std::chrono::milliseconds& out) {
       ->type_name("TIME");
 }
 
+/// A path becomes absolute, because the command works in the supervisor's directory.
+void add_file(CLI::App& command, std::string& out, const std::string& text) {
+  command.add_option_function<std::string>(
+      "FILE", [&out](const std::string& path) { out = std::filesystem::absolute(path).string(); },
+      text);
+}
+
 void add_life(CLI::App& app, request& out) {
   CLI::App* command = nullptr;
   init_options& init =
@@ -81,6 +89,18 @@ void add_looking(CLI::App& app, request& out) {
       add_command(app, out, "status", "Show the programs and what they do", run_status, command);
   command->add_option("NAME", status.names, "Programs, or patterns such as 'kmd_*'");
   command->add_flag("--json", status.json, "For programs; see docs/keelmondctl.md");
+}
+
+void add_checking(CLI::App& app, request& out) {
+  CLI::App* command = nullptr;
+  check_options& check = add_command(app, out, "check", "Say what is wrong with config/server.ini",
+                                     run_check, command);
+  add_file(*command, check.file, "Another file to check");
+  command->add_flag("--json", check.json, "For programs; see docs/keelmondctl.md");
+
+  plan_options& plan = add_command(
+      app, out, "plan", "Say what keelmond would do with config/server.ini", run_plan, command);
+  add_file(*command, plan.file, "Another file that may take its place");
 }
 
 /// `init` makes the directory, too.
@@ -120,6 +140,7 @@ int run_command_line(int argc, char** argv) {
   app.fallthrough();
   add_looking(app, asked);
   add_life(app, asked);
+  add_checking(app, asked);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -87,4 +87,27 @@ obstacle find_obstacle(const listed_program& program) {
   return ::access(program.exepath.c_str(), X_OK) == 0 ? obstacle::none : obstacle::not_executable;
 }
 
+std::string why_skipped(const listed_program& program) {
+  const std::string too_long = " is too long or holds a NUL byte";
+  switch (program.refused) {
+    case refusal::name:
+      return "its name" + too_long;
+    case refusal::exepath:
+      return "its exepath" + too_long;
+    case refusal::state:
+      return "its state" + too_long;
+    case refusal::none:
+      break;
+  }
+  switch (find_obstacle(program)) {
+    case obstacle::missing:
+      return program.exepath + " is missing or cannot be read";
+    case obstacle::not_executable:
+      return program.exepath + " is not executable";
+    case obstacle::none:
+      break;
+  }
+  return {};
+}
+
 }  // namespace control

@@ -47,5 +47,7 @@ int entry_number(const std::string& key);
 enum class obstacle { none, missing, not_executable };
 /// Asks the file system, as this user. Relative paths are relative to the working directory.
 obstacle find_obstacle(const listed_program& program);
+/// Why a load skips the entry: a refused value or an obstacle. Empty when it does not.
+std::string why_skipped(const listed_program& program);
 
 }  // namespace control

@@ -24,30 +24,6 @@ constexpr std::int64_t kLogOfMinute = std::int64_t{1} << 18;
 constexpr int kOften = 3;
 constexpr double kYoung = 20;
 
-const char* refused_value(refusal refused) {
-  switch (refused) {
-    case refusal::name:
-      return "its name is too long or holds a NUL byte";
-    case refusal::exepath:
-      return "its exepath is too long or holds a NUL byte";
-    default:
-      return "its state is too long or holds a NUL byte";
-  }
-}
-
-/// Why a load passes over the entry; empty when it does not.
-std::string why_passed_over(const listed_program& program) {
-  if (program.refused != refusal::none) return refused_value(program.refused);
-  switch (find_obstacle(program)) {
-    case obstacle::missing:
-      return program.exepath + " is missing or cannot be read";
-    case obstacle::not_executable:
-      return program.exepath + " is not executable";
-    default:
-      return {};
-  }
-}
-
 void take_processes(program_status& status, const running_program& running) {
   status.copy = running.copy;
   status.program = running.program;
@@ -84,7 +60,7 @@ void judge_running(program_status& status) {
 void judge_idle(program_status& status, const listed_program& entry, const snapshot& now,
                 const site& place) {
   if (entry.wants_stop()) return;
-  if (const std::string why = why_passed_over(entry); !why.empty()) {
+  if (const std::string why = why_skipped(entry); !why.empty()) {
     status.now = actual::not_loaded;
     status.why = why;
   } else if (!entry.wants_run()) {

@@ -58,10 +58,18 @@ std::optional<program_finder::description> program_finder::describe(const proces
   if (what.command.starts_with(kStopCommand)) return std::nullopt;
   if (what.command.empty()) {
     what.found.program = first;
-  } else if (const auto below = table_.children(first.pid); !below.empty()) {
-    what.found.program = *below.front();
+  } else {
+    what.found.program = below_shell(first, what.words);
   }
   return what;
+}
+
+/// What a shell waits for. Right after its fork that is still a shell with the same words.
+std::optional<process> program_finder::below_shell(const process& shell,
+                                                   const std::vector<std::string>& words) const {
+  const auto below = table_.children(shell.pid);
+  if (below.empty() || proc_.command_line(below.front()->pid) == words) return std::nullopt;
+  return *below.front();
 }
 
 const program_finder::entries* program_finder::entries_for(const description& what) const {
@@ -139,8 +147,10 @@ void program_finder::append_orphaned_programs(const std::string& directory,
     what.found.copy = one;
     for (const process* const below : table_.tree(one.pid))
       what.found.tree.push_back(*below);
-    const auto children = table_.children(one.pid);
-    what.found.program = what.command.empty() || children.empty() ? one : *children.front();
+    what.found.program = one;
+    if (!what.command.empty()) {
+      what.found.program = below_shell(one, what.words);
+    }
     name(what, taken);
     out.push_back(std::move(what.found));
   }

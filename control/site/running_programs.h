@@ -54,6 +54,8 @@ class program_finder final {
   using entries = std::vector<const listed_program*>;
 
   [[nodiscard]] std::optional<description> describe(const process& copy) const;
+  [[nodiscard]] std::optional<process> below_shell(const process& shell,
+                                                   const std::vector<std::string>& words) const;
   [[nodiscard]] const entries* entries_for(const description& what) const;
   void name(description& what, std::unordered_map<std::string, int>& taken) const;
   [[nodiscard]] bool is_daemon(pid_t pid) const;

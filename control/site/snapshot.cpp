@@ -70,7 +70,10 @@ snapshot look_at(const proc_dir& proc, const site& place) {
   now.boot_time = proc.boot_time();
   now.search = find_daemon(proc, table, place);
   const program_finder finder(proc, table, now.programs);
-  if (now.search.daemon) now.running = finder.below(*now.search.daemon);
+  if (now.search.daemon) {
+    now.running = finder.below(*now.search.daemon);
+    now.daemon_user = proc.user(now.search.daemon->pid);
+  }
 
   // The log is long, and most of the time nothing is left over.
   std::optional<std::vector<log_event>> events;

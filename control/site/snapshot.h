@@ -32,6 +32,8 @@ struct snapshot {
   bool watching = false;
   /// Whether the daemon watches another file, which has had that name before.
   bool watching_another = false;
+  /// Whom the daemon acts as, when it runs and may be asked.
+  std::optional<uid_t> daemon_user;
   double uptime = 0;           ///< Of the machine, in seconds.
   std::int64_t boot_time = 0;  ///< Seconds since 1970.
 

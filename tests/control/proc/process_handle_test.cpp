@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <stdexcept>
 
 using control::proc_dir;
 using control::process_handle;
@@ -17,6 +18,8 @@ namespace {
 class idle_child final {
  public:
   idle_child() : pid_(::fork()) {
+    // Its number is killed later, and -1 is everybody.
+    if (pid_ < 0) throw std::runtime_error("fork");
     if (pid_ != 0) return;
     for (;;)
       ::pause();

@@ -95,9 +95,13 @@ TEST(running_programs, knows_a_program_that_is_still_being_started) {
                      {30, 10, "keelmond", kCopy, 1, 1001},
                      {31, 30, "keelmond", kCopy},
                      {40, 10, "keelmond", kCopy, 1, 1002},
-                     {41, 40, "sh", {"sh", "-c", "/srv/kmd_web"}}});
+                     {41, 40, "sh", {"sh", "-c", "/srv/kmd_web"}},
+                     {50, 10, "keelmond", kCopy, 1, 1003},
+                     {51, 50, "sh", {"sh", "-c", "/srv/kmd_web"}},
+                     {52, 51, "sh", {"sh", "-c", "/srv/kmd_web"}}});
   const auto found = place.below({entry("kmd_web", "/srv/kmd_web")});
-  ASSERT_EQ(found.size(), 3U);
+  ASSERT_EQ(found.size(), 4U);
+  EXPECT_FALSE(found[3].program);
   EXPECT_FALSE(found[0].program);
   EXPECT_FALSE(found[1].program);
   EXPECT_FALSE(found[2].program);

@@ -1,0 +1,131 @@
+#include <charconv>
+#include <map>
+#include <set>
+#include <string>
+
+#include "control/check/check_config.h"
+#include "control/config/config_bytes.h"
+
+namespace control {
+namespace {
+
+using ini_line::meaning;
+
+std::string key_of(int number) {
+  return "svr" + std::to_string(number);
+}
+
+std::string value_of(const ini_document& document, const std::string& key) {
+  const std::ptrdiff_t line = document.find(kListSection, key);
+  return line < 0 ? std::string() : document.lines()[static_cast<std::size_t>(line)].value;
+}
+
+/// The numbers of all entries, those that the count leaves out too.
+std::set<int> written_numbers(const ini_document& document) {
+  std::set<int> numbers;
+  for (const document_line& line : document.lines()) {
+    if (line.meaning != meaning::assignment || line.section != kListSection) continue;
+    const int number = entry_number(line.key);
+    if (number > 0) numbers.insert(number);
+  }
+  return numbers;
+}
+
+void check_keys(const ini_document& document, findings& out) {
+  for (std::size_t i = 0; i < document.lines().size(); ++i) {
+    const document_line& line = document.lines()[i];
+    if (line.meaning != meaning::assignment || line.section != kListSection) continue;
+    if (line.key == kCountKey || entry_number(line.key) > 0) continue;
+    out.warn(i + 1, "the key " + line.key + " means nothing in [keelmond]",
+             "the keys there are linux, svr1, svr2 and so on");
+  }
+}
+
+/// @return how many entries are read; -1 when no count says so.
+int check_count(const ini_document& document, findings& out) {
+  const std::string text = value_of(document, kCountKey);
+  if (document.find_header(kListSection) < 0 && text.empty()) {
+    out.fail(0, "there is no section [keelmond]: nothing is run", "begin the file with [keelmond]");
+    return -1;
+  }
+  const std::size_t line = line_of(document, kListSection, kCountKey);
+  if (text.empty()) {
+    out.fail(line, "linux, the number of entries, is missing: nothing is run", "add linux = N");
+    return -1;
+  }
+  int count = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+  if (error != std::errc{} || end != text.data() + text.size() || count < 0) {
+    out.fail(line, "linux is \"" + text + "\", which is no number of entries",
+             "write the number of entries");
+  }
+  return 0;
+}
+
+void check_numbers(const check_subject& subject, int read, findings& out) {
+  const ini_document& document = subject.document;
+  const std::set<int> numbers = written_numbers(document);
+  int expected = 1;
+  for (const int number : numbers) {
+    const std::size_t line = line_of(document, kListSection, key_of(number));
+    if (number > read) {
+      out.fail(line,
+               value_of(document, key_of(number)) + " is left out: linux says that there are " +
+                   std::to_string(read) + " entries",
+               "set linux to " + std::to_string(*numbers.rbegin()));
+    } else if (number > expected) {
+      out.warn(line, "there is no " + key_of(expected) + " before it; it is skipped",
+               "number the entries without gaps");
+    }
+    expected = number + 1;
+  }
+  if (read > 0 && (numbers.empty() || *numbers.rbegin() < read)) {
+    out.warn(line_of(document, kListSection, kCountKey),
+             "linux says that there are " + std::to_string(read) +
+                 " entries, and the last one is " +
+                 (numbers.empty() ? "missing" : key_of(*numbers.rbegin())),
+             "set linux to the number of entries");
+  }
+}
+
+void check_refused(const check_subject& subject, const listed_program& program, findings& out) {
+  const auto tell = [&](const char* key, std::size_t line, std::size_t limit) {
+    out.fail(line,
+             "entry " + key_of(program.number) + " is skipped: its " + key + " is longer than " +
+                 std::to_string(limit) + " bytes or holds a NUL byte",
+             "make it shorter");
+  };
+  const auto line = [&](const char* key) { return line_of(subject.document, program.name, key); };
+  switch (program.refused) {
+    case refusal::name:
+      return tell("name", line_of(subject.document, kListSection, key_of(program.number)),
+                  kLongestName);
+    case refusal::exepath:
+      return tell("exepath", line("exepath"), kLongestExepath);
+    case refusal::state:
+      return tell("state", line("state"), kLongestState);
+    case refusal::none:
+      return;
+  }
+}
+
+}  // namespace
+
+void check_list(const check_subject& subject, findings& out) {
+  check_keys(subject.document, out);
+  if (check_count(subject.document, out) < 0) return;
+  const Tini_parser parsed = parse_config(subject.document.text());
+  check_numbers(subject, parsed.read_int(kListSection, kCountKey, 0), out);
+
+  std::map<std::string, int> seen;
+  for (const listed_program& program : subject.programs) {
+    check_refused(subject, program, out);
+    const auto [at, is_new] = seen.emplace(program.name, program.number);
+    if (is_new) continue;
+    out.warn(line_of(subject.document, kListSection, key_of(program.number)),
+             program.name + " is listed as " + key_of(at->second) + " already: it is one program",
+             "remove one of the two");
+  }
+}
+
+}  // namespace control

@@ -1,0 +1,83 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "control/check/check_config.h"
+
+namespace control {
+namespace {
+
+/// Whether another user than the owner may put something else in its place. In a directory with
+/// the sticky bit nobody may take away what is another one's.
+bool others_may_write(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return false;
+  return (status.st_mode & S_IWOTH) != 0 &&
+         !(S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0);
+}
+
+/// Whether the owner, group and mode let a user write the file.
+bool may_write(const struct stat& status, uid_t user) {
+  if (user == 0) return true;
+  if (status.st_uid == user) return (status.st_mode & S_IWUSR) != 0;
+  return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
+void check_writable(const check_subject& subject, findings& out) {
+  if (!subject.now.config) return;
+  const bool own = !subject.now.daemon_user || *subject.now.daemon_user == ::geteuid();
+  const bool writable = own ? ::access(subject.place.config_file().c_str(), W_OK) == 0
+                            : may_write(subject.now.config->status, *subject.now.daemon_user);
+  if (writable) return;
+  out.fail(0, "keelmond's user may not write the file: it counts as empty, and nothing is run",
+           "give it to that user, or chmod u+w " + subject.place.config_file());
+}
+
+void check_permissions(const check_subject& subject, findings& out) {
+  for (const std::string& path :
+       {subject.place.directory, subject.place.directory + "/config", subject.place.config_file(),
+        subject.place.directory + "/notify"}) {
+    if (!others_may_write(path)) continue;
+    out.warn(0, "every user may write " + path + ", and with it say what keelmond runs or shows",
+             "chmod o-w " + path);
+  }
+}
+
+void check_notify(const check_subject& subject, findings& out) {
+  struct stat status {};
+  const std::string path = subject.place.directory + "/notify";
+  if (::stat(path.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+    out.warn(0, "there is no directory " + path + ": no liveness files are written",
+             "mkdir " + path);
+  }
+}
+
+void check_still_running(const check_subject& subject, findings& out) {
+  for (const running_program& one : subject.now.running) {
+    if (one.name.empty()) continue;
+    bool listed = false;
+    for (const listed_program& program : subject.programs)
+      listed = listed || program.name == one.name;
+    if (listed || !one.program) continue;
+    out.warn(0,
+             one.name + " (PID " + std::to_string(one.program->pid) +
+                 ") still runs and is started again when it ends, though no entry names it",
+             "list it again with state = stop, or restart keelmond");
+  }
+}
+
+}  // namespace
+
+void check_site(const check_subject& subject, findings& out) {
+  if (subject.is_present_file) {
+    check_writable(subject, out);
+    check_permissions(subject, out);
+  }
+  check_notify(subject, out);
+  check_still_running(subject, out);
+}
+
+}  // namespace control
