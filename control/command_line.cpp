@@ -10,10 +10,14 @@
 #include <string>
 #include <system_error>
 
+#include "control/commands/add_remove.h"
 #include "control/commands/check.h"
 #include "control/commands/down.h"
+#include "control/commands/edit.h"
 #include "control/commands/init.h"
 #include "control/commands/reload.h"
+#include "control/commands/signals.h"
+#include "control/commands/start_stop.h"
 #include "control/commands/status.h"
 #include "control/commands/up.h"
 #include "control/text/failure.h"
@@ -103,6 +107,57 @@ void add_checking(CLI::App& app, request& out) {
   add_file(*command, plan.file, "Another file that may take its place");
 }
 
+void add_names(CLI::App& command, std::vector<std::string>& names, bool& all) {
+  command.add_option("NAME", names, "Programs, or patterns such as 'kmd_*'");
+  command.add_flag("--all", all, "All programs");
+}
+
+void add_steering(CLI::App& app, request& out) {
+  CLI::App* command = nullptr;
+  start_options& start =
+      add_command(app, out, "start", "Set programs to run, and wait for them", run_start, command);
+  add_names(*command, start.names, start.all);
+  add_timeout(*command, start.timeout);
+
+  stop_options& stop = add_command(app, out, "stop", "Set programs to stop, and wait for their end",
+                                   run_stop, command);
+  add_names(*command, stop.names, stop.all);
+  add_timeout(*command, stop.timeout);
+  command->add_flag("--force", stop.force, "Also where other processes have names that fit");
+
+  restart_options& restart = add_command(
+      app, out, "restart", "End programs, and wait for the new ones", run_restart, command);
+  add_names(*command, restart.names, restart.all);
+  add_timeout(*command, restart.timeout);
+  command->add_option("--signal", restart.signal, "What ends them (default: USR2)")
+      ->type_name("SIG");
+
+  signal_options& signal =
+      add_command(app, out, "signal", "Send a program a signal", run_signal, command);
+  command->add_option("NAME", signal.name, "The program")->required();
+  command->add_option("SIG", signal.signal, "Such as USR1, HUP or 9")->required();
+}
+
+void add_editing(CLI::App& app, request& out) {
+  CLI::App* command = nullptr;
+  add_options& add = add_command(app, out, "add", "List a program", run_add, command);
+  command->add_option("NAME", add.name, "Its name")->required();
+  command->add_option("--exepath", add.exepath, "Its file (default: NAME in the directory)")
+      ->type_name("PATH");
+  command->add_flag("--stopped", add.stopped, "Do not start it yet");
+  add_timeout(*command, add.timeout);
+
+  remove_options& remove =
+      add_command(app, out, "remove", "Stop a program and take it out", run_remove, command);
+  command->add_option("NAME", remove.name, "Its name")->required();
+  command->add_flag("--force", remove.force, "Also where other processes have names that fit");
+  add_timeout(*command, remove.timeout);
+
+  edit_options& edit = add_command(
+      app, out, "edit", "Change config/server.ini in an editor, checked", run_edit, command);
+  add_timeout(*command, edit.timeout);
+}
+
 /// `init` makes the directory, too.
 void make_directory_for(const request& asked) {
   if (asked.command != "init" || asked.directory.empty()) return;
@@ -140,6 +195,8 @@ int run_command_line(int argc, char** argv) {
   app.fallthrough();
   add_looking(app, asked);
   add_life(app, asked);
+  add_steering(app, asked);
+  add_editing(app, asked);
   add_checking(app, asked);
   try {
     app.parse(argc, argv);

@@ -60,6 +60,8 @@ need_build_tools() {
   need g++ command -v g++
   need cmake command -v cmake
   need ninja-build command -v ninja
+  need libcli11-dev test -e /usr/include/CLI/CLI.hpp
+  need nlohmann-json3-dev test -e /usr/include/nlohmann/json.hpp
 }
 
 # What the tests save the configuration with.

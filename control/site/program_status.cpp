@@ -46,14 +46,19 @@ bool may_have_given_up(const site& place) {
   return ends > kRestartLimit;
 }
 
-void judge_running(program_status& status) {
+void judge_running(program_status& status, const listed_program& entry) {
   if (!status.program) {
     status.now = actual::starting;
-  } else if (status.wanted == "stop") {
+    return;
+  }
+  status.now = actual::running;
+  if (!entry.wants_stop()) return;
+  const std::string skipped = why_skipped(entry);
+  if (skipped.empty()) {
     status.now = actual::stopping;
     status.why = "it has been told to end and still runs";
   } else {
-    status.now = actual::running;
+    status.why = "its entry is skipped, and so is the stop: " + skipped;
   }
 }
 
@@ -85,7 +90,7 @@ program_status status_of(const listed_program& entry, const running_program* run
   status.wanted = entry.state;
   if (running != nullptr) {
     take_processes(status, *running);
-    judge_running(status);
+    judge_running(status, entry);
   } else {
     judge_idle(status, entry, now, place);
   }

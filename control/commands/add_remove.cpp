@@ -1,0 +1,90 @@
+#include "control/commands/add_remove.h"
+
+#include "control/check/check_config.h"
+#include "control/commands/program_names.h"
+#include "control/commands/save_change.h"
+#include "control/commands/start_stop.h"
+#include "control/config/config_editor.h"
+#include "control/site/running_programs.h"
+#include "control/text/failure.h"
+
+namespace control {
+namespace {
+
+/// Only names are written that work in every place where a name is used.
+void require_usable_name(const std::string& name) {
+  const bool plain = is_plain_word(name) && name.find_first_of("/%.+@:,=") == std::string::npos;
+  if (name.size() >= 2 && name.size() <= 15 && plain && name.front() != '-') return;
+  throw failure("a program's name has 2 to 15 letters, digits, _ or -, and " + name +
+                " is none. Nothing was changed");
+}
+
+void require_runnable(const session& here, const add_options& options) {
+  listed_program program;
+  program.name = options.name;
+  program.exepath =
+      options.exepath.empty() ? here.place.directory + "/" + options.name : options.exepath;
+  if (!is_plain_word(program.exepath)) {
+    throw failure("the shell would split or expand the path " + program.exepath +
+                  ": give one of letters, digits and / . _ - only. Nothing was changed");
+  }
+  const std::string why = why_skipped(program);
+  if (!why.empty()) throw failure(why + ": keelmond would skip the entry. Nothing was changed");
+  const std::string seen = process_name_of(program.exepath);
+  if (matches_as_pattern(program.name, seen)) return;
+  throw failure("pgrep would see the program as " + seen +
+                ", so that keelmond could not end it as " + options.name +
+                ": name the entry like the file. Nothing was changed");
+}
+
+void require_unrelated(const session& here, const snapshot& now, const std::string& name) {
+  for (const listed_program& other : now.programs) {
+    if (!matches_as_pattern(name, process_name_of(other.exepath)) &&
+        !matches_as_pattern(other.name, name)) {
+      continue;
+    }
+    if (other.name == name) continue;
+    warn(here, "one of the names " + name + " and " + other.name +
+                   " is part of the other: to end the one ends both");
+  }
+}
+
+}  // namespace
+
+int run_add(const session& here, const add_options& options) {
+  require_usable_name(options.name);
+  require_runnable(here, options);
+  require_unrelated(here, here.look(), options.name);
+  const char* const state = options.stopped ? "stop" : "run";
+  const applied how = save_change(here, options.timeout, [&](const std::string& text) {
+    return config_editor::add_program(text, {options.name, options.exepath, state});
+  });
+  say("added " + options.name);
+  if (options.stopped || how != applied::loaded) return exit_status::kDone;
+  const auto left = wait_for_programs(here, {options.name}, true, options.timeout);
+  for (const std::string& text : left)
+    warn(here, text);
+  return left.empty() ? exit_status::kDone : exit_status::kFailed;
+}
+
+int run_remove(const session& here, const remove_options& options) {
+  // The exact name, and no pattern: what is gone has to be written anew.
+  const snapshot now = here.look();
+  if (now.find(options.name) == nullptr)
+    throw failure("there is no program " + options.name + " in config/server.ini");
+  const bool runs = now.find_running(options.name) != nullptr;
+  if (runs) {
+    const stop_options stop{{options.name}, false, options.force, options.timeout};
+    const int status = run_stop(here, stop);
+    if (status != exit_status::kDone) {
+      throw failure(options.name + " has not ended, so its entry stays");
+    }
+  }
+  save_change(here, options.timeout, [&](const std::string& text) {
+    return config_editor::remove_program(text, options.name);
+  });
+  say("removed " + options.name);
+  return exit_status::kDone;
+}
+
+}  // namespace control

@@ -1,0 +1,128 @@
+#include "control/commands/signals.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include "control/commands/program_names.h"
+#include "control/proc/process_handle.h"
+#include "control/text/failure.h"
+
+namespace control {
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+constexpr milliseconds kLookEvery{5};
+
+/// One program that is being restarted.
+struct restart {
+  std::string name;
+  process_handle old;
+  pid_t now = 0;
+};
+
+const process& running_process(const snapshot& now, const std::string& name) {
+  const running_program* const running = now.find_running(name);
+  if (running == nullptr || !running->program) {
+    throw failure(name + " does not run: `keelmondctl start " + name + "` starts it");
+  }
+  return *running->program;
+}
+
+void send(const process_handle& target, int signal, const std::string& name) {
+  if (target.send(signal)) return;
+  throw failure("cannot signal " + name + " (PID " + std::to_string(target.who().pid) +
+                "): " + std::strerror(errno));
+}
+
+/// Notes the new processes. @return whether all are there.
+bool look_for_new(const snapshot& now, std::vector<restart>& restarts) {
+  bool all = true;
+  for (restart& one : restarts) {
+    const running_program* const running = now.find_running(one.name);
+    if (running != nullptr && running->program && !running->program->same_as(one.old.who()))
+      one.now = running->program->pid;
+    all = all && one.now != 0;
+  }
+  return all;
+}
+
+int report(const session& here, const std::vector<restart>& restarts) {
+  int status = exit_status::kDone;
+  for (const restart& one : restarts) {
+    const std::string old = std::to_string(one.old.who().pid);
+    if (one.now != 0) {
+      say(one.name + " was PID " + old + " and is PID " + std::to_string(one.now));
+      continue;
+    }
+    status = exit_status::kFailed;
+    warn(here,
+         one.old.has_ended()
+             ? one.name + " (PID " + old +
+                   ") has ended and was not started again in time; see `keelmondctl status`"
+             : one.name + " (PID " + old + ") has not ended; --signal KILL leaves it no choice");
+  }
+  return status;
+}
+
+void require_supervised(const snapshot& now, const std::string& name) {
+  const listed_program* const listed = now.find(name);
+  if (listed != nullptr && !listed->wants_run()) {
+    throw failure(name + " is set to \"" + listed->state +
+                  "\" and would not be started again: `keelmondctl start " + name + "`");
+  }
+}
+
+}  // namespace
+
+int parse_signal(const std::string& text) {
+  int number = 0;
+  const char* const last = text.data() + text.size();
+  const auto [end, error] = std::from_chars(text.data(), last, number);
+  if (error == std::errc{} && end == last && number > 0 && number <= SIGRTMAX) return number;
+  const std::string name = text.starts_with("SIG") ? text.substr(3) : text;
+  for (int signal = 1; signal < SIGRTMIN; ++signal) {
+    const char* const known = ::sigabbrev_np(signal);
+    if (known != nullptr && name == known) return signal;
+  }
+  throw failure(
+      "there is no signal " + text + ": give a name such as USR1, TERM or HUP, or a number",
+      exit_status::kUsage);
+}
+
+int run_restart(const session& here, const restart_options& options) {
+  const int signal = parse_signal(options.signal);
+  const auto end = steady::now() + options.timeout;
+  const snapshot now = here.look();
+  need_daemon(here, now);
+  std::vector<restart> restarts;
+  for (const std::string& name : pick_programs(now, options.names, options.all)) {
+    const listed_program* const listed = now.find(name);
+    // Of all programs, those that are not to run are left out; one that was asked for is not.
+    if (options.all && listed != nullptr && !listed->wants_run()) continue;
+    require_supervised(now, name);
+    restarts.push_back({name, process_handle(here.proc, running_process(now, name))});
+  }
+  for (const restart& one : restarts)
+    send(one.old, signal, one.name);
+  while (!look_for_new(here.look(), restarts) && steady::now() < end)
+    std::this_thread::sleep_for(kLookEvery);
+  return report(here, restarts);
+}
+
+int run_signal(const session& here, const signal_options& options) {
+  const int signal = parse_signal(options.signal);
+  const snapshot now = here.look();
+  const process target = running_process(now, options.name);
+  send(process_handle(here.proc, target), signal, options.name);
+  say("sent " + options.signal + " to " + options.name + " (PID " + std::to_string(target.pid) +
+      ")");
+  return exit_status::kDone;
+}
+
+}  // namespace control
