@@ -15,11 +15,15 @@
 #include "control/commands/down.h"
 #include "control/commands/edit.h"
 #include "control/commands/init.h"
+#include "control/commands/log.h"
+#include "control/commands/metrics.h"
 #include "control/commands/reload.h"
 #include "control/commands/signals.h"
 #include "control/commands/start_stop.h"
 #include "control/commands/status.h"
 #include "control/commands/up.h"
+#include "control/commands/wait.h"
+#include "control/completion.h"
 #include "control/text/failure.h"
 #include "control/text/quantity.h"
 
@@ -46,16 +50,17 @@ Options& add_command(CLI::App& app, request& out, const std::string& name, const
   return *options;
 }
 
+std::chrono::milliseconds to_duration(const std::string& text) {
+  const auto duration = parse_duration(text);
+  if (!duration) throw CLI::ValidationError("--timeout", text + " is no duration");
+  return *duration;
+}
+
 void add_timeout(CLI::App& command, std::chrono::milliseconds& out) {
   command
       .add_option_function<std::string>(
-          "--timeout",
-          [&out](const std::string& text) {
-            const auto limit = parse_duration(text);
-            if (!limit) throw CLI::ValidationError("--timeout", text + " is no duration");
-            out = *limit;
-          },
-          "How long to wait, such as 500ms, 10s or 2m (default " +
+          "--timeout", [&out](const std::string& text) { out = to_duration(text); },
+          "How long to wait, such as 500ms, 10s or 2m (default: " +
               format_short_duration(static_cast<double>(out.count()) / 1000) + ")")
       ->type_name("TIME");
 }
@@ -158,6 +163,92 @@ void add_editing(CLI::App& app, request& out) {
   add_timeout(*command, edit.timeout);
 }
 
+void add_reporting(CLI::App& app, request& out) {
+  CLI::App* command = nullptr;
+  log_options& log = add_command(app, out, "log", "Show what has happened", run_log, command);
+  command
+      ->add_option_function<std::size_t>(
+          "-n",
+          [&log](std::size_t count) {
+            log.count = count;
+            log.count_given = true;
+          },
+          "How many events (default: 20)")
+      ->type_name("N");
+  command->add_flag("-f,--follow", log.follow, "Go on with what happens");
+  command->add_option("--since", log.since, "Such as 10m, 2h or '2026-11-15 10:00'")
+      ->type_name("TIME");
+  command->add_flag("--json", log.json, "For programs; see docs/keelmondctl.md");
+
+  metrics_options& metrics =
+      add_command(app, out, "metrics", "Write figures for Prometheus", run_metrics, command);
+  command
+      ->add_option_function<std::string>(
+          "--textfile",
+          [&metrics](const std::string& path) {
+            metrics.textfile = std::filesystem::absolute(path).string();
+          },
+          "To a file, for the node exporter")
+      ->type_name("PATH");
+
+  wait_options& wait = add_command(app, out, "wait", "Wait until programs are alive or have ended",
+                                   run_wait, command);
+  command->add_option("NAME", wait.names, "Programs")->required();
+  CLI::Option* const up = command->add_flag("--up", wait.up, "Until they are alive (the default)");
+  command->add_flag("--down", wait.down, "Until they have ended")->excludes(up);
+  command
+      ->add_option_function<std::string>(
+          "--timeout", [&wait](const std::string& text) { wait.timeout = to_duration(text); },
+          "How long to wait, such as 10s (default: without end)")
+      ->type_name("TIME");
+}
+
+/// What completions offer is what the parser takes.
+std::vector<completed_command> commands_of(CLI::App& app) {
+  std::vector<completed_command> commands;
+  for (const CLI::App* const command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    if (command->get_group().empty()) continue;
+    completed_command one;
+    one.name = command->get_name();
+    one.description = command->get_description();
+    for (const CLI::Option* const option : command->get_options()) {
+      for (const std::string& name : option->get_snames())
+        one.options.push_back("-" + name);
+      for (const std::string& name : option->get_lnames())
+        one.options.push_back("--" + name);
+      one.takes_names = one.takes_names || option->get_name() == "NAME";
+      one.takes_file = one.takes_file || option->get_name() == "FILE";
+    }
+    commands.push_back(std::move(one));
+  }
+  return commands;
+}
+
+void add_completion(CLI::App& app, request& out) {
+  CLI::App* const completion = app.add_subcommand("completion", "Print a completion script");
+  auto shell = std::make_shared<std::string>();
+  completion->add_option("SHELL", *shell, "bash, zsh or fish")
+      ->required()
+      ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+  completion->callback([&app, &out, shell] {
+    out.command = "completion";
+    out.run = [&app, shell](const session&) {
+      std::fputs(completion_script(*shell, commands_of(app)).c_str(), stdout);
+      return exit_status::kDone;
+    };
+  });
+
+  // For the scripts, and therefore not listed.
+  app.add_subcommand("names", "")->group("")->callback([&out] {
+    out.command = "names";
+    out.run = [](const session& here) {
+      for (const listed_program& program : here.look().programs)
+        say(program.name);
+      return exit_status::kDone;
+    };
+  });
+}
+
 /// `init` makes the directory, too.
 void make_directory_for(const request& asked) {
   if (asked.command != "init" || asked.directory.empty()) return;
@@ -198,6 +289,8 @@ int run_command_line(int argc, char** argv) {
   add_steering(app, asked);
   add_editing(app, asked);
   add_checking(app, asked);
+  add_reporting(app, asked);
+  add_completion(app, asked);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

@@ -222,11 +222,17 @@ std::uint64_t proc_dir::memory(pid_t pid) const {
     std::string_view value = field_of(text, "Pss");
     if (parse_number(next_word(value), amount)) return amount * 1024;
   }
+  return resident(pid);
+}
+
+std::uint64_t proc_dir::resident(pid_t pid) const {
+  std::string text;
+  std::uint64_t pages = 0;
   if (!read(pid, "statm", text)) return 0;
   std::string_view rest = text;
   next_word(rest);
-  if (!parse_number(next_word(rest), amount)) return 0;
-  return amount * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
+  if (!parse_number(next_word(rest), pages)) return 0;
+  return pages * static_cast<std::uint64_t>(::sysconf(_SC_PAGESIZE));
 }
 
 std::optional<uid_t> proc_dir::user(pid_t pid) const {

@@ -51,6 +51,8 @@ class proc_dir final {
   [[nodiscard]] std::string link(pid_t pid, const char* name) const;
   /// Proportional set size in bytes; the resident size where only that may be seen; 0 when neither.
   [[nodiscard]] std::uint64_t memory(pid_t pid) const;
+  /// What of it is in memory, shared or not, in bytes.
+  [[nodiscard]] std::uint64_t resident(pid_t pid) const;
   /// The user that it acts as.
   [[nodiscard]] std::optional<uid_t> user(pid_t pid) const;
 

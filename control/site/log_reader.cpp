@@ -94,6 +94,14 @@ std::string_view without_end(std::string_view line) {
   return line;
 }
 
+/// Hands out what can be read, piece by piece.
+template <typename Handler>
+void for_each_piece(int fd, Handler handle) {
+  std::vector<char> chunk(std::size_t{64} * 1024);
+  for (ssize_t got; (got = ::read(fd, chunk.data(), chunk.size())) > 0;)
+    handle(std::string_view(chunk.data(), static_cast<std::size_t>(got)));
+}
+
 }  // namespace
 
 void log_parser::feed(std::string_view piece) {
@@ -161,13 +169,11 @@ std::vector<log_event> read_last_events(const std::string& path, std::int64_t by
   const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file.valid()) return {};
   const off_t size = ::lseek(file.get(), 0, SEEK_END);
-  const off_t begin = std::max<off_t>(size - bytes, 0);
+  const off_t begin = std::max<off_t>(size - std::min<off_t>(bytes, size), 0);
   ::lseek(file.get(), begin, SEEK_SET);
   log_parser parser;
-  std::vector<char> chunk(std::size_t{64} * 1024);
   bool at_line = begin == 0;
-  for (ssize_t got; (got = ::read(file.get(), chunk.data(), chunk.size())) > 0;) {
-    std::string_view piece(chunk.data(), static_cast<std::size_t>(got));
+  for_each_piece(file.get(), [&](std::string_view piece) {
     if (!at_line) {
       // What is left of the line in which the reading began.
       const std::size_t end = piece.find('\n');
@@ -175,9 +181,26 @@ std::vector<log_event> read_last_events(const std::string& path, std::int64_t by
       piece.remove_prefix(at_line ? end + 1 : piece.size());
     }
     parser.feed(piece);
-  }
+  });
   parser.finish();
   return parser.take();
+}
+
+log_counts count_events(const std::string& path) {
+  const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  log_counts counts;
+  std::string rest;
+  for_each_piece(file.get(), [&](std::string_view piece) {
+    rest += piece;
+    std::string_view whole = rest;
+    for (std::size_t end; (end = whole.find('\n')) != std::string_view::npos;) {
+      counts.launched += whole.starts_with(kLaunched) ? 1U : 0U;
+      counts.ended += whole.starts_with(kEnded) ? 1U : 0U;
+      whole.remove_prefix(end + 1);
+    }
+    rest.erase(0, rest.size() - whole.size());
+  });
+  return counts;
 }
 
 }  // namespace control

@@ -58,6 +58,13 @@ class log_parser final {
 /// The time of an event in seconds since 1970; 0 when it has none.
 std::int64_t seconds_of(const log_event& event);
 
+/// How many programs a log says were started and have ended.
+struct log_counts {
+  std::uint64_t launched = 0;
+  std::uint64_t ended = 0;
+};
+log_counts count_events(const std::string& path);
+
 /// The last events of a log, from its last `bytes` on. None when it cannot be read.
 std::vector<log_event> read_last_events(const std::string& path, std::int64_t bytes);
 

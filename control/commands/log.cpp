@@ -1,0 +1,135 @@
+#include "control/commands/log.h"
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <limits>
+
+#include "control/site/log_follower.h"
+#include "control/site/log_names.h"
+#include "control/text/failure.h"
+#include "control/text/quantity.h"
+#include "control/text/table.h"
+
+namespace control {
+namespace {
+
+using kind = log_event::kind;
+
+/// What the last events are looked for in first; each takes about half of this at most.
+constexpr std::int64_t kBytesForEvent = 256;
+
+const char* name_of(kind what) {
+  switch (what) {
+    case kind::supervisor_started:
+      return "supervisor_started";
+    case kind::supervisor_ended:
+      return "supervisor_ended";
+    case kind::launched:
+      return "program_started";
+    case kind::ended:
+      return "program_ended";
+    case kind::not_executable:
+      return "not_executable";
+    case kind::refused:
+      return "refused";
+    case kind::other:
+      return "other";
+  }
+  return "other";
+}
+
+std::string text_of(const log_event& event) {
+  const std::string who = event.program.empty() ? "a program" : event.program;
+  switch (event.what) {
+    case kind::supervisor_started:
+      return "keelmond was started by PID " + std::to_string(event.pid);
+    case kind::supervisor_ended:
+      return "keelmond closed its log";
+    case kind::launched:
+      return who + " was started (copy PID " + std::to_string(event.pid) + ")";
+    case kind::ended:
+      return who + " ended";
+    default:
+      return event.message;
+  }
+}
+
+std::string json_of(const log_event& event) {
+  using nlohmann::ordered_json;
+  const std::int64_t seconds = seconds_of(event);
+  const ordered_json line = {
+      {"time", seconds == 0 ? ordered_json() : ordered_json(format_utc(seconds))},
+      {"event", name_of(event.what)},
+      {"program", event.program.empty() ? ordered_json() : ordered_json(event.program)},
+      {"pid", event.pid == 0 ? ordered_json() : ordered_json(event.pid)},
+      {"message", event.message}};
+  return line.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+void print(const session& here, const std::vector<log_event>& events, bool json) {
+  for (const log_event& event : events) {
+    std::string line = json_of(event);
+    if (!json) {
+      const std::string time = event.time.empty() ? std::string(19, '-') : event.time;
+      line = here.out.painted(time, tone::faint) + "  " + printable(text_of(event));
+    }
+    std::printf("%s\n", line.c_str());
+  }
+  std::fflush(stdout);
+}
+
+std::vector<log_event> past_events(const session& here, const log_options& options) {
+  const bool all = !options.since.empty();
+  const std::size_t count =
+      all && !options.count_given ? std::numeric_limits<std::size_t>::max() : options.count;
+  const std::int64_t bytes =
+      all ? std::numeric_limits<std::int64_t>::max()
+          : static_cast<std::int64_t>(std::min<std::size_t>(count, 1U << 24U)) * kBytesForEvent +
+                4096;
+  std::vector<log_event> events = read_last_events(here.place.log_file(), bytes);
+  if (all) {
+    const auto since = parse_moment(options.since, static_cast<std::int64_t>(std::time(nullptr)));
+    if (!since) {
+      throw failure("\"" + options.since +
+                        "\" is no time: give 10m, 2h, 2026-11-15 or "
+                        "\"2026-11-15 10:00\"",
+                    exit_status::kUsage);
+    }
+    std::erase_if(events, [&](const log_event& event) { return seconds_of(event) < *since; });
+  }
+  if (events.size() > count)
+    events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(count));
+  return events;
+}
+
+[[noreturn]] void follow(const session& here, log_follower& follower, log_names& names, bool json) {
+  for (;;) {
+    std::vector<log_event> events = follower.read();
+    if (!events.empty()) {
+      names.name(events, here.look(), true);
+      print(here, events, json);
+    }
+    follower.wait();
+  }
+}
+
+}  // namespace
+
+int run_log(const session& here, const log_options& options) {
+  // Before the past is read, so that nothing falls between.
+  log_follower follower(here.place.log_file());
+  std::vector<log_event> events = past_events(here, options);
+  const snapshot now = here.look();
+  log_names names;
+  names.name(events, now, false);
+  print(here, events, options.json);
+  if (options.follow) follow(here, follower, names, options.json);
+  if (events.empty() && options.since.empty())
+    warn(here, "there is nothing in " + here.place.log_file());
+  return exit_status::kDone;
+}
+
+}  // namespace control

@@ -1,0 +1,104 @@
+#include "control/commands/wait.h"
+
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdint>
+
+#include "common/misc/unique_fd.h"
+#include "control/commands/program_names.h"
+#include "control/proc/process_handle.h"
+#include "control/text/failure.h"
+
+namespace control {
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+/// Between a launch, which is announced, and the program's first instruction, which is not.
+constexpr milliseconds kLaunching{5};
+
+/// Tells that something happens in the supervisor's directory: the daemon starts or ends, or notes
+/// the start or the end of a program in its log.
+class site_events final {
+ public:
+  explicit site_events(const site& place) : fd_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
+    const std::uint32_t what = IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_TO;
+    if (!fd_.valid() || ::inotify_add_watch(fd_.get(), place.directory.c_str(), what) < 0)
+      throw failure("cannot watch " + place.directory + ": there are too many watches");
+  }
+  [[nodiscard]] int fd() const { return fd_.get(); }
+  void clear() const {
+    char events[8192];
+    while (::read(fd_.get(), events, sizeof events) > 0) {
+    }
+  }
+
+ private:
+  unique_fd fd_;
+};
+
+/// How things stand with the programs that are waited for.
+struct standing {
+  std::vector<std::string> missing;     ///< Not as wanted.
+  bool launching = false;               ///< One of them is on its way.
+  std::vector<process_handle> running;  ///< Whose end would be a change.
+};
+
+standing look(const session& here, const wait_options& options) {
+  standing found;
+  const snapshot now = here.look();
+  for (const std::string& name : options.names) {
+    const running_program* const running = now.find_running(name);
+    const bool is_up = running != nullptr && running->program;
+    const bool is_down = running == nullptr;
+    if (options.down ? is_down : is_up) continue;
+    found.missing.push_back(name);
+    found.launching = found.launching || (!is_up && !is_down);
+    if (!is_down) found.running.emplace_back(here.proc, running->copy);
+  }
+  if (now.search.daemon) found.running.emplace_back(here.proc, *now.search.daemon);
+  return found;
+}
+
+int left_until(const std::optional<steady::time_point>& end) {
+  if (!end) return -1;
+  const auto left = std::chrono::duration_cast<milliseconds>(*end - steady::now()).count();
+  return static_cast<int>(std::clamp<long>(left, 0, INT_MAX));
+}
+
+void sleep_until_something_happens(const site_events& events, const standing& now, int limit) {
+  std::vector<pollfd> requests = {{events.fd(), POLLIN, 0}};
+  for (const process_handle& one : now.running) {
+    // One that has ended already is a change that the last look did not see.
+    if (!one.valid()) return;
+    requests.push_back({one.fd(), POLLIN, 0});
+  }
+  const int at_most = static_cast<int>(kLaunching.count());
+  if (now.launching) limit = limit < 0 ? at_most : std::min(limit, at_most);
+  ::poll(requests.data(), requests.size(), limit);
+  events.clear();
+}
+
+}  // namespace
+
+int run_wait(const session& here, const wait_options& options) {
+  std::optional<steady::time_point> end;
+  if (options.timeout) end = steady::now() + *options.timeout;
+  pick_programs(here.look(), options.names, false);
+  const site_events events(here.place);
+  for (;;) {
+    const standing now = look(here, options);
+    if (now.missing.empty()) return exit_status::kDone;
+    if (end && steady::now() >= *end) {
+      throw failure((options.down ? "still running: " : "not alive: ") + joined(now.missing));
+    }
+    sleep_until_something_happens(events, now, left_until(end));
+  }
+}
+
+}  // namespace control

@@ -1,0 +1,204 @@
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+#include <string>
+
+#include "tests/e2e/control/control_command.h"
+#include "tests/e2e/support/installation.h"
+#include "tests/support/wait_until.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+/// The value of a metric's line; "" when there is none.
+std::string value_of(const std::string& metrics, const std::string& name) {
+  std::istringstream lines(metrics);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with(name + " ")) return line.substr(name.size() + 1);
+  }
+  return "";
+}
+
+/// Every line of the text format is a comment or a name, labels and a number, and each metric is
+/// declared before its first value and once.
+void expect_well_formed(const std::string& metrics) {
+  std::istringstream lines(metrics);
+  std::string declared;
+  for (std::string line; std::getline(lines, line);) {
+    if (line.starts_with("# TYPE ")) {
+      const std::string name = line.substr(7, line.find(' ', 7) - 7);
+      EXPECT_FALSE(contains(declared, "<" + name + ">")) << line;
+      declared += "<" + name + ">";
+      EXPECT_TRUE(line.ends_with(name.ends_with("_total") ? " counter" : " gauge")) << line;
+    } else if (!line.starts_with("# HELP ")) {
+      const std::string name = line.substr(0, line.find_first_of("{ "));
+      EXPECT_TRUE(contains(declared, "<" + name + ">")) << line;
+      char* end = nullptr;
+      std::strtod(line.substr(line.rfind(' ') + 1).c_str(), &end);
+      EXPECT_EQ(*end, '\0') << line;
+    }
+  }
+  EXPECT_TRUE(metrics.ends_with('\n'));
+}
+
+}  // namespace
+
+TEST(control_log, shows_an_event_on_a_line_with_its_time_and_program) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  place.start();
+  const pid_t first = place.wait_running(name);
+  ::kill(first, SIGKILL);
+  place.wait_running(name, 2);
+  ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 2; }));
+  const control_result log = control(place, {"log"});
+  EXPECT_EQ(log.status, 0) << log.errors;
+  EXPECT_EQ(count(log.output, "\n"), 4U) << log.output;
+  EXPECT_TRUE(contains(log.output, "  keelmond was started by PID ")) << log.output;
+  EXPECT_TRUE(contains(log.output, "  a program was started (copy PID ")) << log.output;
+  EXPECT_TRUE(contains(log.output, "  a program ended\n")) << log.output;
+  EXPECT_TRUE(contains(log.output, "  " + name + " was started (copy PID ")) << log.output;
+  EXPECT_EQ(count(control(place, {"log", "-n", "1"}).output, "\n"), 1U);
+  EXPECT_EQ(count(control(place, {"log", "--since", "1h"}).output, "\n"), 4U);
+  EXPECT_EQ(control(place, {"log", "--since", "0s"}).status, 0);
+  EXPECT_EQ(control(place, {"log", "--since", "tomorrow"}).status, 2);
+  const std::string json = control(place, {"log", "-n", "1", "--json"}).output;
+  EXPECT_EQ(nlohmann::json::parse(json).at("program"), name);
+  EXPECT_EQ(nlohmann::json::parse(json).at("event"), "program_started");
+}
+
+TEST(control_log, follows_what_happens_and_names_the_program_that_ended) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  place.start();
+  const pid_t first = place.wait_running(name);
+  ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 1; }));
+  running_control log(place, {"log", "-f", "-n", "1"});
+  ASSERT_TRUE(wait_until([&] { return count(log.output(), "\n") == 1; }));
+  ::kill(first, SIGKILL);
+  EXPECT_TRUE(wait_until([&] { return contains(log.output(), name + " ended\n"); }))
+      << log.output();
+  EXPECT_TRUE(wait_until([&] { return count(log.output(), name + " was started") == 2; }))
+      << log.output();
+}
+
+TEST(control_log, survives_rotation) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  place.start();
+  place.wait_running(name);
+  ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 1; }));
+  running_control log(place, {"log", "-f", "-n", "1"});
+  ASSERT_TRUE(wait_until([&] { return count(log.output(), "\n") == 1; }));
+  // Emptied, as copytruncate does, and then renamed.
+  fs::resize_file(place.site() / "keelmond.log", 0);
+  ::kill(place.running(name).at(0), SIGKILL);
+  EXPECT_TRUE(wait_until([&] { return count(log.output(), "was started") == 2; })) << log.output();
+  fs::rename(place.site() / "keelmond.log", place.site() / "keelmond.log.1");
+  write_file(place.site() / "keelmond.log", "keelmond Start PID: 4711 \r\n2026-11-15 10:02:03\r\n");
+  EXPECT_TRUE(wait_until([&] { return contains(log.output(), "PID 4711\n"); })) << log.output();
+}
+
+TEST(control_wait, returns_when_programs_are_alive_or_have_ended) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  running_control up(place, {"wait", name});
+  EXPECT_EQ(control(place, {"wait", name, "--timeout", "100ms"}).status, 1);
+  EXPECT_EQ(control(place, {"wait", name, "--down"}).status, 0);
+  ASSERT_EQ(control(place, {"up"}).status, 0);
+  EXPECT_EQ(up.wait().status, 0) << up.errors();
+  running_control down(place, {"wait", "--down", name});
+  EXPECT_EQ(control(place, {"wait", name, "--up"}).status, 0);
+  EXPECT_EQ(control(place, {"stop", name}).status, 0);
+  EXPECT_EQ(down.wait().status, 0) << down.errors();
+  EXPECT_EQ(control(place, {"wait", "kmc_none"}).status, 1);
+  EXPECT_EQ(control(place, {"wait"}).status, 2);
+}
+
+TEST(control_wait, sleeps_while_nothing_happens) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  place.start();
+  place.wait_running(name);
+  running_control wait(place, {"wait", "--down", name});
+  const auto switches = [&] {
+    return process_table::status_field(wait.pid(), "voluntary_ctxt_switches");
+  };
+  ASSERT_TRUE(wait_until([&] { return !switches().empty(); }));
+  ASSERT_TRUE(wait_until([&] {
+    const std::string before = switches();
+    return keeps([&] { return switches() == before; });
+  }));
+}
+
+TEST(control_metrics, are_in_the_text_format) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name), {"kmc_\"odd", "", "stop"}});
+  place.start();
+  place.wait_running(name);
+  ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 1; }));
+  const control_result done = control(place, {"metrics"});
+  EXPECT_EQ(done.status, 0) << done.errors;
+  expect_well_formed(done.output);
+  const std::string labels = "{program=\"" + name + "\"}";
+  EXPECT_EQ(value_of(done.output, "keelmond_up"), "1");
+  EXPECT_EQ(value_of(done.output, "keelmond_program_up" + labels), "1");
+  EXPECT_EQ(value_of(done.output, "keelmond_program_wanted" + labels), "1");
+  EXPECT_EQ(value_of(done.output, "keelmond_program_up{program=\"kmc_\\\"odd\"}"), "0");
+  EXPECT_GT(
+      std::atol(value_of(done.output, "keelmond_program_resident_memory_bytes" + labels).c_str()),
+      4096);
+  EXPECT_EQ(value_of(done.output, "keelmond_program_starts_total"), "1");
+  EXPECT_EQ(value_of(done.output, "keelmond_program_ends_total"), "0");
+}
+
+TEST(control_metrics, replace_a_file_whole) {
+  installation place;
+  const std::string file = (place.site() / "keelmond.prom").string();
+  const control_result done = control(place, {"metrics", "--textfile", file});
+  EXPECT_EQ(done.status, 0) << done.errors;
+  EXPECT_EQ(done.output, "");
+  expect_well_formed(read_file(file));
+  EXPECT_EQ(value_of(read_file(file), "keelmond_up"), "0");
+  EXPECT_EQ(control(place, {"metrics", "--textfile", "/nonexistent/file"}).status, 1);
+}
+
+TEST(control_completion, knows_commands_options_and_programs) {
+  installation place;
+  place.save({{"kmc_alpha", "", "stop"}, {"kmc_beta", "", "stop"}});
+  const control_result bash = control(place, {"completion", "bash"});
+  ASSERT_EQ(bash.status, 0) << bash.errors;
+  write_file(place.site() / "complete.sh",
+             bash.output + "\nPATH=" + fs::path(KEELMONDCTL_BINARY).parent_path().string() +
+                 ":$PATH\n"
+                 "try() { COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _keelmondctl;"
+                 " echo \"${COMPREPLY[*]}\"; }\n"
+                 "try keelmondctl sta\ntry keelmondctl -C . restart kmc_\n"
+                 "try keelmondctl down --k\n");
+  const std::string command = "cd " + place.site().string() + " && bash complete.sh > out 2>&1";
+  ASSERT_EQ(std::system(command.c_str()), 0) << place.read("out");
+  EXPECT_EQ(place.read("out"), "status start\nkmc_alpha kmc_beta\n--kill\n");
+  for (const char* const shell : {"zsh", "fish"}) {
+    const control_result script = control(place, {"completion", shell});
+    EXPECT_EQ(script.status, 0);
+    EXPECT_TRUE(contains(script.output, "restart")) << script.output;
+    EXPECT_FALSE(contains(script.output, "'names")) << script.output;
+  }
+  EXPECT_EQ(control(place, {"completion", "tcsh"}).status, 2);
+}
