@@ -81,6 +81,13 @@ void add_life(CLI::App& app, request& out) {
   up_options& up =
       add_command(app, out, "up", "Start keelmond and wait for its programs", run_up, command);
   add_timeout(*command, up.timeout);
+  CLI::Option* const foreground = command->add_flag(
+      "--foreground", up.foreground, "Stay: for containers, systemd and other supervisors");
+  command
+      ->add_flag_callback(
+          "--no-restart", [&up] { up.restart = false; },
+          "In the foreground: end when keelmond was killed")
+      ->needs(foreground);
 
   down_options& down =
       add_command(app, out, "down", "End keelmond and its programs", run_down, command);
@@ -97,7 +104,9 @@ void add_looking(CLI::App& app, request& out) {
   status_options& status =
       add_command(app, out, "status", "Show the programs and what they do", run_status, command);
   command->add_option("NAME", status.names, "Programs, or patterns such as 'kmd_*'");
-  command->add_flag("--json", status.json, "For programs; see docs/keelmondctl.md");
+  CLI::Option* const json =
+      command->add_flag("--json", status.json, "For programs; see docs/keelmondctl.md");
+  command->add_flag("--watch", status.watch, "Again and again, until q is pressed")->excludes(json);
 }
 
 void add_checking(CLI::App& app, request& out) {

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "control/commands/status_report.h"
+#include "control/commands/status_watch.h"
 #include "control/site/name_filter.h"
 
 namespace control {
@@ -28,6 +29,7 @@ bool is_up(const program_status& one) {
 }  // namespace
 
 int run_status(const session& here, const status_options& options) {
+  if (options.watch) return watch_status(here, options);
   const snapshot now = here.look();
   std::vector<program_status> programs = list_programs(now, here.place);
   std::vector<std::string> names;

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <thread>
 
+#include "control/commands/foreground.h"
 #include "control/config/config_save.h"
 #include "control/site/daemon_start.h"
 #include "control/site/ending.h"
@@ -110,7 +111,7 @@ process launch_daemon(const session& here, milliseconds limit) {
   return await_daemon(here, limit);
 }
 
-int run_up(const session& here, const up_options& options) {
+int bring_up(const session& here, const up_options& options) {
   require_config(here, here.look());
   {
     const config_lock alone(here.place.config_file());
@@ -124,6 +125,14 @@ int run_up(const session& here, const up_options& options) {
     }
   }
   return wait_for_programs(here, options.timeout);
+}
+
+int run_up(const session& here, const up_options& options) {
+  if (!options.foreground) return bring_up(here, options);
+  become_reaper();
+  // Programs that cannot be started are no reason to leave those that can.
+  bring_up(here, options);
+  return stay_with_daemon(here, options);
 }
 
 }  // namespace control

@@ -1,0 +1,200 @@
+#include "control/commands/foreground.h"
+
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <thread>
+
+#include "common/misc/unique_fd.h"
+#include "control/commands/down.h"
+#include "control/commands/reload.h"
+#include "control/proc/process_handle.h"
+#include "control/text/failure.h"
+
+namespace control {
+namespace {
+
+using std::chrono::milliseconds;
+using steady = std::chrono::steady_clock;
+
+/// How long programs that were left over are given to end by themselves.
+constexpr milliseconds kGrace{5000};
+/// A daemon that is killed sooner than this is not started again at once.
+constexpr milliseconds kLived{1000};
+
+sigset_t own_signals() {
+  sigset_t set;
+  ::sigemptyset(&set);
+  for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD})
+    ::sigaddset(&set, signal);
+  return set;
+}
+
+/// Tells whoever started this process what state it is in, if he wants to know.
+void notify(std::string_view state) {
+  const char* const path = std::getenv("NOTIFY_SOCKET");
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path == nullptr || *path == '\0' || std::strlen(path) >= sizeof address.sun_path) return;
+  std::strcpy(address.sun_path, path);
+  // A name that begins with "@" is one of the abstract kind, which a zero begins.
+  if (address.sun_path[0] == '@') address.sun_path[0] = '\0';
+  const unique_fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path));
+  ::sendto(socket.get(), state.data(), state.size(), MSG_NOSIGNAL,
+           reinterpret_cast<const sockaddr*>(&address), size);
+}
+
+/// Waits on the daemon's behalf.
+class watch_over final {
+ public:
+  watch_over(const session& here, const up_options& options)
+      : here_(here), options_(options), signals_(make_signals()) {}
+
+  int run();
+
+ private:
+  enum class event { none, end, reload, gone };
+
+  static unique_fd make_signals() {
+    const sigset_t set = own_signals();
+    unique_fd fd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd.valid()) throw failure(std::string("cannot wait for signals: ") + std::strerror(errno));
+    return fd;
+  }
+
+  void find();
+  void reap();
+  event next();
+  void reload() const;
+  int end();
+  std::optional<int> after_end();
+  void start_again();
+
+  const session& here_;
+  const up_options& options_;
+  unique_fd signals_;
+  process daemon_;
+  std::optional<process_handle> handle_;
+  /// How the daemon ended, once it was reaped.
+  std::optional<int> status_;
+  steady::time_point found_at_;
+};
+
+void watch_over::find() {
+  daemon_ = need_daemon(here_, here_.look());
+  handle_.emplace(here_.proc, daemon_);
+  status_.reset();
+  found_at_ = steady::now();
+}
+
+void watch_over::reap() {
+  int status = 0;
+  for (pid_t ended; (ended = ::waitpid(-1, &status, WNOHANG)) > 0;) {
+    if (ended == daemon_.pid) status_ = status;
+  }
+}
+
+watch_over::event watch_over::next() {
+  pollfd requests[] = {{signals_.get(), POLLIN, 0}, {handle_->fd(), POLLIN, 0}};
+  ::poll(requests, 2, -1);
+  reap();
+  signalfd_siginfo signal{};
+  while (::read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
+    if (signal.ssi_signo == SIGHUP) return event::reload;
+    if (signal.ssi_signo != SIGCHLD) return event::end;
+  }
+  return handle_->has_ended() ? event::gone : event::none;
+}
+
+void watch_over::reload() const {
+  try {
+    run_reload(here_, {});
+  } catch (const failure& why) {
+    warn(here_, why.what());
+  }
+}
+
+int watch_over::end() {
+  notify("STOPPING=1");
+  const int status = run_down(here_, {options_.timeout, true});
+  reap();
+  return status;
+}
+
+/// @return the exit status, or nothing when the daemon was started again.
+std::optional<int> watch_over::after_end() {
+  reap();
+  // A daemon that somebody else started before is not ours to reap; what it left behind tells.
+  const bool asked = status_ ? WIFEXITED(*status_) : !here_.look().search.pid_file;
+  if (asked) {
+    end_left_over(here_, here_.look(), kGrace);
+    say("keelmond has ended");
+    return exit_status::kDone;
+  }
+  warn(here_,
+       "keelmond (PID " + std::to_string(daemon_.pid) + ") was killed" +
+           (status_ && WIFSIGNALED(*status_) ? " by signal " + std::to_string(WTERMSIG(*status_))
+                                             : std::string()));
+  if (!options_.restart) {
+    end_left_over(here_, here_.look(), kGrace);
+    return exit_status::kFailed;
+  }
+  start_again();
+  return std::nullopt;
+}
+
+void watch_over::start_again() {
+  if (steady::now() - found_at_ < kLived) std::this_thread::sleep_for(kLived);
+  up_options again = options_;
+  again.timeout = std::max(options_.timeout, kGrace);
+  bring_up(here_, again);
+  reap();
+  find();
+}
+
+int watch_over::run() {
+  find();
+  notify("READY=1");
+  for (;;) {
+    switch (next()) {
+      case event::end:
+        return end();
+      case event::reload:
+        reload();
+        break;
+      case event::gone:
+        if (const auto status = after_end()) return *status;
+        break;
+      case event::none:
+        break;
+    }
+  }
+}
+
+}  // namespace
+
+void become_reaper() {
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  const sigset_t set = own_signals();
+  ::sigprocmask(SIG_BLOCK, &set, nullptr);
+}
+
+int stay_with_daemon(const session& here, const up_options& options) {
+  return watch_over(here, options).run();
+}
+
+}  // namespace control

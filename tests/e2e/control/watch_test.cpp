@@ -1,0 +1,108 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <string>
+
+#include "tests/e2e/control/control_command.h"
+#include "tests/e2e/support/children.h"
+#include "tests/e2e/support/installation.h"
+#include "tests/support/wait_until.h"
+
+namespace {
+
+bool contains(const std::string& text, const std::string& part) {
+  return text.find(part) != std::string::npos;
+}
+
+/// A keelmondctl on a terminal of its own.
+class on_terminal final {
+ public:
+  on_terminal(const installation& place, const char* command, const char* option)
+      : terminal_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
+    ::grantpt(terminal_);
+    ::unlockpt(terminal_);
+    const winsize size{20, 120, 0, 0};
+    ::ioctl(terminal_, TIOCSWINSZ, &size);
+    const std::string name = ::ptsname(terminal_);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::setsid();
+      const int end = ::open(name.c_str(), O_RDWR);
+      for (const int fd : {0, 1, 2})
+        ::dup2(end, fd);
+      ::setenv("TERM", "xterm", 1);
+      ::execl(KEELMONDCTL_BINARY, "keelmondctl", "-C", place.site().c_str(), command, option,
+              nullptr);
+      ::_exit(122);
+    }
+    children::announce(pid_);
+  }
+  on_terminal(const on_terminal&) = delete;
+  on_terminal& operator=(const on_terminal&) = delete;
+  ~on_terminal() {
+    if (pid_ > 0 && !children::status_of(pid_)) ::kill(pid_, SIGKILL);
+    ::close(terminal_);
+  }
+
+  /// What it has shown so far.
+  const std::string& shown() {
+    char text[4096];
+    for (ssize_t got; (got = ::read(terminal_, text, sizeof text)) > 0;)
+      shown_.append(text, static_cast<std::size_t>(got));
+    return shown_;
+  }
+  void press(char key) const { EXPECT_EQ(::write(terminal_, &key, 1), 1); }
+  [[nodiscard]] int wait() const { return children::wait_for_end(pid_).value_or(-1); }
+
+ private:
+  int terminal_;
+  pid_t pid_ = -1;
+  std::string shown_;
+};
+
+}  // namespace
+
+TEST(control_watch, redraws_counts_starts_and_ends_on_q) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  place.start();
+  const pid_t first = place.wait_running(name);
+  on_terminal watch(place, "status", "--watch");
+  ASSERT_TRUE(wait_until([&] { return contains(watch.shown(), std::to_string(first)); }))
+      << watch.shown();
+  ::kill(first, SIGKILL);
+  const std::string second = std::to_string(place.wait_running(name, 2));
+  EXPECT_TRUE(wait_until([&] { return contains(watch.shown(), second); })) << watch.shown();
+  EXPECT_TRUE(contains(watch.shown(), "STARTS"));
+  watch.press('c');
+  watch.press('q');
+  EXPECT_EQ(watch.wait(), 0);
+  // The screen is given back.
+  EXPECT_TRUE(watch.shown().ends_with("\033[?1049l"));
+}
+
+TEST(control_watch, needs_a_terminal) {
+  installation place;
+  EXPECT_EQ(control(place, {"status", "--watch"}).status, 2);
+  EXPECT_EQ(control(place, {"status", "--watch", "--json"}).status, 2);
+}
+
+TEST(control_colours, are_for_terminals_without_no_color) {
+  installation place;
+  place.save({{"kmc_none", "/nonexistent/kmc_none", "run"}});
+  EXPECT_FALSE(contains(control(place, {"status"}).output, "\033["));
+  on_terminal coloured(place, "status", nullptr);
+  EXPECT_EQ(coloured.wait(), 3);
+  EXPECT_TRUE(contains(coloured.shown(), "\033[31m")) << coloured.shown();
+  ::setenv("NO_COLOR", "1", 1);
+  on_terminal plain(place, "status", nullptr);
+  ::unsetenv("NO_COLOR");
+  EXPECT_EQ(plain.wait(), 3);
+  EXPECT_FALSE(contains(plain.shown(), "\033["));
+}
