@@ -24,6 +24,12 @@ std::size_t line_of(const ini_document& document, const std::string& section,
 }
 
 bool matches_as_pattern(const std::string& name, const std::string& process_name) {
+  // Most names are no patterns at all, and there may be thousands to compare with thousands.
+  const bool is_literal = std::all_of(name.begin(), name.end(), [](char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_' ||
+           c == '-';
+  });
+  if (is_literal) return process_name.find(name) != std::string::npos;
   regex_t pattern;
   if (::regcomp(&pattern, name.c_str(), REG_EXTENDED | REG_NOSUB) != 0) return false;
   const bool matches = ::regexec(&pattern, process_name.c_str(), 0, nullptr, 0) == 0;

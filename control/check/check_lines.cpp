@@ -43,10 +43,11 @@ void check_assignment(const document_line& line, std::size_t number, findings& o
              "write it without the blank");
   }
   for (const char* const mark : {" ;", " #", " //"}) {
-    if (line.value.find(mark) == std::string::npos) continue;
+    const std::size_t at = line.value.find(mark);
+    if (at == std::string::npos) continue;
+    const std::string comment = line.value.substr(at + 1);
     out.warn(number,
-             "\"" + line.value.substr(line.value.find(mark) + 1) +
-                 "\" is part of the value: there are no comments behind values",
+             "\"" + comment + "\" is part of the value: there are no comments behind values",
              "put the comment on a line of its own");
     break;
   }

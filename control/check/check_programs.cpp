@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <map>
 #include <set>
 #include <string>
 
@@ -53,8 +54,9 @@ void check_name(const check_subject& subject, const listed_program& program, fin
 }
 
 /// A name is a pattern to pgrep: whom else it fits is ended with the program.
+/// @param strangers a process of each name that is not the supervisor's.
 void check_pattern(const check_subject& subject, const listed_program& program,
-                   const std::set<pid_t>& own, findings& out) {
+                   const std::map<std::string, pid_t>& strangers, findings& out) {
   if (!is_safe_name(program.name)) return;
   const std::size_t line = name_line(subject, program);
   const std::string consequence = ": \"stop\" would end it as well";
@@ -69,13 +71,11 @@ void check_pattern(const check_subject& subject, const listed_program& program,
     out.fail(line, "the name " + program.name + " fits the program " + other.name + consequence,
              "rename one of the two so that neither is part of the other");
   }
-  std::set<std::string> told;
-  for (const process& stranger : subject.processes.all()) {
-    if (own.contains(stranger.pid) || !matches_as_pattern(program.name, stranger.name)) continue;
-    if (!told.insert(stranger.name).second) continue;
+  for (const auto& [name, pid] : strangers) {
+    if (!matches_as_pattern(program.name, name)) continue;
     out.warn(line,
-             "the name " + program.name + " fits another process, " + stranger.name + " (PID " +
-                 std::to_string(stranger.pid) + ")" + consequence,
+             "the name " + program.name + " fits another process, " + name + " (PID " +
+                 std::to_string(pid) + ")" + consequence,
              "give the program a name that no other process has");
   }
 }
@@ -148,15 +148,24 @@ std::set<pid_t> own_processes(const snapshot& now) {
   return own;
 }
 
+std::map<std::string, pid_t> strangers_of(const check_subject& subject) {
+  const std::set<pid_t> own = own_processes(subject.now);
+  std::map<std::string, pid_t> strangers;
+  for (const process& one : subject.processes.all()) {
+    if (!own.contains(one.pid)) strangers.emplace(one.name, one.pid);
+  }
+  return strangers;
+}
+
 }  // namespace
 
 void check_programs(const check_subject& subject, findings& out) {
-  const std::set<pid_t> own = own_processes(subject.now);
+  const std::map<std::string, pid_t> strangers = strangers_of(subject);
   std::set<std::string> seen;
   for (const listed_program& program : subject.programs) {
     if (program.refused != refusal::none || !seen.insert(program.name).second) continue;
     check_name(subject, program, out);
-    check_pattern(subject, program, own, out);
+    check_pattern(subject, program, strangers, out);
     check_path(subject, program, out);
     check_state(subject, program, out);
   }

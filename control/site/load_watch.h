@@ -20,6 +20,8 @@ class load_watch final {
 
   /// @return whether a whole load was seen in time; false at once when the daemon ends.
   [[nodiscard]] bool wait(std::chrono::milliseconds limit);
+  /// Whether the file has been read, so that nobody needs to be told again.
+  [[nodiscard]] bool has_begun() const { return read_; }
 
  private:
   [[nodiscard]] bool wait_read(std::chrono::steady_clock::time_point end);

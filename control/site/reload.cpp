@@ -25,6 +25,8 @@ bool send_until_loaded(load_watch& watch, const process_handle& daemon, const pr
   for (;;) {
     const auto left = std::chrono::duration_cast<milliseconds>(end - steady::now());
     if (left.count() <= 0) return false;
+    // A load with many stop commands takes its time; a further signal would begin another one.
+    if (watch.has_begun()) return watch.wait(left);
     // One that is still pending need not be sent again, and counts once anyway.
     if (!proc.is_pending(daemon.who().pid, SIGUSR1) && !daemon.send(SIGUSR1)) return false;
     if (watch.wait(std::min(left, kAgain))) return true;

@@ -68,8 +68,10 @@ std::optional<program_finder::description> program_finder::describe(const proces
 std::optional<process> program_finder::below_shell(const process& shell,
                                                    const std::vector<std::string>& words) const {
   const auto below = table_.children(shell.pid);
-  if (below.empty() || proc_.command_line(below.front()->pid) == words) return std::nullopt;
-  return *below.front();
+  if (below.empty()) return std::nullopt;
+  const process& first = *below.front();
+  if (first.name == shell.name && proc_.command_line(first.pid) == words) return std::nullopt;
+  return first;
 }
 
 const program_finder::entries* program_finder::entries_for(const description& what) const {

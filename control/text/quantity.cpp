@@ -79,6 +79,15 @@ std::string format_utc(std::int64_t seconds) {
   return text;
 }
 
+std::string format_local(std::int64_t seconds) {
+  const std::time_t time = seconds;
+  std::tm local{};
+  ::localtime_r(&time, &local);
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  return text;
+}
+
 std::optional<std::chrono::milliseconds> parse_duration(const std::string& text) {
   if (text.empty() || text.front() == '-' || text.front() == ' ') return {};
   char* end = nullptr;

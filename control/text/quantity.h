@@ -15,6 +15,8 @@ std::string format_short_duration(double seconds);
 std::string format_size(std::uint64_t bytes);
 /// "2026-11-15T10:02:03Z".
 std::string format_utc(std::int64_t seconds);
+/// "2026-11-15 10:02:03" in local time, as the log has it.
+std::string format_local(std::int64_t seconds);
 
 /// A duration as people write it: "500ms", "10s", "1.5m", "2h", "3d"; a bare number is seconds.
 std::optional<std::chrono::milliseconds> parse_duration(const std::string& text);
