@@ -45,7 +45,7 @@ void check_name(const check_subject& subject, const listed_program& program, fin
                  " is longer than the 15 characters that pgrep sees: \"stop\" cannot reach the "
                  "program",
              "give the entry and the file a name of at most 15 characters");
-  } else if (!matches_as_pattern(program.name, seen)) {
+  } else if (is_plain_word(program.exepath) && !matches_as_pattern(program.name, seen)) {
     out.fail(line,
              "pgrep will see the program as " + seen + ", which " + program.name +
                  " does not match: \"stop\" cannot reach it",
