@@ -12,7 +12,7 @@ int run_reload(const session& here, const reload_options& options) {
     throw failure("there is no " + here.place.config_file() +
                   " to read: without it keelmond ends. Put one there");
   }
-  if (!reload(here.proc, daemon, here.place.config_file(), options.timeout)) {
+  if (!reload(here.proc, daemon, here.place, options.timeout)) {
     throw failure("keelmond (PID " + std::to_string(daemon.pid) +
                   ") has been told to read its configuration and was not seen to do it in time. "
                   "See `keelmondctl check`, and whether it is yours to signal");

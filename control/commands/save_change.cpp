@@ -20,7 +20,8 @@ applied save_text(const session& here, std::chrono::milliseconds limit, const co
     save_config(path, text, before);
     return applied::saved;
   }
-  if (save_and_load(here.proc, *search.daemon, path, text, before, limit)) return applied::loaded;
+  if (save_and_load(here.proc, *search.daemon, here.place, text, before, limit))
+    return applied::loaded;
   throw failure("the change is saved in " + path + ", and keelmond (PID " +
                 std::to_string(search.daemon->pid) +
                 ") was not seen to load it in time. `keelmondctl reload` asks it again");

@@ -78,7 +78,7 @@ void load_again(const session& here, const std::vector<std::string>& names, bool
   });
   if (is_so || !now.search.daemon) return;
   // Whether it helps is seen by waiting for the programs.
-  static_cast<void>(reload(here.proc, *now.search.daemon, here.place.config_file(), limit));
+  static_cast<void>(reload(here.proc, *now.search.daemon, here.place, limit));
 }
 
 /// Sets the state and waits until it is so.

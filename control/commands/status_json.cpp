@@ -34,7 +34,7 @@ ordered_json daemon_json(const session& here, const snapshot& now) {
                          {"started_at", ordered_json()},
                          {"directory", here.place.directory},
                          {"run_pid", "absent"},
-                         {"watching", now.watching}};
+                         {"watching", now.watch.file}};
   if (search.daemon) {
     daemon["pid"] = search.daemon->pid;
     daemon["started_at"] = format_utc(now.start_of(*search.daemon));

@@ -55,7 +55,7 @@ std::vector<std::string> status_report::warnings() const {
     texts.push_back(here.place.config_file() + " cannot be read: " +
                     std::strerror(now.config_error) + ". `keelmondctl init` makes one");
   }
-  if (search.daemon && now.watching_another) {
+  if (search.daemon && now.watch.is_lost()) {
     texts.emplace_back(
         "the daemon watches a file that is no longer config/server.ini: it will not see the next "
         "save. `keelmondctl reload` has the present file read");

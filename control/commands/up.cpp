@@ -1,6 +1,7 @@
 #include "control/commands/up.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -22,6 +23,10 @@ using steady = std::chrono::steady_clock;
 constexpr milliseconds kLookEvery{10};
 
 void require_config(const session& here, const snapshot& now) {
+  if (now.config && !now.search.daemon && ::access(here.place.config_file().c_str(), W_OK) != 0) {
+    throw failure("this user may not write " + here.place.config_file() +
+                  ", and keelmond takes such a file for empty. Nothing was started");
+  }
   if (now.config) return;
   throw failure("there is no " + here.place.config_file() +
                 ": `keelmondctl init` makes one. Nothing was started");

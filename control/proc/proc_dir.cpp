@@ -116,12 +116,13 @@ dev_t device_of(std::uint64_t number) {
   return makedev(static_cast<unsigned>(number >> 20), static_cast<unsigned>(number & 0xfffff));
 }
 
-void append_watches(std::string_view info, std::vector<file_id>& out) {
+void append_watches(std::string_view info, std::vector<watched_file>& out) {
   constexpr std::string_view kWatch = "inotify wd:";
   for (std::size_t at = info.find(kWatch); at != std::string_view::npos;
        at = info.find(kWatch, at + 1)) {
     const std::string_view line = info.substr(at, info.find('\n', at) - at);
-    out.push_back({device_of(hex_behind(line, "sdev:")), hex_behind(line, " ino:")});
+    const file_id id{device_of(hex_behind(line, "sdev:")), hex_behind(line, " ino:")};
+    out.push_back({id, static_cast<std::uint32_t>(hex_behind(line, " mask:"))});
   }
 }
 
@@ -268,8 +269,8 @@ bool proc_dir::may_look_into(pid_t pid) const {
   return !link_at(directory_.get(), path.c_str()).empty();
 }
 
-std::vector<file_id> proc_dir::watched_files(pid_t pid) const {
-  std::vector<file_id> watched;
+std::vector<watched_file> proc_dir::watched_files(pid_t pid) const {
+  std::vector<watched_file> watched;
   const std::string fds = std::to_string(pid) + "/fd";
   std::string text;
   for (const std::string& fd : list(directory_.get(), fds.c_str())) {

@@ -21,6 +21,12 @@ struct file_id {
   bool operator==(const file_id&) const = default;
 };
 
+/// A file or directory that a process watches with inotify.
+struct watched_file {
+  file_id id;
+  std::uint32_t events = 0;  ///< As for inotify_add_watch.
+};
+
 /// The file at `path`, links followed; nothing when there is none.
 std::optional<file_id> identify_file(const std::string& path);
 
@@ -63,8 +69,8 @@ class proc_dir final {
                            const std::optional<file_id>& file) const;
   /// Whether its open files can be looked at.
   [[nodiscard]] bool may_look_into(pid_t pid) const;
-  /// The files that it watches with inotify.
-  [[nodiscard]] std::vector<file_id> watched_files(pid_t pid) const;
+  /// What it watches with inotify.
+  [[nodiscard]] std::vector<watched_file> watched_files(pid_t pid) const;
 
   /// Whether the signal has been sent to it and no thread has taken it yet.
   [[nodiscard]] bool is_pending(pid_t pid, int signal) const;

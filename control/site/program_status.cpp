@@ -76,7 +76,7 @@ void judge_idle(program_status& status, const listed_program& entry, const snaps
   } else if (may_have_given_up(place)) {
     status.now = actual::given_up;
     status.why = "it has ended more than 200000 times; restart the supervisor";
-  } else if (now.watching_another) {
+  } else if (now.watch.is_lost()) {
     status.now = actual::not_loaded;
     status.why = "the saved file has not been read; `keelmondctl reload` has it read";
   } else {

@@ -7,6 +7,7 @@
 #include "control/config/config_save.h"
 #include "control/proc/process_handle.h"
 #include "control/site/load_watch.h"
+#include "control/site/snapshot.h"
 
 namespace control {
 namespace {
@@ -33,28 +34,21 @@ bool send_until_loaded(load_watch& watch, const process_handle& daemon, const pr
   }
 }
 
-bool watches(const proc_dir& proc, const process& daemon, const config_bytes& config) {
-  const auto watched = proc.watched_files(daemon.pid);
-  return std::any_of(watched.begin(), watched.end(),
-                     [&](const file_id& one) { return one.inode == config.id().inode; });
-}
-
 }  // namespace
 
-bool reload(const proc_dir& proc, const process& daemon, const std::string& config_file,
-            milliseconds limit) {
+bool reload(const proc_dir& proc, const process& daemon, const site& place, milliseconds limit) {
   const process_handle handle(proc, daemon);
-  load_watch watch(proc, daemon, config_file);
+  load_watch watch(proc, daemon, place.config_file());
   return send_until_loaded(watch, handle, proc, steady::now() + limit);
 }
 
-bool save_and_load(const proc_dir& proc, const process& daemon, const std::string& config_file,
+bool save_and_load(const proc_dir& proc, const process& daemon, const site& place,
                    std::string_view text, const config_bytes& before, milliseconds limit) {
   const auto end = steady::now() + limit;
   const process_handle handle(proc, daemon);
   std::optional<load_watch> watch;
-  const bool will_see = watches(proc, daemon, before);
-  save_config(config_file, text, before,
+  const bool will_see = look_at_watch(proc, daemon, place).sees_replacement();
+  save_config(place.config_file(), text, before,
               [&](const std::string& path) { watch.emplace(proc, daemon, path); });
   if (will_see && watch->wait(kSeen)) return true;
   return send_until_loaded(*watch, handle, proc, end);

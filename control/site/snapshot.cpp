@@ -1,5 +1,7 @@
 #include "control/site/snapshot.h"
 
+#include <sys/inotify.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -21,17 +23,23 @@ void read_programs_of(const site& place, snapshot& out) {
   out.programs = merge_repeated(read_programs(parse_config(out.config->text), place.directory));
 }
 
-void look_at_watch(const proc_dir& proc, snapshot& out) {
-  if (!out.search.daemon) return;
-  for (const file_id& watched : proc.watched_files(out.search.daemon->pid)) {
-    // The inode alone: on some file systems the device has one number here and another there.
-    const bool same = out.config && watched.inode == out.config->id().inode;
-    out.watching = out.watching || same;
-    out.watching_another = out.watching_another || !same;
-  }
-}
-
 }  // namespace
+
+config_watch look_at_watch(const proc_dir& proc, const process& daemon, const site& place) {
+  const auto file = identify_file(place.config_file());
+  const auto directory = identify_file(place.directory + "/config");
+  config_watch found;
+  for (const watched_file& watched : proc.watched_files(daemon.pid)) {
+    // By the inode alone: on some file systems the device has one number here and another there.
+    const bool is_file = file && watched.id.inode == file->inode;
+    const bool is_directory = directory && watched.id.inode == directory->inode;
+    found.file = found.file || is_file;
+    found.name = found.name || is_directory;
+    // What is written is told of the file alone; of directories, who comes and goes.
+    found.other = found.other || (!is_file && watched.events == IN_MODIFY);
+  }
+  return found;
+}
 
 double snapshot::age_of(const process& one) const {
   return std::max(uptime - static_cast<double>(one.started) / ticks_per_second(), 0.0);
@@ -81,7 +89,7 @@ snapshot look_at(const proc_dir& proc, const site& place) {
     if (!events) events = read_last_events(place.log_file(), kRecentLog);
     return is_launched_by_log(*events, copy, now.start_of(copy));
   });
-  look_at_watch(proc, now);
+  if (now.search.daemon) now.watch = look_at_watch(proc, *now.search.daemon, place);
   return now;
 }
 

@@ -15,6 +15,20 @@
 
 namespace control {
 
+/// What a daemon watches. Nothing, in the two seconds after a load.
+struct config_watch {
+  bool file = false;   ///< The file that now is the configuration.
+  bool name = false;   ///< The directory that it is in, so that another file of that name is seen.
+  bool other = false;  ///< A file that is no longer the configuration.
+
+  /// Whether it would see another file being put in place of the present one.
+  [[nodiscard]] bool sees_replacement() const { return file || name; }
+  /// Whether it has been left behind and sees nothing any more.
+  [[nodiscard]] bool is_lost() const { return other && !sees_replacement(); }
+};
+
+config_watch look_at_watch(const proc_dir& proc, const process& daemon, const site& place);
+
 /// One supervisor at about one moment: its daemon, its configuration, its processes.
 struct snapshot {
   daemon_search search;
@@ -27,11 +41,7 @@ struct snapshot {
   std::vector<running_program> running;
   /// Of a daemon that is gone.
   std::vector<running_program> left_over;
-  /// Whether the daemon watches the file that now has the configuration's name. It does not in the
-  /// two seconds after a load either.
-  bool watching = false;
-  /// Whether the daemon watches another file, which has had that name before.
-  bool watching_another = false;
+  config_watch watch;
   /// Whom the daemon acts as, when it runs and may be asked.
   std::optional<uid_t> daemon_user;
   double uptime = 0;           ///< Of the machine, in seconds.

@@ -28,8 +28,9 @@ class tree final {
     scratch_.write("bin/cmake",
                    "#!/bin/sh\n"
                    "test \"$1\" = --build || exit 0\n"
-                   "mkdir -p \"$2/process\" && cp " +
-                       supervisor_binary() + " \"$2/process/keelmond\"\n");
+                   "mkdir -p \"$2/process\" \"$2/control\" && cp " +
+                       supervisor_binary() + " \"$2/process/keelmond\" && cp " +
+                       KEELMONDCTL_BINARY + " \"$2/control/keelmondctl\"\n");
     fs::permissions(scratch_.path() / "bin" / "cmake", fs::perms::owner_all);
   }
 
@@ -69,11 +70,13 @@ TEST(run_script, starts_the_example_in_a_directory_that_it_makes) {
   if (!private_namespace::is_inside()) GTEST_SKIP() << "the names of the example may be in use";
   const tree place;
   const std::string printed = place.run("--example " + place.directory());
-  constexpr char kEnd[] = "End:      kill -USR2 ";
-  ASSERT_NE(printed.find(kEnd), std::string::npos) << printed;
+  const std::string head = "keelmond runs in " + place.directory() + " (PID ";
+  ASSERT_NE(printed.find(head), std::string::npos) << printed;
+  EXPECT_NE(printed.find("2 of 2 programs that are to run are alive"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("What to try next"), std::string::npos) << printed;
   EXPECT_TRUE(printed.ends_with("exit status: 0\n")) << printed;
   EXPECT_TRUE(fs::exists(place.directory() + "/config/server.ini"));
-  const pid_t daemon = std::atoi(printed.c_str() + printed.find(kEnd) + sizeof kEnd - 1);
+  const pid_t daemon = std::atoi(printed.c_str() + printed.find(head) + head.size());
   ASSERT_GT(daemon, 1);
   ::kill(daemon, SIGUSR2);
   EXPECT_EQ(children::wait_for_end(daemon), 0);

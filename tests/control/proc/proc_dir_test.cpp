@@ -5,13 +5,13 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
 #include <stdexcept>
 
 #include "common/misc/unique_fd.h"
 #include "tests/control/proc/recorded_tree.h"
 #include "tests/support/scratch_dir.h"
 
-using control::file_id;
 using control::proc_dir;
 
 TEST(proc_dir, reads_a_process_whose_name_has_blanks_and_parentheses) {
@@ -96,7 +96,8 @@ TEST(proc_dir, knows_what_this_very_process_watches) {
   const auto watched = proc.watched_files(::getpid());
   ASSERT_EQ(watched.size(), 1U);
   // On file systems with devices of their own the number differs; the inode is always the same.
-  EXPECT_EQ(watched[0].inode, control::identify_file(place.file("watched"))->inode);
+  EXPECT_EQ(watched[0].events, static_cast<std::uint32_t>(IN_MODIFY));
+  EXPECT_EQ(watched[0].id.inode, control::identify_file(place.file("watched"))->inode);
 }
 
 TEST(proc_dir, knows_which_signals_are_pending_and_let_in) {

@@ -95,24 +95,6 @@ TEST(control_status, shows_a_program_that_ends_again_and_again) {
   EXPECT_TRUE(wait_until([&] { return contains(status_row(place, name), "restarting often"); }));
 }
 
-TEST(control_status, warns_when_the_daemon_watches_a_file_that_was_renamed) {
-  installation place;
-  const std::string first = place.add_steady();
-  const std::string second = place.add_steady();
-  place.save({place.entry(first)});
-  place.start();
-  place.wait_running(first);
-  // What an editor does that keeps a backup.
-  const fs::path config = place.site() / "config" / "server.ini";
-  fs::rename(config, config.string() + "~");
-  write_file(config, installation::ini({place.entry(first), place.entry(second)}));
-  const control_result status = control(place, {"status"});
-  EXPECT_TRUE(contains(status.output, "no longer config/server.ini")) << status.output;
-  EXPECT_TRUE(contains(row_of(status.output, second), "not loaded")) << status.output;
-  EXPECT_EQ(control(place, {"reload"}).status, 0);
-  place.wait_running(second);
-}
-
 TEST(control_status, finds_the_daemon_whose_pid_file_was_deleted) {
   installation place;
   place.start();
