@@ -61,6 +61,10 @@ standing look(const session& here, const wait_options& options) {
     found.launching = found.launching || (!is_up && !is_down);
     if (!is_down) found.running.emplace_back(here.proc, running->copy);
   }
+  // A copy that has executed nothing yet has no name. It may be the one that is waited for.
+  found.launching =
+      found.launching || std::any_of(now.running.begin(), now.running.end(),
+                                     [](const auto& one) { return one.name.empty(); });
   if (now.search.daemon) found.running.emplace_back(here.proc, *now.search.daemon);
   return found;
 }
