@@ -73,9 +73,9 @@ void check_pattern(const check_subject& subject, const listed_program& program,
   }
   for (const auto& [name, pid] : strangers) {
     if (!matches_as_pattern(program.name, name)) continue;
-    out.warn(line,
-             "the name " + program.name + " fits another process, " + name + " (PID " +
-                 std::to_string(pid) + ")" + consequence,
+    std::string who = name;
+    who.append(" (PID ").append(std::to_string(pid)).append(")");
+    out.warn(line, "the name " + program.name + " fits another process, " + who + consequence,
              "give the program a name that no other process has");
   }
 }

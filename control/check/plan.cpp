@@ -61,6 +61,7 @@ planned_step step_for(const listed_program& program, const snapshot& now) {
 std::vector<planned_step> make_plan(const std::vector<listed_program>& programs,
                                     const snapshot& now) {
   std::vector<planned_step> steps;
+  steps.reserve(programs.size());
   for (const listed_program& program : programs)
     steps.push_back(step_for(program, now));
   for (const running_program& running : now.running) {

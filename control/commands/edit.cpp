@@ -14,6 +14,7 @@
 #include "control/commands/checked_file.h"
 #include "control/commands/save_change.h"
 #include "control/config/config_save.h"
+#include "control/proc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {
@@ -26,8 +27,7 @@ class edited_copy final {
     const char* const tmp = std::getenv("TMPDIR");
     path_ = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/server.ini.XXXXXX";
     const unique_fd file(::mkostemp(path_.data(), O_CLOEXEC));
-    if (!file.valid() ||
-        ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+    if (!file.valid() || !write_whole(file.get(), text)) {
       throw failure("cannot write " + path_ + ": " + std::strerror(errno));
     }
   }

@@ -11,6 +11,7 @@
 
 #include "common/misc/unique_fd.h"
 #include "control/examples.h"
+#include "control/proc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {
@@ -54,8 +55,7 @@ void make_file(const std::string& path, std::string_view text, mode_t mode) {
     say("kept " + path);
     return;
   }
-  if (!file.valid() ||
-      ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+  if (!file.valid() || !write_whole(file.get(), text)) {
     throw cannot("write", path);
   }
   say("made " + path);

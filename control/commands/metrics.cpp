@@ -9,6 +9,7 @@
 #include <set>
 
 #include "common/misc/unique_fd.h"
+#include "control/proc/small_file.h"
 #include "control/site/program_status.h"
 #include "control/text/failure.h"
 
@@ -108,8 +109,7 @@ void write_textfile(const std::string& path, const std::string& text) {
   const std::string draft = path + "." + std::to_string(::getpid());
   const unique_fd file(
       ::open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
-  if (!file.valid() ||
-      ::write(file.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+  if (!file.valid() || !write_whole(file.get(), text) ||
       ::rename(draft.c_str(), path.c_str()) != 0) {
     const int error = errno;
     ::unlink(draft.c_str());

@@ -2,39 +2,14 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
 
 #include "common/misc/unique_fd.h"
+#include "control/proc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {
-namespace {
-
-bool read_to_end(int fd, std::string& out) {
-  char chunk[16384];
-  for (;;) {
-    const ssize_t got = ::read(fd, chunk, sizeof chunk);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return got == 0;
-    out.append(chunk, static_cast<std::size_t>(got));
-  }
-}
-
-bool write_whole(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
-}  // namespace
-
 std::optional<config_bytes> read_config(const std::string& path) {
   const unique_fd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   config_bytes config;

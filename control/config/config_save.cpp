@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "control/proc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {
@@ -54,16 +55,6 @@ class draft final {
   bool exists_ = false;
 };
 
-bool write_all(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
-}
-
 /// Access lists and labels. What the file system does not take is left.
 void copy_attributes(const std::string& from, int to) {
   const ssize_t size = ::listxattr(from.c_str(), nullptr, 0);
@@ -100,7 +91,7 @@ bool replace(const std::string& path, std::string_view text, const struct stat& 
   draft file(path);
   if (!file.exists() || !take_over_status(file, old)) return false;
   copy_attributes(path, file.fd());
-  if (!write_all(file.fd(), text) || ::fsync(file.fd()) != 0) throw cannot("write", file.path());
+  if (!write_whole(file.fd(), text) || ::fsync(file.fd()) != 0) throw cannot("write", file.path());
   file.close();
   if (just_before) just_before(file.path());
   if (!file.place(path)) throw cannot("replace", path);
@@ -113,7 +104,7 @@ void write_in_place(const std::string& path, std::string_view text,
   {
     const unique_fd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
     if (!file.valid()) throw cannot("write", path);
-    if (!write_all(file.get(), text) ||
+    if (!write_whole(file.get(), text) ||
         ::ftruncate(file.get(), static_cast<off_t>(text.size())) != 0 || ::fsync(file.get()) != 0) {
       throw failure("writing " + path + " broke off: " + std::strerror(errno) +
                     ". See that the file is whole");

@@ -15,10 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 /// What the console says that the loads from `begin` on made of their entries: "NAME run" or "NAME
 /// stop" for each that had an effect, in order.
 std::vector<std::string> effects(const std::string& console) {

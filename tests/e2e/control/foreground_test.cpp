@@ -15,10 +15,6 @@
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 /// Runs `up --foreground` on one program and waits until that is alive.
 struct foreground {
   explicit foreground(std::vector<std::string> more = {}) : arguments{"up", "--foreground"} {

@@ -16,10 +16,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 /// The value of a metric's line; "" when there is none.
 std::string value_of(const std::string& metrics, const std::string& name) {
   std::istringstream lines(metrics);

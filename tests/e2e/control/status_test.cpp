@@ -16,10 +16,6 @@ std::string status_row(const installation& place, const std::string& name) {
   return row_of(control(place, {"status"}).output, name);
 }
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 }  // namespace
 
 TEST(control_status, shows_each_program_with_the_pid_of_the_program_itself) {

@@ -15,10 +15,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 /// The value of a variable while the object lives.
 class setting final {
  public:

@@ -15,10 +15,6 @@
 
 namespace {
 
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}
-
 /// A keelmondctl on a terminal of its own.
 class on_terminal final {
  public:
