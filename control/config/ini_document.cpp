@@ -116,7 +116,8 @@ void ini_document::insert_after(std::ptrdiff_t line, std::string_view text) {
   }
   document_line added;
   added.text = std::string(text) + std::string(end);
-  lines_.insert(lines_.begin() + line + 1, std::move(added));
+  // Not one step at a time: before the beginning there is nothing to point at.
+  lines_.insert(lines_.begin() + (line + 1), std::move(added));
   interpret();
 }
 
