@@ -3,9 +3,11 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
 #include <limits>
+#include <thread>
 
 #include "control/site/log_follower.h"
 #include "control/site/log_names.h"
@@ -105,11 +107,27 @@ std::vector<log_event> past_events(const session& here, const log_options& optio
   return events;
 }
 
+/// Whether a copy that was launched just now cannot be named yet, because it has executed nothing.
+bool is_too_early(const snapshot& now) {
+  return std::any_of(now.running.begin(), now.running.end(),
+                     [](const running_program& one) { return one.name.empty(); });
+}
+
+void name_new_events(const session& here, log_names& names, std::vector<log_event>& events) {
+  constexpr int kLooks = 20;
+  for (int i = 0; i < kLooks; ++i) {
+    const snapshot now = here.look();
+    names.name(events, now, true);
+    if (!is_too_early(now)) return;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+}
+
 [[noreturn]] void follow(const session& here, log_follower& follower, log_names& names, bool json) {
   for (;;) {
     std::vector<log_event> events = follower.read();
     if (!events.empty()) {
-      names.name(events, here.look(), true);
+      name_new_events(here, names, events);
       print(here, events, json);
     }
     follower.wait();

@@ -55,15 +55,18 @@ int report(const session& here, const std::vector<std::string>& names, bool aliv
   return exit_status::kDone;
 }
 
+failure bystander_failure(const std::string& name, const std::string& others) {
+  return failure("to end " + name + ", keelmond signals every process that `pgrep " + name +
+                 "` finds, and these are not " + name + ": " + others +
+                 ". Nothing was changed; --force ends them too, `keelmondctl signal " + name +
+                 " USR2` only the program");
+}
+
 void refuse_bystanders(const session& here, const snapshot& now,
                        const std::vector<std::string>& names) {
   for (const std::string& name : names) {
     const std::vector<std::string> others = bystanders_of(here, now, name);
-    if (others.empty()) continue;
-    throw failure("to end " + name + ", keelmond signals every process that `pgrep " + name +
-                  "` finds, and these are not " + name + ": " + joined(others) +
-                  ". Nothing was changed; --force ends them too, `keelmondctl signal " + name +
-                  " USR2` only the program");
+    if (!others.empty()) throw bystander_failure(name, joined(others));
   }
 }
 
@@ -115,6 +118,7 @@ std::vector<std::string> wait_for_programs(const session& here,
     });
     if (!is_worth || steady::now() >= end) {
       std::vector<std::string> left;
+      left.reserve(programs.size());
       for (const program_status& one : programs)
         left.push_back(one.name + (alive ? " is not alive: " : " has not ended: ") +
                        obstacle_of(one, alive));

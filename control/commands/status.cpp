@@ -33,6 +33,7 @@ int run_status(const session& here, const status_options& options) {
   const snapshot now = here.look();
   std::vector<program_status> programs = list_programs(now, here.place);
   std::vector<std::string> names;
+  names.reserve(programs.size());
   for (const program_status& one : programs)
     names.push_back(one.name);
   const std::string counts = count_programs(programs);

@@ -134,6 +134,7 @@ int watch_status(const session& here, const status_options& options) {
     std::erase_if(programs, [&](const program_status& one) { return !filter.fits(one.name); });
     measure_memory(here.proc, programs);
     std::vector<watched> rows;
+    rows.reserve(programs.size());
     for (const program_status& one : programs)
       rows.push_back(seen.note(one, now.uptime));
     sort_by(order, now, rows);

@@ -95,6 +95,10 @@ std::optional<file_id> identify_at(int dir, const char* path) {
   return file_id{status.st_dev, status.st_ino};
 }
 
+std::string joined(std::string path, const std::string& name) {
+  return path.append("/").append(name);
+}
+
 std::string link_at(int dir, const char* path) {
   char target[PATH_MAX];
   const ssize_t length = ::readlinkat(dir, path, target, sizeof target);
@@ -254,7 +258,7 @@ proc_dir::hold proc_dir::holds(pid_t pid, const std::string& path,
   const std::string_view name = std::string_view(path).substr(path.rfind('/') + 1);
   hold found = hold::none;
   for (const std::string& fd : list(directory_.get(), fds.c_str())) {
-    const std::string link = fds + "/" + fd;
+    const std::string link = joined(fds, fd);
     const std::string target = link_at(directory_.get(), link.c_str());
     if (target == removed) found = hold::removed;
     // By what the file is and not by its path alone: that may be another one here than there.
@@ -274,8 +278,8 @@ std::vector<watched_file> proc_dir::watched_files(pid_t pid) const {
   const std::string fds = std::to_string(pid) + "/fd";
   std::string text;
   for (const std::string& fd : list(directory_.get(), fds.c_str())) {
-    if (link_at(directory_.get(), (fds + "/" + fd).c_str()) != "anon_inode:inotify") continue;
-    if (read(pid, ("fdinfo/" + fd).c_str(), text)) append_watches(text, watched);
+    if (link_at(directory_.get(), joined(fds, fd).c_str()) != "anon_inode:inotify") continue;
+    if (read(pid, joined("fdinfo", fd).c_str(), text)) append_watches(text, watched);
   }
   return watched;
 }
@@ -290,7 +294,7 @@ bool proc_dir::lets_in(pid_t pid, int signal) const {
   const std::string tasks = std::to_string(pid) + "/task";
   std::string text;
   for (const std::string& task : list(directory_.get(), tasks.c_str())) {
-    if (!read(pid, ("task/" + task + "/status").c_str(), text)) continue;
+    if (!read(pid, joined(joined("task", task), "status").c_str(), text)) continue;
     const std::string_view blocked = field_of(text, "SigBlk");
     if (!blocked.empty() && !has_bit(blocked, signal)) return true;
   }

@@ -67,12 +67,12 @@ unique_fd lock_starts(const site& place) {
 }  // namespace
 
 std::string find_daemon_program() {
-  const std::string beside = own_directory() + "/" + kDaemonName;
+  std::string beside = own_directory() + "/" + kDaemonName;
   if (::access(beside.c_str(), X_OK) == 0) return beside;
   const char* const path = std::getenv("PATH");
   std::istringstream directories(path == nullptr ? "" : path);
   for (std::string directory; std::getline(directories, directory, ':');) {
-    const std::string candidate = (directory.empty() ? "." : directory) + "/" + kDaemonName;
+    std::string candidate = (directory.empty() ? "." : directory) + "/" + kDaemonName;
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   throw failure("there is no program keelmond beside keelmondctl or in PATH: install it there");

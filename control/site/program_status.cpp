@@ -108,14 +108,16 @@ program_status unlisted(const running_program& running, actual what) {
   return status;
 }
 
-/// How often programs were launched in the last minute, as far as the log tells.
+/// How often this daemon has launched programs in the last minute, as far as the log tells.
 int recent_launches(const site& place) {
   // Compared as texts: to turn each time into a number takes longer than all the rest.
   const std::string since = format_local(static_cast<std::int64_t>(std::time(nullptr)) - kMinute);
-  const auto events = read_last_events(place.log_file(), kLogOfMinute);
-  return static_cast<int>(std::count_if(events.begin(), events.end(), [&](const log_event& event) {
-    return event.what == log_event::kind::launched && event.time >= since;
-  }));
+  int launches = 0;
+  for (const log_event& event : read_last_events(place.log_file(), kLogOfMinute)) {
+    if (event.what == log_event::kind::supervisor_started) launches = 0;
+    if (event.what == log_event::kind::launched && event.time >= since) ++launches;
+  }
+  return launches;
 }
 
 /// The log does not say which program was launched, so all that have been started just now are

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <vector>
 
 #include "tests/e2e/control/control_command.h"
 #include "tests/e2e/support/installation.h"
@@ -89,6 +90,20 @@ TEST(control_status, shows_a_program_that_ends_again_and_again) {
   ASSERT_TRUE(wait_until([&] { return place.starts(name) > 20; }));
   // It is caught between two starts now and then.
   EXPECT_TRUE(wait_until([&] { return contains(status_row(place, name), "restarting often"); }));
+}
+
+TEST(control_status, does_not_take_the_restart_of_the_supervisor_for_programs_that_end) {
+  installation place;
+  std::vector<listed_program> programs;
+  for (int i = 0; i < 5; ++i)
+    programs.push_back(place.entry(place.add_steady()));
+  place.save(programs);
+  for (std::size_t i = 0; i < 2; ++i) {
+    ASSERT_EQ(control(place, {"up"}).status, 0);
+    ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 5 * (i + 1); }));
+    EXPECT_TRUE(contains(control(place, {"status"}).output, ": 5 running\n"));
+    ASSERT_EQ(control(place, {"down"}).status, 0);
+  }
 }
 
 TEST(control_status, finds_the_daemon_whose_pid_file_was_deleted) {
