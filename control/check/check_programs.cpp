@@ -53,6 +53,11 @@ void check_name(const check_subject& subject, const listed_program& program, fin
   }
 }
 
+std::string fits_stranger(const std::string& name, const std::string& stranger, pid_t pid) {
+  return "the name " + name + " fits another process, " + stranger + " (PID " +
+         std::to_string(pid) + ")";
+}
+
 /// A name is a pattern to pgrep: whom else it fits is ended with the program.
 /// @param strangers a process of each name that is not the supervisor's.
 void check_pattern(const check_subject& subject, const listed_program& program,
@@ -73,9 +78,7 @@ void check_pattern(const check_subject& subject, const listed_program& program,
   }
   for (const auto& [name, pid] : strangers) {
     if (!matches_as_pattern(program.name, name)) continue;
-    std::string who = name;
-    who.append(" (PID ").append(std::to_string(pid)).append(")");
-    out.warn(line, "the name " + program.name + " fits another process, " + who + consequence,
+    out.warn(line, fits_stranger(program.name, name, pid) + consequence,
              "give the program a name that no other process has");
   }
 }
