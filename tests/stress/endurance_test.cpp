@@ -37,6 +37,17 @@ void reload_many(const installation& place, const std::string& text, int times) 
   }
 }
 
+/// In a pause there is no watch, which is a descriptor less.
+holdings while_watching(const installation& place) {
+  holdings found(place.daemon());
+  wait_until([&] {
+    if (!place.is_watching()) return false;
+    found = holdings(place.daemon());
+    return place.is_watching();
+  });
+  return found;
+}
+
 void expect_same(const installation& place, const holdings& before) {
   // In the middle of a reload or a start there is a descriptor more.
   EXPECT_TRUE(wait_until([&] {
@@ -66,7 +77,7 @@ TEST(endurance, keeps_descriptors_threads_and_memory_where_they_were) {
   for (int i = 0; i < 4; ++i)
     place.wait_running(programs[static_cast<std::size_t>(i)].name);
   ASSERT_NO_FATAL_FAILURE(reload_many(place, text, 50));
-  const holdings before(place.daemon());
+  const holdings before = while_watching(place);
   const std::size_t starts = stress::launches(place);
 
   const int times = rounds(10000, 300);

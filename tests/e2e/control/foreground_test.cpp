@@ -114,7 +114,7 @@ TEST(control_foreground, ends_with_the_daemon_when_it_is_not_to_restart_it) {
   ASSERT_GT(daemon, 0);
   ::kill(daemon, SIGKILL);
   EXPECT_EQ(up.wait().status, 1);
-  EXPECT_FALSE(process_table::is_alive(pid));
+  EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(pid); }));
 }
 
 TEST(control_foreground, ends_when_somebody_else_ends_the_daemon) {
