@@ -85,6 +85,21 @@ class Contender:
         """Whether the contender has ended although it was not asked to."""
         return self.process.poll() is not None
 
+    def daemon(self):
+        """The process that supervises, once it is there."""
+        return self.process.pid
+
+    def has_loaded(self):
+        """Whether the list of programs has been gone through for the first time."""
+        return True
+
+    def reload(self):
+        """Begins to bring everything in line with the list again.
+
+        @return a function that tells whether that is over; None for those who have no list.
+        """
+        return None
+
     def end(self):
         """Asks the contender to end itself and all programs. Does not wait."""
         self.process.send_signal(signal.SIGTERM)
@@ -123,6 +138,7 @@ class Keelmond(Contender):
     executables = ("pgrep",)
     variables = ()
     build = None  # another executable than that of this tree
+    known_daemon = None
 
     def prepare(self, names):
         super().prepare(names)
@@ -157,15 +173,37 @@ class Keelmond(Contender):
     def add(self):
         os.rename(self.path("k", "config", "server.ini.new"), self.path("k", "config", "server.ini"))
 
-    def end(self):
-        # The daemon is the process that its starter left to the namespace's first one.
+    def daemon(self):
+        # Looked for once more only if the first find was on its way to become one: a look takes time
+        # among ten thousand processes.
+        if self.known_daemon is None or procfs.is_zombie(self.known_daemon):
+            self.known_daemon = self._find_daemon()
+        return self.known_daemon
+
+    def _find_daemon(self):
+        # The process that its starter left to the namespace's first one.
         for pid in procfs.pids():
             try:
                 executable = os.readlink(f"/proc/{pid}/exe")
             except OSError:
                 continue
             if executable == self.tools["KEELMOND"] and procfs.parent(pid) == 1:
-                os.kill(pid, signal.SIGUSR2)
+                return pid
+        return None
+
+    def has_loaded(self):
+        # It watches the list as soon as it has gone through it.
+        daemon = self.daemon()
+        return daemon is not None and procfs.watches_files(daemon)
+
+    def reload(self):
+        last = self.path("k", "notify", f"{self.names[-1]}.dat")
+        os.remove(last)
+        os.kill(self.daemon(), signal.SIGUSR1)
+        return lambda: os.path.exists(last)
+
+    def end(self):
+        os.kill(self.daemon(), signal.SIGUSR2)
 
 
 class Scanning(Contender):

@@ -41,6 +41,10 @@ class Events:
                 self.starts[name.rstrip(b"\0").decode()].append(Start(started, ended, pid))
             self._rest = data[whole:]
 
+    def programs_started(self):
+        """How many programs have been started at least once."""
+        return len(self.starts)
+
     def last(self, name):
         return self.starts[name][-1]
 
@@ -57,6 +61,6 @@ class Events:
 
     def wait_for_start(self, name, count, seconds):
         """Waits for the `count`th start of a program and returns it, or None."""
-        if self.wait_for(lambda: len(self.starts[name]) >= count, seconds):
+        if self.wait_for(lambda: len(self.starts.get(name, ())) >= count, seconds):
             return self.starts[name][count - 1]
         return None

@@ -6,13 +6,15 @@ import os
 import signal
 import sys
 import time
+from contextlib import ExitStack
 
+import growth
 import plan
 import plot
 import prepare
 import report
 import worlds
-from contenders import ALL, add_build
+from contenders import ALL, Keelmond, add_build
 from results import Results
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -21,7 +23,10 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 def parse_arguments():
     parser = argparse.ArgumentParser(prog="compare", description=__doc__)
     parser.add_argument("--runs", type=int, default=1, help="how often everything is measured")
-    parser.add_argument("--counts", type=_numbers, default=plan.FULL.counts,
+    parser.add_argument("--scale", action="store_true",
+                        help="instead of all that: how keelmond grows up to 10,000 programs (or "
+                             "--only others); raises kernel.pid_max for as long as it takes")
+    parser.add_argument("--counts", type=_numbers, default=[],
                         help="numbers of programs, as in 10,100,1000")
     parser.add_argument("--idle-seconds", type=float, default=plan.FULL.idle_seconds,
                         help="0: not measured")
@@ -49,8 +54,12 @@ def parse_arguments():
     unknown = set(options.only) - {one.name for one in ALL} | set(options.parts) - set(plan.PARTS)
     if unknown:
         parser.error(f"no such contender or part: {', '.join(sorted(unknown))}")
+    if not options.counts:
+        options.counts = (growth.FULL if options.scale else plan.FULL).counts
     if options.counts[0] < 2 or options.runs < 1:
         parser.error("at least two programs and one run are needed")
+    if options.scale and options.svg:
+        parser.error("--scale has no plot")
     return options
 
 
@@ -67,7 +76,9 @@ def say(text):
 
 
 def write_results(options, results, machine, versions):
-    print(report.markdown(results, machine, versions, not options.smoke, options.realtime))
+    kind = growth if options.scale else report
+    print("\n".join(report.preamble(results, machine, versions, options.realtime) +
+                    kind.tables(results, not options.smoke)))
     if options.json:
         with open(options.json, "w", encoding="utf-8") as file:
             json.dump({"machine": machine, "versions": versions, "realtime": options.realtime,
@@ -75,6 +86,25 @@ def write_results(options, results, machine, versions):
     if options.svg:
         with open(options.svg, "w", encoding="utf-8") as file:
             file.write(plot.svg(results))
+
+
+def choose_sizes(options, stack):
+    """The sizes of a run, as far as there is room for them while the stack's contexts last."""
+    if not options.scale:
+        if options.smoke:
+            sizes = plan.SMOKE
+        else:
+            sizes = plan.FULL._replace(counts=options.counts, idle_seconds=options.idle_seconds)
+        return sizes._replace(realtime=options.realtime, parts=options.parts)
+    if options.smoke:
+        return growth.SMOKE._replace(realtime=options.realtime)
+    room = stack.enter_context(growth.room_for(options.counts[-1], say))
+    counts = [count for count in options.counts if count <= room]
+    if counts != options.counts:
+        say(f"there is room for no more than {room:,} programs")
+    if len(counts) < 2:
+        sys.exit("compare: at least two numbers of programs are needed")
+    return growth.FULL._replace(counts=counts, realtime=options.realtime)
 
 
 def main():
@@ -88,24 +118,26 @@ def main():
             say("nothing measured: " + why)
             return
         sys.exit("compare: " + why)
-    if options.smoke:
-        sizes = plan.SMOKE
-    else:
-        sizes = plan.FULL._replace(counts=options.counts, idle_seconds=options.idle_seconds)
+    if not options.smoke and not options.scale:
         prepare.fetch_contenders(ROOT, say)
-    sizes = sizes._replace(realtime=options.realtime, parts=options.parts)
     prepare.build(ROOT, say)
     tools = prepare.tools(ROOT)
-    chosen = prepare.available_contenders(tools, options.only, say)
+    wanted = options.only
+    if options.scale and not wanted:
+        wanted = [one.name for one in ALL if issubclass(one, Keelmond)]
+    chosen = prepare.available_contenders(tools, wanted, say)
 
     runs, failures = [], []
-    for i in range(options.runs):
-        say(f"run {i + 1} of {options.runs}")
-        run = plan.Run(sizes, chosen, tools, say)
-        runs.append(run.measure())
-        failures += run.failures
+    with ExitStack() as stack:
+        sizes = choose_sizes(options, stack)
+        for i in range(options.runs):
+            say(f"run {i + 1} of {options.runs}")
+            run = (growth if options.scale else plan).Run(sizes, chosen, tools, say)
+            runs.append(run.measure())
+            failures += run.failures
     results = Results(runs, [contender.name for contender in chosen], sizes.counts)
-    write_results(options, results, prepare.machine(), prepare.versions())
+    write_results(options, results, prepare.machine(),
+                  {} if options.scale else prepare.versions())
     if failures:
         sys.exit("compare: failed: " + "; ".join(failures))
 

@@ -22,6 +22,14 @@ class Memory(NamedTuple):
     shells: int
 
 
+class Share(NamedTuple):
+    """What one kind of processes has in all; sizes in kB."""
+
+    pss: int
+    page_tables: int
+    processes: int
+
+
 class Work(NamedTuple):
     """What one thread has done since it was created."""
 
@@ -62,6 +70,16 @@ def parent(pid):
     return int(after_name.split()[1]) if after_name else 0
 
 
+def watches_files(pid):
+    """Whether the process has an inotify instance."""
+    try:
+        descriptors = os.listdir(f"/proc/{pid}/fd")
+        return any(os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:inotify"
+                   for fd in descriptors)
+    except OSError:
+        return False
+
+
 class Processes:
     """Tells the supervising processes from the others."""
 
@@ -78,27 +96,38 @@ class Processes:
         return all(is_zombie(pid) for pid in self.others())
 
     def supervising(self):
-        found = []
-        for pid in self.others():
-            try:
-                status = os.stat(f"/proc/{pid}/exe")
-            except OSError:
-                continue  # ended
-            if (status.st_dev, status.st_ino) != self._program:
-                found.append(pid)
-        return found
+        return [pid for pid in self.others() if self._is_program(pid) is False]
+
+    def _is_program(self, pid):
+        """None when the process has ended."""
+        try:
+            status = os.stat(f"/proc/{pid}/exe")
+        except OSError:
+            return None
+        return (status.st_dev, status.st_ino) == self._program
 
     def memory(self):
         total = [0] * len(Memory._fields)
         for pid in self.supervising():
-            status = _fields(_read(f"/proc/{pid}/status"))
-            pss = _fields(_read(f"/proc/{pid}/smaps_rollup")).get("Pss", 0)
-            tables = status.get("VmPTE", 0)
+            pss, tables, threads = _memory_of(pid)
             shell = _is_shell(pid)
-            one = (pss, tables, 1, status.get("Threads", 0),
-                   pss * shell, tables * shell, int(shell))
+            one = (pss, tables, 1, threads, pss * shell, tables * shell, int(shell))
             total = [a + b for a, b in zip(total, one)]
         return Memory(*total)
+
+    def shares(self, daemon):
+        """The memory of the daemon, of its forked children, of the shells, and of the programs."""
+        shares = {kind: Share(0, 0, 0) for kind in ("daemon", "children", "shells", "programs")}
+        for pid in self.others():
+            is_program = self._is_program(pid)
+            if is_program is None:
+                continue
+            kind = ("programs" if is_program else "daemon" if pid == daemon else
+                    "shells" if _is_shell(pid) else "children")
+            pss, tables, _ = _memory_of(pid)
+            one = (pss, tables, 1)
+            shares[kind] = Share(*(a + b for a, b in zip(shares[kind], one)))
+        return shares
 
     def work(self):
         """What each thread of each supervising process has done, by (pid, tid)."""
@@ -111,6 +140,13 @@ class Processes:
             for tid in threads:
                 done[pid, int(tid)] = _thread_work(f"/proc/{pid}/task/{tid}")
         return done
+
+
+def _memory_of(pid):
+    """Proportional set size and page tables in kB, and the number of threads."""
+    status = _fields(_read(f"/proc/{pid}/status"))
+    pss = _fields(_read(f"/proc/{pid}/smaps_rollup")).get("Pss", 0)
+    return pss, status.get("VmPTE", 0), status.get("Threads", 0)
 
 
 def _is_shell(pid):

@@ -32,11 +32,15 @@ def spread(values):
     return f"{middle} ({number(min(values))} to {number(max(values))})"
 
 
+def verdict(values, most):
+    return "met" if median(values) <= most else "missed"
+
+
 def _row(cells):
     return "| " + " | ".join(cells) + " |"
 
 
-def _table(heading, rows):
+def table(heading, rows):
     return [_row(heading), _row(["---"] + ["---:"] * (len(heading) - 1)), *map(_row, rows), ""]
 
 
@@ -57,7 +61,7 @@ def _metric_table(results, title, metric, counts, label):
         cells = [spread(results.values(metric, contender, count)) for count in counts]
         if any(cell != "–" for cell in cells):
             rows.append([BY_NAME[contender].title, *cells])
-    return [f"**{title}**", "", *_table(["", *map(label, counts)], rows)] if rows else []
+    return [f"**{title}**", "", *table(["", *map(label, counts)], rows)] if rows else []
 
 
 def _gap_tables(results):
@@ -101,7 +105,7 @@ def _idle_table(results):
             rows.append([BY_NAME[contender].title, spread(cpu), spread(switches)])
     title = f"**While idle with {results.counts[-1]:,} programs, in a minute**"
     heading = ["", "processor time, ms", "wake-ups"]
-    return [title, "", *_table(heading, rows)] if rows else []
+    return [title, "", *table(heading, rows)] if rows else []
 
 
 def _goals(results):
@@ -143,10 +147,9 @@ def _goal_table(results):
     for title, metric, most in _goals(results):
         values = results.values(metric, "keelmond", None)
         if values:
-            verdict = "met" if median(values) <= most else "missed"
-            rows.append([title, spread(values), number(most), verdict])
+            rows.append([title, spread(values), number(most), verdict(values, most)])
     heading = ["goal", "keelmond", "at most", ""]
-    return ["**Goals**", "", *_table(heading, rows)] if rows else []
+    return ["**Goals**", "", *table(heading, rows)] if rows else []
 
 
 def _machine_lines(machine, versions):
@@ -159,13 +162,18 @@ def _machine_lines(machine, versions):
     return [*lines, ""]
 
 
-def markdown(results, machine, versions, with_goals, realtime):
+def preamble(results, machine, versions, realtime):
+    """What the figures depend on."""
     lines = _machine_lines(machine, versions)
     if realtime:
         lines += ["With real-time scheduling for all that is measured.", ""]
     if len(results.runs) > 1:
         lines += [f"The median of {len(results.runs)} runs (the smallest to the largest).", ""]
-    lines += _gap_tables(results) + _scale_tables(results) + _idle_table(results)
+    return lines
+
+
+def tables(results, with_goals):
+    lines = _gap_tables(results) + _scale_tables(results) + _idle_table(results)
     if with_goals and len(results.counts) > 1:
         lines += _goal_table(results)
-    return "\n".join(lines)
+    return lines

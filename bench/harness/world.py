@@ -10,6 +10,7 @@ worked, which is in memory.
 import json
 import os
 import resource
+import select
 import shutil
 import signal
 import subprocess
@@ -50,20 +51,48 @@ class World:
 
     def measure_start(self):
         """Time until all programs run."""
+        return self.measure_start_and_load()["start_ns"]
+
+    def measure_start_and_load(self):
+        """The same, and the time until the list of programs has been gone through."""
+        loaded = None
         before = time.monotonic_ns()
+
+        def is_over():
+            nonlocal loaded
+            if loaded is None and self.contender.has_loaded():
+                loaded = time.monotonic_ns()
+            return self.contender.has_failed() or (loaded is not None and self._all_started())
+
         self.contender.start()
-        self.events.wait_for(lambda: self._all_started() or self.contender.has_failed(),
-                             START_LIMIT)
+        self.events.wait_for(is_over, START_LIMIT)
         if not self._all_started():
-            raise RuntimeError(f"{len(self.events.starts)} of {len(self.names)} programs started")
+            raise RuntimeError(
+                f"{self.events.programs_started()} of {len(self.names)} programs started")
         last = max(self.events.starts[name][0].started for name in self.names)
-        return last - before
+        return {"start_ns": last - before, "load_ns": loaded and loaded - before}
 
     def _all_started(self):
-        return all(name in self.events.starts for name in self.names)
+        # Nobody but those programs writes to the file of events.
+        return self.events.programs_started() == len(self.names)
+
+    def measure_reload(self):
+        """Time until everything is in line with the list again, of which nothing has changed."""
+        before = time.monotonic_ns()
+        is_over = self.contender.reload()
+        if is_over is None:
+            return None
+        if not self.events.wait_for(is_over, RETURN_LIMIT):
+            raise RuntimeError("the reload does not end")
+        return time.monotonic_ns() - before
 
     def measure_memory(self):
         return self.processes.memory()._asdict()
+
+    def measure_shares(self):
+        """The memory of each kind of processes."""
+        shares = self.processes.shares(self.contender.daemon())
+        return {kind: share._asdict() for kind, share in shares.items()}
 
     def measure_quick(self, seconds, after):
         """Gaps of a program that ends at once, for some seconds; at least one if possible.
@@ -142,6 +171,29 @@ class World:
                 raise RuntimeError(f"{len(self.processes.others())} processes did not end")
             time.sleep(0.005)
         return time.monotonic_ns() - begin
+
+    def measure_part_of_end(self, seconds):
+        """Asks for the end of all and watches it for some seconds at most.
+
+        @return the times since then at which programs ended, and the time until nothing was left
+        or None.
+        """
+        ends = []
+        with select.epoll() as living:
+            watched = [os.pidfd_open(self.events.last(name).pid) for name in self.names]
+            for descriptor in watched:
+                living.register(descriptor, select.EPOLLIN)
+            begin = time.monotonic_ns()
+            self.contender.end()
+            while len(ends) < len(watched):
+                left = seconds - (time.monotonic_ns() - begin) / 1e9
+                if left <= 0:
+                    return {"ends_ns": ends, "end_ns": None}
+                for descriptor, _ in living.poll(left):
+                    ends.append(time.monotonic_ns() - begin)
+                    os.close(descriptor)
+        self.events.wait_for(self._is_over, END_LIMIT)
+        return {"ends_ns": ends, "end_ns": time.monotonic_ns() - begin}
 
     def _is_over(self):
         return self.contender.process.poll() is not None and self.processes.all_ended()
