@@ -108,7 +108,7 @@ std::string installation::add_script(std::string_view body, std::string_view dir
 void installation::write_script(const fs::path& path, std::string_view body) const {
   // Made elsewhere and moved: a process that is forked meanwhile could hold it open for writing,
   // and then nobody can execute it.
-  const fs::path draft = scratch_.path() / "draft";
+  const fs::path draft = site_ / "draft";
   write_file(draft, "#!/bin/sh\n" + std::string(body));
   fs::permissions(draft, fs::perms::owner_all);
   fs::rename(draft, path);
