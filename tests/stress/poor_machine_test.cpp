@@ -1,7 +1,4 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -9,10 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "common/misc/unique_fd.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
-#include "tests/e2e/support/private_namespace.h"
+#include "tests/stress/support/small_disk.h"
 #include "tests/stress/support/stress.h"
 #include "tests/support/wait_until.h"
 
@@ -22,55 +18,6 @@ using stress::rounds;
 namespace {
 
 constexpr char kForkFails[] = "fork() error.errno:11 error:Resource temporarily unavailable\n";
-
-/// A small file system of the installation's own in the place of its directory, with the programs
-/// that have been added so far. The namespace in which the tests run keeps it from everybody else.
-class small_disk final {
- public:
-  small_disk(const installation& place, const char* options) : at_(place.site()) {
-    const fs::path kept = at_.parent_path() / "kept";
-    fs::copy(at_ / "programs", kept);
-    mounted_ = private_namespace::is_inside() &&
-               ::mount("tmpfs", at_.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options) == 0;
-    if (!mounted_) return;
-    fs::copy(kept, at_ / "programs");
-    for (const char* directory : {"config", "notify"})
-      fs::create_directories(at_ / directory);
-    place.save(std::vector<listed_program>{});
-  }
-  small_disk(const small_disk&) = delete;
-  small_disk& operator=(const small_disk&) = delete;
-  ~small_disk() {
-    if (mounted_) ::umount2(at_.c_str(), MNT_DETACH);
-  }
-
-  [[nodiscard]] bool mounted() const { return mounted_; }
-
-  /// Takes what is left of the space.
-  void fill() const {
-    const unique_fd file(::open((at_ / "filling").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-    const char block[4096] = {};
-    while (::write(file.get(), block, sizeof block) > 0) {
-    }
-  }
-  /// Takes what is left of the files.
-  void fill_with_files() const {
-    for (int i = 0;; ++i) {
-      const unique_fd file(::open((at_ / ("filling" + std::to_string(i))).c_str(),
-                                  O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
-      if (!file.valid()) return;
-    }
-  }
-  void make_room() const {
-    for (const auto& item : fs::directory_iterator(at_)) {
-      if (item.path().filename().string().starts_with("filling")) fs::remove(item.path());
-    }
-  }
-
- private:
-  fs::path at_;
-  bool mounted_;
-};
 
 void restart(const installation& place, const std::string& name, std::size_t starts) {
   for (const pid_t pid : place.running(name))
@@ -93,7 +40,7 @@ TEST(poor_machine, may_have_a_full_disk) {
   installation place;
   const std::string name = place.add_steady();
   const std::string other = place.add_steady();
-  const small_disk disk(place, "size=256k");
+  const stress::small_disk disk(place, "size=256k");
   if (!disk.mounted()) GTEST_SKIP() << "no file system can be mounted here";
   place.save({place.entry(name), place.entry(other, "stop")});
   place.start();
@@ -119,7 +66,7 @@ TEST(poor_machine, may_have_a_full_disk) {
 TEST(poor_machine, may_have_a_full_disk_at_the_start) {
   installation place;
   const std::string name = place.add_steady();
-  const small_disk disk(place, "size=256k");
+  const stress::small_disk disk(place, "size=256k");
   if (!disk.mounted()) GTEST_SKIP() << "no file system can be mounted here";
   place.save({place.entry(name)});
   disk.fill();
@@ -134,7 +81,7 @@ TEST(poor_machine, may_have_a_full_disk_at_the_start) {
 TEST(poor_machine, may_have_no_room_for_the_pid_file) {
   installation place;
   const std::string name = place.add_steady();
-  const small_disk disk(place, "size=256k,nr_inodes=40");
+  const stress::small_disk disk(place, "size=256k,nr_inodes=40");
   if (!disk.mounted()) GTEST_SKIP() << "no file system can be mounted here";
   place.save({place.entry(name)});
   disk.fill_with_files();
