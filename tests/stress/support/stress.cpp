@@ -107,9 +107,13 @@ start_options without_leak_check(start_options options) {
 start_options fast(start_options options) {
   options.before_exec = [before = std::move(options.before_exec)] {
     if (before) before();
-    execute(KEELMOND_FAST_BINARY);
+    execute(fast_binary());
   };
   return options;
+}
+
+std::string fast_binary() {
+  return KEELMOND_FAST_BINARY;
 }
 
 std::size_t pauses(const installation& place) {
@@ -258,29 +262,40 @@ void unlimit(pid_t pid, int resource) {
   set_limit(pid, resource, [](const rlimit& now) { return now.rlim_max; });
 }
 
-start_options by_ordinary_user(const installation& place, start_options options) {
-  if (::geteuid() != 0) return options;
-  const uid_t user = ordinary_user::id();
-  const fs::path scratch = place.site().parent_path();
-  // The tree may lie where the user must not look.
-  const fs::path binary = scratch / "bin" / "keelmond";
-  fs::create_directories(binary.parent_path());
-  fs::copy_file(supervisor_binary(), binary, fs::copy_options::overwrite_existing);
-  own(scratch, user);
-  for (const auto& item : fs::recursive_directory_iterator(scratch))
-    own(item.path(), user);
-  options.before_exec = [before = std::move(options.before_exec), user, path = binary.string()] {
+start_options by_ordinary_user(const installation& place, start_options options,
+                               std::string binary) {
+  if (binary.empty()) binary = supervisor_binary();
+  const bool is_root = ::geteuid() == 0;
+  const uid_t user = is_root ? ordinary_user::id() : ::geteuid();
+  if (is_root) {
+    // The tree may lie where the user must not look.
+    const fs::path scratch = place.site().parent_path();
+    const fs::path within_reach = scratch / "bin" / "keelmond";
+    fs::create_directories(within_reach.parent_path());
+    fs::copy_file(binary, within_reach, fs::copy_options::overwrite_existing);
+    binary = within_reach.string();
+    own(scratch, user);
+    for (const auto& item : fs::recursive_directory_iterator(scratch))
+      own(item.path(), user);
+  }
+  options.before_exec = [before = std::move(options.before_exec), user, is_root, binary] {
     if (before) before();
-    if (::setresgid(user, user, user) != 0 || ::setresuid(user, user, user) != 0) ::_exit(125);
-    execute(path);
+    if (is_root && (::setresgid(user, user, user) != 0 || ::setresuid(user, user, user) != 0)) {
+      ::_exit(125);
+    }
+    execute(binary);
   };
   return options;
+}
+
+void give_to_user(const std::string& file) {
+  if (::geteuid() == 0) own(file, ordinary_user::id());
 }
 
 void save_for_user(const installation& place, const std::string& text) {
   const fs::path draft = place.site() / "config" / "draft";
   write_file(draft, text);
-  if (::geteuid() == 0) own(draft, ordinary_user::id());
+  give_to_user(draft);
   fs::rename(draft, place.site() / "config" / "server.ini");
 }
 

@@ -43,6 +43,8 @@ start_options without_leak_check(start_options options = {});
 
 /// Starts the supervisor whose pause between two watches takes 10 milliseconds.
 start_options fast(start_options options = {});
+/// Its executable.
+std::string fast_binary();
 
 /// Waits until the supervisor, a fast one, watches again after its `pauses`th pause.
 bool wait_armed(const installation& place, std::size_t pauses);
@@ -111,7 +113,11 @@ void unlimit(pid_t pid, int resource);
 
 /// Gives the installation to an ordinary user who owns nothing else, and starts the supervisor as
 /// that user. Tests that are run by an ordinary user keep that one.
-start_options by_ordinary_user(const installation& place, start_options options = {});
+/// @param binary the supervisor; the one that all tests run when it is empty.
+start_options by_ordinary_user(const installation& place, start_options options = {},
+                               std::string binary = {});
+/// Gives a file that came later to that user, too.
+void give_to_user(const std::string& file);
 /// Replaces server.ini, for the user who was given the installation.
 void save_for_user(const installation& place, const std::string& text);
 
