@@ -82,7 +82,8 @@ std::mt19937 random_numbers() {
   const char* given = std::getenv("KEELMOND_STRESS_SEED");
   const unsigned seed = given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10))
                                          : std::random_device{}();
-  std::cout << "KEELMOND_STRESS_SEED=" << seed << '\n';
+  // At once: forked processes would tell it again.
+  std::cout << "KEELMOND_STRESS_SEED=" << seed << std::endl;
   return std::mt19937(seed);
 }
 
