@@ -72,7 +72,8 @@ TEST(run_script, starts_the_example_in_a_directory_that_it_makes) {
   const std::string printed = place.run("--example " + place.directory());
   const std::string head = "keelmond runs in " + place.directory() + " (PID ";
   ASSERT_NE(printed.find(head), std::string::npos) << printed;
-  EXPECT_NE(printed.find("2 of 2 programs that are to run are alive"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("2 of 2 programs that are to run are alive"), std::string::npos)
+      << printed;
   EXPECT_NE(printed.find("What to try next"), std::string::npos) << printed;
   EXPECT_TRUE(printed.ends_with("exit status: 0\n")) << printed;
   EXPECT_TRUE(fs::exists(place.directory() + "/config/server.ini"));

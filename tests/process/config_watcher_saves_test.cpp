@@ -282,8 +282,9 @@ TEST(config_watcher, what_was_loaded_first_and_stands_there_still_is_not_loaded_
 /// Saves while the first load of a test's watcher reads what was there before.
 void save_during_the_next_load(const std::function<void()>& save) {
   faults.pipe2 = [=](int* ends, int flags) {
+    const auto once = save;
     faults.pipe2 = nullptr;
-    save();
+    once();
     return without_pipes(ends, flags);
   };
 }
