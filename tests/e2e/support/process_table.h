@@ -33,9 +33,9 @@ std::string status_field(pid_t pid, std::string_view field);
 /// How many threads the process has; 0 when there is none.
 int count_threads(pid_t pid);
 
-/// How many inotify instances the process has open, and how many watches on what is written to a file
-/// these have. A watch goes as soon as its file does, and its instance only when the process closes
-/// it.
+/// How many inotify instances the process has open, and how many watches on what is written to a
+/// file these have. A watch goes as soon as its file does, and its instance only when the process
+/// closes it.
 int count_inotifies(pid_t pid);
 int count_watches(pid_t pid);
 
