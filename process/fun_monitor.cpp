@@ -73,7 +73,7 @@ Tfun_monitor::Tfun_monitor(const char* command, const char* program, const char*
 
 void Tfun_monitor::virtual_thread_proc() {
   // Counted out when the base has touched the object for the last time.
-  thread_local const leave_gate::until_thread_ends inside(g_leave_gate);
+  g_leave_gate.dismiss_at_thread_end();
   monitor_process(exepath);
   phase.end();
 }

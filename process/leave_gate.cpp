@@ -1,10 +1,27 @@
 #include "process/leave_gate.h"
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <thread>
 
 constinit leave_gate g_leave_gate;
+
+namespace {
+
+/// Made once for all gates; its value in a thread is the gate that the thread is inside of.
+pthread_key_t make_key() noexcept {
+  pthread_key_t key{};
+  ::pthread_key_create(&key, [](void* gate) { static_cast<leave_gate*>(gate)->dismiss(); });
+  return key;
+}
+
+}  // namespace
+
+void leave_gate::dismiss_at_thread_end() noexcept {
+  static const pthread_key_t key = make_key();
+  ::pthread_setspecific(key, this);
+}
 
 void leave_gate::park() noexcept {
   dismiss();

@@ -56,18 +56,9 @@ class leave_gate final {
     leave_gate& gate_;
   };
 
-  /// Counts the calling thread out when it ends, after the last that it does. Kept as a variable of
-  /// the thread.
-  class until_thread_ends final {
-   public:
-    explicit until_thread_ends(leave_gate& gate) noexcept : gate_(gate) {}
-    until_thread_ends(const until_thread_ends&) = delete;
-    until_thread_ends& operator=(const until_thread_ends&) = delete;
-    ~until_thread_ends() { gate_.dismiss(); }
-
-   private:
-    leave_gate& gate_;
-  };
+  /// Counts the calling thread out when it ends, after the last that it does. Takes no memory from
+  /// the heap, which every child would carry along.
+  void dismiss_at_thread_end() noexcept;
 
  private:
   enum class phase : int { open, no_launches, closed };

@@ -173,7 +173,7 @@ TEST(leave_gate, a_thread_can_be_counted_out_after_the_last_that_it_does) {
   static std::atomic<bool> over{false};
   gate.admit();
   std::thread([] {
-    thread_local const leave_gate::until_thread_ends inside(gate);
+    gate.dismiss_at_thread_end();
     EXPECT_FALSE(gate.wait_until_empty(milliseconds(0)));
     over = true;
   }).join();
