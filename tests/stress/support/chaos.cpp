@@ -131,7 +131,6 @@ void chaos::end_leftovers() const {
 
 void chaos::forget() {
   stopped_children_.clear();
-  may_cut_ = is_full_;
   story_.clear();
 }
 
@@ -274,7 +273,6 @@ void chaos::limit_memory() {
 }
 
 void chaos::limit_file_size() {
-  may_cut_ = true;
   limit_to(RLIMIT_FSIZE, static_cast<rlim_t>(between(random_, 0, 20000)));
 }
 
@@ -288,7 +286,6 @@ void chaos::fill_disk() {
   if (!disk_.mounted() || is_full_) return;
   disk_.fill();
   is_full_ = true;
-  may_cut_ = true;
 }
 
 void chaos::make_room() {

@@ -37,8 +37,6 @@ class chaos final {
 
   /// The programs as the last repair has listed them.
   [[nodiscard]] const std::vector<listed_program>& programs() const { return programs_; }
-  /// Whether lines of a file may have been cut short, for want of space.
-  [[nodiscard]] bool may_cut() const { return may_cut_; }
   /// What was done since the last `forget`.
   [[nodiscard]] const std::string& story() const { return story_; }
   /// Begins a new story. Call it when everything is in order.
@@ -104,7 +102,6 @@ class chaos final {
   bool is_closed_ = false;  ///< Some directory is.
   /// While this holds, a watch that ends cannot be set again, and the supervisor would rightly end.
   bool is_held_ = false;
-  bool may_cut_ = false;
   std::string story_;
 };
 
