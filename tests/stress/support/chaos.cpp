@@ -235,14 +235,15 @@ void chaos::save_with_old_time() {
 bool chaos::hold_watch() {
   if (is_held_) return true;
   if (is_full_ || !limits_.empty()) return false;
-  const auto has_paused = [this] {
+  // A save during the pause before is not seen; the next one is. Each gets more time than the last:
+  // where one comes during every load, there is no pause.
+  for (std::chrono::milliseconds limit(500);; limit *= 2) {
     save_for_user(place_, installation::ini(programs_));
     const std::size_t before = pauses(place_);
-    // A save during the pause before is not seen; the next one is.
-    return wait_until([&] { return pauses(place_) > before; }, std::chrono::milliseconds(500));
-  };
-  if (!wait_until(has_paused, patience()) ||
-      !wait_until([this] { return place_.is_watching(); }, patience())) {
+    if (wait_until([&] { return pauses(place_) > before; }, limit)) break;
+    if (limit > patience()) throw std::runtime_error("no pause:\n" + story_);
+  }
+  if (!wait_until([this] { return place_.is_watching(); }, patience())) {
     throw std::runtime_error("no watch is set:\n" + story_);
   }
   is_held_ = true;
