@@ -78,6 +78,7 @@ class watch_over final {
 
   void find();
   void reap();
+  void await_last_thread();
   event next();
   void reload() const;
   int end();
@@ -106,6 +107,14 @@ void watch_over::reap() {
   for (pid_t ended; (ended = ::waitpid(-1, &status, WNOHANG)) > 0;) {
     if (ended == daemon_.pid) status_ = status;
   }
+}
+
+/// A daemon that was killed counts as ended before its last thread has gone, and the children of that
+/// thread as its own until then: nobody would find what it has left.
+void watch_over::await_last_thread() {
+  const auto end = steady::now() + kGrace;
+  for (reap(); !status_ && ::kill(daemon_.pid, 0) == 0 && steady::now() < end; reap())
+    std::this_thread::sleep_for(milliseconds(1));
 }
 
 watch_over::event watch_over::next() {
@@ -137,7 +146,7 @@ int watch_over::end() {
 
 /// @return the exit status, or nothing when the daemon was started again.
 std::optional<int> watch_over::after_end() {
-  reap();
+  await_last_thread();
   // A daemon that somebody else started before is not ours to reap; what it left behind tells.
   const bool asked = status_ ? WIFEXITED(*status_) : !here_.look().search.pid_file;
   if (asked) {

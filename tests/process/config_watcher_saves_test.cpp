@@ -296,10 +296,10 @@ TEST(config_watcher, what_was_saved_during_a_reload_is_loaded_before_the_pause) 
     monitor_list.push_back(&known);
     static std::size_t loads_at_pause = 0;
     in_pause = [&] { loads_at_pause = watch.loads(); };
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
     // Its stop command is where the load can be met.
     save_during_the_next_load([] { replace(naming("meanwhile")); });
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
     replace(naming("known"));
     ASSERT_TRUE(watch.watches(2));
     EXPECT_EQ(watch.loads(), 2U);
@@ -312,9 +312,9 @@ TEST(config_watcher, a_file_that_was_deleted_during_a_reload_is_not_loaded_again
   in_child([] {
     watcher& watch = new_watcher();
     monitor_list.push_back(&new_monitor("/bin/true", "known", "stop"));
+    save_during_the_next_load([] { fs::remove(kConfigPath); });
     watch.start();
     ASSERT_TRUE(watch.watches(1));
-    save_during_the_next_load([] { fs::remove(kConfigPath); });
     replace(naming("known"));
     ASSERT_TRUE(wait_until([&] { return !watch.complaints().empty(); }));
     EXPECT_EQ(watch.loads(), 1U);
