@@ -109,8 +109,8 @@ void watch_over::reap() {
   }
 }
 
-/// A daemon that was killed counts as ended before its last thread has gone, and the children of that
-/// thread as its own until then: nobody would find what it has left.
+/// A daemon that was killed counts as ended before its last thread has gone, and the children of
+/// that thread as its own until then: nobody would find what it has left.
 void watch_over::await_last_thread() {
   const auto end = steady::now() + kGrace;
   for (reap(); !status_ && ::kill(daemon_.pid, 0) == 0 && steady::now() < end; reap())
