@@ -25,6 +25,7 @@ int __real_inotify_add_watch(int fd, const char* path, std::uint32_t events);
 int __real_inotify_rm_watch(int fd, int watch);
 ssize_t __real_read(int fd, void* out, std::size_t size);
 ssize_t __real_write(int fd, const void* text, std::size_t size);
+int __real_poll(pollfd* requests, nfds_t count, int milliseconds);
 int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
 int __real_select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit);
 int __real_flock(int fd, int operation);
@@ -88,6 +89,11 @@ ssize_t __wrap_read(int fd, void* out, std::size_t size) {
 
 ssize_t __wrap_write(int fd, const void* text, std::size_t size) {
   return faults.write ? faults.write(fd, text, size) : __real_write(fd, text, size);
+}
+
+int __wrap_poll(pollfd* requests, nfds_t count, int milliseconds) {
+  return faults.poll ? faults.poll(requests, count, milliseconds)
+                     : __real_poll(requests, count, milliseconds);
 }
 
 int __wrap_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
@@ -154,6 +160,9 @@ ssize_t read(int fd, void* out, std::size_t size) {
 }
 ssize_t write(int fd, const void* text, std::size_t size) {
   return __real_write(fd, text, size);
+}
+int poll(pollfd* requests, nfds_t count, int milliseconds) {
+  return __real_poll(requests, count, milliseconds);
 }
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
   return __real_ppoll(requests, count, limit, mask);

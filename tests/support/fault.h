@@ -31,6 +31,7 @@ struct system_calls {
   std::function<int(int, int)> inotify_rm_watch;
   std::function<ssize_t(int, void*, std::size_t)> read;
   std::function<ssize_t(int, const void*, std::size_t)> write;
+  std::function<int(pollfd*, nfds_t, int)> poll;
   std::function<int(pollfd*, nfds_t, const timespec*, const sigset_t*)> ppoll;
   std::function<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
   std::function<int(int, int)> flock;
@@ -57,6 +58,7 @@ int inotify_add_watch(int fd, const char* path, std::uint32_t events);
 int inotify_rm_watch(int fd, int watch);
 ssize_t read(int fd, void* out, std::size_t size);
 ssize_t write(int fd, const void* text, std::size_t size);
+int poll(pollfd* requests, nfds_t count, int milliseconds);
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
 int flock(int fd, int operation);
 }  // namespace real
