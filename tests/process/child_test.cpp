@@ -81,7 +81,7 @@ TEST(start_program, ends_the_child_with_status_0_when_there_is_no_shell_to_be_ha
     // The child forks, and its shell is not to be had.
     faults.fork = [] {
       const pid_t child = real::fork_bare();
-      if (child == 0) faults.fork = [] { return -1; };
+      if (child == 0) faults.fork = faults.clone = [] { return -1; };
       return child;
     };
     EXPECT_EQ(run("true"), 0);
@@ -353,7 +353,7 @@ TEST(run_command, is_not_started_when_the_child_has_no_process_for_the_shell) {
   in_child([] {
     faults.fork = [] {
       const pid_t child = real::fork_bare();
-      if (child == 0) faults.fork = [] { return -1; };
+      if (child == 0) faults.fork = faults.clone = [] { return -1; };
       return child;
     };
     expect_not_started(run_to_its_end("echo > done"));

@@ -13,6 +13,7 @@ extern "C" {
 
 pid_t __real_fork();
 pid_t __real__Fork();
+int __real_clone(int (*body)(void*), void* stack, int flags, void* argument, ...);
 pid_t __real_waitpid(pid_t pid, int* status, int options);
 int __real_execv(const char* path, char* const* arguments);
 int __real_pipe2(int* ends, int flags);
@@ -39,6 +40,10 @@ pid_t __wrap_fork() {
 pid_t __wrap__Fork() {
   require_forking_thread();
   return faults.fork ? faults.fork() : __real__Fork();
+}
+
+int __wrap_clone(int (*body)(void*), void* stack, int flags, void* argument, ...) {
+  return faults.clone ? faults.clone() : __real_clone(body, stack, flags, argument);
 }
 
 pid_t __wrap_waitpid(pid_t pid, int* status, int options) {

@@ -20,6 +20,8 @@
 struct system_calls {
   /// `fork` and `_Fork`.
   std::function<pid_t()> fork;
+  /// With which a child starts its shell, except in sanitizer builds.
+  std::function<pid_t()> clone;
   std::function<pid_t(pid_t, int*, int)> waitpid;
   /// Runs in the process that is to become a program.
   std::function<int(const char*, char* const*)> execv;
