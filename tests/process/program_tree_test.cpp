@@ -5,10 +5,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
+#include <sstream>
 #include <string>
 
 #include "tests/process/supervision.h"
@@ -150,9 +150,11 @@ TEST(program_tree, the_signal_goes_to_every_descendant_of_that_name_and_to_no_ot
     });
     const pid_t shell = child_of(child);
     ASSERT_TRUE(wait_until([&] {
-      const std::string list = read_file("/proc/" + std::to_string(shell) + "/task/" +
-                                         std::to_string(shell) + "/children");
-      return std::count(list.begin(), list.end(), ' ') == 2;
+      const std::string number = std::to_string(shell);
+      std::istringstream list(read_file("/proc/" + number + "/task/" + number + "/children"));
+      pid_t first = 0;
+      pid_t second = 0;
+      return list >> first >> second && name_of(second) == name;
     }));
     const pid_t helper = child_of(child_of(shell));
     const pid_t deepest = child_of(helper);
@@ -161,7 +163,7 @@ TEST(program_tree, the_signal_goes_to_every_descendant_of_that_name_and_to_no_ot
     EXPECT_EQ(program_tree::signal_by_name(child, name.c_str(), SIGUSR2), 3);
     EXPECT_TRUE(wait_until([&] { return state_of(deepest) == 'Z' || state_of(deepest) == '?'; }));
     for (const pid_t spared : {elsewhere, child, shell, helper})
-      EXPECT_EQ(state_of(spared), 'S') << name_of(spared);
+      EXPECT_TRUE(wait_until([&] { return state_of(spared) == 'S'; })) << name_of(spared);
   });
 }
 
