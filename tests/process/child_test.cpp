@@ -390,6 +390,11 @@ TEST(run_command, goes_on_waiting_when_a_signal_interrupts_it) {
 TEST(run_command, kills_a_command_that_takes_too_long_with_all_that_it_has_started) {
   in_child([] {
     child::start();
+    // However little time it is given, it gets that far.
+    faults.poll = [](pollfd* requests, nfds_t count, int milliseconds) {
+      wait_until([] { return read_file("shell").ends_with('\n'); });
+      return real::poll(requests, count, milliseconds);
+    };
     const child::command_end end =
         child::run_command("sleep 60 & echo $! > below; echo $$ > shell; wait",
                            std::chrono::milliseconds(300), never_in_a_hurry);

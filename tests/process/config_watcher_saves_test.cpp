@@ -1,12 +1,11 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstring>
 #include <filesystem>
-#include <thread>
+#include <sstream>
+#include <string>
 
 #include "process/server_config.h"
 #include "tests/process/watched_config.h"
@@ -36,20 +35,17 @@ std::string load_of(const std::string& name) {
 TEST(config_watcher, a_save_in_pieces_is_one_load_of_the_whole_file) {
   in_child([] {
     watcher& watch = new_watcher();
+    // Empty for longer than a quiet moment, then a line at each look.
+    in_look = [](int look) {
+      static std::istringstream lines(naming("late"));
+      std::string line;
+      if (look > 15 && std::getline(lines, line)) append(line + "\n");
+    };
     watch.start();
     ASSERT_TRUE(watch.watches(1));
-    const int fd = ::open(kConfigPath, O_WRONLY | O_TRUNC | O_CLOEXEC);
-    std::this_thread::sleep_for(milliseconds(70));  // empty for longer than a quiet moment
-    for (const char* piece : {"[keelmond]\n", "linux=1\n", "svr1=late\n", "[late]\n",
-                              "exepath=/bin/true\n", "state=stop\n"}) {
-      ASSERT_GT(::write(fd, piece, std::strlen(piece)), 0);
-      std::this_thread::sleep_for(milliseconds(2));
-    }
-    ::close(fd);
+    ASSERT_EQ(::truncate(kConfigPath, 0), 0);
     ASSERT_TRUE(watch.watches(2));
-    EXPECT_EQ(watch.printed(), std::string(kLoad) +
-                                   "read ini file late \r\n"
-                                   "monitor late stopped 333.\r\n");
+    EXPECT_EQ(watch.printed(), load_of("late"));
   });
 }
 
@@ -68,30 +64,29 @@ TEST(config_watcher, a_file_that_stays_empty_is_waited_for_a_second) {
 TEST(config_watcher, a_file_that_goes_while_it_is_saved_is_not_waited_for) {
   in_child([] {
     watcher& watch = new_watcher();
+    in_look = [](int look) {
+      if (look == 1) replace("[keelmond]\n");
+    };
     watch.start();
     ASSERT_TRUE(watch.watches(1));
-    const auto start = steady::now();
     ASSERT_EQ(::truncate(kConfigPath, 0), 0);
-    replace("[keelmond]\n");
     ASSERT_TRUE(watch.loaded(1));
-    EXPECT_LT(steady::now() - start, milliseconds(900));
+    EXPECT_LT(looks, 20) << "a quiet moment, not the second that an empty file gets";
   });
 }
 
 TEST(config_watcher, a_file_that_is_removed_and_made_anew_is_waited_for_and_loaded_whole) {
   in_child([] {
     watcher& watch = new_watcher();
+    in_look = [](int look) {
+      const std::string text = naming("anew");
+      if (look == 5) write_file(kConfigPath, "");
+      if (look == 20) append(text.substr(0, 20));
+      if (look == 21) append(text.substr(20));
+    };
     watch.start();
     ASSERT_TRUE(watch.watches(1));
     fs::remove(kConfigPath);
-    std::this_thread::sleep_for(milliseconds(100));
-    const int fd = ::open(kConfigPath, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    std::this_thread::sleep_for(milliseconds(100));
-    const std::string text = naming("anew");
-    ASSERT_EQ(::write(fd, text.data(), 20), 20);
-    std::this_thread::sleep_for(milliseconds(5));
-    ASSERT_GT(::write(fd, text.data() + 20, text.size() - 20), 0);
-    ::close(fd);
     ASSERT_TRUE(watch.watches(2));
     EXPECT_EQ(watch.printed(), load_of("anew"));
   });
@@ -113,20 +108,17 @@ TEST(config_watcher, a_file_that_stays_away_is_waited_for_half_a_second) {
 TEST(config_watcher, a_file_that_is_absent_when_the_pause_ends_is_waited_for) {
   in_child([] {
     watcher& watch = new_watcher();
-    static std::thread save;
     in_pause = [] {
-      if (pauses > 1) return;
-      fs::remove(kConfigPath);
-      save = std::thread([] {
-        std::this_thread::sleep_for(milliseconds(100));
-        write_file(kConfigPath, "[keelmond]\n");
-      });
+      if (pauses == 1) fs::remove(kConfigPath);
+    };
+    in_look = [](int /*look*/) {
+      static int absent = 0;
+      if (!exists(kConfigPath) && ++absent == 5) write_file(kConfigPath, "[keelmond]\n");
     };
     watch.start();
     ASSERT_TRUE(watch.watches(1));
     modify();
     ASSERT_TRUE(watch.watches(2));
-    save.join();
     EXPECT_EQ(watch.complaints(), "");
   });
 }

@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <thread>
@@ -17,9 +16,6 @@
 #include "tests/support/wait_until.h"
 
 namespace {
-
-using std::chrono::milliseconds;
-using steady = std::chrono::steady_clock;
 
 TEST(config_path, is_relative_to_the_directory_of_the_start) {
   EXPECT_STREQ(kConfigPath, "./config/server.ini");
@@ -97,7 +93,7 @@ TEST(config_watcher, many_events_of_one_read_are_one_load) {
     watch.start();
     ASSERT_TRUE(watch.watches(1));
     modify();
-    std::this_thread::sleep_for(milliseconds(1));
+    ASSERT_TRUE(wait_until([] { return reads == 1; }));
     modify();
     written = true;
     ASSERT_TRUE(watch.watches(2));
@@ -153,10 +149,9 @@ TEST(config_watcher, a_replaced_file_is_one_load_at_once_and_watched_from_then_o
     watcher& watch = new_watcher();
     watch.start();
     ASSERT_TRUE(watch.watches(1));
-    const auto start = steady::now();
     replace("");
     ASSERT_TRUE(watch.watches(2));
-    EXPECT_LT(steady::now() - start, milliseconds(900)) << "it is whole from the start";
+    EXPECT_EQ(looks, 0) << "it is whole from the start";
     EXPECT_EQ(watch.loads(), 1U);
     modify();
     ASSERT_TRUE(watch.watches(3));

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "process/fun_monitor.h"
 #include "tests/process/supervision.h"
@@ -99,15 +99,23 @@ TEST(fun_monitor_with_a_program, stop_ends_it_by_name_and_the_monitor_then_idles
 TEST(fun_monitor_with_a_program, it_runs_again_within_about_a_second_of_run) {
   in_child([] {
     const supervision& world = supervision::begin();
+    static std::atomic<int> idle_seconds{0};
+    static std::atomic<steady::rep> last_began{0};
+    faults.select = [](int, fd_set*, fd_set*, fd_set*, timeval* limit) {
+      last_began = steady::now().time_since_epoch().count();
+      ++idle_seconds;
+      return real::select(0, nullptr, nullptr, nullptr, limit);
+    };
     const std::string name = unique_name('r');
     Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name, "stop");
     monitor.Start();
-    ASSERT_TRUE(wait_until([&] { return monitor.IsRunning(); }));
-    std::this_thread::sleep_for(milliseconds(5));  // it idles by now, most likely
-    const auto start = steady::now();
+    ASSERT_TRUE(wait_until([] { return idle_seconds > 0; }));
     monitor.update_state("run");
+    const int before = idle_seconds;
     ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 1; }));
-    EXPECT_GE(steady::now() - start, milliseconds(500));
+    EXPECT_LE(idle_seconds, before + 1);
+    const steady::time_point began{steady::duration(last_began)};
+    EXPECT_GE(steady::now() - began, milliseconds(900)) << "it sleeps its second to the end";
   });
 }
 
@@ -131,16 +139,26 @@ TEST(fun_monitor_with_a_program, a_stop_right_after_the_start_is_not_lost) {
   });
 }
 
+/// Does something when a stop looks for the first time whether the program is there yet.
+void at_a_look(const std::function<void()>& action) {
+  faults.select = [=](int, fd_set*, fd_set*, fd_set*, timeval* limit) {
+    static bool looked = false;
+    if (!std::exchange(looked, true)) action();
+    return real::select(0, nullptr, nullptr, nullptr, limit);
+  };
+}
+
 TEST(fun_monitor_with_a_program, a_stop_waits_for_a_program_that_is_not_there_yet) {
   in_child([] {
     const supervision& world = supervision::begin();
     const std::string name = unique_name('y');
     const std::string path = write_program(name, "sleep 60\n");
-    // The copy takes its time before it runs the program; the stop command does not.
+    // The child does not run the program before somebody waits for it.
     faults.execv = [&](const char* shell, char* const* arguments) {
-      if (arguments[2] == path) std::this_thread::sleep_for(milliseconds(60));
+      if (arguments[2] == path) wait_until([] { return ::access("awaited", F_OK) == 0; });
       return real::execv(shell, arguments);
     };
+    at_a_look([] { write_file("awaited", ""); });
     Tfun_monitor& monitor = new_monitor(path, name);
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
@@ -155,10 +173,12 @@ TEST(fun_monitor_with_a_program, a_stop_waits_for_a_fork_that_has_been_decided_o
     const supervision& world = supervision::begin();
     const std::string name = unique_name('z');
     static std::atomic<bool> forking{false};
+    static std::atomic<bool> awaited{false};
     faults.fork = [] {
-      if (!forking.exchange(true)) std::this_thread::sleep_for(milliseconds(60));
+      if (!forking.exchange(true)) wait_until([] { return awaited.load(); });
       return real::fork_bare();
     };
+    at_a_look([] { awaited = true; });
     Tfun_monitor& monitor = new_monitor(write_program(name, "sleep 60\n"), name);
     monitor.Start();
     ASSERT_TRUE(wait_until([] { return forking.load(); }));

@@ -150,21 +150,21 @@ TEST(leave_gate, nobody_is_inside_once_it_is_closed_and_empty) {
     // Plain integers: reading them while a thread counts would be a race.
     static std::vector<int> touched(4, 0);
     constexpr std::size_t kThreads = 4;
+    static std::atomic<int> rounds{0};
     for (std::size_t t = 0; t < kThreads; ++t) {
       gate.admit();
       std::thread([t] {
-        for (;;) {
+        for (;; ++rounds) {
           ++touched[t];
           const leave_gate::outside waiting(gate);
         }
       }).detach();
     }
-    std::this_thread::sleep_for(milliseconds(5));
+    ASSERT_TRUE(wait_until([] { return rounds > 1000; }));
     gate.close();
     ASSERT_TRUE(gate.wait_until_empty(seconds(20)));
     const std::vector<int> before = touched;
-    std::this_thread::sleep_for(milliseconds(5));
-    EXPECT_EQ(touched, before);
+    EXPECT_FALSE(wait_until([&] { return touched != before; }, milliseconds(20)));
   });
 }
 

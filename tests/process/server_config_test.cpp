@@ -1,7 +1,6 @@
 #include "process/server_config.h"
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 

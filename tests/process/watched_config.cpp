@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 
+#include "common/misc/unique_fd.h"
 #include "tests/support/fault.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/wait_until.h"
@@ -14,6 +15,8 @@
 
 std::function<void()> in_pause;
 std::atomic<int> pauses{0};
+std::function<void(int)> in_look;
+std::atomic<int> looks{0};
 
 watcher::watcher() {
   std::filesystem::create_directory("config");
@@ -75,6 +78,10 @@ void watcher::count_watches() {
       if (in_pause) in_pause();
       return 0;
     }
+    if (requests != nullptr && requests->fd == -1 && limit != nullptr) {
+      const int look = ++looks;
+      if (in_look) in_look(look);
+    }
     return real::ppoll(requests, count, limit, mask);
   };
 }
@@ -91,10 +98,13 @@ std::string cannot_watch(const std::string& reason, const std::string& path) {
          "). run.pid stays and blocks the next start\n";
 }
 
+void append(std::string_view text) {
+  const unique_fd file(::open(kConfigPath, O_WRONLY | O_APPEND | O_CLOEXEC));
+  EXPECT_EQ(::write(file.get(), text.data(), text.size()), static_cast<ssize_t>(text.size()));
+}
+
 void modify() {
-  const int fd = ::open(kConfigPath, O_WRONLY | O_APPEND | O_CLOEXEC);
-  EXPECT_EQ(::write(fd, "#\n", 2), 2);
-  ::close(fd);
+  append("#\n");
 }
 
 void replace(const std::string& text) {

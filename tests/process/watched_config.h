@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "process/config_watcher.h"
@@ -15,6 +16,11 @@
 /// What a test does in the watcher's pause, on its thread, and how many there have been.
 extern std::function<void()> in_pause;
 extern std::atomic<int> pauses;
+
+/// The same for the short waits in which the watcher looks at a save that is not whole yet, or at a
+/// file that is absent. The function gets the number of the wait, from 1.
+extern std::function<void(int)> in_look;
+extern std::atomic<int> looks;
 
 inline constexpr char kLoad[] = "loadServerConfig : ./config/server.ini\r\n";
 
@@ -60,6 +66,8 @@ watcher& new_watcher();
 std::string cannot_watch(const std::string& reason,
                          const std::string& path = "./config/server.ini");
 
+/// Writes to the end of the file.
+void append(std::string_view text);
 /// Modifies the file in place, without emptying it.
 void modify();
 /// Puts another file in its place, by renaming.

@@ -30,7 +30,6 @@ int __real_poll(pollfd* requests, nfds_t count, int milliseconds);
 int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
 int __real_select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit);
 int __real_flock(int fd, int operation);
-void* __real_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset);
 
 pid_t __wrap_fork() {
   require_forking_thread();
@@ -111,11 +110,6 @@ int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* special
                        : __real_select(count, readable, writable, special, limit);
 }
 
-void* __wrap_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset) {
-  return faults.mmap ? faults.mmap(at, size, protection, flags, fd, offset)
-                     : __real_mmap(at, size, protection, flags, fd, offset);
-}
-
 int __wrap_flock(int fd, int operation) {
   return faults.flock ? faults.flock(fd, operation) : __real_flock(fd, operation);
 }
@@ -171,6 +165,9 @@ int poll(pollfd* requests, nfds_t count, int milliseconds) {
 }
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
   return __real_ppoll(requests, count, limit, mask);
+}
+int select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit) {
+  return __real_select(count, readable, writable, special, limit);
 }
 int flock(int fd, int operation) {
   return __real_flock(fd, operation);

@@ -38,7 +38,6 @@ struct system_calls {
   std::function<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
   std::function<int(int, int)> flock;
   std::function<int(int*, int)> pipe2;
-  std::function<void*(void*, std::size_t, int, int, int, off_t)> mmap;
 };
 
 /// What stands in at the moment.
@@ -62,6 +61,7 @@ ssize_t read(int fd, void* out, std::size_t size);
 ssize_t write(int fd, const void* text, std::size_t size);
 int poll(pollfd* requests, nfds_t count, int milliseconds);
 int ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
+int select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit);
 int flock(int fd, int operation);
 }  // namespace real
 
