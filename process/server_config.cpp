@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
@@ -18,22 +17,20 @@
 
 #include "common/inifile/ini_parser.h"
 #include "common/log/console.h"
-#include "common/misc/bounded_text.h"
 #include "common/misc/fun_misc.h"
 #include "common/thread/unforked_memory.h"
 #include "process/capacity.h"
 #include "process/file_version.h"
 #include "process/recorder.h"
+#include "process/server_entry.h"
 
 std::vector<Tfun_monitor*> monitor_list;
 
 namespace {
 
-constexpr char kOwnSection[] = "keelmond";
-constexpr std::size_t kNameSize = 128;
-constexpr std::size_t kExepathSize = 512;
-/// What a monitor can hold.
-constexpr std::size_t kStateSize = 128;
+using server_entry::entry;
+using server_entry::obstacle;
+using server_entry::refusal;
 
 /// The file as it was when the last load began.
 struct last_load {
@@ -42,45 +39,14 @@ struct last_load {
 };
 last_load g_last_load;
 
-/// One program as the file describes it.
-struct entry {
-  int number = 0;
-  char name[kNameSize] = {};
-  char exepath[kExepathSize] = {};
-  char state[kStateSize] = {};
-};
-
 /// Monitors by name. Where two have the same name, the one that was created first.
 using monitor_index = std::pmr::unordered_map<std::string_view, Tfun_monitor*>;
-
-/// The number i of a key "svri", written as printf's %d would write it; 0 for any other key.
-int entry_number(std::string_view key) {
-  constexpr std::string_view kPrefix = "svr";
-  if (!key.starts_with(kPrefix)) return 0;
-  key.remove_prefix(kPrefix.size());
-  if (key.empty() || key.front() < '1' || key.front() > '9') return 0;
-  int number = 0;
-  const auto [end, error] = std::from_chars(key.data(), key.data() + key.size(), number);
-  return error == std::errc{} && end == key.data() + key.size() ? number : 0;
-}
-
-/// The numbers from 1 to `count` that the file has a key for, in ascending order. Missing numbers
-/// are skipped anyway, so a count of two thousand million costs nothing.
-std::vector<int> listed_numbers(const Tini_parser& config, int count) {
-  std::vector<int> numbers;
-  for (const std::string& key : config.section_keys(kOwnSection)) {
-    const int number = entry_number(key);
-    if (number > 0 && number <= count) numbers.push_back(number);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
-}
 
 /// How many of these entries are to run.
 std::size_t count_wanted(const Tini_parser& config, const std::vector<int>& numbers) {
   const auto wanted = std::count_if(numbers.begin(), numbers.end(), [&](int number) {
-    const std::string name = config.read_string(kOwnSection, "svr" + std::to_string(number), "");
-    return !name.empty() && config.read_string(name, "state", "") == "run";
+    const std::string name = server_entry::name_of(config, number);
+    return !name.empty() && config.read_string(name, server_entry::kStateKey, "") == "run";
   });
   return static_cast<std::size_t>(wanted);
 }
@@ -94,21 +60,12 @@ void log_refusal(const entry& refused, const char* key, std::size_t limit) {
   recorder::append(message);
 }
 
-/// Takes a value over whole, or refuses the entry. A NUL byte in it would hide what follows.
-template <std::size_t N>
-bool take_value(const entry& owner, const char* key, const std::string& value, char (&out)[N]) {
-  if (value.size() < N && value.find('\0') == std::string::npos)
-    return copy_bounded(out, value.c_str());
-  log_refusal(owner, key, N - 1);
-  return false;
-}
-
 /// Makes the program's path out of the working directory and its name.
 bool take_own_path(entry& out) {
   errno = 0;
   if (Tfun_misc::get_current_path(out.exepath, out.name)) return true;
   if (errno == 0) {
-    log_refusal(out, "exepath", sizeof out.exepath - 1);
+    log_refusal(out, server_entry::kExepathKey, server_entry::kLongestExepath);
     return false;
   }
   char message[768] = {};
@@ -120,28 +77,32 @@ bool take_own_path(entry& out) {
 }
 
 /// Reads the entry with the given number.
-/// @return false when there is nothing to act on: it is empty, refused, or its program is missing.
+/// @return false when there is nothing to act on: it is empty, refused, or has no path.
 bool read_entry(const Tini_parser& config, int number, entry& out) {
   out.number = number;
-  char key[128] = {};
-  std::snprintf(key, sizeof key, "svr%d", number);
-  const std::string name = config.read_string(kOwnSection, key, "");
-  if (name.empty() || !take_value(out, key, name, out.name)) return false;
-  console::print("read ini file %s \r\n", out.name);
-
-  if (!take_value(out, "exepath", config.read_string(name, "exepath", ""), out.exepath) ||
-      !take_value(out, "state", config.read_string(name, "state", ""), out.state)) {
+  const std::string name = server_entry::name_of(config, number);
+  if (name.empty()) return false;
+  if (server_entry::take_name(name, out) != refusal::none) {
+    log_refusal(out, server_entry::key_of(number).c_str(), server_entry::kLongestName);
     return false;
   }
+  console::print("read ini file %s \r\n", out.name);
+
+  const refusal refused = server_entry::take_values(config, out);
+  if (refused == refusal::exepath)
+    log_refusal(out, server_entry::kExepathKey, server_entry::kLongestExepath);
+  if (refused == refusal::state)
+    log_refusal(out, server_entry::kStateKey, server_entry::kLongestState);
+  if (refused != refusal::none) return false;
   return out.exepath[0] != '\0' || take_own_path(out);
 }
 
 /// Whether the entry's program can be run. One that is missing is skipped without a word, one that
 /// may not be executed with a line in the log.
 bool is_executable(const entry& program) {
-  if (!Tfun_misc::file_exists(program.exepath)) return false;
-  if (::access(program.exepath, X_OK) == 0) return true;
+  const obstacle found = server_entry::find_obstacle(program.exepath);
   const int error = errno;
+  if (found != obstacle::not_executable) return found == obstacle::none;
   char message[768] = {};
   std::snprintf(message, sizeof message, "access(X_OK) .errno:%d error:%s (%s)\n", error,
                 std::strerror(error), program.exepath);
@@ -215,8 +176,7 @@ void loadServerConfig(const char* path) {
   recorder::follow_time_zone();
   const Tini_parser config{std::string(path), &memory};
   monitor_index monitors = index_monitors(&memory);
-  const int count = config.read_int(kOwnSection, "linux", 0);
-  const std::vector<int> numbers = listed_numbers(config, count);
+  const std::vector<int> numbers = server_entry::listed_numbers(config);
   if (is_first) capacity::warn_before(count_wanted(config, numbers));
   for (const int number : numbers) {
     entry program;

@@ -13,6 +13,7 @@
 
 #include "common/misc/bounded_text.h"
 #include "common/misc/fun_misc.h"
+#include "common/misc/joined_path.h"
 #include "common/misc/unique_fd.h"
 #include "common/misc/unique_file.h"
 
@@ -61,18 +62,7 @@ bool read_line(std::FILE* stream, char (&line)[N]) noexcept {
 bool Tfun_misc::get_current_path(char* out, std::size_t size, const char* name) noexcept {
   char current[1024] = {};
   if (out == nullptr || ::getcwd(current, sizeof current) == nullptr) return false;
-  const std::string_view directory = current;
-  const std::string_view tail = name == nullptr ? "" : name;
-  // Below the root directory a name that begins with "/" gets two of them, which the kernel reads
-  // as one.
-  const bool add_slash = !directory.empty() && !directory.ends_with('/') && !tail.starts_with('/');
-  const std::size_t tail_at = directory.size() + (add_slash ? 1 : 0);
-  if (tail_at + tail.size() >= size) return false;
-  std::memmove(out + tail_at, tail.data(), tail.size());
-  std::memcpy(out, directory.data(), directory.size());
-  if (add_slash) out[directory.size()] = '/';
-  out[tail_at + tail.size()] = '\0';
-  return true;
+  return join_path(out, size, current, name == nullptr ? "" : name);
 }
 
 void Tfun_misc::get_filename_path(const char* full, char* out, bool add_slash) noexcept {

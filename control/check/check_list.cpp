@@ -10,13 +10,12 @@ namespace control {
 namespace {
 
 using ini_line::meaning;
-
-std::string key_of(int number) {
-  return "svr" + std::to_string(number);
-}
+using server_entry::kCountKey;
+using server_entry::key_of;
+using server_entry::kSection;
 
 std::string value_of(const ini_document& document, const std::string& key) {
-  const std::ptrdiff_t line = document.find(kListSection, key);
+  const std::ptrdiff_t line = document.find(kSection, key);
   return line < 0 ? std::string() : document.lines()[static_cast<std::size_t>(line)].value;
 }
 
@@ -24,8 +23,8 @@ std::string value_of(const ini_document& document, const std::string& key) {
 std::set<int> written_numbers(const ini_document& document) {
   std::set<int> numbers;
   for (const document_line& line : document.lines()) {
-    if (line.meaning != meaning::assignment || line.section != kListSection) continue;
-    const int number = entry_number(line.key);
+    if (line.meaning != meaning::assignment || line.section != kSection) continue;
+    const int number = server_entry::number_of(line.key);
     if (number > 0) numbers.insert(number);
   }
   return numbers;
@@ -34,8 +33,8 @@ std::set<int> written_numbers(const ini_document& document) {
 void check_keys(const ini_document& document, findings& out) {
   for (std::size_t i = 0; i < document.lines().size(); ++i) {
     const document_line& line = document.lines()[i];
-    if (line.meaning != meaning::assignment || line.section != kListSection) continue;
-    if (line.key == kCountKey || entry_number(line.key) > 0) continue;
+    if (line.meaning != meaning::assignment || line.section != kSection) continue;
+    if (line.key == kCountKey || server_entry::number_of(line.key) > 0) continue;
     out.warn(i + 1, "the key " + line.key + " means nothing in [keelmond]",
              "the keys there are linux, svr1, svr2 and so on");
   }
@@ -44,11 +43,11 @@ void check_keys(const ini_document& document, findings& out) {
 /// @return how many entries are read; -1 when no count says so.
 int check_count(const ini_document& document, findings& out) {
   const std::string text = value_of(document, kCountKey);
-  if (document.find_header(kListSection) < 0 && text.empty()) {
+  if (document.find_header(kSection) < 0 && text.empty()) {
     out.fail(0, "there is no section [keelmond]: nothing is run", "begin the file with [keelmond]");
     return -1;
   }
-  const std::size_t line = line_of(document, kListSection, kCountKey);
+  const std::size_t line = line_of(document, kSection, kCountKey);
   if (text.empty()) {
     out.fail(line, "linux, the number of entries, is missing: nothing is run", "add linux = N");
     return -1;
@@ -67,7 +66,7 @@ void check_numbers(const check_subject& subject, int read, findings& out) {
   const std::set<int> numbers = written_numbers(document);
   int expected = 1;
   for (const int number : numbers) {
-    const std::size_t line = line_of(document, kListSection, key_of(number));
+    const std::size_t line = line_of(document, kSection, key_of(number));
     if (number > read) {
       out.fail(line,
                value_of(document, key_of(number)) + " is left out: linux says that there are " +
@@ -80,7 +79,7 @@ void check_numbers(const check_subject& subject, int read, findings& out) {
     expected = number + 1;
   }
   if (read > 0 && (numbers.empty() || *numbers.rbegin() < read)) {
-    out.warn(line_of(document, kListSection, kCountKey),
+    out.warn(line_of(document, kSection, kCountKey),
              "linux says that there are " + std::to_string(read) +
                  " entries, and the last one is " +
                  (numbers.empty() ? "missing" : key_of(*numbers.rbegin())),
@@ -98,12 +97,12 @@ void check_refused(const check_subject& subject, const listed_program& program, 
   const auto line = [&](const char* key) { return line_of(subject.document, program.name, key); };
   switch (program.refused) {
     case refusal::name:
-      return tell("name", line_of(subject.document, kListSection, key_of(program.number)),
-                  kLongestName);
+      return tell("name", line_of(subject.document, kSection, key_of(program.number)),
+                  server_entry::kLongestName);
     case refusal::exepath:
-      return tell("exepath", line("exepath"), kLongestExepath);
+      return tell("exepath", line("exepath"), server_entry::kLongestExepath);
     case refusal::state:
-      return tell("state", line("state"), kLongestState);
+      return tell("state", line("state"), server_entry::kLongestState);
     case refusal::none:
       return;
   }
@@ -115,14 +114,14 @@ void check_list(const check_subject& subject, findings& out) {
   check_keys(subject.document, out);
   if (check_count(subject.document, out) < 0) return;
   const Tini_parser parsed = parse_config(subject.document.text());
-  check_numbers(subject, parsed.read_int(kListSection, kCountKey, 0), out);
+  check_numbers(subject, server_entry::count_of(parsed), out);
 
   std::map<std::string, int> seen;
   for (const listed_program& program : subject.programs) {
     check_refused(subject, program, out);
     const auto [at, is_new] = seen.emplace(program.name, program.number);
     if (is_new) continue;
-    out.warn(line_of(subject.document, kListSection, key_of(program.number)),
+    out.warn(line_of(subject.document, kSection, key_of(program.number)),
              program.name + " is listed as " + key_of(at->second) + " already: it is one program",
              "remove one of the two");
   }

@@ -17,7 +17,7 @@ constexpr std::size_t kLongestProcessName = 15;
 
 /// Where a program's name stands in the list.
 std::size_t name_line(const check_subject& subject, const listed_program& program) {
-  return line_of(subject.document, kListSection, "svr" + std::to_string(program.number));
+  return line_of(subject.document, server_entry::kSection, server_entry::key_of(program.number));
 }
 
 bool is_safe_name(const std::string& name) {

@@ -11,6 +11,9 @@ namespace control::config_editor {
 namespace {
 
 using ini_line::meaning;
+using server_entry::kCountKey;
+using server_entry::key_of;
+using server_entry::kSection;
 
 /// A directory that is as good as any: paths without `exepath` need one to be compared.
 constexpr char kSomewhere[] = "/";
@@ -113,7 +116,7 @@ void erase_section(ini_document& document, const std::string& name) {
 
 /// Removes every assignment of a key, for the ones before the last would count otherwise.
 void erase_key(ini_document& document, const std::string& key) {
-  for (std::ptrdiff_t at; (at = document.find(kListSection, key)) >= 0;)
+  for (std::ptrdiff_t at; (at = document.find(kSection, key)) >= 0;)
     document.erase(static_cast<std::size_t>(at), 1);
 }
 
@@ -123,12 +126,12 @@ void close_up(ini_document& document, const std::vector<int>& numbers) {
   for (const int number : numbers) {
     ++next;
     if (number == next) continue;
-    const std::string key = "svr" + std::to_string(number);
-    const auto line = static_cast<std::size_t>(document.find(kListSection, key));
-    document.replace_key(line, "svr" + std::to_string(next));
+    const std::string key = key_of(number);
+    const auto line = static_cast<std::size_t>(document.find(kSection, key));
+    document.replace_key(line, key_of(next));
     erase_key(document, key);
   }
-  set_property(document, kListSection, kCountKey, std::to_string(next));
+  set_property(document, kSection, kCountKey, std::to_string(next));
 }
 
 }  // namespace
@@ -161,13 +164,13 @@ std::string add_program(std::string_view text, const new_program& program) {
                     program.exepath.empty() ? kSomewhere + program.name : program.exepath,
                     program.state});
 
-  if (document.last_of(kListSection) < 0) append_section(document, kListSection);
+  if (document.last_of(kSection) < 0) append_section(document, kSection);
   const auto numbers = read_programs(parse_config(text), kSomewhere);
   const int number = numbers.empty() ? 1 : numbers.back().number + 1;
-  const std::string key = "svr" + std::to_string(number);
+  const std::string key = key_of(number);
   erase_key(document, key);
-  set_property(document, kListSection, key, program.name);
-  set_property(document, kListSection, kCountKey, std::to_string(number));
+  set_property(document, kSection, key, program.name);
+  set_property(document, kSection, kCountKey, std::to_string(number));
 
   // A section that has no entry may be left from before; what it says would count again.
   erase_section(document, program.name);
@@ -187,7 +190,7 @@ std::string remove_program(std::string_view text, const std::string& name) {
   std::vector<int> kept;
   for (const listed_program& program : read_programs(parse_config(text), kSomewhere)) {
     if (program.name == name) {
-      erase_key(document, "svr" + std::to_string(program.number));
+      erase_key(document, key_of(program.number));
     } else {
       kept.push_back(program.number);
     }

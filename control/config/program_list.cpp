@@ -1,70 +1,39 @@
 #include "control/config/program_list.h"
 
-#include <unistd.h>
-
-#include <algorithm>
-#include <charconv>
 #include <cstddef>
-#include <string_view>
 #include <unordered_map>
 #include <utility>
 
-#include "common/misc/fun_misc.h"
+#include "common/misc/joined_path.h"
 
 namespace control {
 namespace {
 
-bool fits(const std::string& value, std::size_t limit) {
-  return value.size() <= limit && value.find('\0') == std::string::npos;
-}
-
-std::vector<int> listed_numbers(const Tini_parser& config) {
-  const int count = config.read_int(kListSection, kCountKey, 0);
-  std::vector<int> numbers;
-  for (const std::string& key : config.section_keys(kListSection)) {
-    const int number = entry_number(key);
-    if (number > 0 && number <= count) numbers.push_back(number);
-  }
-  std::sort(numbers.begin(), numbers.end());
-  return numbers;
-}
-
+/// Fills in the values as they are written, whole even where the daemon refuses them.
 void read_values(const Tini_parser& config, const std::string& directory, listed_program& out) {
-  if (!fits(out.name, kLongestName)) {
-    out.refused = refusal::name;
-    return;
-  }
-  out.exepath = config.read_string(out.name, "exepath", "");
-  out.state = config.read_string(out.name, "state", "");
+  server_entry::entry taken;
+  out.refused = server_entry::take_name(out.name, taken);
+  if (out.refused != refusal::none) return;
+  out.refused = server_entry::take_values(config, taken);
+  out.exepath = config.read_string(out.name, server_entry::kExepathKey, "");
+  out.state = config.read_string(out.name, server_entry::kStateKey, "");
   out.exepath_given = !out.exepath.empty();
-  if (!out.exepath_given) {
-    out.exepath = directory + (directory.ends_with('/') ? "" : "/") + out.name;
-  }
-  if (!fits(out.exepath, kLongestExepath)) {
+  if (out.exepath_given) return;
+  if (join_path(taken.exepath, sizeof taken.exepath, directory, taken.name)) {
+    out.exepath = taken.exepath;
+  } else if (out.refused == refusal::none) {
     out.refused = refusal::exepath;
-  } else if (!fits(out.state, kLongestState)) {
-    out.refused = refusal::state;
   }
 }
 
 }  // namespace
 
-int entry_number(const std::string& key) {
-  constexpr std::string_view kPrefix = "svr";
-  if (!key.starts_with(kPrefix) || key.size() == kPrefix.size()) return 0;
-  const char* const first = key.data() + kPrefix.size();
-  const char* const last = key.data() + key.size();
-  int number = 0;
-  const auto [end, error] = std::from_chars(first, last, number);
-  return *first != '0' && error == std::errc{} && end == last && number > 0 ? number : 0;
-}
-
 std::vector<listed_program> read_programs(const Tini_parser& config, const std::string& directory) {
   std::vector<listed_program> programs;
-  for (const int number : listed_numbers(config)) {
+  for (const int number : server_entry::listed_numbers(config)) {
     listed_program program;
     program.number = number;
-    program.name = config.read_string(kListSection, "svr" + std::to_string(number), "");
+    program.name = server_entry::name_of(config, number);
     if (program.name.empty()) continue;
     read_values(config, directory, program);
     programs.push_back(std::move(program));
@@ -83,8 +52,7 @@ std::vector<listed_program> merge_repeated(std::vector<listed_program> programs)
 }
 
 obstacle find_obstacle(const listed_program& program) {
-  if (!Tfun_misc::file_exists(program.exepath.c_str())) return obstacle::missing;
-  return ::access(program.exepath.c_str(), X_OK) == 0 ? obstacle::none : obstacle::not_executable;
+  return server_entry::find_obstacle(program.exepath.c_str());
 }
 
 std::string why_skipped(const listed_program& program) {

@@ -4,19 +4,12 @@
 #include <vector>
 
 #include "common/inifile/ini_parser.h"
+#include "process/server_entry.h"
 
 namespace control {
 
-/// The section that lists the programs, and the key with their number.
-inline constexpr char kListSection[] = "keelmond";
-inline constexpr char kCountKey[] = "linux";
-/// The longest values in bytes; an entry with a longer one is refused whole.
-inline constexpr std::size_t kLongestName = 127;
-inline constexpr std::size_t kLongestExepath = 511;
-inline constexpr std::size_t kLongestState = 127;
-
-/// Which value makes the daemon refuse an entry: it is too long or holds a NUL byte.
-enum class refusal { none, name, exepath, state };
+using server_entry::obstacle;
+using server_entry::refusal;
 
 /// One program as a load of the configuration sees it.
 struct listed_program {
@@ -40,12 +33,7 @@ std::vector<listed_program> read_programs(const Tini_parser& config, const std::
 /// that describes a program is in the section of its name.
 std::vector<listed_program> merge_repeated(std::vector<listed_program> programs);
 
-/// The number i of a key "svri"; 0 for any other key.
-int entry_number(const std::string& key);
-
-/// Why a load passes over an entry's program without starting it.
-enum class obstacle { none, missing, not_executable };
-/// Asks the file system, as this user. Relative paths are relative to the working directory.
+/// What keeps a load from starting the entry's program.
 obstacle find_obstacle(const listed_program& program);
 /// Why a load skips the entry: a refused value or an obstacle. Empty when it does not.
 std::string why_skipped(const listed_program& program);

@@ -70,6 +70,26 @@ TEST(program_list, refuses_values_with_a_nul_byte) {
   EXPECT_EQ(programs_of(text).at(0).refused, refusal::exepath);
 }
 
+TEST(program_list, refuses_a_directory_that_is_too_long_for_the_name_in_it) {
+  const auto refused_in = [](std::size_t length) {
+    const Tini_parser config = control::parse_config("[keelmond]\nlinux=1\nsvr1=one\n");
+    return control::read_programs(config, "/" + std::string(length, 'd')).at(0).refused;
+  };
+  EXPECT_EQ(refused_in(506), refusal::none);
+  EXPECT_EQ(refused_in(507), refusal::exepath);
+}
+
+TEST(program_list, shows_values_whole_that_are_refused) {
+  const std::string path(512, 'p');
+  const std::string state(128, 's');
+  const auto program = programs_of("[keelmond]\nlinux=1\nsvr1=one\n[one]\nexepath=" + path +
+                                   "\nstate=" + state + "\n")
+                           .at(0);
+  EXPECT_EQ(program.refused, refusal::exepath);
+  EXPECT_EQ(program.exepath, path);
+  EXPECT_EQ(program.state, state);
+}
+
 TEST(program_list, lists_a_repeated_name_once) {
   const auto programs =
       control::merge_repeated(programs_of("[keelmond]\nlinux=3\nsvr1=one\nsvr2=two\nsvr3=one\n"));
