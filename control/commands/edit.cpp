@@ -10,11 +10,11 @@
 #include <cstring>
 #include <iostream>
 
+#include "common/misc/small_file.h"
 #include "control/commands/check.h"
 #include "control/commands/checked_file.h"
 #include "control/commands/save_change.h"
 #include "control/config/config_save.h"
-#include "control/proc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {

@@ -9,9 +9,9 @@
 #include <cstring>
 #include <string_view>
 
+#include "common/misc/small_file.h"
 #include "common/misc/unique_fd.h"
 #include "control/examples.h"
-#include "control/proc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {

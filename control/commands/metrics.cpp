@@ -8,8 +8,8 @@
 #include <cstring>
 #include <set>
 
+#include "common/misc/small_file.h"
 #include "common/misc/unique_fd.h"
-#include "control/proc/small_file.h"
 #include "control/site/program_status.h"
 #include "control/text/failure.h"
 

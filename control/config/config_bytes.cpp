@@ -5,8 +5,8 @@
 
 #include <cerrno>
 
+#include "common/misc/small_file.h"
 #include "common/misc/unique_fd.h"
-#include "control/proc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {

@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "control/proc/small_file.h"
+#include "common/misc/small_file.h"
 #include "control/text/failure.h"
 
 namespace control {

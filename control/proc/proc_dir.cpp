@@ -16,7 +16,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "control/proc/small_file.h"
+#include "common/misc/small_file.h"
 
 namespace control {
 namespace {

@@ -3,8 +3,6 @@
 #include <string>
 #include <string_view>
 
-namespace control {
-
 /// Reads a file whole that is named relative to the directory `dir` (or AT_FDCWD). Never waits for
 /// a writer of a pipe. @return false, with errno set and nothing in `out`, when it cannot be read.
 bool read_small_file(int dir, const char* path, std::string& out);
@@ -13,5 +11,3 @@ bool read_small_file(int dir, const char* path, std::string& out);
 bool read_to_end(int fd, std::string& out);
 /// Writes the text whole. @return false, with errno set, when that is not possible.
 bool write_whole(int fd, std::string_view text);
-
-}  // namespace control

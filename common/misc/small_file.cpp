@@ -1,4 +1,4 @@
-#include "control/proc/small_file.h"
+#include "common/misc/small_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -7,8 +7,6 @@
 #include <cstddef>
 
 #include "common/misc/unique_fd.h"
-
-namespace control {
 
 bool read_small_file(int dir, const char* path, std::string& out) {
   out.clear();
@@ -38,5 +36,3 @@ bool write_whole(int fd, std::string_view text) {
   }
   return true;
 }
-
-}  // namespace control
