@@ -1,0 +1,63 @@
+#include "runner/file/program_file.h"
+
+#include <algorithm>
+
+#include "runner/file/key_table.h"
+
+namespace runner {
+
+const program_file::entry* program_file::find(std::string_view section,
+                                              std::string_view key) const {
+  const auto found = std::find_if(entries.begin(), entries.end(), [&](const entry& one) {
+    return one.section == section && one.key == key;
+  });
+  return found == entries.end() ? nullptr : &*found;
+}
+
+std::size_t program_file::line_of(std::string_view section, std::string_view key) const {
+  const entry* const found = find(section, key);
+  return found == nullptr ? 0 : found->line;
+}
+
+std::string explain(const program_file& file) {
+  std::string text;
+  std::string_view section;
+  const auto tell_variables = [&] {
+    if (section != "environment") return;
+    for (const program_file::entry& one : file.entries) {
+      if (one.section == section && find_rule(section, one.key) == nullptr)
+        text += one.key + " = " + one.value + "\n";
+    }
+  };
+  for (const key_rule& rule : key_table()) {
+    if (rule.section != section) {
+      tell_variables();
+      text += (text.empty() ? "[" : "\n[") + std::string(rule.section) + "]\n";
+      section = rule.section;
+    }
+    const program_file::entry* const given = file.find(rule.section, rule.key);
+    const bool is_remark = given == nullptr && rule.initial.starts_with('(');
+    text += (is_remark ? "# " : "") + std::string(rule.key) + (is_remark ? ": " : " = ") +
+            (given != nullptr ? given->value : std::string(rule.initial)) + "\n";
+  }
+  return text;
+}
+
+bool is_program_file(std::string_view text) {
+  constexpr std::string_view kInterpreter = "keelmond-run";
+  const std::string_view first = text.substr(0, text.find('\n'));
+  if (!first.starts_with("#!")) return false;
+  const std::size_t at = first.find(kInterpreter);
+  if (at == std::string_view::npos) return false;
+  const char before = first[at - 1];
+  const std::string_view rest = first.substr(at + kInterpreter.size());
+  return (before == '/' || before == ' ' || before == '!' || before == '\t') &&
+         (rest.empty() || rest.front() == ' ' || rest.front() == '\r' || rest.front() == '\t');
+}
+
+std::string program_name_of(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+}  // namespace runner
