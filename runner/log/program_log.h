@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <sys/types.h>
 
-#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -12,6 +11,7 @@
 #include <string_view>
 
 #include "runner/log/log_settings.h"
+#include "runner/log/steady_time.h"
 
 namespace runner {
 
@@ -27,7 +27,6 @@ namespace runner {
 /// them back. Every descriptor is close-on-exec.
 class program_log final {
  public:
-  using time_point = std::chrono::steady_clock::time_point;
   /// As many descriptors as `poll_requests` may ask for.
   static constexpr std::size_t kMostRequests = 2;
 
@@ -60,23 +59,24 @@ class program_log final {
   /// Does what is due. May be called at any time.
   void on_deadline();
 
-  /// Writes a line of the launcher's own, without a line end in `text`, as
-  /// "keelmond-run: " and the text. What the program has written before comes first. While a line
-  /// of the program is unfinished it waits for the end of that. Where the output is inherited it
-  /// goes to descriptor 2.
+  /// Writes a line of the launcher's own: "keelmond-run: ", `text`, which has no line end, and one.
+  ///
+  /// What the program has written before comes first. While a line of the program is unfinished it
+  /// waits for the end of that, though for no longer than a second. Where the output is inherited
+  /// it goes to descriptor 2.
   void write_own_line(std::string_view text);
   /// To be called when the program has ended: takes what is left in the pipes, and a line without an
   /// end gets one.
   void on_program_end();
 
-  /// The process that compresses a rotated file, 0 while there is none. May be killed at any time:
-  /// the file is compressed after the next start.
-  [[nodiscard]] pid_t compressor() const;
+  /// Whether that child of the launcher compresses a rotated file. It may be killed at any time: the
+  /// file is then compressed after the next start.
+  [[nodiscard]] bool is_compressor(pid_t pid) const;
   /// To be called for children that the launcher has waited for.
-  /// @return whether it was the one that compresses.
+  /// @return whether it was one that compresses.
   bool on_child_end(pid_t pid, int status);
 
-  /// Takes what is left in the pipes, ends the last line, kills and awaits the compressor, and
+  /// Takes what is left in the pipes, ends the last line, kills and awaits what compresses, and
   /// closes everything. Nothing may be called after it but the destructor.
   void drain_and_close();
 
