@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+
+#include "runner/file/program_file.h"
+
+namespace runner {
+
+/// Where the second version of control groups is, for this process.
+struct group_place {
+  std::string mount;  ///< Empty where there is none.
+  std::string own;    ///< The group of this process, "/" for the topmost.
+};
+
+/// As the kernel tells it.
+group_place find_group_place();
+
+/// A control group for one program, which holds limits that only such a group can hold.
+///
+/// It is made where this process may: below its own group, or beside it, as where a service
+/// manager has delegated the group above and moved the supervisor into one of its own. Left and
+/// removed when the object goes.
+class control_group final {
+ public:
+  control_group() = default;
+  control_group(const control_group&) = delete;
+  control_group& operator=(const control_group&) = delete;
+  ~control_group() { remove(); }
+
+  /// Makes the group and sets its limits.
+  /// @param name of the program.
+  /// @return why that is not possible; empty when all is well.
+  std::string make(const group_limits& limits, const std::string& name, const group_place& place);
+  /// The file that a process writes "0" to in order to enter; empty when there is no group.
+  [[nodiscard]] std::string entrance() const;
+  /// Kills what is in the group, as far as the kernel can, and removes it.
+  void remove();
+
+ private:
+  std::string directory_;
+};
+
+}  // namespace runner

@@ -1,0 +1,23 @@
+#include "runner/supervise/pacing.h"
+
+#include <algorithm>
+
+namespace runner {
+
+pacing::verdict pacing::ended(time_point now) {
+  // Without a first pause there is one from the second time on: nothing may turn into a hot loop.
+  constexpr milliseconds kLeast{100};
+  if (now - started_ >= wanted_.steady) {
+    failures_ = 0;
+    return {false, wanted_.delay};
+  }
+  ++failures_;
+  if (wanted_.give_up > 0 && failures_ >= wanted_.give_up) return {true, milliseconds(0)};
+  if (failures_ == 1) return {false, wanted_.delay};
+  milliseconds pause = std::max(wanted_.delay, kLeast / 2);
+  for (std::uint64_t i = 1; i < failures_ && pause < wanted_.longest; ++i)
+    pause *= 2;
+  return {false, std::min(pause, std::max(wanted_.longest, kLeast))};
+}
+
+}  // namespace runner

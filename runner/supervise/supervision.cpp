@@ -1,0 +1,260 @@
+#include "runner/supervise/supervision.h"
+
+#include <sys/inotify.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+#include "runner/file/process_stat.h"
+#include "runner/launch/environment.h"
+#include "runner/supervise/descendants.h"
+
+namespace runner {
+namespace {
+
+/// The section `log`, as far as it says anything.
+std::string text_of_log(const program_file& file) {
+  std::string text;
+  for (const program_file::entry& one : file.entries) {
+    if (one.section == "log") text += one.key + "=" + one.value + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+supervision::supervision(std::string path)
+    : path_(std::move(path)), name_(program_name_of(path_)), files_("", name_) {}
+
+supervision::~supervision() = default;
+
+int supervision::run() {
+  take_over_process();
+  chain_ = find_supervisor();
+  // Whoever started this has gone, and is starting another one.
+  if (chain_.broken) return 0;
+  files_ = state_files(chain_.directory, name_);
+  begin_attempt();
+  while (!is_done_)
+    wait();
+  leave();
+  return 0;
+}
+
+void supervision::begin_attempt() {
+  phase_limit_.reset();
+  trouble_.clear();
+  status_ = 0;
+  was_launched_ = false;
+  is_ready_ = false;
+  pacing_.started(steady_now());
+  const bool is_right = read_file();
+  if (await_former_launcher()) return;
+  set_phase(program_phase::reading);
+  if (!is_right || !open_log()) return finish_attempt();
+  if (!file_.limits.group.any()) return await_needs();
+  const std::string error = group_.make(file_.limits.group, name_, find_group_place());
+  if (error.empty()) return await_needs();
+  for (const char* const key : {"memory", "cpu", "tasks"}) {
+    if (file_.line_of("limits", key) == 0) continue;
+    complain({file_.line_of("limits", key), key, error, "leave it out, or delegate the group"});
+    break;
+  }
+  finish_attempt();
+}
+
+bool supervision::read_file() {
+  constexpr std::size_t kMostTold = 10;
+  program_file_result result = read_program_file(path_);
+  if (result.findings.empty()) {
+    file_ = std::move(result.settings);
+    pacing_.set(file_.restart);
+    if (!file_.program.supervisor.empty()) files_ = state_files(file_.program.supervisor, name_);
+    return true;
+  }
+  // What was right until now stays in force for what still has to be done: the pause, the log.
+  if (result.log_is_right && !log_) {
+    file_.log = result.settings.log;
+    file_.entries = result.settings.entries;
+    open_log();
+  }
+  for (std::size_t i = 0; i < std::min(result.findings.size(), kMostTold); ++i)
+    complain(result.findings[i]);
+  return false;
+}
+
+bool supervision::await_former_launcher() {
+  if (!is_first_) return false;
+  const auto former = files_.read();
+  if (!former || former->launcher == ::getpid()) {
+    is_first_ = false;
+    return false;
+  }
+  const auto launcher = read_process_stat(former->launcher);
+  if (launcher && launcher->started == former->launcher_started) {
+    former_ = open_process(former->launcher);
+    // It is ending its program: the supervisor would not have started this one otherwise.
+    if (former_.valid()) return true;
+  }
+  // It was killed, and the kernel has killed the program with it, but nobody else.
+  if (former->pid > 0) kill_session(former->pid, former->started);
+  is_first_ = false;
+  return false;
+}
+
+bool supervision::open_log() {
+  const std::string text = text_of_log(file_);
+  if (log_ && text == log_text_) return true;
+  close_log();
+  log_ = std::make_unique<program_log>(file_.log);
+  log_text_ = text;
+  if (log_->error().empty()) return true;
+  const std::string error = log_->error();
+  log_.reset();
+  const char* const key = file_.line_of("log", "file") > 0 ? "file" : "to";
+  complain({file_.line_of("log", key), key, error, "name a file in a directory that is there"});
+  return false;
+}
+
+void supervision::close_log() {
+  if (log_) log_->drain_and_close();
+  log_.reset();
+}
+
+const std::string* supervision::missing_need() const {
+  const auto& needs = file_.program.needs;
+  const auto missing = std::find_if(needs.begin(), needs.end(), [&](const std::string& need) {
+    return !state_files(files_.directory(), need).is_ready();
+  });
+  return missing == needs.end() ? nullptr : &*missing;
+}
+
+void supervision::await_needs() {
+  if (file_.program.needs.empty()) return run_before();
+  if (!needs_watch_.valid()) {
+    set_phase(program_phase::needs);
+    phase_limit_ = steady_now() + file_.program.needs_timeout;
+    // First the watch, then the look: what comes in between is seen.
+    needs_watch_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    ::inotify_add_watch(needs_watch_.get(), files_.notify_directory().c_str(),
+                        IN_MOVED_TO | IN_CREATE | IN_CLOSE_WRITE);
+  } else {
+    char events[4096];
+    while (::read(needs_watch_.get(), events, sizeof events) > 0) {
+    }
+  }
+  if (missing_need() != nullptr) return;
+  needs_watch_.reset();
+  phase_limit_.reset();
+  run_before();
+}
+
+void supervision::run_before() {
+  if (file_.program.before.empty()) return start_program();
+  set_phase(program_phase::before);
+  if (!start_side(purpose::before, "program", "before", {}))
+    fail_attempt("before could not be started");
+}
+
+void supervision::start_program() {
+  environment_list more;
+  if (file_.ready.probe.how == probe_settings::kind::notify) {
+    const std::string error = notify_.open();
+    if (!error.empty()) {
+      complain({file_.line_of("ready", "notify"), "notify", error, {}});
+      return finish_attempt();
+    }
+    more.emplace_back("NOTIFY_SOCKET", notify_.address());
+  }
+  const auto environment = build_environment(file_, environ, more);
+  const launch_order order = order_for(file_.program.command, environment);
+  launched started = launch(order);
+  if (started.pid < 0) {
+    complain(describe(started.failure, order));
+    return finish_attempt();
+  }
+  pid_ = session_ = started.pid;
+  report_ = std::move(started.report);
+  was_launched_ = true;
+  pacing_.started(steady_now());
+  const auto stat = read_process_stat(pid_);
+  state_.started = stat ? stat->started : 0;
+  set_phase(program_phase::starting);
+}
+
+void supervision::take_report() {
+  const launch_failure failure = read_report(report_.get());
+  report_.reset();
+  if (failure.step != launch_step::none) {
+    was_launched_ = false;
+    const std::vector<std::string> environment;
+    complain(describe(failure, order_for(file_.program.command, environment)));
+    return;
+  }
+  if (state_.phase != program_phase::starting) return;
+  if (file_.ready.probe.how == probe_settings::kind::none) return become_ready();
+  ready_limit_ = steady_now() + file_.ready.timeout;
+  ask_pause_ = milliseconds(10);
+  if (file_.ready.probe.how != probe_settings::kind::notify) ask();
+}
+
+void supervision::become_ready() {
+  stop_asking();
+  ready_limit_.reset();
+  is_ready_ = true;
+  notify_.close();
+  set_phase(program_phase::running);
+  files_.set_ready(true);
+  run_hook("ready");
+  bad_answers_ = 0;
+  ask_later();
+}
+
+void supervision::fail_attempt(const std::string& why) {
+  if (trouble_.empty()) trouble_ = why;
+  finish_attempt();
+}
+
+void supervision::finish_attempt() {
+  group_.remove();
+  notify_.close();
+  needs_watch_.reset();
+  phase_limit_.reset();
+  if (is_ending_) {
+    is_done_ = true;
+    return;
+  }
+  const bool is_good = was_launched_ && trouble_.empty() && status_ == 0;
+  const restart_policy policy = file_.restart.on;
+  const bool is_over = was_launched_ && (policy == restart_policy::never ||
+                                         (policy == restart_policy::failure && is_good));
+  if (!is_over) return pause(!is_good);
+  if (!is_good) run_hook("failure");
+  say("ended: " + state_.status + "; it is not started again");
+  set_phase(program_phase::ended);
+}
+
+void supervision::pause(bool failed) {
+  const time_point now = steady_now();
+  lived_ = std::chrono::duration_cast<milliseconds>(now - pacing_.start());
+  const pacing::verdict verdict = pacing_.ended(now);
+  state_.attempt = pacing_.failures();
+  if (failed) run_hook("failure");
+  if (verdict.give_up) {
+    say("given up after " + std::to_string(state_.attempt) + " attempts: " + state_.status);
+    set_phase(program_phase::given_up);
+    run_hook("give_up");
+    return;
+  }
+  phase_limit_ = now + verdict.pause;
+  state_.next = wall_now() / 1000 + verdict.pause.count();
+  say("ended: " + state_.status + "; next start in " + seconds_text(verdict.pause) + " s");
+  set_phase(program_phase::waiting);
+}
+
+}  // namespace runner

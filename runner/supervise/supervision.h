@@ -1,0 +1,178 @@
+#pragma once
+
+#include <poll.h>
+#include <sys/types.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/misc/unique_fd.h"
+#include "runner/file/program_file.h"
+#include "runner/file/state_file.h"
+#include "runner/launch/control_group.h"
+#include "runner/launch/launch.h"
+#include "runner/log/program_log.h"
+#include "runner/log/steady_time.h"
+#include "runner/supervise/notify_socket.h"
+#include "runner/supervise/pacing.h"
+#include "runner/supervise/probe.h"
+#include "runner/supervise/rest.h"
+#include "runner/supervise/supervisor_chain.h"
+
+namespace runner {
+
+/// The life of one program, from the first reading of its file to its last descendant's end.
+///
+///     reading -> needs -> before -> starting -> running
+///        ^                            |  stopping |
+///        |                            v     v     v
+///     waiting <--- after <--------- clearing
+///
+/// Reading stands for an attempt that failed before there was a process as well: what is wrong goes
+/// straight to `waiting`, with a pause that grows. `ended` and `given_up` are waits without an end.
+/// A request to end skips what has not begun, and leads through `stopping` and `clearing` out of
+/// the loop.
+///
+/// One thread, one loop, no handlers: signals, ends of processes and everything else are read from
+/// descriptors. While nothing happens it sleeps without a limit.
+class supervision final {
+ public:
+  /// @param path of the program file.
+  explicit supervision(std::string path);
+  supervision(const supervision&) = delete;
+  supervision& operator=(const supervision&) = delete;
+  ~supervision();
+
+  /// Runs the program until it is asked to end. Takes the process over: its signals, its name, its
+  /// descriptors above 2.
+  /// @return the exit status.
+  int run();
+
+ private:
+  using deadline = std::optional<time_point>;
+
+  enum class purpose { before, after, stop, question, hook };
+  /// A process beside the program.
+  struct side_command {
+    pid_t pid = 0;
+    purpose what = purpose::hook;
+    const char* section = "";
+    const char* key = "";
+    unique_fd report;
+    deadline limit = {};
+  };
+
+  // supervision.cpp: an attempt, step by step
+  void begin_attempt();
+  bool read_file();
+  bool await_former_launcher();
+  bool open_log();
+  void close_log();
+  void await_needs();
+  [[nodiscard]] const std::string* missing_need() const;
+  void run_before();
+  void start_program();
+  void take_report();
+  void become_ready();
+  void fail_attempt(const std::string& why);
+  void finish_attempt();
+  void pause(bool failed);
+
+  // supervision_end.cpp: how a program ends
+  void request_end();
+  void end_program(const std::string& why);
+  void stop_took_too_long();
+  void program_ended(int status);
+  void look_at_group();
+  void begin_clearing();
+  void go_on_clearing();
+  void run_after();
+  void leave();
+  void child_ended(pid_t pid, int status);
+  void side_ended(side_command ended, int status);
+
+  // supervision_questions.cpp: readiness and health
+  void ask_later();
+  void ask();
+  void answered(probe_answer answer);
+  void ready_answered(bool good);
+  void health_answered(bool good);
+  [[nodiscard]] bool is_asking_for_readiness() const;
+  [[nodiscard]] const probe_settings& question() const;
+  void stop_asking();
+
+  // supervision_commands.cpp: commands beside the program, and what is told
+  [[nodiscard]] launch_order order_for(const command_words& words,
+                                       const std::vector<std::string>& environment) const;
+  [[nodiscard]] const command_words& command_of(const side_command& side) const;
+  bool start_side(purpose what, const char* section, const char* key, deadline limit);
+  void run_hook(const char* key);
+  [[nodiscard]] environment_list told_variables() const;
+  [[nodiscard]] bool has_side(purpose what) const;
+  void end_side(side_command& one);
+  void set_phase(program_phase phase);
+  void say(const std::string& text);
+  void complain(const file_finding& what);
+  /// "12.5", without zeros that say nothing.
+  static std::string seconds_text(milliseconds duration);
+
+  // supervision_loop.cpp
+  void take_over_process();
+  void wait();
+  /// Until something happens or is due. @return as `poll`.
+  int sleep();
+  void collect_requests();
+  void add_request(int fd, short events = POLLIN);
+  [[nodiscard]] deadline next_deadline() const;
+  void look_at_deadlines(time_point now);
+  void handle(int fd);
+  void take_signals();
+  void take_signal(int signal);
+  void reap();
+
+  const std::string path_;
+  const std::string name_;
+  unique_fd signals_;
+  supervisor_chain chain_;
+  state_files files_;
+  program_state state_;
+  bool is_first_ = true;
+  unique_fd former_;  ///< An earlier launcher of the same program that has not ended yet.
+
+  program_file file_;
+  std::unique_ptr<program_log> log_;
+  std::string log_text_;  ///< The section that `log_` was made from.
+  control_group group_;
+  pacing pacing_;
+
+  pid_t pid_ = 0;
+  pid_t session_ = 0;  ///< The program's, which may outlive it; 0 when that is over.
+  unique_fd report_;
+  notify_socket notify_;
+  unique_fd needs_watch_;
+  std::vector<side_command> sides_;
+
+  bool is_ending_ = false;  ///< For good.
+  bool is_done_ = false;
+  bool was_launched_ = false;
+  bool is_ready_ = false;
+  std::string trouble_;  ///< Why the attempt counts as failed, when its exit status does not say.
+  int status_ = 0;       ///< As waitpid gave it.
+  deadline phase_limit_;
+  milliseconds lived_{0};
+
+  probe probe_;
+  bool is_asking_ = false;
+  deadline ask_at_;  ///< The next question, or the end of one that is not answered.
+  deadline ready_limit_;
+  milliseconds ask_pause_{0};
+  std::uint64_t bad_answers_ = 0;
+
+  resting_place rest_;
+  std::vector<pollfd> requests_;
+};
+
+}  // namespace runner

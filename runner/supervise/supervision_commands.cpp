@@ -1,0 +1,139 @@
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+
+#include "runner/file/values.h"
+#include "runner/launch/environment.h"
+#include "runner/supervise/supervision.h"
+
+namespace runner {
+namespace {
+
+/// How long a hook may run.
+constexpr std::chrono::seconds kHookLimit{60};
+
+/// Writes to standard error where that does not make anybody wait.
+void write_error(const std::string& line) {
+  pollfd request{STDERR_FILENO, POLLOUT, 0};
+  if (::poll(&request, 1, 0) <= 0 || (request.revents & POLLOUT) == 0) return;
+  if (::write(STDERR_FILENO, line.data(), line.size()) < 0) {
+    // There is nobody to tell.
+  }
+}
+
+}  // namespace
+
+std::string supervision::seconds_text(milliseconds duration) {
+  char text[32];
+  const long thousandths = duration.count();
+  std::snprintf(text, sizeof text, "%ld.%03ld", thousandths / 1000, thousandths % 1000);
+  std::string seconds = text;
+  seconds.erase(seconds.find_last_not_of('0') + 1);
+  if (seconds.back() == '.') seconds.pop_back();
+  return seconds;
+}
+
+launch_order supervision::order_for(const command_words& words,
+                                    const std::vector<std::string>& environment) const {
+  launch_order order{words, file_, environment};
+  if (log_) {
+    order.output = log_->stdout_end();
+    order.errors = log_->stderr_end();
+  }
+  order.group_entrance = group_.entrance();
+  return order;
+}
+
+const command_words& supervision::command_of(const side_command& side) const {
+  switch (side.what) {
+    case purpose::before:
+      return file_.program.before;
+    case purpose::after:
+      return file_.program.after;
+    case purpose::stop:
+      return file_.stop.command;
+    case purpose::question:
+      return std::string_view(side.section) == "ready" ? file_.ready.probe.command
+                                                       : file_.health.probe.command;
+    case purpose::hook:
+      break;
+  }
+  if (std::string_view(side.key) == "ready") return file_.on.ready;
+  return std::string_view(side.key) == "give_up" ? file_.on.give_up : file_.on.failure;
+}
+
+bool supervision::start_side(purpose what, const char* section, const char* key, deadline limit) {
+  side_command side{0, what, section, key, {}, limit};
+  const auto environment = build_environment(file_, environ, told_variables());
+  launch_order order = order_for(command_of(side), environment);
+  order.section = section;
+  order.key = key;
+  launched started = launch(order);
+  if (started.pid < 0) {
+    complain(describe(started.failure, order));
+    return false;
+  }
+  side.pid = started.pid;
+  side.report = std::move(started.report);
+  sides_.push_back(std::move(side));
+  return true;
+}
+
+void supervision::run_hook(const char* key) {
+  const side_command wanted{0, purpose::hook, "on", key, {}, {}};
+  if (command_of(wanted).empty()) return;
+  start_side(purpose::hook, "on", key, steady_now() + kHookLimit);
+}
+
+environment_list supervision::told_variables() const {
+  environment_list list{{"NAME", name_}, {"LIVED", seconds_text(lived_)}};
+  const bool was_killed = WIFSIGNALED(status_);
+  list.emplace_back("STATUS", was_killed ? "" : std::to_string(WEXITSTATUS(status_)));
+  list.emplace_back("SIGNAL", was_killed ? signal_name(WTERMSIG(status_)) : "");
+  if (pid_ > 0) list.emplace_back("PID", std::to_string(pid_));
+  return list;
+}
+
+bool supervision::has_side(purpose what) const {
+  return std::any_of(sides_.begin(), sides_.end(),
+                     [&](const side_command& one) { return one.what == what; });
+}
+
+void supervision::end_side(side_command& one) {
+  one.limit.reset();
+  // It may not have got as far as leading its group.
+  ::kill(-one.pid, SIGKILL);
+  ::kill(one.pid, SIGKILL);
+}
+
+void supervision::set_phase(program_phase phase) {
+  state_.phase = phase;
+  state_.since = wall_now() / 1000;
+  state_.pid = pid_;
+  if (pid_ == 0) state_.started = 0;
+  if (phase != program_phase::waiting) state_.next = 0;
+  state_.log = file_.log.file;
+  files_.write(state_);
+}
+
+void supervision::say(const std::string& text) {
+  if (log_) {
+    log_->write_own_line(text);
+  } else {
+    write_error("keelmond-run: " + name_ + ": " + text + "\n");
+  }
+}
+
+void supervision::complain(const file_finding& what) {
+  const std::string line = in_one_line(path_, what);
+  if (trouble_.empty()) state_.status = trouble_ = line;
+  write_error("keelmond-run: " + line + "\n");
+  // What is inherited has just been written to.
+  if (log_ && file_.log.target != log_target::inherit) log_->write_own_line(line);
+}
+
+}  // namespace runner

@@ -1,0 +1,216 @@
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+
+#include "runner/file/process_stat.h"
+#include "runner/supervise/supervision.h"
+
+namespace runner {
+namespace {
+
+constexpr int kEnding[] = {SIGUSR2, SIGTERM, SIGINT};
+constexpr int kHandedOn[] = {SIGHUP, SIGUSR1, SIGWINCH};
+
+/// How long nothing has to happen before what is not needed is given back.
+constexpr milliseconds kCalm{1000};
+
+bool is_among(int signal, const int (&list)[3]) {
+  return std::find(std::begin(list), std::end(list), signal) != std::end(list);
+}
+
+/// Closes what this process was started with beyond 0, 1 and 2, and fills gaps among those.
+void settle_descriptors() {
+  constexpr unsigned kFirst = STDERR_FILENO + 1;
+  if (::syscall(SYS_close_range, kFirst, ~0U, 0U) != 0) {
+    // Where the kernel is older than 5.9, or a sandbox forbids the call.
+    constexpr int kMostByHand = 4096;
+    for (int fd = kFirst; fd < kMostByHand; ++fd)
+      ::close(fd);
+  }
+  int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  while (fd >= 0 && fd <= STDERR_FILENO) {
+    // One that stays, for the program would get it as well.
+    ::fcntl(fd, F_SETFD, 0);
+    fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+  }
+  ::close(fd);
+}
+
+unique_fd take_signals_over() {
+  sigset_t wanted;
+  ::sigemptyset(&wanted);
+  for (const int signal : kEnding)
+    ::sigaddset(&wanted, signal);
+  for (const int signal : kHandedOn)
+    ::sigaddset(&wanted, signal);
+  ::sigaddset(&wanted, SIGCHLD);
+  // Nothing else stays blocked: whatever else is meant to end a process ends this one.
+  ::sigprocmask(SIG_SETMASK, &wanted, nullptr);
+  // A supervisor has these ignored, and then no status could be read.
+  ::signal(SIGCHLD, SIG_DFL);
+  ::signal(SIGPIPE, SIG_IGN);
+  return unique_fd(::signalfd(-1, &wanted, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+}  // namespace
+
+void supervision::take_over_process() {
+  settle_descriptors();
+  signals_ = take_signals_over();
+  ::umask(022);
+  // The name that people look for, also when another program has read the first line of the file.
+  ::prctl(PR_SET_NAME, name_.c_str());
+  // What the program leaves behind becomes a child of this process, and can be ended.
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  state_.launcher = ::getpid();
+  const auto own = read_process_stat(state_.launcher);
+  state_.launcher_started = own ? own->started : 0;
+}
+
+void supervision::add_request(int fd, short events) {
+  if (fd >= 0) requests_.push_back({fd, events, 0});
+}
+
+void supervision::collect_requests() {
+  requests_.clear();
+  add_request(signals_.get());
+  for (const unique_fd& link : chain_.links)
+    add_request(link.get());
+  add_request(former_.get());
+  add_request(report_.get());
+  add_request(needs_watch_.get());
+  add_request(notify_.fd());
+  const pollfd question = probe_.request();
+  add_request(question.fd, question.events);
+}
+
+supervision::deadline supervision::next_deadline() const {
+  deadline next;
+  const auto consider = [&](const deadline& one) {
+    if (one && (!next || *one < *next)) next = one;
+  };
+  consider(phase_limit_);
+  consider(ready_limit_);
+  consider(ask_at_);
+  for (const side_command& one : sides_)
+    consider(one.limit);
+  if (log_) consider(log_->next_deadline());
+  return next;
+}
+
+int supervision::sleep() {
+  const deadline next = next_deadline();
+  const auto limit_until = [&](long most) {
+    if (!next) return static_cast<int>(most);
+    const auto left = std::chrono::ceil<milliseconds>(*next - steady_now()).count();
+    return static_cast<int>(std::clamp<long>(left, 0, most < 0 ? long{INT_MAX} : most));
+  };
+  const int calm = limit_until(kCalm.count());
+  const int ready = ::poll(requests_.data(), requests_.size(), calm);
+  if (ready != 0 || calm < kCalm.count()) return ready;
+  return rest_.wait(requests_, limit_until(-1));
+}
+
+void supervision::wait() {
+  collect_requests();
+  const std::size_t own = requests_.size();
+  std::array<pollfd, program_log::kMostRequests> log_requests{};
+  const std::size_t logs = log_ ? log_->poll_requests(log_requests) : 0;
+  requests_.insert(requests_.end(), log_requests.begin(),
+                   log_requests.begin() + static_cast<std::ptrdiff_t>(logs));
+  const int ready = sleep();
+  const time_point now = steady_now();
+  for (std::size_t i = own; ready > 0 && i < requests_.size(); ++i) {
+    if (requests_[i].revents != 0) log_->on_ready(requests_[i].fd);
+  }
+  // One at a time: what one changes may be what the next one is about.
+  const auto end = requests_.begin() + static_cast<std::ptrdiff_t>(own);
+  const auto first =
+      std::find_if(requests_.begin(), end, [](const pollfd& one) { return one.revents != 0; });
+  if (ready > 0 && first != end) return handle(first->fd);
+  look_at_deadlines(now);
+}
+
+void supervision::handle(int fd) {
+  if (fd == signals_.get()) return take_signals();
+  if (fd == former_.get()) {
+    former_.reset();
+    return begin_attempt();
+  }
+  if (fd == report_.get()) return take_report();
+  if (fd == needs_watch_.get()) return await_needs();
+  if (fd == notify_.fd()) {
+    if (notify_.is_ready(pid_)) become_ready();
+    return;
+  }
+  if (fd == probe_.request().fd) return answered(probe_.go_on());
+  // A link of the chain: the supervisor is starting another one already.
+  chain_.links.clear();
+  request_end();
+}
+
+void supervision::look_at_deadlines(time_point now) {
+  const auto is_over = [&](const deadline& one) { return one && *one <= now; };
+  if (log_) log_->on_deadline();
+  for (side_command& one : sides_) {
+    if (is_over(one.limit)) end_side(one);
+  }
+  if (is_over(ready_limit_)) {
+    const std::string why = "not ready within " + seconds_text(file_.ready.timeout) + " s";
+    say(why + ": it is ended");
+    return end_program(why);
+  }
+  if (is_over(ask_at_)) return is_asking_ ? answered(probe_answer::no) : ask();
+  if (!is_over(phase_limit_)) return;
+  switch (state_.phase) {
+    case program_phase::waiting:
+      return begin_attempt();
+    case program_phase::needs:
+      complain({file_.line_of("program", "needs"),
+                "needs",
+                *missing_need() + " is not ready within " +
+                    seconds_text(file_.program.needs_timeout) + " s",
+                {}});
+      return finish_attempt();
+    case program_phase::stopping:
+      return stop_took_too_long();
+    default:
+      phase_limit_.reset();
+  }
+}
+
+void supervision::take_signals() {
+  signalfd_siginfo info{};
+  while (::read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
+    take_signal(static_cast<int>(info.ssi_signo));
+}
+
+void supervision::take_signal(int signal) {
+  if (signal == SIGCHLD) {
+    reap();
+  } else if (is_among(signal, kEnding)) {
+    request_end();
+  } else if (is_among(signal, kHandedOn) && pid_ > 0) {
+    ::kill(pid_, signal);
+  }
+}
+
+void supervision::reap() {
+  int status = 0;
+  for (pid_t pid = 0; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;)
+    child_ended(pid, status);
+  if (state_.phase == program_phase::stopping) look_at_group();
+  if (state_.phase == program_phase::clearing && !is_done_) go_on_clearing();
+}
+
+}  // namespace runner

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "common/misc/unique_fd.h"
+
+namespace runner {
+
+/// What stands between this process and its supervisor.
+///
+/// The supervisor is the ancestor that holds run.pid of its working directory open. Below it stand
+/// its child for this program and the shell that the child runs. When one of them goes, the
+/// supervisor counts the program as ended and starts it again, so the present one has to end. The
+/// supervisor itself may go: its programs run on, as they always do.
+struct supervisor_chain {
+  /// The supervisor's directory; empty when this process was not started by one.
+  std::string directory;
+  /// Handles on those in between, readable when one has ended.
+  std::vector<unique_fd> links;
+  /// Whether a link was gone before it could be watched.
+  bool broken = false;
+};
+
+supervisor_chain find_supervisor();
+
+/// A handle on a process that is readable when it has ended; not valid when it has already.
+unique_fd open_process(pid_t pid);
+
+}  // namespace runner
