@@ -105,11 +105,21 @@ std::string installation::add_script(std::string_view body, std::string_view dir
   return name;
 }
 
+std::string installation::add_executable(std::string_view text) {
+  std::string name = unique_name();
+  write_executable(site_ / "programs" / name, text);
+  return name;
+}
+
 void installation::write_script(const fs::path& path, std::string_view body) const {
+  write_executable(path, "#!/bin/sh\n" + std::string(body));
+}
+
+void installation::write_executable(const fs::path& path, std::string_view text) const {
   // Made elsewhere and moved: a process that is forked meanwhile could hold it open for writing,
   // and then nobody can execute it.
   const fs::path draft = site_ / "draft";
-  write_file(draft, "#!/bin/sh\n" + std::string(body));
+  write_file(draft, text);
   fs::permissions(draft, fs::perms::owner_all);
   fs::rename(draft, path);
 }

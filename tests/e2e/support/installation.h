@@ -63,6 +63,11 @@ class installation final {
   /// @param directory where, below the working directory.
   /// @return the name.
   std::string add_script(std::string_view body, std::string_view directory = "programs");
+  /// Writes any executable file under a name that no other program on the machine has.
+  /// @return the name.
+  std::string add_executable(std::string_view text);
+  /// Writes one under the name of another one.
+  void write_executable(const std::filesystem::path& path, std::string_view text) const;
   /// Writes a script under the name of another one.
   void write_script(const std::filesystem::path& path, std::string_view body) const;
   /// The beginning of a script that notes its process id, and any text, at each start.
