@@ -1,0 +1,299 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+
+#include "tests/e2e/runner/program_files.h"
+#include "tests/support/wait_until.h"
+
+namespace fs = std::filesystem;
+
+using runner::program_phase;
+using runner::program_state;
+
+namespace {
+
+/// Runs a command of the shell as the program, with more lines of the file around it. Its output is
+/// that of the file "out" beside the program files.
+std::string add_shell(runner_place& place, const std::string& command,
+                      const std::string& more = "") {
+  return place.add("[program]\nshell = yes\ncommand = { " + command +
+                   "; } > out.new && mv out.new out; exec sleep 1000\n" + more);
+}
+
+/// The file "out" when it is there.
+std::string output_of(runner_place& place) {
+  EXPECT_TRUE(wait_until([&] { return place.site().has("programs/out"); }));
+  return place.read("out");
+}
+
+bool is_root() {
+  return ::geteuid() == 0;
+}
+
+}  // namespace
+
+TEST(runner_keys, words_are_split_as_a_shell_does_and_nothing_is_expanded) {
+  runner_place place;
+  const std::string script = place.site().add_script(
+      "for word in \"$@\"; do echo \"<$word>\"; done > \"${0%/*}/out.new\"\n"
+      "mv \"${0%/*}/out.new\" \"${0%/*}/out\"\n" +
+      place.site().stay());
+  place.add("[program]\ncommand = " + place.path_of(script) +
+            " one 'two  words' \"a \\\"b\\\"\" x\\ y $HOME * ''\n");
+  place.start();
+  EXPECT_EQ(output_of(place), "<one>\n<two  words>\n<a \"b\">\n<x y>\n<$HOME>\n<*>\n<>\n");
+}
+
+TEST(runner_keys, shell_hands_the_command_to_a_shell) {
+  runner_place place;
+  place.add("[program]\nshell = yes\ncommand = echo $((6 * 7)) > out; exec sleep 1000\n");
+  place.start();
+  EXPECT_EQ(place.wait_text("out", "42\n"), "42\n");
+}
+
+TEST(runner_keys, a_program_starts_in_the_directory_of_its_file_or_in_another) {
+  runner_place place;
+  const fs::path other = place.site().site() / "other place";
+  fs::create_directory(other);
+  const std::string here = add_shell(place, "pwd");
+  place.add(
+      "[program]\nshell = yes\ndirectory = ../other place\n"
+      "command = pwd > out.new && mv out.new out; exec sleep 1000\n");
+  place.start();
+  EXPECT_EQ(output_of(place), (place.site().site() / "programs").string() + "\n");
+  EXPECT_TRUE(wait_until([&] { return place.site().has("other place/out"); }));
+  EXPECT_EQ(place.site().read("other place/out"), other.string() + "\n");
+}
+
+TEST(runner_keys, umask_is_not_the_supervisors_one) {
+  runner_place place;
+  add_shell(place, "umask");
+  place.add(
+      "[program]\numask = 077\nshell = yes\n"
+      "command = umask > mask.new && mv mask.new mask; exec sleep 1000\n");
+  place.start();
+  EXPECT_EQ(output_of(place), "0022\n");
+  EXPECT_EQ(place.wait_text("mask", "0077\n"), "0077\n");
+}
+
+TEST(runner_keys, a_program_gets_default_signals_three_descriptors_and_a_session) {
+  runner_place place;
+  const std::string name = place.add("[program]\ncommand = sleep 1000\n");
+  place.start();
+  const program_state state = place.wait_phase(name, program_phase::running);
+  using process_table::status_field;
+  EXPECT_EQ(status_field(state.pid, "SigIgn"), "0000000000000000");
+  EXPECT_EQ(status_field(state.pid, "SigBlk"), "0000000000000000");
+  std::string descriptors;
+  for (int fd = 0; fd < 64; ++fd) {
+    const fs::path link = "/proc/" + std::to_string(state.pid) + "/fd/" + std::to_string(fd);
+    if (fs::is_symlink(fs::symlink_status(link))) descriptors += std::to_string(fd) + " ";
+  }
+  EXPECT_EQ(descriptors, "0 1 2 ");
+  EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(state.pid) + "/fd/0"), "/dev/null");
+  EXPECT_EQ(process_table::find(state.pid)->session, state.pid);
+}
+
+TEST(runner_keys, nice_and_oom_score_are_set) {
+  runner_place place;
+  const std::string name =
+      place.add("[program]\ncommand = sleep 1000\nnice = 7\noom_score = 300\n");
+  place.start();
+  const program_state state = place.wait_phase(name, program_phase::running);
+  EXPECT_EQ(::getpriority(PRIO_PROCESS, static_cast<id_t>(state.pid)), 7);
+  EXPECT_EQ(read_file("/proc/" + std::to_string(state.pid) + "/oom_score_adj"), "300\n");
+}
+
+TEST(runner_keys, no_new_privileges_is_set_only_when_asked_for) {
+  runner_place place;
+  const std::string with = place.add("[program]\ncommand = sleep 1000\nno_new_privileges = yes\n");
+  const std::string without = place.add("[program]\ncommand = sleep 1000\n");
+  place.start();
+  using process_table::status_field;
+  EXPECT_EQ(status_field(place.wait_phase(with, program_phase::running).pid, "NoNewPrivs"), "1");
+  EXPECT_EQ(status_field(place.wait_phase(without, program_phase::running).pid, "NoNewPrivs"), "0");
+}
+
+TEST(runner_keys, limits_are_set_soft_and_hard) {
+  runner_place place;
+  add_shell(place, "ulimit -Sn; ulimit -Hn; ulimit -Sc; ulimit -Hc",
+            "[limits]\nnofile = 123:456\ncore = 1M:2M\n");
+  place.start();
+  EXPECT_EQ(output_of(place), "123\n456\n2048\n4096\n");
+}
+
+TEST(runner_keys, limits_of_a_group_need_one_that_is_delegated) {
+  runner_place place;
+  const std::string name = place.add_steady("[limits]\ntasks = 100000\n");
+  place.start();
+  // Where the machine lets this user make groups, the program runs in one; elsewhere a line says
+  // why it does not run.
+  ASSERT_TRUE(wait_until([&] {
+    const auto state = place.state(name);
+    return state &&
+           (state->phase == program_phase::running || state->phase == program_phase::waiting);
+  }));
+  const auto state = place.state(name);
+  if (state->phase == program_phase::waiting) {
+    EXPECT_NE(place.site().errors().find(":5: tasks: "), std::string::npos);
+    EXPECT_EQ(place.site().starts(name), 0U);
+  } else {
+    const std::string group = read_file("/proc/" + std::to_string(state->pid) + "/cgroup");
+    EXPECT_NE(group.find("keelmond." + name), std::string::npos);
+  }
+}
+
+TEST(runner_keys, the_environment_is_handed_on_changed_or_clean) {
+  runner_place place;
+  fs::create_directory(place.site().site() / "programs");
+  write_file(place.site().site() / "programs" / "variables",
+             "# a file\nFROM_FILE='one \"word\"'\nBOTH=file\n");
+  add_shell(place, "echo \"$FROM_FILE|$BOTH|$HERE|$INHERITED|$NOTIFY_SOCKET\"",
+            "[environment]\nfile = variables\nBOTH = key\nHERE = a b  c\n");
+  const std::string clean =
+      place.add("[program]\ncommand = sleep 1000\n[environment]\nclean = yes\nONLY = 1\n");
+  start_options options;
+  options.before_exec = [] {
+    ::setenv("INHERITED", "yes", 1);
+    ::setenv("NOTIFY_SOCKET", "/run/nowhere", 1);
+  };
+  place.start(options);
+  EXPECT_EQ(output_of(place), "one \"word\"|key|a b  c|yes|\n");
+  const program_state state = place.wait_phase(clean, program_phase::running);
+  std::string all = read_file("/proc/" + std::to_string(state.pid) + "/environ");
+  EXPECT_EQ(all, std::string("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin") +
+                     '\0' + "ONLY=1" + '\0');
+  ::kill(state.launcher, SIGUSR2);
+}
+
+TEST(runner_keys, user_group_and_groups_are_dropped_for_good) {
+  if (!is_root()) GTEST_SKIP() << "only root may become somebody else";
+  runner_place place;
+  const std::string named =
+      place.add("[program]\ncommand = sleep 1000\nuser = nobody\numask = 027\n");
+  const std::string listed = place.add(
+      "[program]\ncommand = sleep 1000\nuser = 12345\ngroup = 12346\n"
+      "groups = 12347 12348\n");
+  place.start();
+  using process_table::status_field;
+  program_state state = place.wait_phase(named, program_phase::running);
+  EXPECT_EQ(status_field(state.pid, "Uid"), "65534\t65534\t65534\t65534");
+  EXPECT_EQ(status_field(state.pid, "Gid"), "65534\t65534\t65534\t65534");
+  EXPECT_EQ(status_field(state.pid, "CapEff"), "0000000000000000");
+  const std::string all = read_file("/proc/" + std::to_string(state.pid) + "/environ");
+  EXPECT_NE(all.find("USER=nobody"), std::string::npos);
+  state = place.wait_phase(listed, program_phase::running);
+  EXPECT_EQ(status_field(state.pid, "Uid"), "12345\t12345\t12345\t12345");
+  EXPECT_EQ(status_field(state.pid, "Groups"), "12346 12347 12348 ");
+  // What the kernel does when the launcher dies is not forgotten with the user.
+  ::kill(state.launcher, SIGKILL);
+  EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(state.pid); }));
+}
+
+TEST(runner_keys, an_ordinary_user_may_not_become_another) {
+  if (is_root()) GTEST_SKIP() << "root may";
+  runner_place place;
+  const std::string name = place.add("[program]\ncommand = sleep 1000\nuser = root\n");
+  place.start();
+  place.wait_phase(name, program_phase::waiting);
+  EXPECT_NE(place.site().errors().find("only a supervisor that runs as root may do that"),
+            std::string::npos);
+}
+
+TEST(runner_keys, what_cannot_be_started_is_told_in_one_line_with_its_place) {
+  runner_place place;
+  const std::string no_command = place.add("\n[program]\ncommand = /nonexistent/thing -x\n");
+  const std::string no_directory =
+      place.add("[program]\ncommand = sleep 1000\ndirectory = /nonexistent\n");
+  const std::string no_log =
+      place.add("[program]\ncommand = sleep 1000\n[log]\nfile = /nonexistent/log\n");
+  place.start();
+  for (const auto& name : {no_command, no_directory, no_log})
+    place.wait_phase(name, program_phase::waiting);
+  const auto tells = [&](const std::string& line) {
+    return wait_until([&] { return place.site().errors().find(line) != std::string::npos; });
+  };
+  EXPECT_TRUE(tells(place.path_of(no_command) +
+                    ":4: command: cannot execute /nonexistent/thing: No such file or directory\n"));
+  EXPECT_TRUE(tells(place.path_of(no_directory) +
+                    ":4: directory: cannot enter /nonexistent: No such file or directory\n"));
+  EXPECT_TRUE(tells(place.path_of(no_log) + ":5: file: "));
+}
+
+TEST(runner_keys, the_supervisor_can_be_named) {
+  runner_place place;
+  const fs::path other = place.site().site() / "elsewhere";
+  fs::create_directories(other / "notify");
+  const std::string name =
+      place.add("[program]\ncommand = sleep 1000\nsupervisor = " + other.string() + "\n");
+  place.start();
+  EXPECT_TRUE(
+      wait_until([&] { return place.site().read("elsewhere/notify/" + name + ".ready") == "1"; }));
+  EXPECT_FALSE(place.site().has("notify/" + name + ".ready"));
+}
+
+TEST(runner_keys, before_and_after_run_around_the_program) {
+  runner_place place;
+  const std::string name = place.add(
+      "[program]\nshell = yes\nbefore = echo before >> steps\n"
+      "command = echo program >> steps; exec sleep 1000\nafter = echo after $SIGNAL >> steps\n");
+  place.start();
+  const program_state state = place.wait_phase(name, program_phase::running);
+  ASSERT_EQ(place.wait_text("steps", "before\nprogram\n"), "before\nprogram\n");
+  ::kill(state.pid, SIGKILL);
+  const std::string all = "before\nprogram\nafter KILL\nbefore\nprogram\n";
+  EXPECT_EQ(place.wait_text("steps", all), all);
+  place.stop(name);
+  EXPECT_EQ(place.read("steps"), all + "after TERM\n");
+}
+
+TEST(runner_keys, a_program_is_not_started_when_before_fails) {
+  runner_place place;
+  const std::string name =
+      place.add("[program]\nshell = yes\nbefore = exit 3\ncommand = echo > started\n");
+  place.start();
+  EXPECT_EQ(place.wait_phase(name, program_phase::waiting).status, "before: exit 3");
+  EXPECT_FALSE(place.site().has("programs/started"));
+}
+
+TEST(runner_keys, stop_has_its_own_signal) {
+  runner_place place;
+  const std::string program = place.site().add_script(
+      "for s in TERM QUIT; do trap \"echo $s > \\\"${0%/*}/got\\\"; exit\" $s; done\n" +
+      place.site().note_start() + "while :; do " + place.site().stay() + "done\n");
+  const std::string name =
+      place.add("[program]\ncommand = " + place.path_of(program) + "\n[stop]\nsignal = SIGQUIT\n");
+  place.start();
+  place.wait_phase(name, program_phase::running);
+  place.site().wait_running(program);
+  place.stop(name);
+  EXPECT_EQ(place.read("got"), "QUIT\n");
+}
+
+TEST(runner_keys, stop_can_be_a_command) {
+  runner_place place;
+  const std::string name =
+      place.add_steady("[stop]\nshell = yes\ncommand = echo $NAME > asked; kill -KILL $PID\n");
+  place.start();
+  const program_state state = place.wait_phase(name, program_phase::running);
+  place.stop(name);
+  EXPECT_EQ(place.read("asked"), name + "\n");
+  EXPECT_FALSE(process_table::is_alive(state.pid));
+}
+
+TEST(runner_keys, output_goes_to_a_log_file_that_the_launcher_writes_to_as_well) {
+  runner_place place;
+  const std::string name = place.add(
+      "[program]\nshell = yes\ncommand = echo out; echo err >&2; exit 3\n"
+      "[log]\nfile = the.log\n[restart]\ndelay = 1h\nlongest = 1h\n");
+  place.start();
+  const program_state state = place.wait_phase(name, program_phase::waiting);
+  EXPECT_EQ(state.log, place.path_of("the.log"));
+  const std::string all = "out\nerr\nkeelmond-run: ended: exit 3; next start in 3600 s\n";
+  EXPECT_EQ(place.wait_text("the.log", all), all);
+}
