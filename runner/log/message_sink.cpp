@@ -144,9 +144,8 @@ message_sink::result message_sink::send(std::string_view begin, std::string_view
   const result first = try_to_send(begin, end);
   if (first != result::failed || !is_nobody_there(errno)) return first;
   // Somebody else may listen there by now.
-  const int reason = errno;
   if (steady_now() - connected_at_ >= kConnectInterval && connect()) return try_to_send(begin, end);
-  errno = reason;
+  errno = ECONNREFUSED;
   return result::failed;
 }
 

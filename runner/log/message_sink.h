@@ -51,8 +51,8 @@ class message_sink final : public log_sink {
   unique_fd fd_;
   std::string head_;
   std::int64_t head_second_ = -1;
-  std::string_view waiting_;  ///< What has been taken and neither sent nor put into `begun_`.
-  std::string begun_;         ///< The beginning of a line.
+  std::string_view waiting_;   ///< What has been taken and neither sent nor put into `begun_`.
+  std::string begun_;          ///< The beginning of a line.
   bool is_part_sent_ = false;  ///< Of that line, which is too long for one message.
   bool is_line_open_ = false;
   lost_lines lost_;

@@ -115,8 +115,7 @@ program_log::implementation::implementation(const log_settings& settings) {
 }
 
 void program_log::implementation::add_file(const std::string& path, const log_settings& settings) {
-  auto sink =
-      std::make_unique<file_sink>(path, settings, memory_.space().subspan(kChunk), own_);
+  auto sink = std::make_unique<file_sink>(path, settings, memory_.space().subspan(kChunk), own_);
   if (error_.empty()) error_ = sink->error();
   streams_[count_++].sink = std::move(sink);
 }
@@ -126,8 +125,7 @@ int program_log::implementation::end_of(std::size_t number, int inherited) const
   return streams_[std::min(number, count_ - 1)].writer.get();
 }
 
-std::size_t program_log::implementation::poll_requests(
-    std::span<pollfd, kMostRequests> out) const {
+std::size_t program_log::implementation::poll_requests(std::span<pollfd, kMostRequests> out) const {
   for (std::size_t i = 0; i < count_; ++i) {
     const stream& one = streams_[i];
     if (one.is_waiting())
@@ -222,9 +220,8 @@ void program_log::implementation::on_program_end() {
 }
 
 bool program_log::implementation::is_compressor(pid_t pid) const {
-  return pid > 0 && std::any_of(streams().begin(), streams().end(), [pid](const stream& one) {
-           return one.sink->compressor() == pid;
-         });
+  return pid > 0 && std::any_of(streams().begin(), streams().end(),
+                                [pid](const stream& one) { return one.sink->compressor() == pid; });
 }
 
 bool program_log::implementation::on_child_end(pid_t pid, int status) {
@@ -240,7 +237,8 @@ void program_log::implementation::wait_for_reader(stream& from) {
     pollfd request = {from.sink->waits_for(), POLLOUT, 0};
     const auto left = from.sink->next_deadline().value_or(steady_now()) - steady_now();
     const auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-    if (::poll(&request, 1, static_cast<int>(std::max(milliseconds, decltype(milliseconds){0}))) > 0)
+    if (::poll(&request, 1, static_cast<int>(std::max(milliseconds, decltype(milliseconds){0}))) >
+        0)
       from.sink->on_writable();
     from.sink->on_deadline();
   }

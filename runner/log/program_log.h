@@ -65,12 +65,12 @@ class program_log final {
   /// waits for the end of that, though for no longer than a second. Where the output is inherited
   /// it goes to descriptor 2.
   void write_own_line(std::string_view text);
-  /// To be called when the program has ended: takes what is left in the pipes, and a line without an
-  /// end gets one.
+  /// To be called when the program has ended: takes what is left in the pipes, and a line without
+  /// an end gets one.
   void on_program_end();
 
-  /// Whether that child of the launcher compresses a rotated file. It may be killed at any time: the
-  /// file is then compressed after the next start.
+  /// Whether that child of the launcher compresses a rotated file. It may be killed at any time:
+  /// the file is then compressed after the next start.
   [[nodiscard]] bool is_compressor(pid_t pid) const;
   /// To be called for children that the launcher has waited for.
   /// @return whether it was one that compresses.

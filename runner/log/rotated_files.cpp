@@ -102,9 +102,8 @@ bool rotated_files::on_child_end(pid_t pid, int status) {
 void rotated_files::finish(int status) {
   const std::string plain = file(compressing_);
   const std::string half = half_compressed(compressing_);
-  const bool is_kept = std::any_of(entries_.begin(), entries_.end(), [this](const entry& one) {
-    return one.moment == compressing_;
-  });
+  const bool is_kept = std::any_of(entries_.begin(), entries_.end(),
+                                   [this](const entry& one) { return one.moment == compressing_; });
   struct stat old {};
   if (status == 0 && is_kept && ::stat(plain.c_str(), &old) == 0) {
     const timespec times[] = {old.st_atim, old.st_mtim};

@@ -11,7 +11,8 @@ namespace runner {
 /// A log file that has been rotated.
 ///
 /// Its name is that of the log and the moment at which it ended, in UTC, so that names sort by age
-/// and never change: "redis.log.20261115T090203.123456Z", and ".gz" behind it once it is compressed.
+/// and never change: "redis.log.20261115T090203.123456Z", and ".gz" behind it once it is
+/// compressed.
 struct rotated_name {
   enum class kind {
     plain,

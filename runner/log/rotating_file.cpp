@@ -60,10 +60,9 @@ rotating_file::rotating_file(std::string path, const log_settings& settings,
 
 bool rotating_file::open() {
   // Whoever may write to the directory must not lead the log to another file by a link.
-  unique_fd fd(::open(path_.c_str(),
-                      O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK |
-                          O_NOCTTY,
-                      0644));
+  unique_fd fd(
+      ::open(path_.c_str(),
+             O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0644));
   struct stat status {};
   if (!fd.valid() || ::fstat(fd.get(), &status) != 0) return false;
   if (!S_ISREG(status.st_mode) && !S_ISCHR(status.st_mode)) {
@@ -187,7 +186,8 @@ void rotating_file::append(std::string_view text) {
   lost_.clear();
   is_torn_ = false;
   is_line_open_ = text.back() != '\n';
-  if (was_empty && most_age_.count() > 0 && !too_old_at_) too_old_at_ = steady_now() + most_age_;
+  if (was_empty && is_regular_ && most_age_.count() > 0 && !too_old_at_)
+    too_old_at_ = steady_now() + most_age_;
 }
 
 std::string rotating_file::first_words() const {
