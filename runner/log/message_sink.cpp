@@ -22,7 +22,7 @@ constexpr std::chrono::seconds kPatience{1};
 constexpr std::chrono::seconds kConnectInterval{1};
 /// What a local syslog takes in one message, and what the journal takes as one line.
 constexpr std::size_t kMostSyslog = 8000;
-constexpr std::size_t kMostJournal = 48 * 1024;
+constexpr std::size_t kMostJournal = std::size_t{48} * 1024;
 
 /// A name can hold anything but a slash, and must not end a field.
 std::string printable(std::string_view name) {

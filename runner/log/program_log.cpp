@@ -22,7 +22,7 @@ namespace runner {
 namespace {
 
 /// How much is read at once, and how much lines with stamps take at once.
-constexpr std::size_t kChunk = 64 * 1024;
+constexpr std::size_t kChunk = std::size_t{64} * 1024;
 /// How much a program may be ahead.
 constexpr int kPipeSize = 256 * 1024;
 /// How much may stay in memory where nothing happens, and when the rest is given back.
