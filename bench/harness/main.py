@@ -77,7 +77,7 @@ def say(text):
 
 def write_results(options, results, machine, versions):
     kind = growth if options.scale else report
-    print("\n".join(report.preamble(results, machine, versions, options.realtime) +
+    print("\n".join(report.preamble(len(results.runs), machine, versions, options.realtime) +
                     kind.tables(results, not options.smoke)))
     if options.json:
         with open(options.json, "w", encoding="utf-8") as file:
@@ -120,12 +120,12 @@ def main():
         sys.exit("compare: " + why)
     if not options.smoke and not options.scale:
         prepare.fetch_contenders(ROOT, say)
-    prepare.build(ROOT, say)
+    prepare.build(ROOT, ("keelmond", "bench_program", "floor_loop"), say)
     tools = prepare.tools(ROOT)
     wanted = options.only
     if options.scale and not wanted:
         wanted = [one.name for one in ALL if issubclass(one, Keelmond)]
-    chosen = prepare.available_contenders(tools, wanted, say)
+    chosen = prepare.available_contenders(tools, ALL, wanted, say)
 
     runs, failures = [], []
     with ExitStack() as stack:

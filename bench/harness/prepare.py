@@ -10,18 +10,16 @@ import re
 import shutil
 import subprocess
 
-from contenders import ALL
-
 PACKAGES = ("runit", "s6", "daemontools", "supervisor", "python3-pkg-resources")
 # What the packages need and a machine may not have.
 LIBRARIES = re.compile(r"^lib(s6|skarnet|execline)[0-9.-]")
 
 
-def build(root, say):
+def build(root, targets, say):
     say("build")
     subprocess.run(["cmake", "--preset", "bench"], cwd=root, check=True, stdout=subprocess.DEVNULL)
-    subprocess.run(["cmake", "--build", "--preset", "bench", "--target", "keelmond",
-                    "bench_program", "floor_loop"], cwd=root, check=True, stdout=subprocess.DEVNULL)
+    subprocess.run(["cmake", "--build", "--preset", "bench", "--target", *targets], cwd=root,
+                   check=True, stdout=subprocess.DEVNULL)
 
 
 def _run_quietly(command, directory=None):
@@ -82,13 +80,15 @@ def tools(root):
         "KEELMOND": os.path.join(built, "process", "keelmond"),
         "FLOOR_LOOP": os.path.join(built, "bench", "floor_loop"),
         "PROGRAM": os.path.join(built, "bench", "bench_program"),
+        "KEELMOND_RUN": os.path.join(built, "runner", "keelmond-run"),
+        "LOG_SOURCE": os.path.join(built, "bench", "log_source"),
     }
 
 
-def available_contenders(found_tools, only, say):
-    """The contenders that can be run, in the order in which they are."""
+def available_contenders(found_tools, contenders, only, say):
+    """Those of the contenders that can be run, in their order; of `only` these where it says any."""
     chosen = []
-    for contender in ALL:
+    for contender in contenders:
         if only and contender.name not in only:
             continue
         if contender.is_available(found_tools):

@@ -162,13 +162,13 @@ def _machine_lines(machine, versions):
     return [*lines, ""]
 
 
-def preamble(results, machine, versions, realtime):
-    """What the figures depend on."""
+def preamble(runs, machine, versions, realtime=False):
+    """What the figures of so many runs depend on."""
     lines = _machine_lines(machine, versions)
     if realtime:
         lines += ["With real-time scheduling for all that is measured.", ""]
-    if len(results.runs) > 1:
-        lines += [f"The median of {len(results.runs)} runs (the smallest to the largest).", ""]
+    if runs > 1:
+        lines += [f"The median of {runs} runs (the smallest to the largest).", ""]
     return lines
 
 
