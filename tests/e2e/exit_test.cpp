@@ -210,7 +210,7 @@ TEST(exit_by_int, ends_the_programs_and_leaves_the_pid_file_which_blocks_the_nex
 
   const std::string before = place.console();
   EXPECT_EQ(place.run(), 0);
-  EXPECT_EQ(place.console(), before + golden::console_start(place) + golden::kAnotherCopy);
+  EXPECT_EQ(place.console(), before + golden::console_start(place) + golden::kAnotherInstance);
   EXPECT_EQ(masked(place.log()), kOneRun + golden::kLogStart + golden::kClosed);
 }
 

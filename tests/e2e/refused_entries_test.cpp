@@ -21,7 +21,7 @@ void expect_refused(installation& place, const listed_program& refused, const st
   place.wait_running(good.name);
   expect_log(place, std::string(golden::kLogStart) + "server.ini: entry svr1 (" + shown +
                         ") refused: " + key + " is longer than " + limit +
-                        " bytes or holds a NUL byte.\r\nTIME\r\n" + golden::kLaunched);
+                        " bytes or holds a NUL byte.\r\n<time>\r\n" + golden::kLaunched);
   EXPECT_EQ(count(place.console(), "Start 333."), 1U);
   EXPECT_EQ(place.end_by(SIGUSR2), 0);
 }

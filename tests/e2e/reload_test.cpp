@@ -165,7 +165,7 @@ TEST(reload, sees_a_save_in_place_once_and_whole) {
 
   place.edit_by([&] {
     save_in_place(place.site() / "config" / "server.ini",
-                  installation::ini({place.entry(first), place.entry(second)}));
+                  server_ini({place.entry(first), place.entry(second)}));
   });
 
   place.wait_running(second);

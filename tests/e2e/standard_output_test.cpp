@@ -1,60 +1,23 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <stdexcept>
 #include <string>
 
 #include "common/misc/unique_fd.h"
 #include "tests/e2e/golden.h"
 #include "tests/e2e/support/installation.h"
+#include "tests/support/channel.h"
 #include "tests/support/wait_until.h"
 
 namespace {
-
-/// A channel for standard output: the supervisor writes, the test reads.
-struct channel {
-  unique_fd reader;
-  unique_fd writer;
-};
-
-channel make_pipe() {
-  int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-  ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-  return {unique_fd(ends[0]), unique_fd(ends[1])};
-}
-
-/// A terminal that shows every byte as it is.
-channel make_terminal() {
-  unique_fd reader(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
-  if (!reader.valid() || ::grantpt(reader.get()) != 0 || ::unlockpt(reader.get()) != 0) {
-    throw std::runtime_error("no terminal");
-  }
-  unique_fd writer(::open(::ptsname(reader.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
-  termios settings{};
-  if (::tcgetattr(writer.get(), &settings) != 0) throw std::runtime_error("tcgetattr");
-  ::cfmakeraw(&settings);
-  ::tcsetattr(writer.get(), TCSANOW, &settings);
-  return {std::move(reader), std::move(writer)};
-}
 
 /// A file that is not opened for appending: who opened it again would write from its beginning.
 channel make_file(const installation& place) {
   const std::string path = (place.site() / "output").string();
   unique_fd writer(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
   return {unique_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), std::move(writer)};
-}
-
-std::string read_all(const channel& from) {
-  std::string text;
-  char part[4096];
-  for (ssize_t got = 0; (got = ::read(from.reader.get(), part, sizeof part)) > 0;)
-    text.append(part, static_cast<std::size_t>(got));
-  return text;
 }
 
 /// Starts a program, ends it once, ends the supervisor, and compares all that was written.
@@ -124,16 +87,11 @@ TEST(standard_output, may_be_closed_together_with_input_and_errors) {
 TEST(standard_output, may_be_a_full_pipe_that_nobody_reads) {
   installation place;
   const channel output = make_pipe();
-  ::fcntl(output.writer.get(), F_SETFL, O_NONBLOCK);
-  const char filling[4096] = {};
-  while (::write(output.writer.get(), filling, sizeof filling) > 0) {
-  }
-  ::fcntl(output.writer.get(), F_SETFL, 0);
+  const std::size_t filled = fill(output);
   expect_life_in_silence(place, {.output = output.writer.get()});
   // The programs write to the same pipe and rely on it to make them wait.
   EXPECT_EQ(::fcntl(output.writer.get(), F_GETFL) & O_NONBLOCK, 0);
-  const std::string left = read_all(output);
-  EXPECT_EQ(left.find_first_not_of('\0'), std::string::npos);
+  EXPECT_EQ(read_all(output), std::string(filled, '#'));
 }
 
 TEST(standard_output, may_be_a_pipe_whose_reader_is_gone) {

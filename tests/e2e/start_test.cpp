@@ -24,7 +24,7 @@ namespace {
 const std::string kRefusedStart = std::string(golden::kLogStart) + golden::kClosed;
 
 std::string refused_console(const installation& place) {
-  return golden::console_start(place) + golden::kAnotherCopy;
+  return golden::console_start(place) + golden::kAnotherInstance;
 }
 
 /// Blocks SIGUSR1 in the test process and takes it from there.
@@ -184,7 +184,7 @@ TEST(start, leaves_one_daemon_of_many_that_start_together) {
   for (const pid_t starter : starters)
     EXPECT_EQ(children::wait_for_end(starter), 0);
   EXPECT_TRUE(wait_until([&] { return place.loads() == 1 && place.daemons().size() == 1; }));
-  EXPECT_EQ(count(place.console(), golden::kAnotherCopy), 7U);
+  EXPECT_EQ(count(place.console(), golden::kAnotherInstance), 7U);
 }
 
 TEST(start, signals_the_process_whose_number_a_left_pid_file_holds_and_gives_up) {

@@ -142,7 +142,7 @@ TEST(supervise, reads_on_behind_a_gap_in_the_numbers) {
   installation place;
   const std::string first = place.add_steady();
   const std::string third = place.add_steady();
-  const std::string text = installation::ini({place.entry(first), {}, place.entry(third)});
+  const std::string text = server_ini({place.entry(first), {}, place.entry(third)});
   ASSERT_NE(text.find("svr2=\n"), std::string::npos);
   place.save(text);
   place.start();
@@ -156,7 +156,7 @@ TEST(supervise, takes_no_more_entries_than_the_count_says) {
   installation place;
   const std::string first = place.add_steady();
   const std::string second = place.add_steady();
-  std::string text = installation::ini({place.entry(first), place.entry(second)});
+  std::string text = server_ini({place.entry(first), place.entry(second)});
   place.save(text.replace(text.find("linux=2"), 7, "linux=1"));
   place.start();
   place.wait_running(first);
@@ -168,7 +168,7 @@ TEST(supervise, reads_nothing_without_a_count) {
     SCOPED_TRACE(count);
     installation place;
     const std::string name = place.add_steady();
-    std::string text = installation::ini({place.entry(name)});
+    std::string text = server_ini({place.entry(name)});
     place.save(text.replace(text.find("linux=1\n"), 8, count));
     place.start();
     EXPECT_EQ(place.console(), golden::console_start(place) + golden::kLoad);
@@ -179,7 +179,7 @@ TEST(supervise, reads_nothing_without_a_count) {
 TEST(supervise, is_not_held_up_by_an_absurd_count) {
   installation place;
   const std::string name = place.add_steady();
-  std::string text = installation::ini({place.entry(name)});
+  std::string text = server_ini({place.entry(name)});
   place.save(text.replace(text.find("linux=1"), 7, "linux=2000000000"));
   place.start();
   place.wait_running(name);
@@ -206,7 +206,7 @@ TEST(supervise, logs_a_program_that_may_not_be_executed_and_goes_on) {
   place.start();
   expect_log(place, std::string(golden::kLogStart) +
                         "access(X_OK) .errno:13 error:Permission denied (" + refused.exepath +
-                        ")\nTIME\r\n" + golden::kLaunched);
+                        ")\n<time>\r\n" + golden::kLaunched);
   EXPECT_EQ(place.console(), golden::console_start(place) + golden::kLoad +
                                  golden::read_entry(locked) + golden::started(name));
   EXPECT_FALSE(place.has("notify/" + locked + ".dat"));

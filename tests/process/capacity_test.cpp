@@ -12,6 +12,7 @@
 #include "tests/support/captured_output.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
+#include "tests/support/server_ini.h"
 
 namespace {
 
@@ -64,9 +65,7 @@ TEST(capacity, is_looked_at_when_the_first_configuration_is_loaded) {
       ASSERT_EQ(::setuid(65534), 0);
     }
     // None of them is there, so nothing is started.
-    write_file("server.ini",
-               "[keelmond]\nlinux=3\nsvr1=aa\nsvr2=bb\nsvr3=cc\n[aa]\nstate=run\n[bb]\nstate=run\n"
-               "[cc]\nstate=stop\n");
+    write_file("server.ini", server_ini({{"aa"}, {"bb"}, {"cc", "", "stop"}}));
     const captured_output console(1);
     const captured_output errors(2);
     loadServerConfig("server.ini");

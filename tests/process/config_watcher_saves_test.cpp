@@ -12,6 +12,7 @@
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
+#include "tests/support/server_ini.h"
 #include "tests/support/wait_until.h"
 
 // What becomes of saves that do not simply write the file, or put another in its place.
@@ -24,12 +25,11 @@ using steady = std::chrono::steady_clock;
 
 /// A configuration whose load prints a line with the name.
 std::string naming(const std::string& name) {
-  return "[keelmond]\nlinux=1\nsvr1=" + name + "\n[" + name + "]\nexepath=/bin/true\nstate=stop\n";
+  return server_ini({{name, "/bin/true", "stop"}});
 }
 
 std::string load_of(const std::string& name) {
-  return std::string(kLoad) + "read ini file " + name + " \r\nmonitor " + name +
-         " stopped 333.\r\n";
+  return golden::kLoad + golden::read_entry(name) + "monitor " + name + " stopped 333.\r\n";
 }
 
 TEST(config_watcher, a_save_in_pieces_is_one_load_of_the_whole_file) {
@@ -50,10 +50,7 @@ TEST(config_watcher, a_save_in_pieces_is_one_load_of_the_whole_file) {
 }
 
 TEST(config_watcher, a_file_that_stays_empty_is_waited_for_a_second) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     const auto start = steady::now();
     ASSERT_EQ(::truncate(kConfigPath, 0), 0);
     ASSERT_TRUE(watch.loaded(1));
@@ -93,10 +90,7 @@ TEST(config_watcher, a_file_that_is_removed_and_made_anew_is_waited_for_and_load
 }
 
 TEST(config_watcher, a_file_that_stays_away_is_waited_for_half_a_second) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     const auto start = steady::now();
     ASSERT_TRUE(watch.end());
     EXPECT_GE(steady::now() - start, milliseconds(450));
@@ -138,10 +132,7 @@ TEST(config_watcher, a_file_that_is_moved_away_as_a_backup_does_not_take_the_wat
 }
 
 TEST(config_watcher, a_file_that_is_moved_in_after_the_other_was_moved_away_is_loaded) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     write_file("config/next", naming("moved"));
     fs::rename(kConfigPath, "config/server.ini~");
     fs::rename("config/next", kConfigPath);
@@ -190,10 +181,7 @@ TEST(config_watcher, a_link_on_the_way_that_is_turned_is_a_save) {
 }
 
 TEST(config_watcher, what_happens_to_other_names_is_dropped_and_wakes_nothing_else) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     for (const char* other : {"config/.server.ini.swp", "config/server.ini~", "config/server.in",
                               "server.ini", "config.new"}) {
       write_file(other, "x");
@@ -255,7 +243,7 @@ TEST(config_watcher, what_was_saved_during_the_first_load_is_loaded_when_the_fir
     replace(naming("meanwhile"));
     watch.start();
     ASSERT_TRUE(watch.watches(1));
-    EXPECT_EQ(watch.printed(), kLoad + load_of("meanwhile"));
+    EXPECT_EQ(watch.printed(), golden::kLoad + load_of("meanwhile"));
     EXPECT_EQ(pauses, 0) << "the watch that was set goes on";
     EXPECT_TRUE(never([&] { return watch.loads() > 2; }));
   });

@@ -61,10 +61,7 @@ TEST(config_watcher, gives_up_without_a_path) {
 }
 
 TEST(config_watcher, a_modification_is_one_load_and_a_pause) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     EXPECT_EQ(watch.loads(), 0U);
     modify();
     ASSERT_TRUE(watch.watches(2));
@@ -121,10 +118,7 @@ TEST(config_watcher, what_is_modified_in_the_pause_is_not_seen) {
 }
 
 TEST(config_watcher, other_changes_of_the_file_are_no_modification) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     ASSERT_EQ(::chmod(kConfigPath, 0640), 0);
     EXPECT_EQ(read_file(kConfigPath), "[keelmond]\n");
     write_file("config/other", "");
@@ -133,10 +127,7 @@ TEST(config_watcher, other_changes_of_the_file_are_no_modification) {
 }
 
 TEST(config_watcher, a_deleted_file_is_one_load_and_the_end) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     ASSERT_TRUE(watch.end());
     EXPECT_EQ(watch.loads(), 1U);
     EXPECT_EQ(pauses, 1);
@@ -145,10 +136,7 @@ TEST(config_watcher, a_deleted_file_is_one_load_and_the_end) {
 }
 
 TEST(config_watcher, a_replaced_file_is_one_load_at_once_and_watched_from_then_on) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     replace("");
     ASSERT_TRUE(watch.watches(2));
     EXPECT_EQ(looks, 0) << "it is whole from the start";
@@ -218,10 +206,7 @@ TEST(config_watcher, loads_in_the_handler_of_sigusr1_on_its_own_thread) {
 }
 
 TEST(config_watcher, a_sigusr1_from_outside_loads_and_the_watch_goes_on) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
+  while_watching([](watcher& watch) {
     for (std::size_t count = 1; count <= 3; ++count) {
       ASSERT_EQ(::kill(::getpid(), SIGUSR1), 0);
       ASSERT_TRUE(watch.loaded(count));
@@ -241,7 +226,7 @@ TEST(server_config_changed, loads_for_sigusr1_and_for_nothing_else) {
       server_config_changed(sig);
     EXPECT_EQ(world.printed(), "");
     server_config_changed(SIGUSR1);
-    EXPECT_EQ(world.printed(), kLoad);
+    EXPECT_EQ(world.printed(), golden::kLoad);
   });
 }
 

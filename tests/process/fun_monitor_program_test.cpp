@@ -29,18 +29,18 @@ using steady = std::chrono::steady_clock;
 TEST(fun_monitor_with_a_program, in_the_daemon_its_end_is_logged_as_a_failed_wait) {
   in_child([] {
     const supervision& world = supervision::begin();
-    const std::string name = unique_name('e');
+    const std::string name = unique_name();
     // Runs twice, then waits for its end.
     const std::string path = write_program(name,
                                            "if test -e first; then sleep 60; fi\n"
                                            "echo $PPID > first\n");
     Tfun_monitor& monitor = new_monitor(path, name);
     monitor.Start();
-    ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 2; }));
+    ASSERT_TRUE(wait_until([&] { return count(world.log(), "launched") == 2; }));
     const std::string log = world.log();
     const std::string first = log.substr(0, log.find("exited"));
     EXPECT_EQ(log, first + exited("4294967295", 10) + launched(monitor.last_pid()));
-    EXPECT_EQ(world.printed(), kWaited);
+    EXPECT_EQ(world.printed(), golden::kWaitReturned);
     EXPECT_TRUE(exists("notify/" + name + ".dat"));
   });
 }
@@ -49,10 +49,10 @@ TEST(fun_monitor_with_a_program, its_pid_is_logged_when_children_are_not_reaped_
   in_child([] {
     const supervision& world = supervision::begin();
     ::signal(SIGCHLD, SIG_DFL);
-    const std::string name = unique_name('p');
+    const std::string name = unique_name();
     Tfun_monitor& monitor = new_monitor(write_program(name, "exit 3\n"), name);
     monitor.Start();
-    ASSERT_TRUE(wait_until([&] { return count_of("exited", world.log()) > 0; }));
+    ASSERT_TRUE(wait_until([&] { return count(world.log(), "exited") > 0; }));
     const std::string log = world.log();
     const std::size_t at = log.find(": ") + 2;
     const std::string pid = log.substr(at, log.find(' ', at) - at);
@@ -77,7 +77,7 @@ constexpr char kSleeper[] = "echo $$ > pid.new; mv pid.new pid; sleep 60\n";
 TEST(fun_monitor_with_a_program, stop_ends_it_by_name_and_the_monitor_then_idles) {
   in_child([] {
     const supervision& world = supervision::begin();
-    const std::string name = unique_name('s');
+    const std::string name = unique_name();
     Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name);
     monitor.Start();
     const pid_t program = pid_of_program();
@@ -87,12 +87,11 @@ TEST(fun_monitor_with_a_program, stop_ends_it_by_name_and_the_monitor_then_idles
     monitor.stop_process();
     ASSERT_TRUE(wait_until([&] { return Tfun_monitor::programs_alive() == 0; }));
     EXPECT_EQ(::kill(program, 0), -1);
-    EXPECT_TRUE(wait_until([&] { return count_of(kWaited, world.printed()) == 1; }));
-    EXPECT_TRUE(never([&] { return count_of("launched", world.log()) > 1; }));
+    EXPECT_TRUE(wait_until([&] { return count(world.printed(), golden::kWaitReturned) == 1; }));
+    EXPECT_TRUE(never([&] { return count(world.log(), "launched") > 1; }));
     // With SIGCHLD ignored the command's status is never known.
-    EXPECT_EQ(
-        count_of("kill -USR2 result: kill -USR2 `pgrep " + name + "`, -1 \r\n", world.printed()),
-        1U);
+    EXPECT_EQ(count(world.printed(), "kill -USR2 result: kill -USR2 `pgrep " + name + "`, -1 \r\n"),
+              1U);
   });
 }
 
@@ -106,13 +105,13 @@ TEST(fun_monitor_with_a_program, it_runs_again_within_about_a_second_of_run) {
       ++idle_seconds;
       return real::select(0, nullptr, nullptr, nullptr, limit);
     };
-    const std::string name = unique_name('r');
+    const std::string name = unique_name();
     Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name, "stop");
     monitor.Start();
     ASSERT_TRUE(wait_until([] { return idle_seconds > 0; }));
     monitor.update_state("run");
     const int before = idle_seconds;
-    ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 1; }));
+    ASSERT_TRUE(wait_until([&] { return count(world.log(), "launched") == 1; }));
     EXPECT_LE(idle_seconds, before + 1);
     const steady::time_point began{steady::duration(last_began)};
     EXPECT_GE(steady::now() - began, milliseconds(900)) << "it sleeps its second to the end";
@@ -122,7 +121,7 @@ TEST(fun_monitor_with_a_program, it_runs_again_within_about_a_second_of_run) {
 TEST(fun_monitor_with_a_program, a_stop_right_after_the_start_is_not_lost) {
   in_child([] {
     const supervision& world = supervision::begin();
-    const std::string name = unique_name('q');
+    const std::string name = unique_name();
     const std::string path = write_program(name, "sleep 60\n");
     for (int round = 0; round < 8; ++round) {
       Tfun_monitor& monitor = new_monitor(path, name);
@@ -132,7 +131,7 @@ TEST(fun_monitor_with_a_program, a_stop_right_after_the_start_is_not_lost) {
       monitor.stop_process();
       ASSERT_TRUE(wait_until([&] {
         const std::string log = world.log();
-        return count_of("launched", log) == count_of("exited", log) &&
+        return count(log, "launched") == count(log, "exited") &&
                Tfun_monitor::programs_alive() == 0;
       })) << round;
     }
@@ -151,7 +150,7 @@ void at_a_look(const std::function<void()>& action) {
 TEST(fun_monitor_with_a_program, a_stop_waits_for_a_program_that_is_not_there_yet) {
   in_child([] {
     const supervision& world = supervision::begin();
-    const std::string name = unique_name('y');
+    const std::string name = unique_name();
     const std::string path = write_program(name, "sleep 60\n");
     // The child does not run the program before somebody waits for it.
     faults.execv = [&](const char* shell, char* const* arguments) {
@@ -164,14 +163,14 @@ TEST(fun_monitor_with_a_program, a_stop_waits_for_a_program_that_is_not_there_ye
     ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
     monitor.update_state("stop");
     monitor.stop_process();
-    EXPECT_TRUE(wait_until([&] { return count_of("exited", world.log()) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return count(world.log(), "exited") == 1; }));
   });
 }
 
 TEST(fun_monitor_with_a_program, a_stop_waits_for_a_fork_that_has_been_decided_on) {
   in_child([] {
     const supervision& world = supervision::begin();
-    const std::string name = unique_name('z');
+    const std::string name = unique_name();
     static std::atomic<bool> forking{false};
     static std::atomic<bool> awaited{false};
     faults.fork = [] {
@@ -184,7 +183,7 @@ TEST(fun_monitor_with_a_program, a_stop_waits_for_a_fork_that_has_been_decided_o
     ASSERT_TRUE(wait_until([] { return forking.load(); }));
     monitor.update_state("stop");
     monitor.stop_process();
-    EXPECT_TRUE(wait_until([&] { return count_of("exited", world.log()) == 1; }));
+    EXPECT_TRUE(wait_until([&] { return count(world.log(), "exited") == 1; }));
   });
 }
 
@@ -196,7 +195,7 @@ TEST(fun_monitor_with_a_program, a_stop_waits_no_longer_than_half_a_second) {
       for (;;)
         ::pause();
     };
-    Tfun_monitor& monitor = new_monitor("/a/b", unique_name('o'));
+    Tfun_monitor& monitor = new_monitor("/a/b", unique_name());
     monitor.Start();
     ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
     faults.pipe2 = without_pipes;  // no stop command is run
@@ -204,14 +203,14 @@ TEST(fun_monitor_with_a_program, a_stop_waits_no_longer_than_half_a_second) {
     monitor.stop_process();
     EXPECT_GE(steady::now() - start, milliseconds(400));
     EXPECT_LT(steady::now() - start, milliseconds(5000));
-    EXPECT_EQ(count_of("kill -USR2 result: ", world.printed()), 1U);
+    EXPECT_EQ(count(world.printed(), "kill -USR2 result: "), 1U);
   });
 }
 
 TEST(fun_monitor_with_a_program, a_stopped_copy_counts_as_ended_and_remains) {
   in_child([] {
     const supervision& world = supervision::begin();
-    const std::string name = unique_name('t');
+    const std::string name = unique_name();
     Tfun_monitor& monitor = new_monitor(write_program(name, kSleeper), name);
     monitor.Start();
     ASSERT_GT(pid_of_program(), 0);
@@ -219,9 +218,8 @@ TEST(fun_monitor_with_a_program, a_stopped_copy_counts_as_ended_and_remains) {
     ASSERT_TRUE(wait_until([&] { return monitor.last_pid() != 0; }));
     const pid_t first = monitor.last_pid();
     ASSERT_EQ(::kill(first, SIGSTOP), 0);
-    ASSERT_TRUE(wait_until([&] { return count_of("launched", world.log()) == 2; }));
-    EXPECT_EQ(count_of("exited process PID: " + std::to_string(first) + "  errno: ", world.log()),
-              1U);
+    ASSERT_TRUE(wait_until([&] { return count(world.log(), "launched") == 2; }));
+    EXPECT_EQ(count(world.log(), "exited process PID: " + std::to_string(first) + "  errno: "), 1U);
     EXPECT_NE(monitor.last_pid(), first);
     EXPECT_EQ(::kill(first, 0), 0) << "it is still there";
   });
@@ -230,7 +228,7 @@ TEST(fun_monitor_with_a_program, a_stopped_copy_counts_as_ended_and_remains) {
 TEST(fun_monitor_with_a_program, a_command_with_blanks_is_split_by_the_shell) {
   in_child([] {
     supervision::begin();
-    const std::string name = unique_name('b');
+    const std::string name = unique_name();
     const std::string path =
         write_program(name, "echo \"$#:$1:$2\" > args.new; mv args.new args; sleep 60\n");
     Tfun_monitor& monitor = new_monitor(path + "  one 'two three'", name);
@@ -246,7 +244,7 @@ TEST(fun_monitor_with_a_program, a_command_of_1023_bytes_is_run_whole) {
     std::string command = ": > whole; sleep 60 # ";
     command.resize(1022, '/');
     command += '\n';
-    Tfun_monitor& monitor = new_monitor(command, unique_name('l'));
+    Tfun_monitor& monitor = new_monitor(command, unique_name());
     monitor.Start();
     EXPECT_TRUE(wait_until([] { return exists("whole"); }));
   });

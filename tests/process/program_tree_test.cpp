@@ -109,7 +109,7 @@ TEST(program_tree, a_child_of_the_shell_is_the_program) {
 
 TEST(program_tree, a_shell_that_has_become_the_program_is_the_program) {
   in_child([] {
-    const std::string name = unique_name('d');
+    const std::string name = unique_name();
     const pid_t copy = start([&] { start([&] { ::prctl(PR_SET_NAME, name.c_str()); }); });
     ASSERT_TRUE(has_name(child_of(copy), name));
     EXPECT_TRUE(program_tree::is_findable(copy));
@@ -118,7 +118,7 @@ TEST(program_tree, a_shell_that_has_become_the_program_is_the_program) {
 
 TEST(program_tree, tells_when_a_real_launch_has_got_there) {
   in_child([] {
-    const std::string name = unique_name('w');
+    const std::string name = unique_name();
     const std::string path = write_program(name, "sleep 60\n");
     const pid_t copy = start([&] {
       if (std::system(path.c_str()) != 0) ::_exit(1);
@@ -133,7 +133,7 @@ TEST(program_tree, tells_when_a_real_launch_has_got_there) {
 
 TEST(program_tree, the_signal_goes_to_every_descendant_of_that_name_and_to_no_other) {
   in_child([] {
-    const std::string name = unique_name('s');
+    const std::string name = unique_name();
     const auto named = [&](const std::string& own, const std::function<void()>& then) {
       return start([=] {
         ::prctl(PR_SET_NAME, own.c_str());

@@ -9,14 +9,14 @@
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
+#include "tests/support/server_ini.h"
 
 // What has been done, and what has not, when an entry's thread or stop command is about to start.
 
 namespace {
 
 void write_configuration(const std::string& state) {
-  write_file("server.ini",
-             "[keelmond]\nlinux=1\nsvr1=aa\n[aa]\nexepath=/bin/true\nstate=" + state + "\n");
+  write_file("server.ini", server_ini({{"aa", "/bin/true", state}}));
 }
 
 /// Has `look` called in the place of each monitor's thread, which is not to be had.

@@ -18,6 +18,7 @@
 #include "common/log/log_file.h"
 #include "common/misc/unique_fd.h"
 #include "tests/process/supervision.h"
+#include "tests/support/channel.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/wait_until.h"
@@ -48,9 +49,7 @@ class full_log final {
   std::string drain(std::size_t wanted) {
     std::string text;
     wait_until([&] {
-      char part[4096];
-      for (ssize_t got = 0; (got = ::read(reader_.get(), part, sizeof part)) > 0;)
-        text.append(part, static_cast<std::size_t>(got));
+      text += read_all(reader_.get());
       return text.size() >= filled_ + wanted;
     });
     return text.substr(std::min(filled_, text.size()));
@@ -114,7 +113,7 @@ TEST(recorder, writes_the_lines_of_several_threads_each_with_its_time) {
       one.join();
     EXPECT_TRUE(recorder::is_idle_within(std::chrono::seconds(20)));
     // Where the recording thread got no processor for a second, the console has the rest.
-    EXPECT_EQ(count_of(kEntry, world.log()) + count_of("a line\r\n", world.printed()), 200U);
+    EXPECT_EQ(count(world.log(), kEntry) + count(world.printed(), "a line\r\n"), 200U);
   });
 }
 
@@ -176,7 +175,7 @@ TEST(recorder, closes_the_log_unless_that_hangs) {
     const supervision& world = supervision::begin();
     EXPECT_TRUE(recorder::close_log());
     EXPECT_EQ(g_logFile, nullptr);
-    EXPECT_EQ(world.log(), "XXXXXXXXXXX No finish for close log file. \n");
+    EXPECT_EQ(world.log(), golden::kClosed);
   });
   in_child([] {
     supervision::begin();
@@ -190,8 +189,8 @@ TEST(recorder, cuts_a_line_and_a_name_that_are_too_long) {
     const supervision& world = supervision::begin();
     recorder::append(std::string(767, 'x').c_str());
     recorder::append(std::string(768, 'y').c_str());
-    EXPECT_EQ(count_of("x", world.log()), 767U);
-    EXPECT_EQ(count_of("y", world.log()), 767U);
+    EXPECT_EQ(count(world.log(), "x"), 767U);
+    EXPECT_EQ(count(world.log(), "y"), 767U);
     recorder::record_launch(new_record(), std::string(600, 'n').c_str(), "");
   });
 }

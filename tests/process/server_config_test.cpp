@@ -18,8 +18,9 @@
 #include "tests/support/captured_output.h"
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
+#include "tests/support/log_text.h"
 #include "tests/support/scratch_dir.h"
-#include "tests/support/time_line.h"
+#include "tests/support/server_ini.h"
 #include "tests/support/wait_until.h"
 
 namespace {
@@ -34,19 +35,10 @@ struct program {
 };
 
 std::string configuration(const std::vector<program>& programs) {
-  std::string text = "[keelmond]\nlinux=" + std::to_string(programs.size()) + "\n";
-  for (std::size_t i = 0; i < programs.size(); ++i)
-    text += "svr" + std::to_string(i + 1) + "=" + programs[i].name + "\n";
-  for (const program& each : programs) {
-    text += "[" + each.name + "]\n";
-    if (!each.exepath.empty()) text += "exepath=" + each.exepath + "\n";
-    if (!each.state.empty()) text += "state=" + each.state + "\n";
-  }
-  return text;
-}
-
-std::string entry_line(const std::string& name) {
-  return "read ini file " + name + " \r\n";
+  std::vector<listed_program> listed;
+  for (const program& each : programs)
+    listed.push_back({each.name, each.exepath, each.state});
+  return server_ini(listed);
 }
 
 /// Loads configurations in an empty directory without anything being run: no thread can be had, so
@@ -143,14 +135,14 @@ TEST_F(server_config, a_file_that_cannot_be_written_counts_as_empty) {
 TEST_F(server_config, a_missing_entry_is_skipped_and_the_next_one_is_read) {
   EXPECT_EQ(load("[keelmond]\nlinux=3\nsvr3=cc\nsvr1=aa\n"
                  "[aa]\nexepath=/bin/true\nstate=run\n[cc]\nexepath=/bin/true\nstate=run\n"),
-            entry_line("aa") + "monitor aa Start 333.\r\n" + entry_line("cc") +
+            golden::read_entry("aa") + "monitor aa Start 333.\r\n" + golden::read_entry("cc") +
                 "monitor cc Start 333.\r\n");
   EXPECT_EQ(names(), (strings{"aa", "cc"})) << "in the order of the numbers, not of the file";
 }
 
 TEST_F(server_config, an_empty_entry_is_skipped_and_the_next_one_is_read) {
   EXPECT_EQ(load("[keelmond]\nlinux=2\nsvr1=\nsvr2=bb\n[bb]\nexepath=/bin/true\nstate=run\n"),
-            entry_line("bb") + "monitor bb Start 333.\r\n");
+            golden::read_entry("bb") + "monitor bb Start 333.\r\n");
 }
 
 TEST_F(server_config, entries_are_read_in_the_order_of_their_numbers) {
@@ -167,7 +159,7 @@ TEST_F(server_config, entries_are_read_in_the_order_of_their_numbers) {
 TEST_F(server_config, numbers_beyond_the_count_are_not_read) {
   std::string text = configuration({{"aa", "run"}, {"bb", "run"}});
   text.replace(text.find("linux=2"), 7, "linux=1");
-  EXPECT_EQ(load(text), entry_line("aa") + "monitor aa Start 333.\r\n");
+  EXPECT_EQ(load(text), golden::read_entry("aa") + "monitor aa Start 333.\r\n");
 }
 
 TEST_F(server_config, other_keys_are_ignored) {
@@ -180,12 +172,12 @@ TEST_F(server_config, other_keys_are_ignored) {
 TEST_F(server_config, a_huge_count_costs_nothing) {
   EXPECT_EQ(load("[keelmond]\nlinux=2147483647\nsvr2147483647=aa\n"
                  "[aa]\nexepath=/bin/true\nstate=run\n"),
-            entry_line("aa") + "monitor aa Start 333.\r\n");
+            golden::read_entry("aa") + "monitor aa Start 333.\r\n");
 }
 
 TEST_F(server_config, the_section_of_a_program_is_found_by_its_name) {
   EXPECT_EQ(load("[keelmond]\nlinux=1\nsvr1=aa\n[bb]\nexepath=/bin/true\nstate=run\n"),
-            entry_line("aa"))
+            golden::read_entry("aa"))
       << "no section, and no file of that name";
   EXPECT_EQ(names(), strings());
 }
@@ -193,7 +185,7 @@ TEST_F(server_config, the_section_of_a_program_is_found_by_its_name) {
 // What becomes of an entry, by its monitor and its state.
 
 TEST_F(server_config, unknown_and_run_creates_a_monitor_and_starts_it) {
-  EXPECT_EQ(load({{"aa", "run"}}), entry_line("aa") + "monitor aa Start 333.\r\n");
+  EXPECT_EQ(load({{"aa", "run"}}), golden::read_entry("aa") + "monitor aa Start 333.\r\n");
   EXPECT_EQ(names(), strings{"aa"});
   EXPECT_EQ(starts_, 1);
   EXPECT_EQ(read_file("notify/aa.dat"), "1");
@@ -203,7 +195,7 @@ TEST_F(server_config, unknown_and_run_creates_a_monitor_and_starts_it) {
 TEST_F(server_config, unknown_and_stop_only_removes_the_liveness_file_on_every_load) {
   for (int i = 0; i < 2; ++i) {
     write_file("notify/aa.dat", "1");
-    EXPECT_EQ(load({{"aa", "stop"}}), entry_line("aa") + "monitor aa stopped 333.\r\n");
+    EXPECT_EQ(load({{"aa", "stop"}}), golden::read_entry("aa") + "monitor aa stopped 333.\r\n");
     EXPECT_FALSE(alive("aa"));
   }
   EXPECT_EQ(names(), strings());
@@ -213,7 +205,7 @@ TEST_F(server_config, unknown_and_stop_only_removes_the_liveness_file_on_every_l
 TEST_F(server_config, unknown_and_any_other_state_does_nothing) {
   write_file("notify/aa.dat", "kept");
   for (const char* state : {"", "Run", "RUN", "runs", "ru", "Stop", "stopped", "pause"})
-    EXPECT_EQ(load({{"aa", state}}), entry_line("aa")) << state;
+    EXPECT_EQ(load({{"aa", state}}), golden::read_entry("aa")) << state;
   EXPECT_EQ(names(), strings());
   EXPECT_EQ(read_file("notify/aa.dat"), "kept");
 }
@@ -222,7 +214,7 @@ TEST_F(server_config, known_and_run_starts_a_monitor_that_never_had_a_program) {
   load({{"aa", "run"}});
   std::filesystem::remove("notify/aa.dat");
   EXPECT_EQ(load({{"aa", "run"}}),
-            entry_line("aa") + "monitor aa Start 11.\r\nmonitor aa Start 22.\r\n");
+            golden::read_entry("aa") + "monitor aa Start 11.\r\nmonitor aa Start 22.\r\n");
   EXPECT_EQ(names(), strings{"aa"});
   EXPECT_EQ(starts_, 2);
   EXPECT_EQ(read_file("notify/aa.dat"), "1");
@@ -232,7 +224,7 @@ TEST_F(server_config, known_and_stop_runs_the_stop_command_and_removes_the_liven
   load({{"aa", "run"}});
   EXPECT_TRUE(alive("aa"));
   EXPECT_EQ(load({{"aa", "stop"}}),
-            entry_line("aa") +
+            golden::read_entry("aa") +
                 "monitor aa stopped.\r\nkill -USR2 result: kill -USR2 `pgrep aa`, -1 \r\n");
   EXPECT_EQ(names(), strings{"aa"});
   EXPECT_EQ(starts_, 1);
@@ -243,7 +235,7 @@ TEST_F(server_config, known_and_any_other_state_says_and_does_nothing_more) {
   load({{"aa", "run"}});
   write_file("notify/aa.dat", "kept");
   for (const char* state : {"", "Run", "pause"})
-    EXPECT_EQ(load({{"aa", state}}), entry_line("aa")) << state;
+    EXPECT_EQ(load({{"aa", state}}), golden::read_entry("aa")) << state;
   EXPECT_EQ(starts_, 1);
   EXPECT_EQ(read_file("notify/aa.dat"), "kept");
 }
@@ -251,14 +243,15 @@ TEST_F(server_config, known_and_any_other_state_says_and_does_nothing_more) {
 TEST_F(server_config, names_are_compared_exactly) {
   load({{"aa", "run"}});
   EXPECT_EQ(load({{"AA", "stop"}, {"aaa", "stop"}}),
-            entry_line("AA") + "monitor AA stopped 333.\r\n" + entry_line("aaa") +
+            golden::read_entry("AA") + "monitor AA stopped 333.\r\n" + golden::read_entry("aaa") +
                 "monitor aaa stopped 333.\r\n");
 }
 
 TEST_F(server_config, a_program_listed_twice_is_handled_twice) {
   const std::string text =
       "[keelmond]\nlinux=2\nsvr1=aa\nsvr2=aa\n[aa]\nexepath=/bin/true\nstate=run\n";
-  EXPECT_EQ(load(text), entry_line("aa") + "monitor aa Start 333.\r\n" + entry_line("aa") +
+  EXPECT_EQ(load(text), golden::read_entry("aa") + "monitor aa Start 333.\r\n" +
+                            golden::read_entry("aa") +
                             "monitor aa Start 11.\r\nmonitor aa Start 22.\r\n");
   EXPECT_EQ(names(), strings{"aa"});
 }
@@ -277,7 +270,7 @@ TEST_F(server_config, the_first_of_two_monitors_with_one_name_is_the_one) {
 TEST_F(server_config, a_program_that_the_file_no_longer_names_keeps_its_monitor) {
   load({{"aa", "run"}, {"bb", "run"}});
   EXPECT_EQ(load({{"bb", "run"}}),
-            entry_line("bb") + "monitor bb Start 11.\r\nmonitor bb Start 22.\r\n");
+            golden::read_entry("bb") + "monitor bb Start 11.\r\nmonitor bb Start 22.\r\n");
   EXPECT_EQ(names(), (strings{"aa", "bb"}));
   EXPECT_TRUE(alive("aa"));
   EXPECT_EQ(load(""), "");
@@ -288,7 +281,7 @@ TEST_F(server_config, a_program_that_the_file_no_longer_names_keeps_its_monitor)
 
 TEST_F(server_config, a_missing_program_is_skipped_without_a_word) {
   EXPECT_EQ(load({{"aa", "run", "/nowhere/a"}, {"bb", "run"}}),
-            entry_line("aa") + entry_line("bb") + "monitor bb Start 333.\r\n");
+            golden::read_entry("aa") + golden::read_entry("bb") + "monitor bb Start 333.\r\n");
   EXPECT_EQ(names(), strings{"bb"});
   EXPECT_EQ(log(), "");
 }
@@ -297,7 +290,7 @@ TEST_F(server_config, a_program_that_is_gone_is_skipped_although_it_has_a_monito
   const std::string path = write_program("tool", "");
   load({{"aa", "run", path}});
   std::filesystem::remove(path);
-  EXPECT_EQ(load({{"aa", "stop", path}}), entry_line("aa"));
+  EXPECT_EQ(load({{"aa", "stop", path}}), golden::read_entry("aa"));
   EXPECT_TRUE(alive("aa"));
 }
 
@@ -305,20 +298,21 @@ TEST_F(server_config, a_program_that_may_not_be_executed_is_skipped_with_a_line_
   const std::string path = scratch_.file("tool");
   write_file(path, "");
   EXPECT_EQ(load({{"aa", "run", path}, {"bb", "run"}}),
-            entry_line("aa") + entry_line("bb") + "monitor bb Start 333.\r\n");
+            golden::read_entry("aa") + golden::read_entry("bb") + "monitor bb Start 333.\r\n");
   EXPECT_EQ(log(), "access(X_OK) .errno:13 error:Permission denied (" + path + ")\n<time>\r\n");
   EXPECT_EQ(names(), strings{"bb"});
   EXPECT_FALSE(alive("aa"));
 }
 
 TEST_F(server_config, a_command_with_arguments_is_no_file) {
-  EXPECT_EQ(load({{"aa", "run", "/bin/true -x"}}), entry_line("aa"));
+  EXPECT_EQ(load({{"aa", "run", "/bin/true -x"}}), golden::read_entry("aa"));
 }
 
 TEST_F(server_config, without_exepath_the_file_of_that_name_in_the_directory_is_meant) {
   write_program("tool", "");
-  EXPECT_EQ(load({{"tool", "run", ""}, {"none", "run", ""}}),
-            entry_line("tool") + "monitor tool Start 333.\r\n" + entry_line("none"));
+  EXPECT_EQ(
+      load({{"tool", "run", ""}, {"none", "run", ""}}),
+      golden::read_entry("tool") + "monitor tool Start 333.\r\n" + golden::read_entry("none"));
   EXPECT_EQ(names(), strings{"tool"});
   write_file("plain", "");
   load({{"plain", "run", ""}});
@@ -336,7 +330,7 @@ std::string refusal(int number, const std::string& name, const std::string& key,
 TEST_F(server_config, a_name_of_127_bytes_is_taken_and_a_longer_one_refused) {
   const std::string longest(127, 'n');
   EXPECT_EQ(load({{longest + "n", "run"}, {longest, "run"}}),
-            entry_line(longest) + "monitor " + longest + " Start 333.\r\n");
+            golden::read_entry(longest) + "monitor " + longest + " Start 333.\r\n");
   EXPECT_EQ(names(), strings{longest});
   EXPECT_EQ(log(), refusal(1, "", "svr1", 127));
 }
@@ -346,23 +340,23 @@ TEST_F(server_config, an_exepath_of_511_bytes_is_taken_and_a_longer_one_refused)
   const std::string slashes(511 - file.size(), '/');
   const std::string longest = slashes + file;
   EXPECT_EQ(load({{"aa", "run", "/" + longest}, {"bb", "run", longest}}),
-            entry_line("aa") + entry_line("bb") + "monitor bb Start 333.\r\n");
+            golden::read_entry("aa") + golden::read_entry("bb") + "monitor bb Start 333.\r\n");
   EXPECT_EQ(log(), refusal(1, "aa", "exepath", 511));
 }
 
 TEST_F(server_config, a_state_of_127_bytes_is_taken_and_a_longer_one_refused) {
   load({{"aa", "run"}});
   const std::string longest(127, 's');
-  EXPECT_EQ(load({{"aa", longest}}), entry_line("aa"));
+  EXPECT_EQ(load({{"aa", longest}}), golden::read_entry("aa"));
   EXPECT_EQ(log(), "");
-  EXPECT_EQ(load({{"aa", longest + "s"}}), entry_line("aa"));
+  EXPECT_EQ(load({{"aa", longest + "s"}}), golden::read_entry("aa"));
   EXPECT_EQ(log(), refusal(1, "aa", "state", 127));
 }
 
 TEST_F(server_config, a_nul_byte_has_the_entry_refused) {
   using namespace std::string_literals;
   EXPECT_EQ(load({{"aa", "run\0"s, "/bin/true"}, {"bb", "run", "/bin/true\0x"s}}),
-            entry_line("aa") + entry_line("bb"));
+            golden::read_entry("aa") + golden::read_entry("bb"));
   EXPECT_EQ(log(), refusal(1, "aa", "state", 127) + refusal(2, "bb", "exepath", 511));
   EXPECT_EQ(names(), strings());
 }
@@ -377,7 +371,8 @@ TEST_F(server_config, a_default_path_that_does_not_fit_has_the_entry_refused) {
   const std::string name(512 - deep.size() - 1 - 1, 'n');
   write_program(name, "");
   EXPECT_EQ(load({{name + "n", "run", ""}, {name, "run", ""}}),
-            entry_line(name + "n") + entry_line(name) + "monitor " + name + " Start 333.\r\n");
+            golden::read_entry(name + "n") + golden::read_entry(name) + "monitor " + name +
+                " Start 333.\r\n");
   EXPECT_EQ(with_times_masked(scratch_.read("a.log")), refusal(1, name + "n", "exepath", 511));
 }
 
@@ -400,18 +395,18 @@ TEST(server_config_running, run_stop_run_keeps_the_monitor_and_says_start_11_onl
       loadServerConfig("server.ini");
       return world.printed().substr(before + sizeof kFirstLine - 1);
     };
-    EXPECT_EQ(load("run"), entry_line("aa") + "monitor aa Start 333.\r\n");
+    EXPECT_EQ(load("run"), golden::read_entry("aa") + "monitor aa Start 333.\r\n");
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
     const Tfun_monitor* const monitor = monitor_list.at(0);
 
     EXPECT_EQ(load("stop"),
-              entry_line("aa") +
+              golden::read_entry("aa") +
                   "monitor aa stopped.\r\nkill -USR2 result: kill -USR2 `pgrep aa`, -1 \r\n");
     EXPECT_FALSE(exists("notify/aa.dat"));
     programs.end_one();
     ASSERT_TRUE(wait_until([&] { return programs.sleeps > 0; }));
 
-    EXPECT_EQ(load("run"), entry_line("aa") + "monitor aa Start 11.\r\n");
+    EXPECT_EQ(load("run"), golden::read_entry("aa") + "monitor aa Start 11.\r\n");
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(2); }));
     EXPECT_EQ(monitor_list, std::vector{const_cast<Tfun_monitor*>(monitor)});
     EXPECT_EQ(read_file("notify/aa.dat"), "1");
@@ -441,7 +436,7 @@ TEST(server_config_running, the_state_is_updated_before_the_stop_command_runs) {
 TEST(server_config_running, a_new_exepath_has_no_effect_on_a_running_program) {
   in_child([] {
     supervision::begin();
-    const std::string name = unique_name('x');
+    const std::string name = unique_name();
     const std::string first = write_program(name, "echo first >> runs; sleep 60\n");
     const std::string second = write_program(name + "2", "echo second >> runs; sleep 60\n");
     write_file("server.ini", configuration({{name, "run", first}}));
@@ -468,8 +463,9 @@ TEST(server_config_running, a_monitor_whose_thread_could_not_be_had_is_started_b
     const std::size_t before = world.printed().size();
     loadServerConfig("server.ini");
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    EXPECT_EQ(world.printed().substr(before),
-              kFirstLine + entry_line("aa") + "monitor aa Start 11.\r\nmonitor aa Start 22.\r\n");
+    EXPECT_EQ(
+        world.printed().substr(before),
+        kFirstLine + golden::read_entry("aa") + "monitor aa Start 11.\r\nmonitor aa Start 22.\r\n");
   });
 }
 

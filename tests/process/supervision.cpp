@@ -1,9 +1,7 @@
 #include "tests/process/supervision.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <filesystem>
@@ -13,9 +11,8 @@
 #include "process/child.h"
 #include "process/recorder.h"
 #include "process/supervisor_signals.h"
+#include "tests/support/log_text.h"
 #include "tests/support/scratch_dir.h"
-#include "tests/support/time_line.h"
-#include "tests/support/wait_until.h"
 
 supervision& supervision::begin() {
   static supervision* const instance = new supervision;
@@ -37,10 +34,6 @@ std::string supervision::log() const {
   return with_times_masked(read_file("keelmond.log"));
 }
 
-std::string unique_name(char letter) {
-  return "kt" + std::to_string(::getpid()) + "_" + letter;
-}
-
 std::string write_program(const std::string& name, std::string_view body) {
   const std::string path = std::filesystem::current_path() / name;
   write_file(path, "#!/bin/sh\n" + std::string(body));
@@ -60,21 +53,8 @@ std::string exited(const std::string& pid, int error) {
   return "exited process PID: " + pid + "  errno: " + std::to_string(error) + "\r\n<time>\r\n";
 }
 
-bool never(const std::function<bool()>& condition) {
-  return !wait_until(condition, std::chrono::milliseconds(15));
-}
-
 bool exists(const std::string& path) {
   return std::filesystem::exists(path);
-}
-
-std::size_t count_of(std::string_view part, std::string_view text) {
-  std::size_t count = 0;
-  for (std::size_t at = text.find(part); at != std::string_view::npos;
-       at = text.find(part, at + part.size())) {
-    ++count;
-  }
-  return count;
 }
 
 char state_of(pid_t pid) {

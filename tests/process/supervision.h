@@ -2,13 +2,15 @@
 
 #include <sys/types.h>
 
-#include <cstddef>
-#include <functional>
 #include <string>
 #include <string_view>
 
 #include "process/fun_monitor.h"
 #include "tests/support/captured_output.h"
+#include "tests/support/golden.h"
+#include "tests/support/text.h"
+#include "tests/support/unique_name.h"
+#include "tests/support/wait_until.h"
 
 /// What the daemon gives its monitors, in the process of a test (see `in_child`): SIGCHLD and
 /// SIGPIPE ignored, the supervisor's signals blocked, a log, a directory for the liveness files,
@@ -32,10 +34,6 @@ class supervision final {
   captured_output errors_{2};
 };
 
-/// A name for a program of this process that no other process on the machine has; at most 15
-/// characters, so that it can be found by it.
-std::string unique_name(char letter);
-
 /// Writes a shell script called `name` to the working directory that can be executed.
 /// @return its full path.
 std::string write_program(const std::string& name, std::string_view body);
@@ -44,20 +42,11 @@ std::string write_program(const std::string& name, std::string_view body);
 Tfun_monitor& new_monitor(const std::string& command, const std::string& name,
                           const char* state = "run");
 
-/// The entries of the log for a start and an end, with their time lines masked.
+/// The lines of the log for a start and an end, with their time lines masked.
 std::string launched(int pid);
 std::string exited(const std::string& pid, int error);
 
-/// What the console says when a program has ended.
-inline constexpr char kWaited[] = "Waiting has returned.\r\n";
-
-/// Whether `condition` stays false for a moment.
-bool never(const std::function<bool()>& condition);
-
 bool exists(const std::string& path);
-
-/// How often `part` stands in `text`.
-std::size_t count_of(std::string_view part, std::string_view text);
 
 /// The letter that the kernel has for what a process does; 'Z' for one that has ended and is not
 /// waited for, '?' for one that is gone.

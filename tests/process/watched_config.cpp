@@ -9,6 +9,7 @@
 
 #include "common/misc/unique_fd.h"
 #include "tests/support/fault.h"
+#include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/watch_pause.h"
@@ -88,6 +89,15 @@ void watcher::count_watches() {
 
 watcher& new_watcher() {
   return *new watcher;
+}
+
+void while_watching(const std::function<void(watcher&)>& body) {
+  in_child([&] {
+    watcher& watch = new_watcher();
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    body(watch);
+  });
 }
 
 std::string cannot_watch(const std::string& reason, const std::string& path) {

@@ -22,8 +22,6 @@ extern std::atomic<int> pauses;
 extern std::function<void(int)> in_look;
 extern std::atomic<int> looks;
 
-inline constexpr char kLoad[] = "loadServerConfig : ./config/server.ini\r\n";
-
 /// The watcher of ./config/server.ini in the process of a test. Each load of the configuration,
 /// which names no program, prints a line. A pause takes no time.
 class watcher final {
@@ -34,7 +32,7 @@ class watcher final {
   void start();
   /// Waits until the file is watched for the `number`th time, and the watcher waits.
   bool watches(int number);
-  [[nodiscard]] std::size_t loads() const { return count_of(kLoad, world_.printed()); }
+  [[nodiscard]] std::size_t loads() const { return count(world_.printed(), golden::kLoad); }
   bool loaded(std::size_t count);
   /// Deletes the file, upon which it gives up, and waits for its end.
   bool end();
@@ -61,6 +59,9 @@ class watcher final {
 
 /// A watcher that the process keeps until it ends, since its thread may, too.
 watcher& new_watcher();
+
+/// Runs `body` in a process of its own (see `in_child`), in which the file is being watched.
+void while_watching(const std::function<void(watcher&)>& body);
 
 /// What is on standard error when the file cannot be watched.
 std::string cannot_watch(const std::string& reason,

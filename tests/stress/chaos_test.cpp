@@ -19,6 +19,7 @@
 #include "tests/e2e/support/private_namespace.h"
 #include "tests/stress/support/small_disk.h"
 #include "tests/stress/support/stress.h"
+#include "tests/support/log_text.h"
 #include "tests/support/wait_until.h"
 
 namespace fs = std::filesystem;
@@ -68,7 +69,7 @@ bool is_number(std::string_view text) {
 bool is_whole(std::string_view line) {
   constexpr std::string_view kExited = "exited process PID: ";
   constexpr std::string_view kErrno = "  errno: ";
-  if (line == "TIME" || line == "launched sub process PID: N ") return true;
+  if (line == "<time>" || line == "launched sub process PID: <pid> ") return true;
   if (line.starts_with(kExited)) {
     const std::size_t at = line.find(kErrno);
     return at != line.npos && is_number(line.substr(kExited.size(), at - kExited.size())) &&
@@ -83,7 +84,7 @@ std::vector<std::string> broken_lines(const installation& place) {
   std::string log = place.log();
   log.erase(log.rfind('\n') + 1);
   std::vector<std::string> broken;
-  for (const std::string& line : stress::lines_of(masked(log))) {
+  for (const std::string& line : lines_of(masked(log))) {
     if (!is_whole(line)) broken.push_back(line);
   }
   return broken;
@@ -123,7 +124,7 @@ class chaos : public testing::Test {
   void TearDown() override {
     if (!HasFailure()) return;
     std::cout << place_.read("config/server.ini") << place_.errors();
-    for (const std::string& line : stress::lines_of(place_.console())) {
+    for (const std::string& line : lines_of(place_.console())) {
       if (line != "Waiting has returned.") std::cout << line << '\n';
     }
   }

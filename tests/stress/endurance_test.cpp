@@ -6,6 +6,7 @@
 
 #include "tests/e2e/support/installation.h"
 #include "tests/stress/support/stress.h"
+#include "tests/support/log_text.h"
 #include "tests/support/wait_until.h"
 
 using stress::rounds;
@@ -71,7 +72,7 @@ TEST(endurance, keeps_descriptors_threads_and_memory_where_they_were) {
   // These are restarted all the time.
   for (int i = 0; i < 2; ++i)
     programs.push_back(place.entry(place.add_script("exit 0\n")));
-  const std::string text = installation::ini(programs);
+  const std::string text = server_ini(programs);
   place.save(text);
   place.start(stress::fast());
   for (int i = 0; i < 4; ++i)
@@ -98,7 +99,7 @@ TEST(endurance, leaves_copies_and_programs_nothing_but_the_standard_descriptors)
     names.push_back(place.add_steady());
     programs.push_back(place.entry(names.back()));
   }
-  const std::string text = installation::ini(programs);
+  const std::string text = server_ini(programs);
   place.save(text);
   place.start(stress::fast());
   for (int i = 0; i < rounds(300, 15) && !HasFailure(); ++i) {
@@ -134,7 +135,7 @@ TEST(endurance, writes_every_line_once_and_whole) {
   stress::expect_clean_end(place);
 
   std::size_t ended = 0;
-  for (const std::string& line : stress::lines_of(place.console()))
+  for (const std::string& line : lines_of(place.console()))
     ended += line == "Waiting has returned." ? 1 : 0;
   EXPECT_EQ(ended, stress::ends(place));
   EXPECT_EQ(count(place.console(), "Waiting"), ended);
@@ -145,10 +146,10 @@ TEST(endurance, writes_every_line_once_and_whole) {
   EXPECT_LE(noted, stress::launches(place));
   EXPECT_GE(noted + programs.size(), stress::launches(place));
 
-  const auto lines = stress::lines_of(masked(place.log()));
+  const auto lines = lines_of(masked(place.log()));
   std::size_t others = 0;
   for (const std::string& line : lines) {
-    others += line != "launched sub process PID: N " && line != "TIME" &&
+    others += line != "launched sub process PID: <pid> " && line != "<time>" &&
               line != "exited process PID: 4294967295  errno: 10";
   }
   EXPECT_EQ(others, 4U) << "the four lines of the start and the end";

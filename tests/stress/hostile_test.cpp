@@ -46,7 +46,7 @@ void expect_survived(installation& place, const std::string& text) {
                          stress::patience()));
   ::kill(daemon, SIGUSR2);
   ASSERT_EQ(children::wait_for_end(daemon, stress::patience()), 0);
-  EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+  EXPECT_TRUE(place.log().ends_with(golden::kClosed));
   EXPECT_FALSE(place.has("run.pid"));
 }
 
@@ -141,7 +141,7 @@ TEST_F(hostile, counts_take_no_time) {
     SCOPED_TRACE(number);
     installation place;
     const std::string name = place.add_steady();
-    std::string text = installation::ini({place.entry(name)});
+    std::string text = server_ini({place.entry(name)});
     text.replace(text.find("linux=1"), 7, std::string("linux=") + number);
     place.save(text);
     // It waits 20 seconds for the watch, and a walk to that number takes minutes.
@@ -219,7 +219,7 @@ TEST_F(hostile, names_are_used_whole_or_not_at_all) {
   const std::string program = place.entry(place.add_steady()).exepath;
   const std::string fits(127, 'n');
   // The sections of shortened names are there, too.
-  std::string text = installation::ini({{fits + "m", program}, {std::string(512, 'k'), program}});
+  std::string text = server_ini({{fits + "m", program}, {std::string(512, 'k'), program}});
   text += "[" + fits + "]\nexepath=" + program + "\nstate=run\n";
   text += "[" + std::string(511, 'k') + "]\nexepath=" + program + "\nstate=run\n";
   text += "[" + std::string(127, 'k') + "]\nexepath=" + program + "\nstate=run\n";

@@ -117,8 +117,8 @@ bool start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
                        std::chrono::milliseconds(with_ignoring ? 1300 : 900);
 
   const std::string log = place.log();
-  EXPECT_TRUE(log.ends_with(stress::kClosed));
-  EXPECT_EQ(count(log, stress::kClosed), 1U);
+  EXPECT_TRUE(log.ends_with(golden::kClosed));
+  EXPECT_EQ(count(log, golden::kClosed), 1U);
   expect_pid_file(place, kind);
   if (in_time) expect_records(place, programs);
   expect_only(place, programs);
@@ -235,7 +235,7 @@ TEST(leaving, leaves_no_program_that_was_just_being_launched) {
     ::kill(daemon, SIGUSR2);
     EXPECT_EQ(children::wait_for_end(daemon), 0);
     EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
-    EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+    EXPECT_TRUE(place.log().ends_with(golden::kClosed));
     EXPECT_EQ(stress::launches(place), stress::ends(place));
     EXPECT_FALSE(place.has("run.pid"));
   }
@@ -271,8 +271,8 @@ TEST(leaving, happens_once_whatever_is_asked_for_meanwhile) {
       stress::sleep_ms(2);
     }
     EXPECT_EQ(place.wait_end(), 0);
-    EXPECT_TRUE(place.log().ends_with(stress::kClosed));
-    EXPECT_EQ(count(place.log(), stress::kClosed), 1U);
+    EXPECT_TRUE(place.log().ends_with(golden::kClosed));
+    EXPECT_EQ(count(place.log(), golden::kClosed), 1U);
     const auto stopped = stress::stopped_names(place);
     EXPECT_EQ(stopped, programs.ending);
     expect_only(place, programs);
@@ -329,7 +329,7 @@ TEST(leaving, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment)
     place.signal(SIGUSR2);
     kill_around_the_end_of_the_grace(place, pids);
     EXPECT_EQ(place.wait_end(), 0);
-    EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+    EXPECT_TRUE(place.log().ends_with(golden::kClosed));
     EXPECT_FALSE(place.has("run.pid"));
     EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   }
@@ -366,7 +366,7 @@ TEST(leaving, deletes_nothing_that_a_thread_is_using) {
     if (released - asked < std::chrono::milliseconds(900)) {
       EXPECT_FALSE(has_ended) << "it does not wait";
       EXPECT_EQ(count(text, "exited process PID: "), programs.size());
-      EXPECT_TRUE(text.ends_with(stress::kClosed)) << text;
+      EXPECT_TRUE(text.ends_with(golden::kClosed)) << text;
     }
   }
 }
@@ -404,5 +404,5 @@ TEST(leaving, takes_about_a_second_however_many_programs_ignore_it) {
   EXPECT_EQ(place.end_by(SIGUSR2), 0);
   // Far below a second for each of them, and far above what the stop commands take.
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(7));
-  EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+  EXPECT_TRUE(place.log().ends_with(golden::kClosed));
 }

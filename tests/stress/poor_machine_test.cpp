@@ -169,7 +169,7 @@ TEST(poor_machine, ends_its_programs_without_a_process_for_the_stop_command) {
   const pid_t program = place.wait_running(name);
   stress::limit(place.daemon(), RLIMIT_NPROC, 1);
   EXPECT_EQ(place.end_by(SIGUSR2), 0);
-  EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+  EXPECT_TRUE(place.log().ends_with(golden::kClosed));
   EXPECT_FALSE(place.has("run.pid"));
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(program); }));
   EXPECT_EQ(count(place.console(), "`, -1 \r\n"), 1U);
@@ -183,7 +183,7 @@ TEST(poor_machine, starts_the_monitor_that_got_no_thread_with_the_next_reload) {
   place.start(stress::by_ordinary_user(place));
   place.wait_running(name);
   stress::limit(place.daemon(), RLIMIT_NPROC, 1);
-  const std::string text = installation::ini({place.entry(name), place.entry(late_one)});
+  const std::string text = server_ini({place.entry(name), place.entry(late_one)});
   stress::save_for_user(place, text);
   EXPECT_TRUE(stress::reload(place));
   EXPECT_TRUE(stress::reload(place));
@@ -199,7 +199,7 @@ TEST(poor_machine, starts_the_monitor_that_got_no_thread_with_the_next_reload) {
 TEST(poor_machine, watches_the_configuration_without_a_thread_for_it) {
   installation place;
   const std::string name = place.add_steady();
-  const std::string text = installation::ini(late(place.entry(name)));
+  const std::string text = server_ini(late(place.entry(name)));
   place.save(text);
   EXPECT_EQ(place.run(stress::by_ordinary_user(place)), 0);
   ASSERT_TRUE(wait_until([&] { return place.console().find("read ini") != std::string::npos; }));
@@ -251,7 +251,7 @@ TEST(poor_machine, ends_in_order_without_a_descriptor_for_the_watch) {
   place.save(std::vector<listed_program>{});
   EXPECT_EQ(place.wait_end(), 0);
   EXPECT_EQ(place.errors(), "inotify_init: Too many open files\n");
-  EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+  EXPECT_TRUE(place.log().ends_with(golden::kClosed));
   EXPECT_EQ(place.read("run.pid"), std::to_string(place.daemon()));
 }
 
@@ -260,7 +260,7 @@ TEST(poor_machine, may_have_no_memory_for_a_while) {
   installation place;
   const std::string name = place.add_steady();
   const std::string other = place.add_steady();
-  std::string text = installation::ini({place.entry(name), place.entry(other)});
+  std::string text = server_ini({place.entry(name), place.entry(other)});
   place.save({place.entry(name)});
   place.start();
   place.wait_running(name);

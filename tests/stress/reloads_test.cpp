@@ -15,7 +15,7 @@ namespace {
 /// The console's lines that belong to loads.
 std::vector<std::string> load_lines(const installation& place) {
   std::vector<std::string> lines;
-  for (const std::string& line : stress::lines_of(place.console())) {
+  for (const std::string& line : lines_of(place.console())) {
     // The first load's line follows the log's path, which has no line end.
     const std::size_t load = line.find("loadServerConfig : ");
     if (load != std::string::npos) lines.push_back(line.substr(load));

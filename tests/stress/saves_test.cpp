@@ -29,7 +29,7 @@ std::string padding(int kilobytes) {
 /// A configuration that loading answers with a line of its own on the console.
 std::string marked(std::vector<listed_program> programs, std::size_t number) {
   programs.push_back({"mark" + std::to_string(number), "/bin/true", "stop"});
-  return installation::ini(programs);
+  return server_ini(programs);
 }
 
 bool wait_applied(const installation& place, std::size_t number) {

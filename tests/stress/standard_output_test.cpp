@@ -3,49 +3,17 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "common/misc/unique_fd.h"
 #include "tests/e2e/support/installation.h"
 #include "tests/stress/support/stress.h"
+#include "tests/support/channel.h"
 #include "tests/support/wait_until.h"
 
 using stress::rounds;
 
 namespace {
-
-struct channel {
-  unique_fd reader;
-  unique_fd writer;
-};
-
-channel make_pipe() {
-  int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe2");
-  ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
-  return {unique_fd(ends[0]), unique_fd(ends[1])};
-}
-
-channel make_terminal() {
-  unique_fd reader(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
-  if (!reader.valid() || ::grantpt(reader.get()) != 0 || ::unlockpt(reader.get()) != 0) {
-    throw std::runtime_error("no terminal");
-  }
-  unique_fd writer(::open(::ptsname(reader.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
-  return {std::move(reader), std::move(writer)};
-}
-
-std::string read_all(const channel& from) {
-  std::string text;
-  char part[65536];
-  for (ssize_t got = 0; (got = ::read(from.reader.get(), part, sizeof part)) > 0;)
-    text.append(part, static_cast<std::size_t>(got));
-  return text;
-}
 
 /// Programs that make the supervisor write a lot, and one that it must not lose over that.
 struct chatter {
@@ -103,7 +71,7 @@ TEST(standard_output, may_be_a_pipe_that_is_never_read) {
   ::fcntl(output.writer.get(), F_SETPIPE_SZ, 4096);
   place.start({.output = output.writer.get()});
   expect_supervision(place, talk);
-  for (const std::string& line : stress::lines_of(read_all(output)))
+  for (const std::string& line : lines_of(read_all(output)))
     EXPECT_FALSE(line.starts_with("Waiting") && line != "Waiting has returned.") << line;
 }
 
@@ -118,7 +86,7 @@ TEST(standard_output, may_be_a_pipe_that_is_read_now_and_then) {
     stress::sleep_ms(20);
     text += read_all(output);
   }
-  for (const std::string& line : stress::lines_of(text)) {
+  for (const std::string& line : lines_of(text)) {
     EXPECT_TRUE(line == "Waiting has returned." || count(line, "Waiting") == 0)
         << "not whole: " << line;
   }

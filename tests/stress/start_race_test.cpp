@@ -14,14 +14,13 @@
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
 #include "tests/stress/support/stress.h"
+#include "tests/support/golden.h"
 #include "tests/support/wait_until.h"
 
 namespace fs = std::filesystem;
 using stress::rounds;
 
 namespace {
-
-constexpr char kAnotherCopy[] = "Existing a copy of this daemon! \n";
 
 /// Lets processes go on at the same moment.
 class gate final {
@@ -71,7 +70,7 @@ void expect_one_of(int many) {
   place.save({place.entry(name)});
   start_together(place, many);
   place.wait_running(name);
-  EXPECT_EQ(count(place.console(), kAnotherCopy), static_cast<std::size_t>(many) - 1);
+  EXPECT_EQ(count(place.console(), golden::kAnotherInstance), static_cast<std::size_t>(many) - 1);
   EXPECT_EQ(place.loads(), 1U);
   // It has more than one parent until the process in between has ended.
   EXPECT_TRUE(wait_until([&] { return place.daemons().size() == 1; }));
@@ -102,7 +101,7 @@ TEST(start_race, adds_one_daemon_when_the_pid_file_was_deleted) {
     start_together(place, 3);
     EXPECT_TRUE(wait_until([&] { return place.loads() > loads && place.daemons().size() == 2; }));
     EXPECT_EQ(place.loads(), loads + 1);
-    EXPECT_EQ(count(place.console(), kAnotherCopy), 2U);
+    EXPECT_EQ(count(place.console(), golden::kAnotherInstance), 2U);
     end_all(place.daemons());
   }
 }

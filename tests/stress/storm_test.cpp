@@ -39,7 +39,7 @@ class changing_list {
     std::vector<listed_program> listed = entries_;
     for (std::size_t i = 0; i < entries_.size(); i += 3)
       listed.push_back(entries_[i]);
-    return installation::ini(listed);
+    return server_ini(listed);
   }
 
   void save(bool in_place) const {
@@ -127,7 +127,7 @@ TEST(storm, of_exit_signals_by_name_ends_everything) {
     EXPECT_EQ(std::system("pkill -USR2 -x keelmond"), 0);
     EXPECT_EQ(place.wait_end(), 0);
     EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
-    EXPECT_TRUE(place.log().ends_with(stress::kClosed));
+    EXPECT_TRUE(place.log().ends_with(golden::kClosed));
     EXPECT_EQ(stress::launches(place), stress::ends(place));
     EXPECT_EQ(stress::stopped_names(place), list.names()) << "by nobody but the supervisor";
     EXPECT_FALSE(place.has("run.pid"));

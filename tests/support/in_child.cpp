@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr unsigned kLongestSeconds = 60;
+constexpr unsigned kLongestSeconds = 100;
 
 std::string text_of(const testing::TestPartResult& part) {
   const char* const file = part.file_name() == nullptr ? "unknown file" : part.file_name();

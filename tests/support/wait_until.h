@@ -14,3 +14,18 @@ bool wait_until(Condition condition, std::chrono::milliseconds limit = std::chro
   }
   return true;
 }
+
+/// Whether `condition` goes on to hold for a while: for what must not happen, and has nothing to be
+/// waited for instead.
+template <typename Condition>
+bool keeps(Condition condition,
+           std::chrono::milliseconds duration = std::chrono::milliseconds(300)) {
+  return !wait_until([&] { return !condition(); }, duration);
+}
+
+/// Whether `condition` does not come to hold for a moment, in a test that does not leave its
+/// process and meets nothing slower than a thread.
+template <typename Condition>
+bool never(Condition condition) {
+  return !wait_until(condition, std::chrono::milliseconds(15));
+}

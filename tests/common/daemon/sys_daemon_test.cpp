@@ -21,12 +21,11 @@
 #include "common/misc/unique_fd.h"
 #include "tests/support/captured_output.h"
 #include "tests/support/fault.h"
+#include "tests/support/golden.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
 
 namespace {
-
-constexpr char kExisting[] = "Existing a copy of this daemon! \n";
 
 void no_body() {}
 
@@ -52,7 +51,7 @@ class pid_file : public testing::Test {
   void expect_refused_without_a_signal(const std::string& text) {
     write(text);
     EXPECT_FALSE(ask()) << text;
-    EXPECT_EQ(printed_, kExisting) << text;
+    EXPECT_EQ(printed_, golden::kAnotherInstance) << text;
     EXPECT_EQ(sent_, signal_list()) << text;
   }
 
@@ -99,7 +98,7 @@ TEST_F(pid_file, with_a_number_sends_sigusr1_to_it_whether_or_not_it_lives) {
     sent_.clear();
     write(text);
     EXPECT_FALSE(ask()) << text;
-    EXPECT_EQ(printed_, kExisting) << text;
+    EXPECT_EQ(printed_, golden::kAnotherInstance) << text;
     EXPECT_EQ(sent_, (signal_list{{pid, SIGUSR1}})) << text;
   }
   EXPECT_EQ(SIGUSR1, 10);
@@ -160,7 +159,7 @@ TEST_F(pid_file, that_is_no_regular_file_is_refused_and_never_waited_for) {
   ASSERT_EQ(::unlink("run.pid"), 0);
   ASSERT_EQ(::mkdir("run.pid", 0777), 0);
   EXPECT_FALSE(ask());
-  EXPECT_EQ(printed_, kExisting);
+  EXPECT_EQ(printed_, golden::kAnotherInstance);
   EXPECT_EQ(sent_, signal_list());
 }
 
@@ -188,7 +187,7 @@ TEST_F(pid_file, that_can_be_read_but_not_opened_is_refused) {
   ASSERT_EQ(::bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   ASSERT_EQ(::access("run.pid", R_OK), 0);
   EXPECT_FALSE(ask());
-  EXPECT_EQ(printed_, kExisting);
+  EXPECT_EQ(printed_, golden::kAnotherInstance);
   EXPECT_EQ(sent_, signal_list());
 }
 

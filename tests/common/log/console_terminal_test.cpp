@@ -1,37 +1,18 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "common/log/console.h"
-#include "common/misc/unique_fd.h"
+#include "tests/support/channel.h"
 #include "tests/support/fault.h"
 
 namespace {
-
-/// A terminal that shows every byte as it is.
-struct terminal {
-  terminal() : reader(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
-    if (!reader.valid() || ::grantpt(reader.get()) != 0 || ::unlockpt(reader.get()) != 0)
-      throw std::runtime_error("no terminal");
-    writer.reset(::open(::ptsname(reader.get()), O_RDWR | O_NOCTTY | O_CLOEXEC));
-    termios settings{};
-    if (::tcgetattr(writer.get(), &settings) != 0) throw std::runtime_error("tcgetattr");
-    ::cfmakeraw(&settings);
-    ::tcsetattr(writer.get(), TCSANOW, &settings);
-  }
-
-  unique_fd reader;
-  unique_fd writer;
-};
 
 constexpr int kThreads = 8;
 constexpr int kLinesEach = 100;
@@ -60,22 +41,20 @@ constexpr int kLinesEach = 100;
 }  // namespace
 
 TEST(console_terminal, loses_no_line_because_another_writer_is_at_it) {
-  terminal screen;
+  channel screen = make_terminal();
   const pid_t child = ::fork();
   if (child == 0) print_from_threads(screen.writer.get());
   screen.writer.reset();
-  std::string text;
-  char part[4096];
-  // Reading fails when the last writer is gone.
-  for (ssize_t got = 0; (got = ::read(screen.reader.get(), part, sizeof part)) > 0;)
-    text.append(part, static_cast<std::size_t>(got));
+  // Reading waits, and fails when the last writer is gone.
+  ::fcntl(screen.reader.get(), F_SETFL, 0);
+  const std::string text = read_all(screen);
   EXPECT_EQ(::waitpid(child, nullptr, 0), child);
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), kThreads * kLinesEach);
   EXPECT_EQ(text.size(), 20U * kThreads * kLinesEach);
 }
 
 TEST(console_terminal, does_not_wait_for_each_line_when_nobody_reads) {
-  terminal screen;
+  const channel screen = make_terminal();
   const pid_t child = ::fork();
   if (child == 0) {
     // A wait of a few hundredths of a second each would take minutes.

@@ -2,13 +2,10 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -22,6 +19,7 @@
 #include "common/misc/unique_fd.h"
 #include "tests/common/misc/process_state.h"
 #include "tests/support/captured_output.h"
+#include "tests/support/channel.h"
 #include "tests/support/fault.h"
 #include "tests/support/scratch_dir.h"
 
@@ -50,86 +48,6 @@ bool holds_in_child(int output, const std::function<bool()>& body, int fd = STDO
   return WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-/// Two connected descriptors: what is written to one can be read from the other.
-class connection {
- public:
-  [[nodiscard]] int writer() const { return writer_.get(); }
-  [[nodiscard]] int reader() const { return reader_.get(); }
-  void close_reader() { reader_.reset(); }
-
-  /// Writes until nothing more goes in. @return how much was written.
-  [[nodiscard]] std::size_t fill() const {
-    const int flags = ::fcntl(writer(), F_GETFL);
-    ::fcntl(writer(), F_SETFL, flags | O_NONBLOCK);
-    std::size_t filled = 0;
-    while (::write(writer(), "#", 1) == 1)
-      ++filled;
-    ::fcntl(writer(), F_SETFL, flags);
-    return filled;
-  }
-
-  /// Reads what is there to be read.
-  [[nodiscard]] std::string text() const {
-    std::string all;
-    pollfd request{reader(), POLLIN, 0};
-    char part[4096];
-    while (::poll(&request, 1, 0) == 1) {
-      const ssize_t got = ::read(reader(), part, sizeof part);
-      if (got <= 0) break;
-      all.append(part, static_cast<std::size_t>(got));
-    }
-    return all;
-  }
-
- protected:
-  connection(int reader, int writer) : reader_(reader), writer_(writer) {}
-  explicit connection(const std::array<int, 2>& ends) : connection(ends[0], ends[1]) {}
-
- private:
-  unique_fd reader_;
-  unique_fd writer_;
-};
-
-class pipe_connection final : public connection {
- public:
-  pipe_connection() : connection(make()) {}
-
- private:
-  static std::array<int, 2> make() {
-    std::array<int, 2> ends{-1, -1};
-    EXPECT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    return ends;
-  }
-};
-
-class socket_connection final : public connection {
- public:
-  socket_connection() : connection(make()) {}
-
- private:
-  static std::array<int, 2> make() {
-    std::array<int, 2> ends{-1, -1};
-    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
-    return ends;
-  }
-};
-
-class terminal_connection final : public connection {
- public:
-  terminal_connection() : terminal_connection(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {}
-
- private:
-  explicit terminal_connection(int master) : connection(master, open_slave(master)) {}
-
-  static int open_slave(int master) {
-    EXPECT_EQ(::grantpt(master), 0);
-    EXPECT_EQ(::unlockpt(master), 0);
-    char name[64];
-    EXPECT_EQ(::ptsname_r(master, name, sizeof name), 0);
-    return ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
-  }
-};
-
 /// Whether the way to standard output has been prepared is the parameter of these tests.
 class console_line : public testing::TestWithParam<bool> {
  protected:
@@ -152,8 +70,8 @@ INSTANTIATE_TEST_SUITE_P(output, console_line, testing::Bool(), [](const auto& i
 });
 
 TEST_P(console_line, a_text_is_formatted_and_printed_whole) {
-  const pipe_connection pipe;
-  EXPECT_TRUE(holds_in_child(pipe.writer(), [] {
+  const channel pipe = make_pipe();
+  EXPECT_TRUE(holds_in_child(pipe.writer.get(), [] {
     prepare();
     console::print("%s %d %5.2f%%\n", "text", -7, 1.5);
     console::print_line("line\r");
@@ -162,47 +80,47 @@ TEST_P(console_line, a_text_is_formatted_and_printed_whole) {
     console::print_as_format("path");
     return true;
   }));
-  EXPECT_EQ(pipe.text(), "text -7  1.50%\nline\r\n\npath");
+  EXPECT_EQ(read_all(pipe), "text -7  1.50%\nline\r\n\npath");
 }
 
 TEST_P(console_line, a_line_is_visible_at_once) {
-  const pipe_connection pipe;
-  EXPECT_TRUE(holds_in_child(pipe.writer(), [&pipe] {
+  const channel pipe = make_pipe();
+  EXPECT_TRUE(holds_in_child(pipe.writer.get(), [&pipe] {
     prepare();
     console::print("no newline");
-    return pipe.text() == "no newline";
+    return read_all(pipe) == "no newline";
   }));
 }
 
 TEST_P(console_line, a_full_pipe_loses_the_line_and_takes_the_next_one) {
-  const pipe_connection pipe;
-  const std::size_t filled = pipe.fill();
-  EXPECT_TRUE(prints(pipe.writer(), "lost\n"));
-  EXPECT_EQ(pipe.text(), std::string(filled, '#'));
-  EXPECT_TRUE(prints(pipe.writer(), "kept\n"));
-  EXPECT_EQ(pipe.text(), "kept\n");
+  const channel pipe = make_pipe();
+  const std::size_t filled = fill(pipe);
+  EXPECT_TRUE(prints(pipe.writer.get(), "lost\n"));
+  EXPECT_EQ(read_all(pipe), std::string(filled, '#'));
+  EXPECT_TRUE(prints(pipe.writer.get(), "kept\n"));
+  EXPECT_EQ(read_all(pipe), "kept\n");
 }
 
 TEST_P(console_line, a_line_that_fits_a_pipe_in_part_is_lost_whole) {
-  const pipe_connection pipe;
-  ASSERT_EQ(::fcntl(pipe.writer(), F_SETPIPE_SZ, 4096), 4096);
+  const channel pipe = make_pipe();
+  ASSERT_EQ(::fcntl(pipe.writer.get(), F_SETPIPE_SZ, 4096), 4096);
   const std::string filling(4090, '#');
-  ASSERT_EQ(::write(pipe.writer(), filling.data(), filling.size()), 4090);
-  EXPECT_TRUE(prints(pipe.writer(), "longer than six bytes\n"));
-  EXPECT_EQ(pipe.text(), filling);
+  ASSERT_EQ(::write(pipe.writer.get(), filling.data(), filling.size()), 4090);
+  EXPECT_TRUE(prints(pipe.writer.get(), "longer than six bytes\n"));
+  EXPECT_EQ(read_all(pipe), filling);
 }
 
 TEST_P(console_line, an_interruption_from_before_does_not_make_a_lost_line_wait) {
-  const pipe_connection pipe;
-  ASSERT_GT(pipe.fill(), 0U);
-  EXPECT_TRUE(prints(pipe.writer(), "lost\n", EINTR));
+  const channel pipe = make_pipe();
+  ASSERT_GT(fill(pipe), 0U);
+  EXPECT_TRUE(prints(pipe.writer.get(), "lost\n", EINTR));
   EXPECT_TRUE(prints(-1, "lost\n", EINTR));
 }
 
 TEST_P(console_line, a_pipe_that_nobody_reads_loses_the_line) {
-  pipe_connection pipe;
-  pipe.close_reader();
-  EXPECT_TRUE(prints(pipe.writer(), "lost\n"));
+  channel pipe = make_pipe();
+  pipe.reader.reset();
+  EXPECT_TRUE(prints(pipe.writer.get(), "lost\n"));
 }
 
 TEST_P(console_line, a_closed_output_loses_the_line) {
@@ -215,18 +133,18 @@ TEST_P(console_line, a_full_device_loses_the_line) {
 }
 
 TEST_P(console_line, a_full_socket_loses_the_line_and_takes_the_next_one) {
-  const socket_connection socket;
-  const std::size_t filled = socket.fill();
-  EXPECT_TRUE(prints(socket.writer(), "lost\n"));
-  EXPECT_EQ(socket.text(), std::string(filled, '#'));
-  EXPECT_TRUE(prints(socket.writer(), "kept\n"));
-  EXPECT_EQ(socket.text(), "kept\n");
+  const channel socket = make_socket();
+  const std::size_t filled = fill(socket);
+  EXPECT_TRUE(prints(socket.writer.get(), "lost\n"));
+  EXPECT_EQ(read_all(socket), std::string(filled, '#'));
+  EXPECT_TRUE(prints(socket.writer.get(), "kept\n"));
+  EXPECT_EQ(read_all(socket), "kept\n");
 }
 
 TEST_P(console_line, a_socket_that_nobody_reads_loses_the_line) {
-  socket_connection socket;
-  socket.close_reader();
-  EXPECT_TRUE(prints(socket.writer(), "lost\n"));
+  channel socket = make_socket();
+  socket.reader.reset();
+  EXPECT_TRUE(prints(socket.writer.get(), "lost\n"));
 }
 
 TEST_P(console_line, a_file_is_continued_where_it_is) {
@@ -240,14 +158,14 @@ TEST_P(console_line, a_file_is_continued_where_it_is) {
 }
 
 TEST_P(console_line, a_terminal_shows_the_line) {
-  const terminal_connection terminal;
-  EXPECT_TRUE(prints(terminal.writer(), "shown\n"));
-  EXPECT_EQ(terminal.text(), "shown\r\n");
+  const channel terminal = make_terminal();
+  EXPECT_TRUE(prints(terminal.writer.get(), "shown\n"));
+  EXPECT_EQ(read_all(terminal), "shown\n");
 }
 
 TEST_P(console_line, errno_is_left_as_it_was) {
-  const pipe_connection pipe;
-  EXPECT_TRUE(prints(pipe.writer(), "kept\n"));
+  const channel pipe = make_pipe();
+  EXPECT_TRUE(prints(pipe.writer.get(), "kept\n"));
   EXPECT_TRUE(holds_in_child(-1, [] {
     prepare();
     errno = EBADMSG;
@@ -260,16 +178,16 @@ TEST_P(console_line, errno_is_left_as_it_was) {
 TEST_P(console_line, a_line_of_the_greatest_length_is_whole_and_a_longer_one_is_cut) {
   constexpr std::size_t kMost = console::kMaxLine;
   for (const std::size_t length : {kMost - 1, kMost, kMost + 1, 3 * kMost}) {
-    const pipe_connection pipe;
+    const channel pipe = make_pipe();
     const std::string text(length, 'x');
-    EXPECT_TRUE(prints(pipe.writer(), text.c_str()));
-    EXPECT_EQ(pipe.text().size(), std::min(length, kMost));
-    EXPECT_TRUE(holds_in_child(pipe.writer(), [&text] {
+    EXPECT_TRUE(prints(pipe.writer.get(), text.c_str()));
+    EXPECT_EQ(read_all(pipe).size(), std::min(length, kMost));
+    EXPECT_TRUE(holds_in_child(pipe.writer.get(), [&text] {
       prepare();
       console::print_as_format(text.c_str());
       return true;
     }));
-    EXPECT_EQ(pipe.text().size(), std::min(length, kMost));
+    EXPECT_EQ(read_all(pipe).size(), std::min(length, kMost));
   }
 }
 
@@ -278,8 +196,8 @@ std::size_t line_length(char letter) {
 }
 
 TEST_P(console_line, lines_of_several_threads_never_mix) {
-  const pipe_connection pipe;
-  EXPECT_TRUE(holds_in_child(pipe.writer(), [] {
+  const channel pipe = make_pipe();
+  EXPECT_TRUE(holds_in_child(pipe.writer.get(), [] {
     prepare();
     std::vector<std::thread> threads;
     for (const char letter : {'a', 'b', 'c', 'd'}) {
@@ -293,7 +211,7 @@ TEST_P(console_line, lines_of_several_threads_never_mix) {
       thread.join();
     return true;
   }));
-  std::istringstream in(pipe.text());
+  std::istringstream in(read_all(pipe));
   int count = 0;
   for (std::string line; std::getline(in, line); ++count) {
     ASSERT_FALSE(line.empty());
@@ -322,24 +240,24 @@ TEST(console_format, any_other_conversion_prints_as_it_is_written) {
 }
 
 TEST(console_open, a_reader_of_a_pipe_that_is_late_gets_the_line) {
-  const pipe_connection pipe;
-  static_cast<void>(pipe.fill());
-  EXPECT_TRUE(holds_in_child(pipe.writer(), [&pipe] {
+  const channel pipe = make_pipe();
+  fill(pipe);
+  EXPECT_TRUE(holds_in_child(pipe.writer.get(), [&pipe] {
     console::open();
     int waits = 0;
     // It reads while the line waits for it, however little time that is.
     faults.poll = [&](pollfd* requests, nfds_t count, int milliseconds) {
-      if (milliseconds > 0 && ++waits == 1) static_cast<void>(pipe.text());
+      if (milliseconds > 0 && ++waits == 1) read_all(pipe);
       return real::poll(requests, count, milliseconds);
     };
     console::print("kept\n");
-    return waits == 1 && pipe.text() == "kept\n";
+    return waits == 1 && read_all(pipe) == "kept\n";
   }));
 }
 
 TEST(console_open, a_terminal_that_nobody_reads_does_not_make_a_line_wait) {
-  const terminal_connection terminal;
-  EXPECT_TRUE(holds_in_child(terminal.writer(), [] {
+  const channel terminal = make_terminal();
+  EXPECT_TRUE(holds_in_child(terminal.writer.get(), [] {
     console::open();
     const std::string line(1000, 'x');
     for (int i = 0; i < 200; ++i)
@@ -349,16 +267,16 @@ TEST(console_open, a_terminal_that_nobody_reads_does_not_make_a_line_wait) {
 }
 
 TEST(console_open, the_output_that_others_share_still_blocks) {
-  const pipe_connection pipe;
-  EXPECT_TRUE(holds_in_child(pipe.writer(), [] {
+  const channel pipe = make_pipe();
+  EXPECT_TRUE(holds_in_child(pipe.writer.get(), [] {
     console::open();
     return (::fcntl(STDOUT_FILENO, F_GETFL) & O_NONBLOCK) == 0;
   }));
 }
 
 TEST(console_open, programs_that_are_started_do_not_get_its_descriptor) {
-  const pipe_connection pipe;
-  EXPECT_TRUE(holds_in_child(pipe.writer(), [] {
+  const channel pipe = make_pipe();
+  EXPECT_TRUE(holds_in_child(pipe.writer.get(), [] {
     const std::set<int> before = open_descriptors();
     console::open();
     std::set<int> added = open_descriptors();
@@ -368,9 +286,9 @@ TEST(console_open, programs_that_are_started_do_not_get_its_descriptor) {
 }
 
 TEST(console_open, a_socket_that_nobody_reads_sends_no_signal) {
-  socket_connection socket;
-  socket.close_reader();
-  EXPECT_TRUE(holds_in_child(socket.writer(), [] {
+  channel socket = make_socket();
+  socket.reader.reset();
+  EXPECT_TRUE(holds_in_child(socket.writer.get(), [] {
     std::signal(SIGPIPE, SIG_DFL);
     console::open();
     console::print_line("lost");
@@ -380,16 +298,16 @@ TEST(console_open, a_socket_that_nobody_reads_sends_no_signal) {
 
 /// What a child prints on standard error.
 std::string complaint(const std::function<void()>& complain) {
-  const pipe_connection pipe;
+  const channel pipe = make_pipe();
   EXPECT_TRUE(holds_in_child(
-      pipe.writer(),
+      pipe.writer.get(),
       [&complain] {
         errno = ENOENT;
         complain();
         return errno == ENOENT;
       },
       STDERR_FILENO));
-  return pipe.text();
+  return read_all(pipe);
 }
 
 TEST(console_error, a_failure_is_reported_with_its_reason) {
@@ -405,16 +323,16 @@ TEST(console_error, a_report_of_the_greatest_length_is_whole_and_a_longer_one_is
 }
 
 TEST(console_error, a_full_or_closed_standard_error_loses_the_report) {
-  const pipe_connection pipe;
-  const std::size_t filled = pipe.fill();
+  const channel pipe = make_pipe();
+  const std::size_t filled = fill(pipe);
   const auto complain = [] {
     errno = EINTR;
     console::report_failure("load", "lost");
     return errno == EINTR;
   };
-  EXPECT_TRUE(holds_in_child(pipe.writer(), complain, STDERR_FILENO));
+  EXPECT_TRUE(holds_in_child(pipe.writer.get(), complain, STDERR_FILENO));
   EXPECT_TRUE(holds_in_child(-1, complain, STDERR_FILENO));
-  EXPECT_EQ(pipe.text(), std::string(filled, '#'));
+  EXPECT_EQ(read_all(pipe), std::string(filled, '#'));
 }
 
 }  // namespace

@@ -18,13 +18,13 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/golden.h"
 #include "tests/support/in_child.h"
+#include "tests/support/log_text.h"
 #include "tests/support/scratch_dir.h"
-#include "tests/support/time_line.h"
 
 namespace {
 
-constexpr char kUnfinished[] = "XXXXXXXXXXX No finish for close log file. \n";
 constexpr char kFinished[] = "finish for close log file. \n";
 
 std::string time_text(std::time_t moment) {
@@ -128,7 +128,7 @@ TEST(log_file_open, a_file_already_held_is_not_closed) {
   log.append_log("text", -1);
   log.close_file();
   EXPECT_EQ(scratch.read("first"), "") << "no closing line";
-  EXPECT_EQ(scratch.read("second"), std::string("text") + kUnfinished);
+  EXPECT_EQ(scratch.read("second"), std::string("text") + golden::kClosed);
 }
 
 TEST(log_file_open, a_failure_leaves_the_log_closed_whatever_was_held) {
@@ -295,15 +295,15 @@ TEST_F(log_file, the_date_text_needs_no_open_log) {
 TEST_F(log_file, going_away_open_ends_the_log_with_the_unfinished_line) {
   log_->append_log("last\r\n", -1);
   log_.reset();
-  EXPECT_EQ(content(), std::string("last\r\n") + kUnfinished);
+  EXPECT_EQ(content(), std::string("last\r\n") + golden::kClosed);
 }
 
 TEST_F(log_file, closing_ends_the_log_with_the_unfinished_line_once) {
   log_->close_file();
-  EXPECT_EQ(content(), kUnfinished);
+  EXPECT_EQ(content(), golden::kClosed);
   log_->close_file();
   log_.reset();
-  EXPECT_EQ(content(), kUnfinished);
+  EXPECT_EQ(content(), golden::kClosed);
 }
 
 TEST_F(log_file, nothing_is_written_to_a_closed_log) {
@@ -311,14 +311,14 @@ TEST_F(log_file, nothing_is_written_to_a_closed_log) {
   log_->append_log("text", -1);
   log_->append_time();
   log_->add_log_string("x", 1);
-  EXPECT_EQ(content(), kUnfinished);
+  EXPECT_EQ(content(), golden::kClosed);
 }
 
 TEST_F(log_file, a_closed_log_can_be_opened_again) {
   log_->close_file();
   ASSERT_TRUE(log_->create_log_file(path_.c_str(), false));
   log_->append_log("again", -1);
-  EXPECT_EQ(content(), std::string(kUnfinished) + "again");
+  EXPECT_EQ(content(), std::string(golden::kClosed) + "again");
 }
 
 TEST_F(log_file, the_file_is_closed_with_the_log) {
@@ -332,9 +332,9 @@ TEST_F(log_file, the_file_is_closed_with_the_log) {
 
 TEST(log_file_closing_line, tells_a_finished_log_from_an_unfinished_one) {
   EXPECT_STREQ(Tlog_file::closing_line(true), kFinished);
-  EXPECT_STREQ(Tlog_file::closing_line(false), kUnfinished);
+  EXPECT_STREQ(Tlog_file::closing_line(false), golden::kClosed);
   EXPECT_EQ(sizeof kFinished - 1, 28U);
-  EXPECT_EQ(sizeof kUnfinished - 1, 43U);
+  EXPECT_EQ(sizeof golden::kClosed - 1, 43U);
 }
 
 TEST_F(log_file, a_full_disk_is_not_reported) {

@@ -62,7 +62,7 @@ TEST(control_check, answers_by_its_exit_status) {
   const control_result clean = control(place, {"check"});
   EXPECT_EQ(clean.status, 0) << clean.output;
   EXPECT_EQ(clean.output, "config/server.ini: nothing found\n");
-  place.save(installation::ini({place.entry(name)}) + "what is this\n");
+  place.save(server_ini({place.entry(name)}) + "what is this\n");
   const control_result warned = control(place, {"check"});
   EXPECT_EQ(warned.status, 1) << warned.output;
   EXPECT_TRUE(contains(warned.output, "config/server.ini:7: warning: this line means nothing; "))
@@ -100,7 +100,7 @@ TEST(control_plan, says_what_a_load_would_do) {
   place.start();
   const pid_t pid = place.wait_running(runs);
   write_file(place.site() / "draft.ini",
-             installation::ini({place.entry(idle), {"kmc_none", "/nonexistent", "run"}}));
+             server_ini({place.entry(idle), {"kmc_none", "/nonexistent", "run"}}));
   const control_result plan = control(place, {"plan", "draft.ini"});
   EXPECT_EQ(plan.status, 0) << plan.errors;
   EXPECT_TRUE(contains(row_of(plan.output, idle), "is started: ")) << plan.output;

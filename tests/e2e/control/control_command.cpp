@@ -84,7 +84,3 @@ std::string row_of(const std::string& table, const std::string& name) {
   }
   return "";
 }
-
-bool contains(const std::string& text, const std::string& part) {
-  return text.find(part) != std::string::npos;
-}

@@ -42,6 +42,3 @@ pid_t daemon_of(const installation& place);
 
 /// The row of a program in the table of `status`, its columns separated by single blanks.
 std::string row_of(const std::string& table, const std::string& name);
-
-/// Whether `part` stands in `text`.
-bool contains(const std::string& text, const std::string& part);

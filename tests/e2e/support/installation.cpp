@@ -10,13 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
 
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/supervisor_binary.h"
+#include "tests/support/unique_name.h"
 #include "tests/support/wait_until.h"
 
 namespace fs = std::filesystem;
@@ -24,22 +24,6 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char kMark[] = "KEELMOND_TEST_INSTALLATION";
-
-/// A name that is not part of any other one, because all are equally long.
-std::string unique_name() {
-  static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
-  static const std::string prefix = [] {
-    std::random_device random;
-    std::string text = "k";
-    for (int i = 0; i < 10; ++i)
-      text += kLetters[random() % (sizeof kLetters - 1)];
-    return text;
-  }();
-  static int used = 0;
-  char name[16];
-  std::snprintf(name, sizeof name, "%s%04d", prefix.c_str(), ++used % 10000);
-  return name;
-}
 
 /// Adds to the options that a sanitizer has been given.
 void add_options(const char* variable, const std::string& more) {
@@ -53,25 +37,6 @@ void reset_signals() {
   sigset_t none;
   ::sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-/// The text with every digit replaced by 0.
-std::string zeroed(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return c >= '1' && c <= '9'; }, '0');
-  return text;
-}
-
-/// The line of a start or a launch without its process id, any other line as it is.
-std::string without_pid(const std::string& line) {
-  for (const char* beginning : {"keelmond Start PID: ", "launched sub process PID: "}) {
-    if (!line.starts_with(beginning)) continue;
-    const std::size_t number = std::strlen(beginning);
-    const std::size_t end = line.find_first_not_of("0123456789", number);
-    if (end != std::string::npos && end > number)
-      return line.substr(0, number) + "N" + line.substr(end);
-  }
-  return line;
 }
 
 int open_to_append(const std::string& path) {
@@ -167,19 +132,6 @@ pid_t installation::wait_running(const std::string& name, std::size_t wanted) co
                              std::to_string(running(name).size()) + " run");
   }
   return pid;
-}
-
-std::string installation::ini(const std::vector<listed_program>& programs) {
-  std::string list = "[keelmond]\nlinux=" + std::to_string(programs.size()) + "\n";
-  std::string sections;
-  int number = 0;
-  for (const listed_program& program : programs) {
-    list += "svr" + std::to_string(++number) + "=" + program.name + "\n";
-    sections += "[" + program.name + "]\n";
-    if (!program.exepath.empty()) sections += "exepath=" + program.exepath + "\n";
-    if (!program.state.empty()) sections += "state=" + program.state + "\n";
-  }
-  return list + sections;
 }
 
 void installation::save(std::string_view text) const {
@@ -327,30 +279,4 @@ void installation::report_sanitizers() const {
     if (!name.starts_with("sanitizer.")) continue;
     ADD_FAILURE() << read_file(item.path());
   }
-}
-
-std::size_t count(std::string_view text, std::string_view part) {
-  std::size_t found = 0;
-  for (std::size_t at = text.find(part); at != std::string_view::npos;
-       at = text.find(part, at + part.size())) {
-    ++found;
-  }
-  return found;
-}
-
-bool keeps(const std::function<bool()>& condition, std::chrono::milliseconds duration) {
-  return !wait_until([&] { return !condition(); }, duration);
-}
-
-std::string masked(const std::string& log) {
-  // Not with <regex>: under the sanitizers the compiler warns about its own headers.
-  constexpr std::string_view kTime = "0000-00-00 00:00:00\r\n";
-  std::string result;
-  for (std::size_t at = 0; at < log.size();) {
-    const std::size_t end = std::min(log.find('\n', at), log.size() - 1) + 1;
-    const std::string line = log.substr(at, end - at);
-    result += zeroed(line) == kTime ? "TIME\r\n" : without_pid(line);
-    at = end;
-  }
-  return result;
 }

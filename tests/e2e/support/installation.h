@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -12,13 +11,9 @@
 
 #include "tests/e2e/support/process_table.h"
 #include "tests/support/scratch_dir.h"
-
-/// One program as server.ini lists it. A key whose text is empty is left out.
-struct listed_program {
-  std::string name;
-  std::string exepath = {};
-  std::string state = "run";
-};
+#include "tests/support/server_ini.h"
+#include "tests/support/text.h"
+#include "tests/support/wait_until.h"
 
 /// How a supervisor is started.
 struct start_options {
@@ -93,7 +88,9 @@ class installation final {
   // Configuration -------------------------------------------------------------------------------
 
   /// The text of a server.ini that lists the programs as svr1, svr2, ...
-  static std::string ini(const std::vector<listed_program>& programs);
+  static std::string ini(const std::vector<listed_program>& programs) {
+    return server_ini(programs);
+  }
   /// Puts a new server.ini in the place of the old one, by renaming.
   void save(std::string_view text) const;
   void save(const std::vector<listed_program>& programs) const { save(ini(programs)); }
@@ -143,15 +140,3 @@ class installation final {
   std::string mark_;
   pid_t daemon_ = 0;
 };
-
-/// How often `part` stands in `text`, without overlaps.
-std::size_t count(std::string_view text, std::string_view part);
-
-/// Whether `condition` goes on to hold for a while: for what must not happen, and has nothing to
-/// be waited for instead.
-bool keeps(const std::function<bool()>& condition,
-           std::chrono::milliseconds duration = std::chrono::milliseconds(300));
-
-/// The log with every time line's text replaced by "TIME", and the process ids in the lines of a
-/// start or launch by "N".
-std::string masked(const std::string& log);

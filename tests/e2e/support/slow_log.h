@@ -10,6 +10,7 @@
 
 #include "common/misc/unique_fd.h"
 #include "tests/e2e/support/installation.h"
+#include "tests/support/channel.h"
 #include "tests/support/wait_until.h"
 
 /// A log that takes no more when it is full, as one on a disk of another machine may do.
@@ -32,9 +33,7 @@ class slow_log final {
     std::string text;
     const auto read_on = [&] {
       const bool last = done();
-      char part[4096];
-      for (ssize_t got = 0; (got = ::read(pipe_.get(), part, sizeof part)) > 0;)
-        text.append(part, static_cast<std::size_t>(got));
+      text += read_all(pipe_.get());
       return last;
     };
     EXPECT_TRUE(wait_until(read_on));

@@ -100,7 +100,7 @@ void chaos::repair() {
     ::kill(process.pid, SIGCONT);
   is_held_ = false;
   shuffle_states();
-  save(installation::ini(programs_));
+  save(server_ini(programs_));
 }
 
 void chaos::restore_files() {
@@ -199,14 +199,14 @@ void chaos::shuffle_states() {
 
 void chaos::save_states() {
   shuffle_states();
-  save(installation::ini(programs_));
+  save(server_ini(programs_));
 }
 
 void chaos::save_one_more() {
   if (programs_.size() >= kMostPrograms || is_full_ || is_held_ || is_closed_) return;
   programs_.push_back(place_.entry(place_.add_steady()));
   give_to_user(programs_.back().exepath);
-  save(installation::ini(programs_));
+  save(server_ini(programs_));
 }
 
 void chaos::save_garbage() {
@@ -217,7 +217,7 @@ void chaos::save_garbage() {
 }
 
 void chaos::save_half() {
-  const std::string text = installation::ini(programs_);
+  const std::string text = server_ini(programs_);
   const int length = between(random_, 0, static_cast<int>(text.size()));
   tell(std::to_string(length));
   save(text.substr(0, static_cast<std::size_t>(length)));
@@ -238,7 +238,7 @@ bool chaos::hold_watch() {
   // A save during the pause before is not seen; the next one is. Each gets more time than the last:
   // where one comes during every load, there is no pause.
   for (std::chrono::milliseconds limit(500);; limit *= 2) {
-    save_for_user(place_, installation::ini(programs_));
+    save_for_user(place_, server_ini(programs_));
     const std::size_t before = pauses(place_);
     if (wait_until([&] { return pauses(place_) > before; }, limit)) break;
     if (limit > patience()) throw std::runtime_error("no pause:\n" + story_);

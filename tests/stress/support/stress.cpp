@@ -160,16 +160,6 @@ long status_number(pid_t pid, std::string_view field) {
   return std::strtol(process_table::status_field(pid, field).c_str(), nullptr, 10);
 }
 
-std::vector<std::string> lines_of(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    if (line.ends_with('\r')) line.pop_back();
-    lines.push_back(line);
-  }
-  return lines;
-}
-
 load_count::load_count(const installation& place)
     : console_((place.site().parent_path() / "console").string()) {}
 
@@ -248,7 +238,7 @@ bool reload(const installation& place) {
 void expect_clean_end(const installation& place) {
   EXPECT_EQ(place.end_by(SIGUSR2), 0);
   const std::string log = place.log();
-  EXPECT_TRUE(log.ends_with(kClosed))
+  EXPECT_TRUE(log.ends_with(golden::kClosed))
       << log.substr(log.size() - std::min<std::size_t>(log.size(), 300));
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); })) << "programs are left";
   EXPECT_EQ(place.log().size(), log.size());

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tests/e2e/support/installation.h"
+#include "tests/support/golden.h"
 
 /// What the stress tests share.
 namespace stress {
@@ -21,9 +22,6 @@ inline constexpr int kSlower = 8;
 #else
 inline constexpr int kSlower = 1;
 #endif
-
-/// The log's last line.
-inline constexpr char kClosed[] = "XXXXXXXXXXX No finish for close log file. \n";
 
 /// How often something is done: the first number when KEELMOND_STRESS is "long", else the second.
 int rounds(int in_long, int in_short);
@@ -62,9 +60,6 @@ std::vector<pause> noted_pauses(const installation& place);
 std::vector<int> descriptors(pid_t pid);
 /// A number of /proc/PID/status, for instance of "Threads" or "VmRSS".
 long status_number(pid_t pid, std::string_view field);
-
-/// The lines of a text, without their ends.
-std::vector<std::string> lines_of(const std::string& text);
 
 /// Counts the loads that the console tells of, as `installation::loads` does, but reads every line
 /// once only: for consoles that grow long.

@@ -8,3 +8,6 @@ bool is_time_line(std::string_view text);
 
 /// The text of a log with "<time>\r\n" in place of each time line, so that it can be compared.
 std::string with_times_masked(std::string_view log);
+
+/// The same with "<pid>" in place of the process id in each line of a start or launch, too.
+std::string masked(std::string_view log);

@@ -1,0 +1,15 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// How often `part` stands in `text`, without overlaps.
+std::size_t count(std::string_view text, std::string_view part);
+
+/// Whether `part` stands in `text`.
+bool contains(std::string_view text, std::string_view part);
+
+/// The lines of a text, without their ends.
+std::vector<std::string> lines_of(const std::string& text);
