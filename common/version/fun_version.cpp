@@ -6,6 +6,7 @@
 
 #include "common/log/console.h"
 #include "common/misc/bounded_text.h"
+#include "common/version/version.h"
 
 namespace {
 

@@ -1,8 +1,5 @@
 #pragma once
 
-/// The version printed by the banner.
-inline constexpr char kVersion[] = "11.1.6";
-
 /// Answers a request for the version on the command line. Used by `main` alone, before any file is
 /// touched.
 class Tfun_version final {

@@ -13,7 +13,8 @@ namespace {
 constexpr char kBanner[] =
     "\n"
     "Tessaly Process Monitor\n"
-    "Version: 11.1.6\n"
+    "Version: " KEELMOND_VERSION
+    "\n"
     "https://keelmond.example/support\n"
     "Questions and suggestions are welcome at support@keelmond.example\n"
     "\n";

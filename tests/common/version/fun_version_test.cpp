@@ -28,8 +28,8 @@ answer ask(const std::vector<std::string>& arguments, const char* title = "A Tit
 }
 
 std::string banner(const std::string& title) {
-  return "\n" + title +
-         "\nVersion: 11.1.6\n"
+  return "\n" + title + "\nVersion: " + KEELMOND_VERSION +
+         "\n"
          "https://keelmond.example/support\n"
          "Questions and suggestions are welcome at support@keelmond.example\n"
          "\n";
