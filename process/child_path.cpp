@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <tuple>
 
 namespace child_path {
 namespace {
@@ -135,13 +136,11 @@ void run(const plan& wanted) noexcept {
   if (wanted.report >= 0) ::setpgid(0, 0);
   // Only now, when the supervisor's handlers are gone.
   if (wanted.mask != nullptr) ::pthread_sigmask(SIG_SETMASK, wanted.mask, nullptr);
-  if (::chdir(wanted.directory) != 0) {
-    // The command then runs in the supervisor's directory.
-  }
+  // Where that fails the command runs in the supervisor's directory.
+  std::ignore = ::chdir(wanted.directory);
   const shell_end end = run_shell(wanted);
-  if (wanted.report >= 0 && ::write(wanted.report, &end, sizeof end) < 0) {
-    // Whoever waited has given up.
-  }
+  // Where that fails, whoever waited has given up.
+  if (wanted.report >= 0) std::ignore = ::write(wanted.report, &end, sizeof end);
   // Not by way of the exit handlers: they are the supervisor's, and may wait for a lock that a
   // thread held which is not in this child. The program would never be started again.
   ::_exit(0);

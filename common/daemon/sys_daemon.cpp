@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <tuple>
 
 #include "common/daemon/start_lock.h"
 #include "common/log/console.h"
@@ -75,9 +76,8 @@ void Tsys_daemon::init_daemon(const char* dir) {
   ::setsid();
   continue_in_child();
 
-  if (::chdir(text_or_empty(dir)) != 0) {
-    // The daemon then stays where it was started, which is the same directory.
-  }
+  // Where that fails the daemon stays where it was started, which is the same directory.
+  std::ignore = ::chdir(text_or_empty(dir));
   ::umask(0);
   const pid_t pid = ::getpid();
   if (pid <= 0) return;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 #include <ctime>
+#include <tuple>
 
 Tlog_file* g_logFile = nullptr;
 
@@ -31,9 +32,8 @@ void take_back(std::FILE* file, std::size_t count) {
   struct stat status {};
   const int fd = ::fileno(file);
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return;
-  if (::ftruncate(fd, status.st_size - static_cast<off_t>(count)) != 0) {
-    // It stays, and the next text stands behind it.
-  }
+  // Where that fails it stays, and the next text stands behind it.
+  std::ignore = ::ftruncate(fd, status.st_size - static_cast<off_t>(count));
 }
 
 }  // namespace

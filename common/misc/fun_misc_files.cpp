@@ -10,6 +10,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string_view>
+#include <tuple>
 
 #include "common/misc/bounded_text.h"
 #include "common/misc/fun_misc.h"
@@ -164,7 +165,7 @@ void Tfun_misc::UpdateProcessLiveFile(const char* name, bool alive) noexcept {
   constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   const unique_fd file(::open(path, kFlags, 0666));
   if (!file.valid()) return;
-  [[maybe_unused]] const ssize_t ignored = ::write(file.get(), "1", 1);
+  std::ignore = ::write(file.get(), "1", 1);
 }
 
 int Tfun_misc::select_sleep(int seconds, long microseconds) noexcept {

@@ -9,6 +9,7 @@
 #include <cwctype>
 #include <memory>
 #include <string_view>
+#include <tuple>
 
 #include "common/misc/fun_misc.h"
 #include "common/misc/unique_file.h"
@@ -48,7 +49,7 @@ bool read_beginning(const char* path, std::array<char, N>& bytes) noexcept {
   bytes = {};
   const unique_file file(path == nullptr ? nullptr : std::fopen(path, "rbe"));
   if (!file) return false;
-  [[maybe_unused]] const std::size_t length = std::fread(bytes.data(), 1, N, file.get());
+  std::ignore = std::fread(bytes.data(), 1, N, file.get());
   return true;
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "common/misc/unique_fd.h"
@@ -346,7 +347,7 @@ TEST(leaving, deletes_nothing_that_a_thread_is_using) {
     place.start();
     for (const listed_program& program : programs)
       place.wait_running(program.name);
-    static_cast<void>(log.drain([] { return true; }));
+    std::ignore = log.drain([] { return true; });
     log.fill();
     // Each monitor now has its program's end recorded, and the first of these lines hangs.
     for (const pid_t copy : place.copies())

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -184,20 +185,20 @@ std::string error_of(Call call) {
 TEST_F(IniParserRead, ThrowsForTheUnnamedSectionOfAFileWithoutOne) {
   const Tini_parser ini = load("[svr0]\nk=7\n");
   char out[8] = "before";
-  EXPECT_EQ(error_of([&] { (void)ini.ensure_property_exists("", "k"); }), "map::at");
-  EXPECT_EQ(error_of([&] { (void)ini.read_bool("", "k", true); }), "map::at");
-  EXPECT_EQ(error_of([&] { (void)ini.read_string("", "k", ""); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.ensure_property_exists("", "k"); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.read_bool("", "k", true); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.read_string("", "k", ""); }), "map::at");
   EXPECT_EQ(error_of([&] { ini.read_string("", "k", out); }), "map::at");
-  EXPECT_EQ(error_of([&] { (void)ini.read_int("", "k", 5); }), "map::at");
-  EXPECT_EQ(error_of([&] { (void)ini.read_long("", "k", 5); }), "map::at");
-  EXPECT_EQ(error_of([&] { (void)ini.read_float("", "k", 5); }), "map::at");
-  EXPECT_EQ(error_of([&] { (void)ini.read_double("", "k", 5); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.read_int("", "k", 5); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.read_long("", "k", 5); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.read_float("", "k", 5); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.read_double("", "k", 5); }), "map::at");
   EXPECT_STREQ(out, "before");
 }
 
 TEST_F(IniParserRead, ThrowsForTheUnnamedSectionOfAMissingFile) {
   const Tini_parser ini(dir_.file("missing.ini"));
-  EXPECT_EQ(error_of([&] { (void)ini.read_int("", "k", 5); }), "map::at");
+  EXPECT_EQ(error_of([&] { std::ignore = ini.read_int("", "k", 5); }), "map::at");
 }
 
 TEST_F(IniParserRead, NeverThrowsForAnUnknownSectionWithAName) {

@@ -11,6 +11,7 @@
 #include <memory_resource>
 #include <new>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -84,7 +85,7 @@ TEST(unforked_memory, is_zeroed_and_whole) {
 TEST(unforked_memory, may_not_be_had) {
   constexpr std::size_t kTooMuch = std::numeric_limits<std::size_t>::max() / 2;
   EXPECT_EQ(unforked_memory::allocate(kTooMuch), nullptr);
-  EXPECT_THROW(static_cast<void>(unforked_memory::resource()->allocate(kTooMuch)), std::bad_alloc);
+  EXPECT_THROW(std::ignore = unforked_memory::resource()->allocate(kTooMuch), std::bad_alloc);
 }
 
 TEST(unforked_memory, serves_containers) {
