@@ -8,22 +8,41 @@
 
 #include "common/misc/unique_fd.h"
 
+namespace {
+
+constexpr ssize_t kChunk = 4096;
+
+/// Appends what one read gives. @return its length, 0 at the end, -1 with errno set on failure.
+ssize_t append_chunk(int fd, std::string& out) {
+  char chunk[kChunk];
+  ssize_t got = 0;
+  do {
+    got = ::read(fd, chunk, sizeof chunk);
+  } while (got < 0 && errno == EINTR);
+  if (got > 0) out.append(chunk, static_cast<std::size_t>(got));
+  return got;
+}
+
+}  // namespace
+
 bool read_small_file(int dir, const char* path, std::string& out) {
   out.clear();
   const unique_fd file(::openat(dir, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file.valid()) return false;
-  if (read_to_end(file.get(), out)) return true;
-  out.clear();
-  return false;
+  for (;;) {
+    const ssize_t got = append_chunk(file.get(), out);
+    // A list breaks between two of its entries, so a read that stops short of a full buffer may not
+    // be the last yet.
+    if (got > kChunk / 2) continue;
+    if (got < 0) out.clear();
+    return got >= 0;
+  }
 }
 
 bool read_to_end(int fd, std::string& out) {
-  char chunk[4096];
   for (;;) {
-    const ssize_t got = ::read(fd, chunk, sizeof chunk);
-    if (got < 0 && errno == EINTR) continue;
+    const ssize_t got = append_chunk(fd, out);
     if (got <= 0) return got == 0;
-    out.append(chunk, static_cast<std::size_t>(got));
   }
 }
 

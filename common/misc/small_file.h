@@ -3,8 +3,10 @@
 #include <string>
 #include <string_view>
 
-/// Reads a file whole that is named relative to the directory `dir` (or AT_FDCWD). Never waits for
-/// a writer of a pipe. @return false, with errno set and nothing in `out`, when it cannot be read.
+/// Reads a file whole, of /proc or on a disk, that is named relative to the directory `dir` (or
+/// AT_FDCWD). The kernel hands out as much of such a file as fits, so a read that leaves half of its
+/// buffer empty is the last. Never waits for a writer of a pipe.
+/// @return false, with errno set and nothing in `out`, when it cannot be read.
 bool read_small_file(int dir, const char* path, std::string& out);
 
 /// Appends what can be read from `fd` to `out`. @return false, with errno set, when reading failed.
