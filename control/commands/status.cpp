@@ -5,6 +5,7 @@
 
 #include "control/commands/status_report.h"
 #include "control/commands/status_watch.h"
+#include "control/site/memory_meter.h"
 #include "control/site/name_filter.h"
 
 namespace control {
@@ -40,7 +41,7 @@ int run_status(const session& here, const status_options& options) {
   const name_filter filter(options.names);
   const std::vector<std::string> unknown = filter.unused(names);
   std::erase_if(programs, [&](const program_status& one) { return !filter.fits(one.name); });
-  measure_memory(here.proc, programs);
+  memory_meter().measure(here.proc, programs);
 
   const status_report report{here, now, programs, counts};
   const std::string text = options.json ? report.json() : report.text();

@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "control/commands/status_report.h"
+#include "control/site/memory_meter.h"
 #include "control/site/name_filter.h"
 #include "control/text/failure.h"
 #include "control/text/quantity.h"
@@ -126,13 +127,14 @@ int watch_status(const session& here, const status_options& options) {
   const name_filter filter(options.names);
   const raw_keyboard keyboard;
   history seen;
+  memory_meter meter;
   char order = 0;
   for (;;) {
     const snapshot now = here.look();
     std::vector<program_status> programs = list_programs(now, here.place);
     const std::string counts = count_programs(programs);
     std::erase_if(programs, [&](const program_status& one) { return !filter.fits(one.name); });
-    measure_memory(here.proc, programs);
+    meter.measure(here.proc, programs);
     std::vector<watched> rows;
     rows.reserve(programs.size());
     for (const program_status& one : programs)

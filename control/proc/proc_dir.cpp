@@ -54,7 +54,7 @@ std::optional<process> parse_stat(pid_t pid, std::string_view line) {
   std::uint64_t system = 0;
   bool whole = true;
   // The numbers are those of the fields in proc(5).
-  for (int field = 3; field <= 22 && whole; ++field) {
+  for (int field = 3; field <= 24 && whole; ++field) {
     const std::string_view word = next_word(rest);
     whole = !word.empty();
     if (field == 3 && whole) found.state = word.front();
@@ -63,7 +63,8 @@ std::optional<process> parse_stat(pid_t pid, std::string_view line) {
     if (field == 14) whole = parse_number(word, user);
     if (field == 15) whole = parse_number(word, system);
     if (field == 20) whole = parse_number(word, found.threads);
-    if (field == 22) whole = parse_number(word.substr(0, word.find('\n')), found.started);
+    if (field == 22) whole = parse_number(word, found.started);
+    if (field == 24) whole = parse_number(word.substr(0, word.find('\n')), found.resident);
   }
   found.cpu = user + system;
   if (!whole) return {};

@@ -7,7 +7,6 @@
 #include <unordered_map>
 #include <utility>
 
-#include "control/proc/in_parallel.h"
 #include "control/text/quantity.h"
 
 namespace control {
@@ -184,13 +183,6 @@ std::vector<program_status> list_programs(const snapshot& now, const site& place
   for (const running_program& one : now.left_over)
     programs.push_back(unlisted(one, actual::left_over));
   return programs;
-}
-
-void measure_memory(const proc_dir& proc, std::vector<program_status>& programs) {
-  in_parallel(programs.size(), [&](std::size_t i) {
-    for (const process& one : programs[i].tree)
-      programs[i].memory += proc.memory(one.pid);
-  });
 }
 
 }  // namespace control

@@ -32,7 +32,7 @@ struct program_status {
   std::optional<process> program;
   std::vector<process> tree;
   double cpu_seconds = 0;    ///< Of all that runs below the copy and has not ended.
-  std::uint64_t memory = 0;  ///< Bytes; 0 unless `measure_memory` was called.
+  std::uint64_t memory = 0;  ///< Bytes; 0 unless a `memory_meter` has measured them.
 };
 
 /// The words for it in tables and in JSON.
@@ -41,8 +41,5 @@ const char* name_of(actual what);
 /// Every listed program in the order of the file, then what is running and not listed, then what
 /// was left over.
 std::vector<program_status> list_programs(const snapshot& now, const site& place);
-
-/// Adds the memory that each program and everything below it uses.
-void measure_memory(const proc_dir& proc, std::vector<program_status>& programs);
 
 }  // namespace control

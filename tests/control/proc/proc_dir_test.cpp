@@ -15,7 +15,7 @@
 using control::proc_dir;
 
 TEST(proc_dir, reads_a_process_whose_name_has_blanks_and_parentheses) {
-  const recorded_tree tree({{7, 3, "a) (b c", {"x", "", "y"}, 4, 123, 9, 'R', 55}});
+  const recorded_tree tree({{7, 3, "a) (b c", {"x", "", "y"}, 4, 123, 9, 'R', 55, 66}});
   const proc_dir proc(tree.root());
   const auto found = proc.find(7);
   ASSERT_TRUE(found);
@@ -26,6 +26,7 @@ TEST(proc_dir, reads_a_process_whose_name_has_blanks_and_parentheses) {
   EXPECT_EQ(found->threads, 4);
   EXPECT_EQ(found->started, 123U);
   EXPECT_EQ(found->cpu, 55U);
+  EXPECT_EQ(found->resident, 66U);
   EXPECT_EQ(proc.command_line(7), (std::vector<std::string>{"x", "", "y"}));
   EXPECT_EQ(proc.pids(), std::vector<pid_t>{7});
 }

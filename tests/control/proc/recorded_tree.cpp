@@ -13,7 +13,7 @@ recorded_tree::recorded_tree(const std::vector<recorded_process>& processes) {
                              std::to_string(one.parent) + " 0 " + std::to_string(one.session) +
                              " 0 -1 0 0 0 0 0 " + std::to_string(one.cpu) + " 0 0 0 20 0 " +
                              std::to_string(one.threads) + " 0 " + std::to_string(one.started) +
-                             " 0 0\n";
+                             " 0 " + std::to_string(one.resident) + "\n";
     std::string words;
     for (const std::string& word : one.words)
       words += word + '\0';

@@ -19,6 +19,7 @@ struct recorded_process {
   pid_t session = 50;
   char state = 'S';
   std::uint64_t cpu = 0;
+  std::uint64_t resident = 0;
 };
 
 /// A directory with the files that /proc would have.
