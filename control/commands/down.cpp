@@ -4,6 +4,7 @@
 #include <csignal>
 #include <thread>
 
+#include "control/proc/process_handle.h"
 #include "control/site/ending.h"
 #include "control/text/failure.h"
 
@@ -79,10 +80,12 @@ int run_down(const session& here, const down_options& options) {
     throw failure("keelmond (PID " + std::to_string(daemon.who().pid) +
                   ") is another user's: try it as root");
   }
+  // At once, for until they have ended the daemon's search for each goes through all of them.
+  ending all(here.proc, everything(now));
   const bool leaving = wait_leaving(here, daemon, end);
-  const snapshot later = here.look();
-  std::vector<running_program> programs = everything(later.running.empty() ? now : later);
-  const ending all(here.proc, programs);
+  if (leaving) all.ask(SIGUSR2);
+  // What it has started between the look and its leaving.
+  all.add(everything(here.look()));
   if (leaving) all.ask(SIGUSR2);
 
   const bool daemon_ended = daemon.wait_end(left_until(end));

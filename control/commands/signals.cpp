@@ -22,7 +22,7 @@ constexpr milliseconds kLookEvery{5};
 /// One program that is being restarted.
 struct restart {
   std::string name;
-  process_handle old;
+  process old;
   pid_t now = 0;
 };
 
@@ -45,7 +45,7 @@ bool look_for_new(const snapshot& now, std::vector<restart>& restarts) {
   bool all = true;
   for (restart& one : restarts) {
     const running_program* const running = now.find_running(one.name);
-    if (running != nullptr && running->program && !running->program->same_as(one.old.who()))
+    if (running != nullptr && running->program && !running->program->same_as(one.old))
       one.now = running->program->pid;
     all = all && one.now != 0;
   }
@@ -55,14 +55,14 @@ bool look_for_new(const snapshot& now, std::vector<restart>& restarts) {
 int report(const session& here, const std::vector<restart>& restarts) {
   int status = exit_status::kDone;
   for (const restart& one : restarts) {
-    const std::string old = std::to_string(one.old.who().pid);
+    const std::string old = std::to_string(one.old.pid);
     if (one.now != 0) {
       say(one.name + " was PID " + old + " and is PID " + std::to_string(one.now));
       continue;
     }
     status = exit_status::kFailed;
     warn(here,
-         one.old.has_ended()
+         !here.proc.is_alive(one.old)
              ? one.name + " (PID " + old +
                    ") has ended and was not started again in time; see `keelmondctl status`"
              : one.name + " (PID " + old + ") has not ended; --signal KILL leaves it no choice");
@@ -106,10 +106,10 @@ int run_restart(const session& here, const restart_options& options) {
     // Of all programs, those that are not to run are left out; one that was asked for is not.
     if (options.all && listed != nullptr && !listed->wants_run()) continue;
     require_supervised(now, name);
-    restarts.push_back({name, process_handle(here.proc, running_process(now, name))});
+    restarts.push_back({name, running_process(now, name)});
   }
   for (const restart& one : restarts)
-    send(one.old, signal, one.name);
+    send(process_handle(here.proc, one.old), signal, one.name);
   while (!look_for_new(here.look(), restarts) && steady::now() < end)
     std::this_thread::sleep_for(kLookEvery);
   return report(here, restarts);

@@ -92,7 +92,7 @@ process await_daemon(const session& here, milliseconds limit) {
 
 std::size_t end_left_over(const session& here, const snapshot& now, milliseconds grace) {
   if (now.left_over.empty()) return 0;
-  const ending programs(here.proc, now.left_over);
+  ending programs(here.proc, now.left_over);
   for (const std::string& one : programs.left())
     say("ending " + one + ", which an earlier keelmond left running");
   programs.ask(SIGUSR2);

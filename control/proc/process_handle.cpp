@@ -6,11 +6,16 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string>
+#include <system_error>
 
 namespace control {
 
 process_handle::process_handle(const proc_dir& proc, const process& known) : who_(known) {
   fd_.reset(static_cast<int>(::syscall(SYS_pidfd_open, known.pid, 0)));
+  if (!fd_.valid() && errno != ESRCH && errno != EINVAL)
+    throw std::system_error(errno, std::generic_category(),
+                            "no handle on PID " + std::to_string(known.pid));
   // Only now: what had that id before the handle existed says nothing about what the handle holds.
   if (fd_.valid() && !proc.is_alive(known)) fd_.reset();
 }

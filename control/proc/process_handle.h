@@ -15,6 +15,8 @@ class process_handle final {
  public:
   /// Takes hold of `known`. The handle is not valid when that process has ended, or when a later
   /// one has its id by now.
+  /// @throws std::system_error when the kernel gives no handle for another reason, for instance
+  /// because too many files are open.
   process_handle(const proc_dir& proc, const process& known);
 
   [[nodiscard]] bool valid() const { return fd_.valid(); }

@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <csignal>
+#include <iterator>
+#include <unordered_set>
 #include <utility>
+
+#include "control/proc/process_handle.h"
 
 namespace control {
 namespace {
@@ -14,51 +18,61 @@ milliseconds left_until(steady::time_point end) {
   return std::max(std::chrono::duration_cast<milliseconds>(end - steady::now()), milliseconds(0));
 }
 
-}  // namespace
-
-ending::ending(const proc_dir& proc, const std::vector<running_program>& programs) {
-  for (const running_program& one : programs) {
-    member added{one.name, process_handle(proc, one.copy), {}, one.tree.size()};
-    for (const process& below : one.tree) {
-      if (one.program && below.same_as(*one.program)) added.program = added.tree.size();
-      added.tree.emplace_back(proc, below);
-    }
-    members_.push_back(std::move(added));
-  }
+/// The process whose end is waited for, beside that of the copy.
+const process& awaited(const running_program& one) {
+  return one.program ? *one.program : one.copy;
 }
 
-void ending::ask(int signal) const {
-  for (auto one = members_.rbegin(); one != members_.rend(); ++one) {
-    // One that has ended meanwhile is what was wanted.
-    if (one->program < one->tree.size()) static_cast<void>(one->tree[one->program].send(signal));
+}  // namespace
+
+ending::ending(const proc_dir& proc, std::vector<running_program> programs)
+    : proc_(proc), members_(std::move(programs)) {}
+
+void ending::add(std::vector<running_program> programs) {
+  // A program that has lost its copy since stands there as its own.
+  std::unordered_set<pid_t> known;
+  for (const running_program& one : members_) {
+    known.insert(one.copy.pid);
+    known.insert(awaited(one).pid);
   }
+  std::erase_if(programs, [&](const running_program& one) { return known.contains(one.copy.pid); });
+  std::move(programs.begin(), programs.end(), std::back_inserter(members_));
+}
+
+void ending::ask(int signal) {
+  for (std::size_t i = members_.size(); i-- > asked_;) {
+    // One that has ended meanwhile is what was wanted.
+    if (members_[i].program)
+      static_cast<void>(process_handle(proc_, *members_[i].program).send(signal));
+  }
+  asked_ = members_.size();
 }
 
 bool ending::wait(milliseconds limit) const {
   const auto end = steady::now() + limit;
-  return std::all_of(members_.begin(), members_.end(), [&](const member& one) {
-    if (one.program < one.tree.size() && !one.tree[one.program].wait_end(left_until(end)))
-      return false;
-    return one.copy.wait_end(left_until(end));
+  return std::all_of(members_.begin(), members_.end(), [&](const running_program& one) {
+    return process_handle(proc_, awaited(one)).wait_end(left_until(end)) &&
+           process_handle(proc_, one.copy).wait_end(left_until(end));
   });
 }
 
 std::vector<std::string> ending::left() const {
   std::vector<std::string> names;
-  for (const member& one : members_) {
-    const bool has_program = one.program < one.tree.size();
-    const process_handle& asked = has_program ? one.tree[one.program] : one.copy;
-    if (asked.has_ended() && one.copy.has_ended()) continue;
-    names.push_back(one.name + " (PID " + std::to_string(asked.who().pid) + ")");
+  for (const running_program& one : members_) {
+    if (proc_.is_alive(awaited(one)) || proc_.is_alive(one.copy))
+      names.push_back(one.name + " (PID " + std::to_string(awaited(one).pid) + ")");
   }
   return names;
 }
 
 void ending::kill() const {
-  for (const member& one : members_) {
-    static_cast<void>(one.copy.send(SIGKILL));
-    for (const process_handle& below : one.tree)
-      static_cast<void>(below.send(SIGKILL));
+  const auto kill_one = [&](const process& one) {
+    static_cast<void>(process_handle(proc_, one).send(SIGKILL));
+  };
+  for (const running_program& one : members_) {
+    kill_one(one.copy);
+    for (const process& below : one.tree)
+      kill_one(below);
   }
 }
 

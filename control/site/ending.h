@@ -1,11 +1,11 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #include "control/proc/proc_dir.h"
-#include "control/proc/process_handle.h"
 #include "control/site/running_programs.h"
 
 namespace control {
@@ -13,14 +13,16 @@ namespace control {
 /// Ends programs: asks the programs themselves, waits for them and their copies, and as a last
 /// resort kills them with everything below them.
 ///
-/// Holds on to every process from the beginning, so that nobody else is ever hit. Programs that
-/// are started meanwhile are not among them.
+/// Remembers every process from the beginning, and takes hold of it only for as long as it takes to
+/// reach that one and nobody else, so that thousands need no more descriptors than one.
 class ending final {
  public:
-  ending(const proc_dir& proc, const std::vector<running_program>& programs);
+  ending(const proc_dir& proc, std::vector<running_program> programs);
 
-  /// Sends the signal to the programs themselves, the last one first.
-  void ask(int signal) const;
+  /// Takes those that have been started since.
+  void add(std::vector<running_program> programs);
+  /// Sends the signal to the programs themselves, the last one first; each gets it once.
+  void ask(int signal);
   /// Waits until the programs and their copies have ended. @return whether they have.
   [[nodiscard]] bool wait(std::chrono::milliseconds limit) const;
   /// "NAME (PID n)" of those that have not.
@@ -29,13 +31,9 @@ class ending final {
   void kill() const;
 
  private:
-  struct member {
-    std::string name;
-    process_handle copy;
-    std::vector<process_handle> tree;
-    std::size_t program;  ///< Which of the tree; its size when there is none yet.
-  };
-  std::vector<member> members_;
+  const proc_dir& proc_;
+  std::vector<running_program> members_;
+  std::size_t asked_ = 0;  ///< How many of the members, from the first on.
 };
 
 }  // namespace control

@@ -1,42 +1,18 @@
 #include "control/proc/process_handle.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+#include "tests/control/proc/descriptor_limit.h"
+#include "tests/control/proc/idle_child.h"
 
 using control::proc_dir;
 using control::process_handle;
 using std::chrono::milliseconds;
-
-namespace {
-
-/// A child that does nothing until it is ended.
-class idle_child final {
- public:
-  idle_child() : pid_(::fork()) {
-    // Its number is killed later, and -1 is everybody.
-    if (pid_ < 0) throw std::runtime_error("fork");
-    if (pid_ != 0) return;
-    for (;;)
-      ::pause();
-  }
-  idle_child(const idle_child&) = delete;
-  idle_child& operator=(const idle_child&) = delete;
-  ~idle_child() {
-    ::kill(pid_, SIGKILL);
-    ::waitpid(pid_, nullptr, 0);
-  }
-  [[nodiscard]] pid_t pid() const { return pid_; }
-
- private:
-  pid_t pid_;
-};
-
-}  // namespace
 
 TEST(process_handle, signals_the_process_and_sees_its_end) {
   const proc_dir proc;
@@ -72,4 +48,12 @@ TEST(process_handle, waits_for_several) {
   EXPECT_FALSE(wait_all_ended(handles, milliseconds(20)));
   EXPECT_TRUE(handles[1].send(SIGTERM));
   EXPECT_TRUE(wait_all_ended(handles, milliseconds(10000)));
+}
+
+TEST(process_handle, says_so_where_there_is_no_room_for_it) {
+  const proc_dir proc;
+  const idle_child child;
+  const control::process known = *proc.find(child.pid());
+  const descriptor_limit none(0);
+  EXPECT_THROW(process_handle(proc, known), std::system_error);
 }

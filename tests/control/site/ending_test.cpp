@@ -1,0 +1,128 @@
+#include "control/site/ending.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "common/misc/unique_fd.h"
+#include "tests/control/proc/descriptor_limit.h"
+#include "tests/control/proc/idle_child.h"
+
+using control::ending;
+using control::proc_dir;
+using control::process;
+using control::running_program;
+using std::chrono::milliseconds;
+
+namespace {
+
+constexpr milliseconds kLongest{30000};
+
+/// What a supervisor's program looks like whose copy is `copy`.
+running_program program_of(const proc_dir& proc, pid_t copy, pid_t program) {
+  running_program one;
+  one.name = "p" + std::to_string(program);
+  one.copy = *proc.find(copy);
+  one.program = proc.find(program);
+  one.tree = {*one.program};
+  return one;
+}
+
+int g_told = -1;
+
+/// Tells of each SIGUSR2 by a byte in a pipe; ends by SIGTERM, with the end of the pipe.
+class telling_child final {
+ public:
+  telling_child() {
+    int ends[2];
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    told_.reset(ends[0]);
+    unique_fd tells(ends[1]);
+    // A handler is inherited, so the signal finds one however early it comes.
+    g_told = ends[1];
+    const auto before = std::signal(
+        SIGUSR2, [](int) { [[maybe_unused]] const ssize_t ignored = ::write(g_told, "x", 1); });
+    child_ = std::make_unique<idle_child>();
+    std::signal(SIGUSR2, before);
+  }
+
+  [[nodiscard]] pid_t pid() const { return child_->pid(); }
+  /// Waits for one more. @return whether one came before the end.
+  [[nodiscard]] bool is_told() const {
+    char byte = 0;
+    return ::read(told_.get(), &byte, 1) == 1;
+  }
+
+ private:
+  unique_fd told_;
+  std::unique_ptr<idle_child> child_;
+};
+
+}  // namespace
+
+TEST(ending, asks_each_program_once_even_if_it_is_seen_again) {
+  const proc_dir proc;
+  const idle_child copy;
+  const telling_child first;
+  ending all(proc, {program_of(proc, copy.pid(), first.pid())});
+  all.ask(SIGUSR2);
+  ASSERT_TRUE(first.is_told());
+
+  const telling_child later;
+  all.add({program_of(proc, copy.pid(), first.pid()), program_of(proc, first.pid(), first.pid()),
+           program_of(proc, later.pid(), later.pid())});
+  all.ask(SIGUSR2);
+  EXPECT_TRUE(later.is_told());
+  ASSERT_EQ(::kill(first.pid(), SIGTERM), 0);
+  EXPECT_FALSE(first.is_told());
+}
+
+TEST(ending, waits_for_the_copy_as_well_and_names_what_is_left) {
+  const proc_dir proc;
+  const idle_child copy;
+  const idle_child program;
+  ending all(proc, {program_of(proc, copy.pid(), program.pid())});
+  all.ask(SIGTERM);
+  EXPECT_FALSE(all.wait(milliseconds(20)));
+  const std::string pid = std::to_string(program.pid());
+  EXPECT_EQ(all.left(), std::vector<std::string>{"p" + pid + " (PID " + pid + ")"});
+  all.kill();
+  EXPECT_TRUE(all.wait(kLongest));
+  EXPECT_TRUE(all.left().empty());
+}
+
+TEST(ending, hits_nobody_who_has_the_number_of_one_that_has_ended) {
+  const proc_dir proc;
+  const idle_child stranger;
+  running_program earlier = program_of(proc, stranger.pid(), stranger.pid());
+  earlier.copy.started -= 1;
+  earlier.program = earlier.copy;
+  earlier.tree = {earlier.copy};
+  ending all(proc, {earlier});
+  all.ask(SIGKILL);
+  all.kill();
+  EXPECT_TRUE(all.wait(kLongest));
+  EXPECT_TRUE(all.left().empty());
+  EXPECT_TRUE(proc.find(stranger.pid()));
+}
+
+TEST(ending, ends_more_programs_than_there_is_room_for_descriptors) {
+  const proc_dir proc;
+  std::vector<std::unique_ptr<idle_child>> children;
+  std::vector<running_program> programs;
+  for (int i = 0; i < 20; ++i) {
+    children.push_back(std::make_unique<idle_child>());
+    programs.push_back(program_of(proc, children.back()->pid(), children.back()->pid()));
+  }
+  const descriptor_limit few(3);
+  ending all(proc, programs);
+  all.ask(SIGTERM);
+  EXPECT_TRUE(all.wait(kLongest));
+  EXPECT_TRUE(all.left().empty());
+}
