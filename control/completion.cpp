@@ -51,11 +51,19 @@ complete -F _keelmondctl keelmondctl
 )sh";
 }
 
-/// In single quotes, and for zsh with ":" escaped.
+/// What stands between single quotes.
 std::string quoted(const std::string& text) {
   std::string out;
   for (const char c : text)
-    out += c == '\'' ? std::string("'\\''") : c == ':' ? std::string("\\:") : std::string(1, c);
+    out += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return out;
+}
+
+/// The same where ":" begins a description.
+std::string without_colons(const std::string& text) {
+  std::string out;
+  for (const char c : text)
+    out += c == ':' ? std::string("\\:") : std::string(1, c);
   return out;
 }
 
@@ -63,7 +71,7 @@ std::string zsh_script(const std::vector<completed_command>& commands) {
   std::string list;
   std::string cases;
   for (const completed_command& one : commands) {
-    list += "    '" + one.name + ":" + quoted(one.description) + "'\n";
+    list += "    '" + one.name + ":" + quoted(without_colons(one.description)) + "'\n";
     std::string body = "compadd -- " + joined(one.options);
     if (one.takes_names)
       body += "; compadd -- ${(f)\"$(keelmondctl $directory names 2>/dev/null)\"}";
@@ -100,19 +108,48 @@ compdef _keelmondctl keelmondctl
 
 std::string fish_script(const std::vector<completed_command>& commands) {
   std::string script =
-      "# Completion of keelmondctl for fish: keelmondctl completion fish | source\n"
-      "complete -c keelmondctl -f\n"
-      "complete -c keelmondctl -s C -x -a '(__fish_complete_directories)'\n";
+      R"sh(# Completion of keelmondctl for fish: keelmondctl completion fish | source
+function __keelmondctl_command
+    set -l words (commandline -opc)
+    set -e words[1]
+    while set -q words[1]
+        switch $words[1]
+            case -C
+                set -e words[1]
+            case '-*'
+            case '*'
+                echo $words[1]
+                return
+        end
+        set -e words[1]
+    end
+    return 1
+end
+function __keelmondctl_in
+    set -l command (__keelmondctl_command)
+    and test "$command" = $argv[1]
+end
+function __keelmondctl_names
+    set -l words (commandline -opc)
+    set -l directory
+    if set -l at (contains -i -- -C $words)
+        set directory -C $words[(math $at + 1)]
+    end
+    keelmondctl $directory names 2>/dev/null
+end
+complete -c keelmondctl -f
+complete -c keelmondctl -s C -x -a '(__fish_complete_directories)'
+)sh";
   for (const completed_command& one : commands) {
     const std::string in_command =
-        "complete -c keelmondctl -n '__fish_seen_subcommand_from " + one.name + "' ";
-    script += "complete -c keelmondctl -n __fish_use_subcommand -a " + one.name + " -d '" +
+        "complete -c keelmondctl -n '__keelmondctl_in " + one.name + "' ";
+    script += "complete -c keelmondctl -n 'not __keelmondctl_command' -a " + one.name + " -d '" +
               quoted(one.description) + "'\n";
     for (const std::string& option : one.options) {
       const bool is_long = option.starts_with("--");
       script += in_command + (is_long ? "-l " + option.substr(2) : "-s " + option.substr(1)) + "\n";
     }
-    if (one.takes_names) script += in_command + "-a '(keelmondctl names 2>/dev/null)'\n";
+    if (one.takes_names) script += in_command + "-a '(__keelmondctl_names)'\n";
     if (one.takes_file) script += in_command + "-F\n";
   }
   return script;

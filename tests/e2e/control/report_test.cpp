@@ -175,26 +175,20 @@ TEST(control_metrics, replace_a_file_whole) {
   EXPECT_EQ(control(place, {"metrics", "--textfile", "/nonexistent/file"}).status, 1);
 }
 
-TEST(control_completion, knows_commands_options_and_programs) {
+TEST(control_metrics, are_valid_for_promtool) {
+  if (std::system("command -v promtool >/dev/null") != 0) GTEST_SKIP() << "there is no promtool";
   installation place;
-  place.save({{"kmc_alpha", "", "stop"}, {"kmc_beta", "", "stop"}});
-  const control_result bash = control(place, {"completion", "bash"});
-  ASSERT_EQ(bash.status, 0) << bash.errors;
-  write_file(place.site() / "complete.sh",
-             bash.output + "\nPATH=" + fs::path(KEELMONDCTL_BINARY).parent_path().string() +
-                 ":$PATH\n"
-                 "try() { COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _keelmondctl;"
-                 " echo \"${COMPREPLY[*]}\"; }\n"
-                 "try keelmondctl sta\ntry keelmondctl -C . restart kmc_\n"
-                 "try keelmondctl down --k\n");
-  const std::string command = "cd " + place.site().string() + " && bash complete.sh > out 2>&1";
-  ASSERT_EQ(std::system(command.c_str()), 0) << place.read("out");
-  EXPECT_EQ(place.read("out"), "status start\nkmc_alpha kmc_beta\n--kill\n");
-  for (const char* const shell : {"zsh", "fish"}) {
-    const control_result script = control(place, {"completion", shell});
-    EXPECT_EQ(script.status, 0);
-    EXPECT_TRUE(contains(script.output, "restart")) << script.output;
-    EXPECT_FALSE(contains(script.output, "'names")) << script.output;
-  }
-  EXPECT_EQ(control(place, {"completion", "tcsh"}).status, 2);
+  const std::string name = place.add_steady();
+  place.save({place.entry(name), {"kmc_\"odd", "", "stop"}});
+  const auto check = [&] {
+    write_file(place.site() / "metrics", control(place, {"metrics"}).output);
+    const std::string directory = "cd " + place.site().string();
+    EXPECT_EQ(std::system((directory + " && promtool check metrics <metrics >out 2>&1").c_str()), 0)
+        << place.read("out");
+    EXPECT_EQ(place.read("out"), "");
+  };
+  check();
+  place.start();
+  place.wait_running(name);
+  check();
 }
