@@ -5,6 +5,12 @@ target_include_directories(keelmond_options INTERFACE ${PROJECT_SOURCE_DIR})
 target_compile_options(keelmond_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
 
+# What is installed checks its stack and its copies, and keeps the linker's tables from being written.
+set(installed $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
+target_compile_options(keelmond_options INTERFACE
+  $<${installed}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2;-Werror=format-security>)
+target_link_options(keelmond_options INTERFACE $<${installed}:LINKER:-z,relro;LINKER:-z,now>)
+
 if(KEELMOND_SANITIZE)
   # Instrumented code needs larger stacks.
   target_compile_definitions(keelmond_options INTERFACE KEELMOND_SANITIZED)
