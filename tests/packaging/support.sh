@@ -1,0 +1,65 @@
+# shellcheck shell=bash
+# What the checks of the packages share. They run in a system of their own, as root. Sourced, not run.
+set -euo pipefail
+
+home=/var/lib/keelmond
+
+fail() {
+  printf 'FAILED: %s\n' "$*" >&2
+  exit 1
+}
+
+# expect WHAT COMMAND...: COMMAND has to succeed.
+expect() {
+  local what=$1
+  shift
+  "$@" >/tmp/said 2>&1 || {
+    cat /tmp/said >&2
+    fail "$what ($*)"
+  }
+}
+
+# refuse WHAT COMMAND...: COMMAND has to fail.
+refuse() {
+  local what=$1
+  shift
+  ! "$@" >/tmp/said 2>&1 || fail "$what ($*)"
+}
+
+# await WHAT COMMAND...: COMMAND has to succeed within a minute.
+await() {
+  local what=$1 tries=0
+  shift
+  until "$@" >/tmp/said 2>&1; do
+    ((++tries < 600)) || {
+      cat /tmp/said >&2
+      fail "$what ($*)"
+    }
+    sleep 0.1
+  done
+}
+
+equal() {
+  [[ $1 == "$2" ]]
+}
+
+# The number of processes of the program $1.
+count() {
+  pgrep -xc "$1" || true
+}
+
+runs_times() {
+  equal "$(count "$1")" "$2"
+}
+
+# As operating.md says: a directory of the user keelmond's with the example in it.
+make_site() {
+  install -d -o keelmond -g keelmond -m 0750 "$home/$1"
+  runuser -u keelmond -- keelmondctl -C "$home/$1" init --example >/dev/null
+}
+
+# The daemon's process id in the site $1.
+daemon_of() {
+  keelmondctl -C "$home/$1" status --json | tr -d '\n ' |
+    sed -n 's/.*"daemon":{[^}]*"pid":\([0-9]*\).*/\1/p'
+}
