@@ -30,6 +30,7 @@ int __real_poll(pollfd* requests, nfds_t count, int milliseconds);
 int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
 int __real_select(int count, fd_set* readable, fd_set* writable, fd_set* special, timeval* limit);
 int __real_flock(int fd, int operation);
+void* __real_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset);
 
 pid_t __wrap_fork() {
   require_forking_thread();
@@ -52,6 +53,11 @@ pid_t __wrap_waitpid(pid_t pid, int* status, int options) {
 
 int __wrap_execv(const char* path, char* const* arguments) {
   return faults.execv ? faults.execv(path, arguments) : __real_execv(path, arguments);
+}
+
+void* __wrap_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset) {
+  return faults.mmap ? faults.mmap(at, size, protection, flags, fd, offset)
+                     : __real_mmap(at, size, protection, flags, fd, offset);
 }
 
 int __wrap_pipe2(int* ends, int flags) {

@@ -38,6 +38,7 @@ struct system_calls {
   std::function<int(int, fd_set*, fd_set*, fd_set*, timeval*)> select;
   std::function<int(int, int)> flock;
   std::function<int(int*, int)> pipe2;
+  std::function<void*(void*, std::size_t, int, int, int, off_t)> mmap;
 };
 
 /// What stands in at the moment.
