@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "common/version/fun_version.h"
+#include "common/version/version.h"
 #include "runner/file/program_file.h"
 #include "runner/supervise/supervision.h"
 

@@ -29,10 +29,6 @@ bool has_python() {
   return fs::exists("/usr/bin/python3");
 }
 
-std::size_t lines_of(const std::string& text) {
-  return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
-}
-
 }  // namespace
 
 TEST(runner_restart, the_pause_grows_while_a_program_cannot_stay_up) {
@@ -46,7 +42,7 @@ TEST(runner_restart, the_pause_grows_while_a_program_cannot_stay_up) {
   }));
   const auto state = place.state(name);
   EXPECT_EQ(state->status, "exit 3");
-  EXPECT_GE(lines_of(place.read("starts")), 6U);
+  EXPECT_GE(count(place.read("starts"), "\n"), 6U);
   // The supervisor has seen nothing of all this.
   EXPECT_EQ(count(place.site().log(), "launched sub process"), 1U);
 }
@@ -87,7 +83,7 @@ TEST(runner_restart, on_failure_leaves_a_program_alone_that_ended_well) {
   place.start();
   place.wait_phase(well, program_phase::ended);
   EXPECT_EQ(place.wait_phase(never, program_phase::ended).status, "exit 3");
-  EXPECT_TRUE(wait_until([&] { return lines_of(place.read("badly")) >= 3; }));
+  EXPECT_TRUE(wait_until([&] { return count(place.read("badly"), "\n") >= 3; }));
   EXPECT_EQ(place.read("well"), "x\n");
   EXPECT_EQ(place.read("never"), "x\n");
   EXPECT_FALSE(place.is_ready(well));
@@ -289,7 +285,7 @@ TEST(runner_health, a_program_that_is_not_well_is_ended_and_comes_back) {
       "failures = 2\n[restart]\ndelay = 1ms\n");
   place.start();
   const program_state first = place.wait_phase(name, program_phase::running);
-  ASSERT_TRUE(wait_until([&] { return lines_of(place.read("asked")) >= 3; }));
+  ASSERT_TRUE(wait_until([&] { return count(place.read("asked"), "\n") >= 3; }));
   EXPECT_TRUE(process_table::is_alive(first.pid));
   write_file(place.path_of("ill"), "");
   ASSERT_TRUE(wait_until([&] { return !process_table::is_alive(first.pid); }));
