@@ -25,7 +25,7 @@ namespace {
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
 
-/// What is saved between two rounds is not seen, on purpose: a reload is over before the next one.
+/// Between two rounds. That a save in it is not seen is part of the interface.
 constexpr std::chrono::seconds kPause{2};
 /// A save in place counts as finished when nothing has changed for this long.
 constexpr milliseconds kQuiet{50};

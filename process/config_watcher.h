@@ -13,8 +13,8 @@ inline constexpr char kConfigPath[] = "./config/server.ini";
 /// first, and one that was made while the reload was going on causes another. Then comes a pause of
 /// two seconds, in which nothing is seen.
 /// @param path the file's name, NUL-terminated.
-/// @return null, and only when there is no inotify instance to be had or the file cannot be
-///         watched; lines on standard error say which.
+/// @return null, and only when there is no inotify instance left or the file cannot be watched;
+///         lines on standard error say which.
 void* watch_file(void* path);
 
 /// SIGUSR1's handler once the first configuration has been loaded: loads it again when `sig` is
@@ -23,5 +23,5 @@ void server_config_changed(int sig);
 
 /// Watches `path` on a thread of its own and waits for that thread: installs
 /// `server_config_changed`, starts `watch_file` and joins it. Returns when the watcher gives up.
-/// When no thread is to be had the calling thread watches itself.
+/// When no thread can be created the calling thread watches itself.
 void monitorServerConfig(const char* path);

@@ -23,8 +23,7 @@
 
 namespace {
 
-/// The message says 200 and the limit is 200000, both on purpose: people look for the text and rely
-/// on the number.
+/// The message says 200 and the limit is 200000. Both are part of the interface.
 constexpr int kRestartLimit = 200000;
 
 constexpr std::size_t kMessageSize = 256;
@@ -141,8 +140,8 @@ pid_t Tfun_monitor::wait_for_end(pid_t child, int& error) {
   const leave_gate::outside waiting(g_leave_gate);
   int status = 0;
   for (;;) {
-    // A copy that is only stopped counts as ended, on purpose: its program is started anew, and the
-    // stopped one stays for whoever wants to look at it.
+    // A child that is only stopped counts as ended, on purpose: its program is started anew, and
+    // the stopped one stays for whoever wants to look at it.
     const pid_t waited = ::waitpid(child, &status, WUNTRACED);
     error = errno;
     if (waited != -1 || error != EINTR) return waited;

@@ -59,11 +59,11 @@ class Tfun_monitor final : public Tsys_thread {
   void settle_live_file() const;
 
   /// The supervision loop, on the monitor's thread. Returns only at the restart limit.
-  /// @param command the text that the program's copy runs.
+  /// @param command the text that the program's child runs.
   void monitor_process(const char* command);
 
   [[nodiscard]] const char* program_name() const { return name; }
-  /// Process id of the copy started last; 0 until the first start. Never reset.
+  /// Process id of the child started last; 0 until the first start. Never reset.
   [[nodiscard]] int last_pid() const;
 
   /// How many programs have been launched by any monitor and not been recorded as ended.
@@ -76,7 +76,7 @@ class Tfun_monitor final : public Tsys_thread {
   // The thread's side.
   /// One turn of the loop up to a running program.
   /// @return the child's process id; 0 when the state was not "run" (a second has passed then), -1
-  ///         when there was no process to be had.
+  ///         when no process could be created.
   pid_t launch(const char* command);
   [[nodiscard]] bool wants_run() const;
   void record_launch(pid_t child);

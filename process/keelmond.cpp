@@ -30,8 +30,8 @@ void open_standard_descriptors() {
 
 /// Builds the path of the log.
 /// @return false, with a line on standard error, when the working directory cannot be worked in:
-///         there is none, or its name is too long for a buffer that is filled when we leave, too
-///         late to complain.
+///         there is none, or its name is too long for a buffer that is filled at the shutdown,
+///         too late to complain.
 bool build_log_path(char (&path)[512]) {
   char pid_path[256] = {};
   if (Tfun_misc::get_current_path(pid_path, kPidFile)) {
@@ -58,6 +58,7 @@ void open_log(const char* path) {
 void run_daemon() {
   char directory[512] = {};
   Tfun_misc::get_current_path(directory, "/");
+  // As `main` has done; the second time changes nothing.
   ::signal(SIGCHLD, SIG_IGN);
   ::signal(SIGUSR1, signal_reload);
   ::signal(SIGUSR2, signal_exit);
@@ -86,7 +87,7 @@ int main(int argc, char** argv) {
   console::print_line("keelmond ----------------------222--------------------------------------\r");
   char log_path[512] = {};
   if (!build_log_path(log_path)) return 0;
-  // The path is the format itself, on purpose: who reads it here knows "%%" for a single "%".
+  // The path is the format itself, which is part of the interface: "%%" in it shows as "%".
   console::print_as_format(log_path);
   Tfun_misc::create_dir_by_filename(log_path);
   open_log(log_path);

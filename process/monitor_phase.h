@@ -22,7 +22,7 @@ class monitor_phase final {
     auto expected = phase::none;
     return phase_.compare_exchange_strong(expected, phase::idle);
   }
-  /// No thread was to be had: a later start tries again.
+  /// No thread could be created: a later start tries again.
   void give_back() noexcept { phase_.store(phase::none); }
 
   /// Before the state is tested; a launch may follow.

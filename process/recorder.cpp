@@ -33,7 +33,7 @@ void append_line(const char* line) {
   if (g_logFile == nullptr) return;
   if (zone_is_old.exchange(false)) ::tzset();
   g_logFile->append_log(line, -1);
-  // The time comes second, on purpose: who reads the log takes it for the line above it.
+  // The time comes second: it belongs to the line above it.
   g_logFile->append_time();
 }
 

@@ -112,7 +112,7 @@ bool is_executable(const entry& program) {
 
 void reconcile_known(Tfun_monitor& monitor, const entry& wanted) {
   const std::string_view state = wanted.state;
-  // Nothing but the state, on purpose: a new command does not disturb a program that runs.
+  // Nothing but the state: a new command does not disturb a program that runs.
   monitor.update_state(wanted.state);
   if (state == "stop") {
     console::print("monitor %s stopped.\r\n", wanted.name);
@@ -121,12 +121,12 @@ void reconcile_known(Tfun_monitor& monitor, const entry& wanted) {
   } else if (state == "run") {
     console::print("monitor %s Start 11.\r\n", wanted.name);
     // A monitor that has had a program is never given another thread: its own sees the state, or
-    // has ended at the restart limit, and that end is final on purpose.
+    // has ended at the restart limit, and that end is final.
     if (monitor.last_pid() == 0) {
       monitor.Start();
       console::print("monitor %s Start 22.\r\n", wanted.name);
     }
-    // Whether or not anything changed, on purpose: a mark that was lost is back after a reload.
+    // Whether or not anything changed: a mark that was lost is back after a reload.
     Tfun_misc::UpdateProcessLiveFile(wanted.name, true);
   }
 }

@@ -52,7 +52,7 @@ int number_of(std::string_view key);
 /// How many entries the file says that there are.
 int count_of(const Tini_parser& config);
 /// The numbers from 1 to that count that the file has a key for, in ascending order. Missing
-/// numbers are skipped, so a count of two thousand million costs nothing.
+/// numbers are skipped, so a count of two billion costs nothing.
 std::vector<int> listed_numbers(const Tini_parser& config);
 /// The name in an entry, of any length. An entry without one is skipped.
 std::string name_of(const Tini_parser& config, int number);

@@ -62,8 +62,8 @@ void Tsys_daemon::send_signal() {
   constexpr std::size_t kMostRead = 128;
   char text[kMostRead + 1] = {};
   if (::read(file.get(), text, kMostRead) <= 0) {
-    // The empty file of a running daemon stays open until this process ends, on purpose: ending is
-    // all that is left for it to do.
+    // The empty file of a running daemon stays open until this process ends, which is all that is
+    // left for it to do.
     file.release();
     return;
   }
@@ -87,7 +87,7 @@ void Tsys_daemon::init_daemon(const char* dir) {
   g_start_lock.release();
   if (!stream) return;
   if (daemon_proc != nullptr) daemon_proc();
-  // Only now, on purpose: as long as the daemon runs, others find its file empty.
+  // Only now: as long as the daemon runs, others find its file empty.
   std::fprintf(stream.get(), "%d", pid);
 }
 

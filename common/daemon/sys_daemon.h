@@ -6,7 +6,7 @@
 /// The pid file exists and is empty while the daemon's body runs; the daemon's process id is
 /// written to it only when the body has returned. An empty, readable pid file is how a running
 /// daemon is recognised. A pid file that was left behind blocks every later start until somebody
-/// deletes it: whether the process in it still lives is not asked, on purpose.
+/// deletes it. That is part of the interface: whether the process in it still lives is not asked.
 ///
 /// A null file name, here and below, names no file; a null body does nothing.
 ///

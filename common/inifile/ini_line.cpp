@@ -16,8 +16,8 @@ std::string_view trim(std::string_view text, char unwanted) noexcept {
   const std::int32_t first = as_index(text.find_first_not_of(unwanted));
   const std::int32_t last = as_index(text.find_last_not_of(unwanted));
   const std::int64_t length = std::int64_t{last} - first + 1;
-  // `last > 0`, not `last >= 0`: files rely on a one-character key keeping the blanks before its
-  // "=", which makes it another key than the bare character.
+  // `last > 0`, not `last >= 0`, which is part of the format: a one-character key keeps the blanks
+  // before its "=", and so is another key than the bare character.
   if (first < 0 || last <= 0 || length <= 0) return text;
   return text.substr(static_cast<std::size_t>(first), static_cast<std::size_t>(length));
 }
@@ -43,7 +43,7 @@ bool is_comment_line(const char* first_char) noexcept {
 }
 
 bool is_kept_line(std::string_view line) noexcept {
-  // For good, on purpose: a file that was written back holds nothing but what a load looks at.
+  // For good: a file that was written back holds nothing but what a load looks at.
   return as_index(line.size()) >= 2 && !is_comment_line(line.data());
 }
 
@@ -54,7 +54,8 @@ bool is_section_start_line(std::string_view line) noexcept {
 }
 
 bool opens_section(std::string_view header) noexcept {
-  // "[a]" and "[]" open nothing: files rely on what follows belonging to the section before.
+  // "[a]" and "[]" open nothing, which is part of the format: what follows belongs to the section
+  // before.
   return as_index(header.find_last_not_of(']')) > 1;
 }
 

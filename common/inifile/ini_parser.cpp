@@ -107,8 +107,8 @@ const Tini_parser::text* Tini_parser::find_value(const std::string& section,
                                                  const std::string& key) const {
   const auto owner = sections.find(std::string_view(section));
   if (!section.empty() && owner == sections.end()) return nullptr;
-  // For "" this look-up is the first: callers rely on its error to tell "no property stands outside
-  // a section" from "this one does not".
+  // For "" this look-up is the first, and its error is part of the interface: it tells "no property
+  // stands outside a section" from "this one does not".
   const properties& known = owner != sections.end() ? owner->second : sections.at(text(section));
   const auto value = known.find(std::string_view(key));
   return value != known.end() ? &value->second : nullptr;

@@ -77,7 +77,7 @@ class Tini_parser final {
                              int default_value) const;
   [[nodiscard]] long read_long(const std::string& section, const std::string& key,
                                long default_value) const;
-  /// As above. Callers rely on the default being a whole number: a fraction is cut off.
+  /// As above. The default is a whole number, as part of the interface: a fraction is cut off.
   [[nodiscard]] float read_float(const std::string& section, const std::string& key,
                                  long default_value) const;
   [[nodiscard]] double read_double(const std::string& section, const std::string& key,

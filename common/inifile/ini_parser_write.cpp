@@ -36,7 +36,7 @@ void Tini_parser::write_input_to_file() const {
   if (!file.valid()) return;
   std::string block;
   for (const text& line : lines) {
-    // Never "\r\n", on purpose: what this class has written always has the same line ends.
+    // Never "\r\n": what this class has written always has the same line ends.
     block.append(line).push_back('\n');
     if (block.size() < kBlock) continue;
     if (!write_whole(file.get(), block)) return;
@@ -90,7 +90,7 @@ bool Tini_parser::rewrite_lines(const std::string& section, const std::string& k
         current = ini_line::extract_section_name(line);
         break;
       case ini_line::meaning::assignment:
-        // The key as it stands: callers rely on "key = value" being left alone.
+        // The key as it stands. "key = value" is left alone, as the header says.
         if (current != section || ini_line::extract_key(line) != key) break;
         line = assignment_line(key, value);
         found = true;
@@ -104,7 +104,7 @@ bool Tini_parser::rewrite_lines(const std::string& section, const std::string& k
 
 void Tini_parser::write_value(const std::string& section, const std::string& key,
                               const std::string& value) {
-  // First, and for good: callers rely on reading back a value that found no place in the file.
+  // First, and for good: a value that finds no place in the file can still be read back.
   set_value(section, key, value);
   if (rewrite_lines(section, key, value)) {
     write_input_to_file();

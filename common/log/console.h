@@ -5,8 +5,8 @@
 /// The supervisor's lines on standard output, and its complaints on standard error.
 ///
 /// A line is formatted first and then handed to the kernel in one write, with no buffer in between:
-/// nothing is left over that a forked copy could write a second time, no two lines mix, and each
-/// is visible at once, whatever standard output is connected to.
+/// nothing is left over that a forked child could write a second time, no two lines mix, and
+/// each is visible at once, whatever standard output is connected to.
 ///
 /// A line never waits long for a reader. When its descriptor is closed, full or read by nobody, the
 /// line is lost and the caller goes on. A pipe whose reader is late, or a terminal that somebody

@@ -5,9 +5,9 @@
 /// An append-only text log: one stream, no levels, no rotation, no size limit.
 ///
 /// The object is either open or closed. Every write is one append of the whole text to the end of
-/// the file, made at once: nothing stays in a buffer that a forked copy could write again, and no
-/// other thread or process can get into the middle of it. An entry is a message and, after it, the
-/// line with the time; these are two writes, so lines of other threads may stand between them.
+/// the file, made at once: nothing stays in a buffer that a forked child could write again, and no
+/// other thread or process can get into the middle of it. A message and the line with its time are
+/// two writes, so lines of other threads may stand between them.
 ///
 /// All members but the constructor, `create_log_file`, `close_file` and the destructor may be
 /// called from any thread at the same time. Errors in writing are ignored.
@@ -37,15 +37,14 @@ class Tlog_file final {
   void append_time();
 
   /// Appends "debug_log: %s: %lu\n" and a time line. A negative value shows as its two's
-  /// complement. The line is cut at 255 bytes. Its bare LF, between lines that end in CR LF, is on
-  /// purpose: it tells debug lines from entries.
+  /// complement. The line is cut at 255 bytes. Its bare LF is part of the interface: it tells debug
+  /// lines from all others, which end in CR LF.
   void add_log_string(const char* name, long long value);
 
   /// Appends two pairs on one "debug_log" line (the first pair ends in two blanks) and a time line.
   void add_log_string2(const char* name1, long long value1, const char* name2, long long value2);
 
-  /// Appends a time line and nothing else: both texts are ignored, on purpose. Callers use it to
-  /// mark a moment.
+  /// Appends a time line, to mark a moment. Both texts are ignored, which is part of the interface.
   void add_pure_string(const char* first, const char* second);
 
   /// Writes the local time to `out` as in a time line, without a line end: 20 bytes with the

@@ -117,7 +117,7 @@ class Tfun_misc final {
 
   /// Weekday of a date, 0 = Monday to 6 = Sunday: Julian calendar until 2 September 1752, Gregorian
   /// from the day after, though 3 to 13 September never were. A date that no calendar has gets some
-  /// number from -6 to 6. Spelled like this on purpose: callers know it by that name.
+  /// number from -6 to 6. The spelling is part of the interface.
   static int CaculateWeekDay(int year, int month, int day) noexcept;
 
   /// Splits a date-time text into its fields. Nothing is checked against the calendar.
@@ -206,7 +206,7 @@ class Tfun_misc final {
   /// and is not terminated: pass a zero-filled buffer. When there is no "." behind the last "/" to
   /// end before, the whole name is copied, without a terminator too. @return `out`.
   static char* get_filename_name(const char* path, char* out, bool strip_ext) noexcept;
-  /// The same for a web address. A second name on purpose: a call tells what its text is.
+  /// The same under a second name, for web addresses.
   static char* get_filename_name_for_url(const char* path, char* out, bool strip_ext) noexcept;
 
   /// Copies what stands behind the last "." of `path`, in a directory's name too, or begins with

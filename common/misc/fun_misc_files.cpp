@@ -32,8 +32,8 @@ struct pipe_closer {
   void operator()(std::FILE* pipe) const noexcept { ::pclose(pipe); }
 };
 
-/// Length of the directory part of a path without the last "/"; 0 when there is none, which a "/"
-/// at the very beginning counts as: the root directory is never produced, on purpose.
+/// Length of the directory part of a path without the last "/"; 0 when there is none, or only a "/"
+/// at the very beginning. That the root directory is never produced is part of the interface.
 std::size_t directory_length(std::string_view path) noexcept {
   const std::size_t slash = path.rfind('/');
   return slash == std::string_view::npos ? 0 : slash;
@@ -106,8 +106,8 @@ bool Tfun_misc::create_dir_by_filename(const char* filename) noexcept {
 }
 
 bool Tfun_misc::dir_exists(const char* path) noexcept {
-  // Existence is all that is asked: a plain file is an answer too, and callers only want to know
-  // whether the name is taken.
+  // Existence is all that is asked, which is part of the interface: a plain file is an answer too,
+  // and a caller learns whether the name is taken.
   return path != nullptr && ::access(path, F_OK) == 0;
 }
 
@@ -195,8 +195,7 @@ bool Tfun_misc::linux_exec(const char* command, char* out, int max_lines) {
 }
 
 int Tfun_misc::get_cpu_core_count() noexcept {
-  // Never closed, on purpose: closing would wait for the three tools to end, and the supervisor
-  // has its children reaped by the kernel.
+  // Never closed, which is part of the interface: closing would wait for the three tools to end.
   std::FILE* const pipe = ::popen("cat /proc/cpuinfo | grep 'cpu cores' | uniq", "re");
   if (pipe == nullptr) return 0;
   char line[kMaxPath] = {};
@@ -209,7 +208,7 @@ int Tfun_misc::get_cpu_core_count() noexcept {
 int Tfun_misc::get_thread_size() noexcept {
   if (thread_size > 0) return thread_size;
   const long cores = get_cpu_core_count();
-  // Few cores get more threads than four do: a caller on a small machine mostly waits for others.
+  // Part of the interface: few cores get more threads than four do.
   thread_size = cores > 3 ? static_cast<int>((cores + 1) * 2) : kThreadsWhenFewCores;
   return thread_size;
 }

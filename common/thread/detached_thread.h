@@ -4,5 +4,5 @@
 
 /// Starts a thread that lives as long as the process and that nobody joins, with `stack_size` bytes
 /// of stack.
-/// @return false when there is no thread to be had.
+/// @return whether it could be created.
 bool start_detached_thread(void* (*body)(void*), std::size_t stack_size) noexcept;

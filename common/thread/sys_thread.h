@@ -19,7 +19,7 @@ class Tsys_thread {
 
   /// Creates the thread, joinable. Does nothing while the body runs. A thread that has not reached
   /// its body yet does not run: a second call before that creates a second thread. When no thread
-  /// can be had only the abort flag is cleared, and a later call tries again.
+  /// can be created only the abort flag is cleared, and a later call tries again.
   void Start();
   /// Asks the body to end and joins the thread, if there is one that has not been joined. The body
   /// is not interrupted; it has to ask `IsAbort`.

@@ -3,18 +3,18 @@
 #include <cstddef>
 #include <memory_resource>
 
-/// Memory that a forked copy of the process does not get.
+/// Memory that forked children of the process do not get.
 ///
-/// A copy that runs a command for days would otherwise keep every page as it was at the fork, while
-/// the original goes on and gets new ones: a thousand copies of a thousand stacks. What threads use
-/// for themselves, and no copy ever looks at, belongs here.
+/// A child that runs a command for days would otherwise keep every page as it was at the fork,
+/// while its parent goes on and gets new ones: a thousand children with a thousand stacks each.
+/// What threads use for themselves, and no child ever looks at, belongs here.
 ///
 /// The memory comes in whole pages, zeroed, from a mapping of its own; the kernel joins
 /// neighbouring ones. There are no guard pages: they would keep the mappings apart, and each costs
 /// time in every fork. Both functions may be called from any thread.
 namespace unforked_memory {
 
-/// @return `size` bytes, or null when there is no memory to be had.
+/// @return `size` bytes, or null when there is not enough memory.
 void* allocate(std::size_t size) noexcept;
 
 /// Gives back what `allocate` returned for the same `size`; does nothing for null.
