@@ -3,7 +3,7 @@
 Each gets its fastest settings that its manual allows: no log, no pause that can be switched off,
 and `run` is the program itself where others put a script that would have to exec it.
 
-Inside a world (see world.py) the directory `root` holds
+Inside a world (see world_init.py) the directory `root` holds
   program               the supervised program
   events, spin, ready   see bench/programs/bench_program.cpp
   p/NAME                links to the program, for those who are given paths

@@ -13,9 +13,9 @@ import plan
 import plot
 import prepare
 import report
-import worlds
 from contenders import ALL, Keelmond, add_build
 from results import Results
+from world import namespaces_work
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
@@ -111,8 +111,8 @@ def main():
     options = parse_arguments()
     # Whoever ends us ends us as Ctrl-C does, so that nothing is left behind.
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    if not worlds.namespaces_work(options.realtime):
-        why = ("no private PID namespace, or no real-time scheduling, to be had here: run it as "
+    if not namespaces_work(options.realtime):
+        why = ("no private PID namespace, or no real-time scheduling, here: run it as "
                "root")
         if options.smoke:
             say("nothing measured: " + why)

@@ -4,7 +4,7 @@ import time
 from contextlib import ExitStack
 from typing import NamedTuple
 
-from worlds import World
+from world import World
 
 
 class Plan(NamedTuple):

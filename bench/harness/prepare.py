@@ -57,7 +57,7 @@ def fetch_contenders(root, say):
         directory = os.path.join(place, "packages", package)
         os.makedirs(directory, exist_ok=True)
         if not _download(package, directory):
-            say(f"{package}: no package to be had")
+            say(f"{package}: there is no such package")
             continue
         for file in os.listdir(directory):
             subprocess.run(["dpkg", "-x", os.path.join(directory, file),

@@ -78,7 +78,7 @@ TEST(start_program, ends_the_child_with_status_0_when_there_is_no_shell_to_be_ha
     faults.execv = [](const char*, char* const*) { return -1; };
     EXPECT_EQ(run("true"), 0);
     faults.execv = nullptr;
-    // The child forks, and its shell is not to be had.
+    // The child forks, and there is no process for its shell.
     faults.fork = [] {
       const pid_t child = real::fork_bare();
       if (child == 0) faults.fork = faults.clone = [] { return -1; };

@@ -19,7 +19,7 @@ void write_configuration(const std::string& state) {
   write_file("server.ini", server_ini({{"aa", "/bin/true", state}}));
 }
 
-/// Has `look` called in the place of each monitor's thread, which is not to be had.
+/// Has `look` called in the place of each monitor's thread, which cannot be created.
 template <typename Look>
 void instead_of_a_thread(Look look) {
   faults.pthread_create = [look](pthread_t*, const pthread_attr_t* attributes, auto...) {

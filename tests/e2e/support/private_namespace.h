@@ -18,7 +18,7 @@ namespace private_namespace {
 bool is_inside();
 
 /// Runs this program again, with the same arguments, in a namespace of its own.
-/// @return its exit status; nothing when no namespace is to be had here, and nothing has run.
+/// @return its exit status; nothing when there can be no namespace here, and nothing has run.
 std::optional<int> run_again(char** argv);
 
 }  // namespace private_namespace

@@ -1,4 +1,4 @@
-// What the supervisor does around each start and end of a program, apart from forking.
+// What the supervisor records of each start and end of a program.
 
 #include <benchmark/benchmark.h>
 
@@ -8,8 +8,8 @@
 
 namespace {
 
-/// One entry: the message and the line with the time.
-void append_entry(benchmark::State& state) {
+/// A message and the line with its time.
+void append_line(benchmark::State& state) {
   const scratch_dir directory;
   Tlog_file log;
   log.create_log_file(directory.file("keelmond.log").c_str(), false);
@@ -18,7 +18,7 @@ void append_entry(benchmark::State& state) {
     log.append_time();
   }
 }
-BENCHMARK(append_entry);
+BENCHMARK(append_line);
 
 void write_live_file(benchmark::State& state) {
   const scratch_dir directory;
