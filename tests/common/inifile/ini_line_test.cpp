@@ -39,7 +39,7 @@ struct trim_case {
   std::string_view trimmed;
 };
 
-TEST(IniLineTrim, RemovesSpacesFromBothEnds) {
+TEST(ini_line_trim, removes_spaces_from_both_ends) {
   const trim_case cases[] = {
       {"ab", "ab"},         {"  ab", "ab"},     {"ab  ", "ab"}, {" ab ", "ab"},
       {"  a b  ", "a b"},   {" a", "a"},        {" a ", "a"},   {"", ""},
@@ -49,18 +49,18 @@ TEST(IniLineTrim, RemovesSpacesFromBothEnds) {
     EXPECT_EQ(ini_line::trim_func_s(each.text), each.trimmed);
 }
 
-TEST(IniLineTrim, KeepsSpacesAfterATextWhoseOnlyCharacterIsItsFirst) {
+TEST(ini_line_trim, keeps_spaces_after_a_text_whose_only_character_is_its_first) {
   EXPECT_EQ(ini_line::trim_func_s("a   "), "a   ");
   EXPECT_EQ(ini_line::trim_func_s("ab   "), "ab");
   EXPECT_EQ(ini_line::trim_func_s(" a   "), "a");
 }
 
-TEST(IniLineTrim, LeavesATextOfNothingButSpacesAsItIs) {
+TEST(ini_line_trim, leaves_a_text_of_nothing_but_spaces_as_it_is) {
   EXPECT_EQ(ini_line::trim_func_s("   "), "   ");
   EXPECT_EQ(ini_line::trim_func_s(" "), " ");
 }
 
-TEST(IniLineTrim, RemovesCarriageReturnsByTheSameRule) {
+TEST(ini_line_trim, removes_carriage_returns_by_the_same_rule) {
   EXPECT_EQ(ini_line::trim_func_r("ab\r"), "ab");
   EXPECT_EQ(ini_line::trim_func_r("\r\rab\r\r"), "ab");
   EXPECT_EQ(ini_line::trim_func_r("a\r"), "a\r");
@@ -70,18 +70,18 @@ TEST(IniLineTrim, RemovesCarriageReturnsByTheSameRule) {
   EXPECT_EQ(ini_line::trim_func_r(""), "");
 }
 
-TEST(IniLineTrim, RemovesSpacesBeforeCarriageReturns) {
+TEST(ini_line_trim, removes_spaces_before_carriage_returns) {
   EXPECT_EQ(ini_line::trim_func("  ab\r"), "ab");
   EXPECT_EQ(ini_line::trim_func("k=v \r"), "k=v ");
   EXPECT_EQ(ini_line::trim_func("\r ab"), " ab");
   EXPECT_EQ(ini_line::trim_func("ab\r "), "ab");
 }
 
-TEST(IniLineTrim, KeepsZeroBytes) {
+TEST(ini_line_trim, keeps_zero_bytes) {
   EXPECT_EQ(ini_line::trim_func(" \0a\0 "sv), "\0a\0"sv);
 }
 
-TEST(IniLineTrim, LeavesATextAsItIsWhoseLastCharacterLiesBeyondTheIndexRange) {
+TEST(ini_line_trim, leaves_a_text_as_it_is_whose_last_character_lies_beyond_the_index_range) {
   const huge_text text(kTwoGiB + 2);
   if (!text.valid()) GTEST_SKIP() << "no address space";
   text.data()[0] = ' ';
@@ -89,7 +89,7 @@ TEST(IniLineTrim, LeavesATextAsItIsWhoseLastCharacterLiesBeyondTheIndexRange) {
   EXPECT_EQ(ini_line::trim_func_s(text.view().substr(0, kTwoGiB)).size(), kTwoGiB - 1);
 }
 
-TEST(IniLineComment, BeginsWithOneOfFiveCharacters) {
+TEST(ini_line_comment, begins_with_one_of_five_characters) {
   for (const char* line : {"#x", "%x", "/x", ";x", "@x"}) {
     EXPECT_TRUE(ini_line::is_comment_line(line)) << line;
   }
@@ -99,7 +99,7 @@ TEST(IniLineComment, BeginsWithOneOfFiveCharacters) {
   EXPECT_FALSE(ini_line::is_comment_line(nullptr));
 }
 
-TEST(IniLineKept, HasTwoCharactersOrMoreAndIsNoComment) {
+TEST(ini_line_kept, has_two_characters_or_more_and_is_no_comment) {
   EXPECT_FALSE(ini_line::is_kept_line(""));
   EXPECT_FALSE(ini_line::is_kept_line("a"));
   EXPECT_TRUE(ini_line::is_kept_line("ab"));
@@ -109,14 +109,14 @@ TEST(IniLineKept, HasTwoCharactersOrMoreAndIsNoComment) {
   EXPECT_FALSE(ini_line::is_kept_line("//"));
 }
 
-TEST(IniLineKept, IsNotALineOfTwoGibibytes) {
+TEST(ini_line_kept, is_not_a_line_of_two_gibibytes) {
   const huge_text text(kTwoGiB);
   if (!text.valid()) GTEST_SKIP() << "no address space";
   EXPECT_TRUE(ini_line::is_kept_line(text.view().substr(0, kTwoGiB - 1)));
   EXPECT_FALSE(ini_line::is_kept_line(text.view()));
 }
 
-TEST(IniLineSection, IsEnclosedInBrackets) {
+TEST(ini_line_section, is_enclosed_in_brackets) {
   for (const std::string_view line : {"[ab]"sv, "[]"sv, "[a]"sv, "[[x]]"sv, "[k=v]"sv, "[ a ]"sv}) {
     EXPECT_TRUE(ini_line::is_section_start_line(line)) << line;
   }
@@ -126,7 +126,7 @@ TEST(IniLineSection, IsEnclosedInBrackets) {
   }
 }
 
-TEST(IniLineSection, MayEndInACarriageReturnAndThenNeedsNoOpeningBracket) {
+TEST(ini_line_section, may_end_in_a_carriage_return_and_then_needs_no_opening_bracket) {
   EXPECT_TRUE(ini_line::is_section_start_line("[ab]\r"));
   EXPECT_TRUE(ini_line::is_section_start_line("ab]\r"));
   EXPECT_TRUE(ini_line::is_section_start_line("]\r"));
@@ -135,7 +135,7 @@ TEST(IniLineSection, MayEndInACarriageReturnAndThenNeedsNoOpeningBracket) {
   EXPECT_FALSE(ini_line::is_section_start_line("[ab]\r\r"));
 }
 
-TEST(IniLineSection, OpensOnlyWhenItsNameEndsBehindTheSecondCharacter) {
+TEST(ini_line_section, opens_only_when_its_name_ends_behind_the_second_character) {
   for (const std::string_view line : {"[ab]"sv, "[[x]]"sv, "[ x]"sv, "[[[]"sv}) {
     EXPECT_TRUE(ini_line::opens_section(line)) << line;
   }
@@ -144,7 +144,7 @@ TEST(IniLineSection, OpensOnlyWhenItsNameEndsBehindTheSecondCharacter) {
   }
 }
 
-TEST(IniLineSection, NameLosesEveryOuterBracketAndNothingElse) {
+TEST(ini_line_section, name_loses_every_outer_bracket_and_nothing_else) {
   const trim_case cases[] = {
       {"[ab]", "ab"},      {"[[x]]", "x"},   {"[ x ]", " x "}, {"[ a b ]", " a b "},
       {"[a]b]", "a]b"},    {"[a[b]", "a[b"}, {"[]", ""},       {"[[]", ""},
@@ -156,7 +156,7 @@ TEST(IniLineSection, NameLosesEveryOuterBracketAndNothingElse) {
   }
 }
 
-TEST(IniLineAssignment, HasItsFirstEqualsSignNeitherFirstNorLast) {
+TEST(ini_line_assignment, has_its_first_equals_sign_neither_first_nor_last) {
   for (const std::string_view line : {"k=v"sv, "k=="sv, "k=v="sv, "k==v"sv, " =v"sv, "[k=v"sv}) {
     EXPECT_TRUE(ini_line::is_assignment_line(line)) << line;
   }
@@ -165,7 +165,7 @@ TEST(IniLineAssignment, HasItsFirstEqualsSignNeitherFirstNorLast) {
   }
 }
 
-TEST(IniLineAssignment, IsTakenApartAtItsFirstEqualsSign) {
+TEST(ini_line_assignment, is_taken_apart_at_its_first_equals_sign) {
   EXPECT_EQ(ini_line::extract_key("k=v"), "k");
   EXPECT_EQ(ini_line::extract_value("k=v"), "v");
   EXPECT_EQ(ini_line::extract_key("k==v"), "k");
@@ -174,12 +174,12 @@ TEST(IniLineAssignment, IsTakenApartAtItsFirstEqualsSign) {
   EXPECT_EQ(ini_line::extract_value("ab = 1 = 2"), " 1 = 2");
 }
 
-TEST(IniLineAssignment, WithoutAnEqualsSignIsAllKey) {
+TEST(ini_line_assignment, without_an_equals_sign_is_all_key) {
   EXPECT_EQ(ini_line::extract_key("text"), "text");
   EXPECT_EQ(ini_line::extract_value("text"), "");
 }
 
-TEST(IniLineClassify, NeverTakesAHeaderForAnAssignment) {
+TEST(ini_line_classify, never_takes_a_header_for_an_assignment) {
   EXPECT_EQ(ini_line::classify("[k=v]"), ini_line::meaning::section);
   EXPECT_EQ(ini_line::classify("k=v]\r"), ini_line::meaning::section);
   EXPECT_EQ(ini_line::classify("[a]"), ini_line::meaning::section);

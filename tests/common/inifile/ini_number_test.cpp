@@ -10,7 +10,7 @@ namespace {
 
 using namespace std::string_literals;
 
-TEST(IniNumber, ConvertsTheLongestBeginningThatIsAnInteger) {
+TEST(ini_number, converts_the_longest_beginning_that_is_an_integer) {
   const struct {
     const char* text;
     int number;
@@ -25,7 +25,7 @@ TEST(IniNumber, ConvertsTheLongestBeginningThatIsAnInteger) {
   }
 }
 
-TEST(IniNumber, ConvertsTheLongestBeginningThatIsAFloatingNumber) {
+TEST(ini_number, converts_the_longest_beginning_that_is_a_floating_number) {
   const struct {
     const char* text;
     double number;
@@ -39,7 +39,7 @@ TEST(IniNumber, ConvertsTheLongestBeginningThatIsAFloatingNumber) {
   }
 }
 
-TEST(IniNumber, IsZeroForATextThatDoesNotBeginWithANumber) {
+TEST(ini_number, is_zero_for_a_text_that_does_not_begin_with_a_number) {
   for (const std::string& text : {"abc"s, "x1"s, "="s, "true"s,
                                   "\0"
                                   "1"s,
@@ -51,7 +51,7 @@ TEST(IniNumber, IsZeroForATextThatDoesNotBeginWithANumber) {
   }
 }
 
-TEST(IniNumber, IsZeroForAnEmptyOrBlankText) {
+TEST(ini_number, is_zero_for_an_empty_or_blank_text) {
   for (const char* text : {"", " ", "\t", " \t\r\n\v\f "}) {
     EXPECT_EQ(ini_number::stoi(text), 0);
     EXPECT_EQ(ini_number::stol(text), 0);
@@ -60,7 +60,7 @@ TEST(IniNumber, IsZeroForAnEmptyOrBlankText) {
   }
 }
 
-TEST(IniNumber, PrintsSixSignificantDigits) {
+TEST(ini_number, prints_six_significant_digits) {
   EXPECT_EQ(ini_number::to_string(0.5), "0.5");
   EXPECT_EQ(ini_number::to_string(2.0), "2");
   EXPECT_EQ(ini_number::to_string(0.1), "0.1");
@@ -71,7 +71,7 @@ TEST(IniNumber, PrintsSixSignificantDigits) {
   EXPECT_EQ(ini_number::to_string(-9000000000L), "-9000000000");
 }
 
-TEST(IniNumber, SaturatesAtTheEndsOfTheIntegerTypes) {
+TEST(ini_number, saturates_at_the_ends_of_the_integer_types) {
   EXPECT_EQ(ini_number::stoi("2147483647"), INT_MAX);
   EXPECT_EQ(ini_number::stoi("2147483648"), INT_MAX);
   EXPECT_EQ(ini_number::stoi("-2147483648"), INT_MIN);
@@ -82,7 +82,7 @@ TEST(IniNumber, SaturatesAtTheEndsOfTheIntegerTypes) {
   EXPECT_EQ(ini_number::stol("-9223372036854775809"), LONG_MIN);
 }
 
-TEST(IniNumber, SaturatesAtTheLargestFiniteFloatingNumber) {
+TEST(ini_number, saturates_at_the_largest_finite_floating_number) {
   EXPECT_EQ(ini_number::stof("1e39"), std::numeric_limits<float>::max());
   EXPECT_EQ(ini_number::stof("-1e39"), std::numeric_limits<float>::lowest());
   EXPECT_EQ(ini_number::stod("1e39"), 1e39);

@@ -119,9 +119,9 @@ void change(random_texts& random, Tini_parser& ini, ini_model& model) {
   }
 }
 
-class IniParserProperty : public testing::TestWithParam<unsigned> {};
+class ini_parser_property : public testing::TestWithParam<unsigned> {};
 
-TEST_P(IniParserProperty, FileAndReadsAreWhatTheModelSays) {
+TEST_P(ini_parser_property, file_and_reads_are_what_the_model_says) {
   for (unsigned seed = GetParam() * 30; seed < (GetParam() + 1) * 30; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     const scratch_dir dir;
@@ -142,6 +142,6 @@ TEST_P(IniParserProperty, FileAndReadsAreWhatTheModelSays) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, IniParserProperty, testing::Range(0U, 10U));
+INSTANTIATE_TEST_SUITE_P(Seeds, ini_parser_property, testing::Range(0U, 10U));
 
 }  // namespace

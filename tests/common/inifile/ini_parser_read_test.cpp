@@ -14,7 +14,7 @@
 
 namespace {
 
-class IniParserRead : public testing::Test {
+class ini_parser_read : public testing::Test {
  protected:
   [[nodiscard]] Tini_parser load(std::string_view text) const {
     dir_.write("test.ini", text);
@@ -28,7 +28,7 @@ class IniParserRead : public testing::Test {
   scratch_dir dir_;
 };
 
-TEST_F(IniParserRead, TellsWhetherAPropertyExists) {
+TEST_F(ini_parser_read, tells_whether_a_property_exists) {
   const Tini_parser ini = load("a=1\n[svr0]\nb=2\n");
   EXPECT_TRUE(ini.ensure_property_exists("svr0", "b"));
   EXPECT_FALSE(ini.ensure_property_exists("svr0", "a"));
@@ -38,7 +38,7 @@ TEST_F(IniParserRead, TellsWhetherAPropertyExists) {
   EXPECT_FALSE(ini.ensure_property_exists("", "b"));
 }
 
-TEST_F(IniParserRead, CreatesNothingWhenAPropertyIsMissing) {
+TEST_F(ini_parser_read, creates_nothing_when_a_property_is_missing) {
   const Tini_parser ini = load("[svr0]\nb=2\n");
   EXPECT_EQ(ini.read_int("svr0", "state", 7), 7);
   EXPECT_EQ(ini.read_int("svr0", "state", 8), 8);
@@ -48,7 +48,7 @@ TEST_F(IniParserRead, CreatesNothingWhenAPropertyIsMissing) {
   EXPECT_EQ(dir_.read("test.ini"), "[svr0]\nb=2\n");
 }
 
-TEST_F(IniParserRead, TakesOnlyOneAndZeroForTruthValues) {
+TEST_F(ini_parser_read, takes_only_one_and_zero_for_truth_values) {
   EXPECT_TRUE(with_value("1").read_bool("svr0", "key", false));
   EXPECT_FALSE(with_value("0").read_bool("svr0", "key", true));
   for (const char* text : {"true", "false", "yes", "on", "01", "00", "1.", "11", "10"}) {
@@ -59,13 +59,13 @@ TEST_F(IniParserRead, TakesOnlyOneAndZeroForTruthValues) {
   EXPECT_FALSE(with_value("1").read_bool("svr0", "nosuch", false));
 }
 
-TEST_F(IniParserRead, ComparesTruthValuesWithTheirBlanks) {
+TEST_F(ini_parser_read, compares_truth_values_with_their_blanks) {
   const Tini_parser ini = load("one=1 \r\nzero=\t0\n");
   EXPECT_FALSE(ini.read_bool("", "one", false));
   EXPECT_TRUE(ini.read_bool("", "zero", true));
 }
 
-TEST_F(IniParserRead, GivesAStringOrItsDefault) {
+TEST_F(ini_parser_read, gives_a_string_or_its_default) {
   const Tini_parser ini = with_value("some text");
   const std::string fallback = "fallback";
   EXPECT_EQ(ini.read_string("svr0", "key", fallback), "some text");
@@ -73,7 +73,7 @@ TEST_F(IniParserRead, GivesAStringOrItsDefault) {
   EXPECT_EQ(ini.read_string("nosuch", "key", fallback), "fallback");
 }
 
-TEST_F(IniParserRead, TakesALiteralForADefault) {
+TEST_F(ini_parser_read, takes_a_literal_for_a_default) {
   const Tini_parser ini = with_value("some text");
   EXPECT_EQ(ini.read_string("svr0", "key", ""), "some text");
   EXPECT_EQ(ini.read_string("svr0", "nosuch", ""), "");
@@ -83,7 +83,7 @@ TEST_F(IniParserRead, TakesALiteralForADefault) {
   EXPECT_EQ(ini.read_string("svr0", "nosuch", none), "");
 }
 
-TEST_F(IniParserRead, CopiesAValueToABuffer) {
+TEST_F(ini_parser_read, copies_a_value_to_a_buffer) {
   const Tini_parser ini = with_value("text");
   char storage[16];
   std::memset(storage, '#', sizeof storage);
@@ -92,14 +92,14 @@ TEST_F(IniParserRead, CopiesAValueToABuffer) {
   EXPECT_EQ(std::string(storage, sizeof storage), std::string("text\0###########", 16));
 }
 
-TEST_F(IniParserRead, CopiesWithoutALimitToABufferOfUnknownSize) {
+TEST_F(ini_parser_read, copies_without_a_limit_to_a_buffer_of_unknown_size) {
   const std::string value(10'000, 'v');
   std::vector<char> out(value.size() + 1, '#');
   with_value(value).read_string("svr0", "key", out.data());
   EXPECT_EQ(out.data(), value);
 }
 
-TEST_F(IniParserRead, CutsAValueThatDoesNotFitAnArray) {
+TEST_F(ini_parser_read, cuts_a_value_that_does_not_fit_an_array) {
   char out[8];
   for (const auto& [value, expected] :
        std::vector<std::pair<std::string, std::string>>{{"123456", "123456"},
@@ -115,7 +115,7 @@ TEST_F(IniParserRead, CutsAValueThatDoesNotFitAnArray) {
   EXPECT_EQ(smallest[0], '\0');
 }
 
-TEST_F(IniParserRead, LeavesTheBufferAsItWasWhenThereIsNoValue) {
+TEST_F(ini_parser_read, leaves_the_buffer_as_it_was_when_there_is_no_value) {
   const Tini_parser ini = with_value("text");
   char array[8] = "before";
   ini.read_string("svr0", "nosuch", array);
@@ -126,12 +126,12 @@ TEST_F(IniParserRead, LeavesTheBufferAsItWasWhenThereIsNoValue) {
   EXPECT_STREQ(array, "before");
 }
 
-TEST_F(IniParserRead, LeavesANullBufferAlone) {
+TEST_F(ini_parser_read, leaves_a_null_buffer_alone) {
   char* out = nullptr;
   with_value("text").read_string("svr0", "key", out);
 }
 
-TEST_F(IniParserRead, ConvertsAValueToAnInteger) {
+TEST_F(ini_parser_read, converts_a_value_to_an_integer) {
   EXPECT_EQ(load("[svr0]\nstate=1\n").read_int("svr0", "state", 0), 1);
   EXPECT_EQ(load("[svr0]\nstate=abc\n").read_int("svr0", "state", 5), 0);
   EXPECT_EQ(load("[svr0]\nother=1\n").read_int("svr0", "state", 0), 0);
@@ -140,18 +140,18 @@ TEST_F(IniParserRead, ConvertsAValueToAnInteger) {
   EXPECT_EQ(load("[svr0]\nkey=\t\n").read_int("svr0", "key", 5), 0);
 }
 
-TEST_F(IniParserRead, ConvertsAValueToALongInteger) {
+TEST_F(ini_parser_read, converts_a_value_to_a_long_integer) {
   EXPECT_EQ(with_value("2147483648").read_long("svr0", "key", 0), 2147483648L);
   EXPECT_EQ(with_value("abc").read_long("svr0", "key", 5), 0);
   EXPECT_EQ(with_value("1").read_long("svr0", "nosuch", -6000000000L), -6000000000L);
 }
 
-TEST_F(IniParserRead, ConvertsAValueToAFloat) {
+TEST_F(ini_parser_read, converts_a_value_to_a_float) {
   EXPECT_EQ(with_value("0.5").read_float("svr0", "key", 0), 0.5F);
   EXPECT_EQ(with_value("abc").read_float("svr0", "key", 5), 0.0F);
 }
 
-TEST_F(IniParserRead, TakesOnlyAWholeNumberForTheDefaultOfAFloat) {
+TEST_F(ini_parser_read, takes_only_a_whole_number_for_the_default_of_a_float) {
   const Tini_parser ini = with_value("0.5");
   EXPECT_EQ(ini.read_float("svr0", "nosuch", 3), 3.0F);
   using read_float_type =
@@ -159,13 +159,13 @@ TEST_F(IniParserRead, TakesOnlyAWholeNumberForTheDefaultOfAFloat) {
   static_assert(std::is_same_v<decltype(&Tini_parser::read_float), read_float_type>);
 }
 
-TEST_F(IniParserRead, ConvertsAValueToADouble) {
+TEST_F(ini_parser_read, converts_a_value_to_a_double) {
   EXPECT_EQ(with_value("1.25e3").read_double("svr0", "key", 0), 1250.0);
   EXPECT_EQ(with_value("abc").read_double("svr0", "key", 5), 0.0);
   EXPECT_EQ(with_value("1").read_double("svr0", "nosuch", 2.75), 2.75);
 }
 
-TEST_F(IniParserRead, ReadsTheUnnamedSectionOfAFileThatHasOne) {
+TEST_F(ini_parser_read, reads_the_unnamed_section_of_a_file_that_has_one) {
   const Tini_parser ini = load("k=7\n[svr0]\nl=1\n");
   EXPECT_EQ(ini.read_int("", "k", 5), 7);
   EXPECT_EQ(ini.read_int("", "l", 5), 5);
@@ -182,7 +182,7 @@ std::string error_of(Call call) {
   return "(nothing)";
 }
 
-TEST_F(IniParserRead, ThrowsForTheUnnamedSectionOfAFileWithoutOne) {
+TEST_F(ini_parser_read, throws_for_the_unnamed_section_of_a_file_without_one) {
   const Tini_parser ini = load("[svr0]\nk=7\n");
   char out[8] = "before";
   EXPECT_EQ(error_of([&] { std::ignore = ini.ensure_property_exists("", "k"); }), "map::at");
@@ -196,18 +196,18 @@ TEST_F(IniParserRead, ThrowsForTheUnnamedSectionOfAFileWithoutOne) {
   EXPECT_STREQ(out, "before");
 }
 
-TEST_F(IniParserRead, ThrowsForTheUnnamedSectionOfAMissingFile) {
+TEST_F(ini_parser_read, throws_for_the_unnamed_section_of_a_missing_file) {
   const Tini_parser ini(dir_.file("missing.ini"));
   EXPECT_EQ(error_of([&] { std::ignore = ini.read_int("", "k", 5); }), "map::at");
 }
 
-TEST_F(IniParserRead, NeverThrowsForAnUnknownSectionWithAName) {
+TEST_F(ini_parser_read, never_throws_for_an_unknown_section_with_a_name) {
   const Tini_parser ini = load("[svr0]\nk=7\n");
   EXPECT_EQ(ini.read_int("nosuch", "k", 5), 5);
   EXPECT_EQ(ini.read_long(" ", "k", 5), 5);
 }
 
-TEST_F(IniParserRead, ListsTheKeysOfASectionInByteOrder) {
+TEST_F(ini_parser_read, lists_the_keys_of_a_section_in_byte_order) {
   const Tini_parser ini = load("[svr0]\nb=1\nB=1\na1=1\na10=1\na2=1\n");
   EXPECT_EQ(ini.section_keys("svr0"), (std::vector<std::string>{"B", "a1", "a10", "a2", "b"}));
   EXPECT_EQ(ini.section_keys("nosuch"), std::vector<std::string>{});
