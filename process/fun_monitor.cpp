@@ -16,9 +16,9 @@
 #include "common/misc/fun_misc.h"
 #include "common/thread/unforked_memory.h"
 #include "process/child.h"
-#include "process/leave_gate.h"
 #include "process/program_tree.h"
 #include "process/recorder.h"
+#include "process/shutdown_gate.h"
 #include "process/supervisor_signals.h"
 
 namespace {
@@ -72,7 +72,7 @@ Tfun_monitor::Tfun_monitor(const char* command, const char* program, const char*
 
 void Tfun_monitor::virtual_thread_proc() {
   // Counted out when the base has touched the object for the last time.
-  g_leave_gate.dismiss_at_thread_end();
+  g_shutdown_gate.dismiss_at_thread_end();
   monitor_process(exepath);
   phase.end();
 }
@@ -91,13 +91,13 @@ pid_t Tfun_monitor::launch(const char* command) {
   phase.launch();
   if (!wants_run()) {
     phase.rest();
-    const leave_gate::outside pause(g_leave_gate);
+    const shutdown_gate::outside pause(g_shutdown_gate);
     Tfun_misc::select_sleep(1, 0);
     return 0;
   }
-  if (!g_leave_gate.may_launch()) {
+  if (!g_shutdown_gate.may_launch()) {
     phase.rest();
-    g_leave_gate.park();
+    g_shutdown_gate.park();
   }
   const pid_t child = child::start_program(command);
   if (child > 0) {
@@ -137,7 +137,7 @@ void Tfun_monitor::record_launch(pid_t child) {
 
 pid_t Tfun_monitor::wait_for_end(pid_t child, int& error) {
   // Nothing of the object is touched from here on: it may be deleted during the wait.
-  const leave_gate::outside waiting(g_leave_gate);
+  const shutdown_gate::outside waiting(g_shutdown_gate);
   int status = 0;
   for (;;) {
     // A child that is only stopped counts as ended, on purpose: its program is started anew, and
@@ -167,10 +167,10 @@ bool Tfun_monitor::record_end(pid_t waited, int error) {
 
 void Tfun_monitor::Start() {
   if (!phase.claim()) return;
-  g_leave_gate.admit();
+  g_shutdown_gate.admit();
   Tsys_thread::Start();
   if (has_thread()) return;
-  g_leave_gate.dismiss();
+  g_shutdown_gate.dismiss();
   phase.give_back();
 }
 
@@ -199,7 +199,7 @@ void Tfun_monitor::await_launch() const {
   const auto may_be_missed = [&] {
     if (phase.is_launching()) return true;
     return phase.is_running() && phase.running_for() < kLongest &&
-           !program_tree::is_findable(last_pid());
+           !program_tree::has_its_name(last_pid());
   };
   while (may_be_missed() && monitor_phase::clock::now() < end)
     Tfun_misc::select_sleep(0, 2000);
@@ -225,6 +225,6 @@ void Tfun_monitor::stop_directly() const {
   if (phase.is_running()) program_tree::signal_by_name(last_pid(), name, SIGUSR2);
 }
 
-void Tfun_monitor::settle_live_file() const {
+void Tfun_monitor::remove_stale_live_file() const {
   if (!phase.is_launching() && !phase.is_running()) Tfun_misc::UpdateProcessLiveFile(name, false);
 }

@@ -20,9 +20,9 @@
 /// everything else. The texts are bounded: one that does not fit is cut, so callers refuse it
 /// before.
 ///
-/// A monitor's thread is inside `g_leave_gate` from before its creation until after its last touch
-/// of the object, except while it waits. So a monitor can be deleted once the gate is closed and
-/// empty.
+/// A monitor's thread is inside `g_shutdown_gate` from before its creation until after its last
+/// touch of the object, except while it waits. So a monitor can be deleted once the gate is closed
+/// and empty.
 class Tfun_monitor final : public Tsys_thread {
  public:
   /// @param exepath the shell command that starts the program, up to 1023 bytes.
@@ -56,7 +56,7 @@ class Tfun_monitor final : public Tsys_thread {
   /// Removes the program's liveness file when the program does not run. A reload marks every
   /// program alive that shall run, also one that has just ended; this is for when nobody will
   /// launch it any more, and the monitor's thread stands still.
-  void settle_live_file() const;
+  void remove_stale_live_file() const;
 
   /// The supervision loop, on the monitor's thread. Returns only at the restart limit.
   /// @param command the text that the program's child runs.

@@ -15,9 +15,9 @@
 #include "common/thread/stack_size.h"
 #include "process/child.h"
 #include "process/config_watcher.h"
-#include "process/leave_gate.h"
 #include "process/recorder.h"
 #include "process/server_config.h"
+#include "process/shutdown_gate.h"
 #include "process/supervisor_signals.h"
 
 namespace {
@@ -64,21 +64,21 @@ void proc_start() {
 
 void proc_stop() {
   // A thread that has already asked whether it may launch is waited for; the others are told no.
-  g_leave_gate.forbid_launches();
-  g_leave_gate.wait_until_empty(kLastLines);
+  g_shutdown_gate.forbid_launches();
+  g_shutdown_gate.wait_until_empty(kLastLines);
   for (Tfun_monitor* monitor : monitor_list)
     monitor->stop_process();
   await_program_ends();
-  g_leave_gate.close();
+  g_shutdown_gate.close();
   // What hangs in the file system still uses the monitors, the log and the utilities. They then go
   // with the process, at once: the handlers of `exit` would wait for the log's stream.
-  if (!g_leave_gate.wait_until_empty(kLastLines) || !recorder::is_idle_within(kLastLines)) {
+  if (!g_shutdown_gate.wait_until_empty(kLastLines) || !recorder::is_idle_within(kLastLines)) {
     std::atexit([] { ::_exit(0); });
     return;
   }
 
   for (Tfun_monitor* monitor : monitor_list) {
-    monitor->settle_live_file();
+    monitor->remove_stale_live_file();
     delete monitor;
   }
   monitor_list.clear();

@@ -108,7 +108,7 @@ int signal_below(pid_t parent, const name_pattern& pattern, int sig, int depth) 
 
 }  // namespace
 
-bool is_findable(pid_t child) noexcept {
+bool has_its_name(pid_t child) noexcept {
   process_name child_name;
   process_name name;
   if (!read_name(child, child_name)) return true;

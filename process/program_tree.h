@@ -13,7 +13,7 @@ namespace program_tree {
 /// Whether the command that `child` runs has become the program, so that it can be found by name.
 /// @return true also when there is nothing to wait for: the child has ended, or /proc does not
 /// tell.
-bool is_findable(pid_t child) noexcept;
+bool has_its_name(pid_t child) noexcept;
 
 /// Sends `sig` to every descendant of `child` that `pgrep name` would find. Needs no process of
 /// its own. A process below another that has several threads may be missed.

@@ -121,13 +121,13 @@ TEST(inheritance, gives_a_program_the_mask_that_the_supervisor_was_started_with)
   const std::string by_hand = told_through_shell("SigBlk", block_some);
   EXPECT_EQ(noted_signals(place, name), by_hand);
   // The shell may have its own ideas about masks, so what it was given counts too.
-  EXPECT_EQ(signals_of(place.copies().at(0), "SigBlk"),
+  EXPECT_EQ(signals_of(place.children().at(0), "SigBlk"),
             as_status({SIGHUP, SIGTERM, SIGALRM, kBlockedBySystem}));
   // All the same after a restart.
   ::kill(place.running(name).at(0), SIGKILL);
   place.wait_running(name, 2);
   EXPECT_EQ(noted_signals(place, name), by_hand);
-  EXPECT_EQ(signals_of(place.copies().at(0), "SigBlk"),
+  EXPECT_EQ(signals_of(place.children().at(0), "SigBlk"),
             as_status({SIGHUP, SIGTERM, SIGALRM, kBlockedBySystem}));
 }
 
@@ -136,7 +136,7 @@ TEST(inheritance, gives_a_program_an_empty_mask_when_it_was_started_with_one) {
   const std::string name = place.add_script(place.note_start(kOwnBlocked) + place.stay());
   start_program(place, name);
   EXPECT_EQ(noted_signals(place, name), as_status({}));
-  EXPECT_EQ(signals_of(place.copies().at(0), "SigBlk"), as_status({kBlockedBySystem}));
+  EXPECT_EQ(signals_of(place.children().at(0), "SigBlk"), as_status({kBlockedBySystem}));
 }
 
 TEST(inheritance, leaves_a_program_with_sigpipe_and_sigchld_ignored) {
@@ -144,7 +144,7 @@ TEST(inheritance, leaves_a_program_with_sigpipe_and_sigchld_ignored) {
   const std::string name = place.add_script(place.note_start(kOwnIgnored) + place.stay());
   start_program(place, name);
   EXPECT_EQ(noted_signals(place, name), told_through_shell("SigIgn", ignore_as_we_do));
-  EXPECT_EQ(signals_of(place.copies().at(0), "SigIgn"),
+  EXPECT_EQ(signals_of(place.children().at(0), "SigIgn"),
             as_status({SIGPIPE, SIGCHLD, SIGINT, SIGQUIT}))
       << "the last two are ignored while a command runs";
 }
@@ -190,33 +190,33 @@ TEST(inheritance, keeps_its_own_descriptors_few_and_from_leaking) {
   EXPECT_TRUE(wait_until([&] { return open_files() == before; }));
 }
 
-TEST(copies, outlive_every_signal_that_is_sent_to_the_supervisor_by_name) {
+TEST(children, outlive_every_signal_that_is_sent_to_the_supervisor_by_name) {
   installation place;
   const std::string name = place.add_steady();
   const pid_t program = start_program(place, name);
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
-  const auto copies = place.copies();
-  ASSERT_EQ(copies.size(), 1U);
+  const auto children = place.children();
+  ASSERT_EQ(children.size(), 1U);
   for (const int number : {SIGUSR1, SIGUSR2, SIGINT}) {
     SCOPED_TRACE(number);
-    ::kill(copies[0], number);
+    ::kill(children[0], number);
     EXPECT_TRUE(wait_until(
-        [&] { return process_table::status_field(copies[0], "ShdPnd") == as_status({}); }));
+        [&] { return process_table::status_field(children[0], "ShdPnd") == as_status({}); }));
   }
-  EXPECT_TRUE(keeps([&] { return process_table::is_alive(copies[0]); }));
+  EXPECT_TRUE(keeps([&] { return process_table::is_alive(children[0]); }));
   EXPECT_EQ(place.wait_running(name), program);
-  EXPECT_EQ(place.copies(), copies);
+  EXPECT_EQ(place.children(), children);
   EXPECT_EQ(place.loads(), 1U);
   EXPECT_EQ(masked(place.log()), std::string(golden::kLogStart) + golden::kLaunched);
 }
 
-TEST(copies, end_with_their_programs_when_the_exit_signal_goes_to_all_of_that_name) {
+TEST(children, end_with_their_programs_when_the_exit_signal_goes_to_all_of_that_name) {
   installation place;
   const std::string name = place.add_steady();
   start_program(place, name);
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
-  for (const pid_t copy : place.copies())
-    ::kill(copy, SIGUSR2);
+  for (const pid_t child : place.children())
+    ::kill(child, SIGUSR2);
   EXPECT_EQ(place.end_by(SIGUSR2), 0);
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_EQ(masked(place.log()),

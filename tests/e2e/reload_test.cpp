@@ -174,7 +174,7 @@ TEST(reload, sees_a_save_in_place_once_and_whole) {
 }
 
 TEST(reload, sees_a_save_by_renaming_though_a_program_was_started_since_the_watch_began) {
-  // A copy that had inherited the watch, or a configuration file, would keep it alive.
+  // A child that had inherited the watch, or a configuration file, would keep it alive.
   installation place;
   const listed_program first = place.entry(place.add_steady());
   const listed_program second = place.entry(place.add_steady());

@@ -53,7 +53,7 @@ class caught_usr1 final {
   sigset_t before_;
 };
 
-/// Makes the starts in a directory wait in front of their check for another copy.
+/// Makes the starts in a directory wait in front of their check for another instance.
 class held_start final {
  public:
   explicit held_start(const installation& place)
@@ -88,17 +88,17 @@ TEST(start, writes_its_lines_to_console_and_log_in_order) {
   EXPECT_EQ(place.errors(), "");
 }
 
-TEST(start, logs_the_copy_that_runs_the_program_as_its_process) {
+TEST(start, logs_the_child_that_runs_the_program_as_its_process) {
   installation place;
   const std::string name = place.add_steady();
   place.save({place.entry(name)});
   place.start();
   const pid_t program = place.wait_running(name);
-  const auto copies = place.copies();
-  ASSERT_EQ(copies.size(), 1U);
-  EXPECT_TRUE(process_table::is_below(program, copies[0]));
+  const auto children = place.children();
+  ASSERT_EQ(children.size(), 1U);
+  EXPECT_TRUE(process_table::is_below(program, children[0]));
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
-  EXPECT_NE(place.log().find("launched sub process PID: " + std::to_string(copies[0]) + " \r\n"),
+  EXPECT_NE(place.log().find("launched sub process PID: " + std::to_string(children[0]) + " \r\n"),
             std::string::npos);
 }
 

@@ -83,22 +83,22 @@ TEST(supervise, marks_running_programs_in_the_notify_directory) {
   EXPECT_EQ(place.read("notify/" + name + ".dat"), "1");
 }
 
-TEST(supervise, takes_a_stopped_copy_for_ended_and_starts_the_program_once_more) {
+TEST(supervise, takes_a_stopped_child_for_ended_and_starts_the_program_once_more) {
   installation place;
   const std::string name = place.add_steady();
   place.save({place.entry(name)});
   place.start();
   const pid_t program = place.wait_running(name);
-  const pid_t copy = place.copies().at(0);
+  const pid_t child = place.children().at(0);
 
-  ::kill(copy, SIGSTOP);
+  ::kill(child, SIGSTOP);
 
   ASSERT_TRUE(
       wait_until([&] { return place.starts(name) == 2 && place.running(name).size() == 2; }));
-  EXPECT_NE(place.log().find("exited process PID: " + std::to_string(copy) + "  errno: "),
+  EXPECT_NE(place.log().find("exited process PID: " + std::to_string(child) + "  errno: "),
             std::string::npos);
   EXPECT_TRUE(process_table::is_alive(program));
-  const auto stopped = process_table::find(copy);
+  const auto stopped = process_table::find(child);
   ASSERT_TRUE(stopped.has_value());
   EXPECT_EQ(stopped->state, 'T');
   // Both have the program's name.

@@ -73,7 +73,7 @@ TEST(start_program, ends_the_child_with_status_0_whatever_becomes_of_the_command
   });
 }
 
-TEST(start_program, ends_the_child_with_status_0_when_there_is_no_shell_to_be_had) {
+TEST(start_program, ends_the_child_with_status_0_when_there_is_no_process_for_the_shell) {
   in_child([] {
     faults.execv = [](const char*, char* const*) { return -1; };
     EXPECT_EQ(run("true"), 0);
@@ -96,7 +96,7 @@ TEST(start_program, has_no_process_before_the_thread_that_forks_exists) {
   });
 }
 
-TEST(start_program, is_possible_when_the_thread_that_forks_was_not_to_be_had_at_first) {
+TEST(start_program, is_possible_when_the_thread_that_forks_could_not_be_created_at_first) {
   in_child([] {
     faults.pthread_create = [](auto...) { return EAGAIN; };
     EXPECT_FALSE(child::start());

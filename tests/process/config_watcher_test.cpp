@@ -279,7 +279,7 @@ TEST(monitor_server_config, installs_the_handler_that_loads) {
   });
 }
 
-TEST(monitor_server_config, watches_itself_when_no_thread_is_to_be_had) {
+TEST(monitor_server_config, watches_itself_when_no_thread_can_be_created) {
   in_child([] {
     const watcher& watch = new_watcher();
     faults.pthread_create = [](auto...) { return EAGAIN; };

@@ -82,7 +82,7 @@ TEST(fun_monitor_with_a_program, stop_ends_it_by_name_and_the_monitor_then_idles
     monitor.Start();
     const pid_t program = pid_of_program();
     ASSERT_GT(program, 0);
-    EXPECT_NE(program, monitor.last_pid()) << "the copy runs it through a shell";
+    EXPECT_NE(program, monitor.last_pid()) << "the child runs it through a shell";
     monitor.update_state("stop");
     monitor.stop_process();
     ASSERT_TRUE(wait_until([&] { return Tfun_monitor::programs_alive() == 0; }));
@@ -207,7 +207,7 @@ TEST(fun_monitor_with_a_program, a_stop_waits_no_longer_than_half_a_second) {
   });
 }
 
-TEST(fun_monitor_with_a_program, a_stopped_copy_counts_as_ended_and_remains) {
+TEST(fun_monitor_with_a_program, a_stopped_child_counts_as_ended_and_remains) {
   in_child([] {
     const supervision& world = supervision::begin();
     const std::string name = unique_name();

@@ -20,8 +20,8 @@
 #include "common/log/log_file.h"
 #include "common/misc/unique_fd.h"
 #include "process/child.h"
-#include "process/leave_gate.h"
 #include "process/server_config.h"
+#include "process/shutdown_gate.h"
 #include "tests/process/imagined_programs.h"
 #include "tests/process/supervision.h"
 #include "tests/support/fault.h"
@@ -440,39 +440,39 @@ TEST(fun_monitor, a_stop_command_that_would_have_to_be_cut_is_not_run) {
   });
 }
 
-// What brings the monitors to a stand when the supervisor leaves.
+// How the monitors come to rest when the supervisor shuts down.
 
-TEST(fun_monitor_leaving, the_end_of_a_program_is_recorded_but_it_is_not_started_again) {
+TEST(fun_monitor_at_shutdown, the_end_of_a_program_is_recorded_but_it_is_not_started_again) {
   in_child([] {
     const supervision& world = supervision::begin();
     imagined_programs& programs = imagined_programs::begin();
-    auto* monitor = &new_monitor("/a/b", "leave");
+    auto* monitor = &new_monitor("/a/b", "stopping");
     monitor->Start();
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    EXPECT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)))
+    EXPECT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)))
         << "who waits for a program is outside";
-    g_leave_gate.forbid_launches();
+    g_shutdown_gate.forbid_launches();
     programs.end_one();
     ASSERT_TRUE(wait_until([&] { return Tfun_monitor::programs_alive() == 0; }));
-    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
     EXPECT_TRUE(never([&] { return programs.forks > 1; }));
     EXPECT_EQ(world.log(), launched(5000000) + exited("5000000", 0));
-    g_leave_gate.close();
-    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    g_shutdown_gate.close();
+    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
     delete monitor;
   });
 }
 
-TEST(fun_monitor_leaving, a_program_that_outlives_the_monitor_is_not_recorded) {
+TEST(fun_monitor_at_shutdown, a_program_that_outlives_the_monitor_is_not_recorded) {
   in_child([] {
     const supervision& world = supervision::begin();
     imagined_programs& programs = imagined_programs::begin();
     auto* monitor = &new_monitor("/a/b", "late");
     monitor->Start();
     ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    g_leave_gate.forbid_launches();
-    g_leave_gate.close();
-    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    g_shutdown_gate.forbid_launches();
+    g_shutdown_gate.close();
+    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
     const std::string log = world.log();
     delete monitor;
     delete g_logFile;
@@ -483,15 +483,15 @@ TEST(fun_monitor_leaving, a_program_that_outlives_the_monitor_is_not_recorded) {
   });
 }
 
-TEST(fun_monitor_leaving, an_idle_monitor_stops_when_its_second_is_over) {
+TEST(fun_monitor_at_shutdown, an_idle_monitor_stops_when_its_second_is_over) {
   in_child([] {
     supervision::begin();
     imagined_programs& programs = imagined_programs::begin();
     auto* monitor = &new_monitor("/a/b", "idle", "stop");
     monitor->Start();
     ASSERT_TRUE(wait_until([&] { return programs.sleeps > 1; }));
-    g_leave_gate.close();
-    ASSERT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20)));
+    g_shutdown_gate.close();
+    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
     delete monitor;
     const int sleeps = programs.sleeps;
     EXPECT_TRUE(never([&] { return programs.sleeps > sleeps + 1; }));
@@ -525,17 +525,17 @@ TEST(fun_monitor_thread, is_inside_the_gate_from_its_creation_on_and_not_when_it
     Tfun_monitor& monitor = new_monitor("/a/b", "gated");
     faults.pthread_create = [](auto...) { return EAGAIN; };
     monitor.Start();
-    EXPECT_TRUE(g_leave_gate.wait_until_empty(std::chrono::milliseconds(0)));
+    EXPECT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::milliseconds(0)));
     static bool inside_when_created = false;
     faults.pthread_create = [](pthread_t* thread, const pthread_attr_t* attributes,
                                void* (*body)(void*), void* argument) {
-      inside_when_created = !g_leave_gate.wait_until_empty(std::chrono::milliseconds(0));
+      inside_when_created = !g_shutdown_gate.wait_until_empty(std::chrono::milliseconds(0));
       return real::pthread_create(thread, attributes, body, argument);
     };
     monitor.Start();
     EXPECT_TRUE(inside_when_created);
     EXPECT_TRUE(wait_until([&] { return programs.is_waiting(1); })) << "a later start tries again";
-    EXPECT_TRUE(g_leave_gate.wait_until_empty(std::chrono::seconds(20))) << "it waits";
+    EXPECT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20))) << "it waits";
   });
 }
 

@@ -55,29 +55,29 @@ pid_t child_of(pid_t pid) {
   return text.empty() ? 0 : std::stoi(text);
 }
 
-TEST(program_tree, a_copy_that_is_gone_is_not_waited_for) {
+TEST(program_tree, a_child_that_is_gone_is_not_waited_for) {
   in_child([] {
     const pid_t gone = ::fork();
     if (gone == 0) ::_exit(0);
     ASSERT_EQ(::waitpid(gone, nullptr, 0), gone);
-    EXPECT_TRUE(program_tree::is_findable(gone));
-    EXPECT_TRUE(program_tree::is_findable(0));
-    EXPECT_TRUE(program_tree::is_findable(-1));
+    EXPECT_TRUE(program_tree::has_its_name(gone));
+    EXPECT_TRUE(program_tree::has_its_name(0));
+    EXPECT_TRUE(program_tree::has_its_name(-1));
   });
 }
 
-TEST(program_tree, a_copy_without_a_child_has_not_started_its_program) {
+TEST(program_tree, a_child_without_a_child_of_its_own_has_not_started_its_program) {
   in_child([] {
-    const pid_t copy = start([] {});
-    EXPECT_FALSE(program_tree::is_findable(copy));
+    const pid_t child = start([] {});
+    EXPECT_FALSE(program_tree::has_its_name(child));
   });
 }
 
-TEST(program_tree, a_child_that_is_still_a_copy_is_not_the_program) {
+TEST(program_tree, a_process_that_is_not_the_shell_yet_is_not_the_program) {
   in_child([] {
-    const pid_t copy = start([] { start([] {}); });
-    ASSERT_GT(child_of(copy), 0);
-    EXPECT_FALSE(program_tree::is_findable(copy));
+    const pid_t child = start([] { start([] {}); });
+    ASSERT_GT(child_of(child), 0);
+    EXPECT_FALSE(program_tree::has_its_name(child));
   });
 }
 
@@ -86,33 +86,33 @@ TEST(program_tree, a_shell_without_a_child_is_not_the_program) {
     // A shell that waits for its input, which never comes.
     int ends[2];
     ASSERT_EQ(::pipe(ends), 0);
-    const pid_t copy = start([&] {
+    const pid_t child = start([&] {
       start([&] {
         ::dup2(ends[0], 0);
         ::execl("/bin/sh", "sh", nullptr);
       });
     });
-    ASSERT_TRUE(has_name(child_of(copy), "sh"));
-    EXPECT_FALSE(program_tree::is_findable(copy));
+    ASSERT_TRUE(has_name(child_of(child), "sh"));
+    EXPECT_FALSE(program_tree::has_its_name(child));
   });
 }
 
 TEST(program_tree, a_child_of_the_shell_is_the_program) {
   in_child([] {
-    const pid_t copy = start([] { start([] { run("/bin/sh", "sh", "-c"); }); });
-    const pid_t shell = child_of(copy);
+    const pid_t child = start([] { start([] { run("/bin/sh", "sh", "-c"); }); });
+    const pid_t shell = child_of(child);
     ASSERT_TRUE(has_name(shell, "sh"));
     ASSERT_TRUE(has_name(child_of(shell), "sleep"));
-    EXPECT_TRUE(program_tree::is_findable(copy));
+    EXPECT_TRUE(program_tree::has_its_name(child));
   });
 }
 
 TEST(program_tree, a_shell_that_has_become_the_program_is_the_program) {
   in_child([] {
     const std::string name = unique_name();
-    const pid_t copy = start([&] { start([&] { ::prctl(PR_SET_NAME, name.c_str()); }); });
-    ASSERT_TRUE(has_name(child_of(copy), name));
-    EXPECT_TRUE(program_tree::is_findable(copy));
+    const pid_t child = start([&] { start([&] { ::prctl(PR_SET_NAME, name.c_str()); }); });
+    ASSERT_TRUE(has_name(child_of(child), name));
+    EXPECT_TRUE(program_tree::has_its_name(child));
   });
 }
 
@@ -120,14 +120,14 @@ TEST(program_tree, tells_when_a_real_launch_has_got_there) {
   in_child([] {
     const std::string name = unique_name();
     const std::string path = write_program(name, "sleep 60\n");
-    const pid_t copy = start([&] {
+    const pid_t child = start([&] {
       if (std::system(path.c_str()) != 0) ::_exit(1);
     });
-    ASSERT_TRUE(wait_until([&] { return program_tree::is_findable(copy); }));
+    ASSERT_TRUE(wait_until([&] { return program_tree::has_its_name(child); }));
     // The shell runs the program in a child or becomes it.
-    const pid_t child = child_of(copy);
+    const pid_t below = child_of(child);
     EXPECT_TRUE(
-        wait_until([&] { return name_of(child) == name || name_of(child_of(child)) == name; }));
+        wait_until([&] { return name_of(below) == name || name_of(child_of(below)) == name; }));
   });
 }
 

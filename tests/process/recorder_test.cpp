@@ -28,7 +28,7 @@ namespace {
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
 
-constexpr char kEntry[] = "a line\r\n<time>\r\n";
+constexpr char kLine[] = "a line\r\n<time>\r\n";
 
 /// A log that takes nothing until it is read: a pipe that is full.
 class full_log final {
@@ -69,7 +69,7 @@ TEST(recorder, has_written_the_line_and_its_time_when_it_returns) {
   in_child([] {
     const supervision& world = supervision::begin();
     recorder::append("a line\r\n");
-    EXPECT_EQ(world.log(), kEntry);
+    EXPECT_EQ(world.log(), kLine);
     EXPECT_TRUE(recorder::is_idle_within(std::chrono::seconds(20)));
   });
 }
@@ -80,10 +80,10 @@ TEST(recorder, marks_a_program_alive_before_the_line_and_not_alive_after_it) {
     recorder::record& own = new_record();
     recorder::record_launch(own, "prog", "a line\r\n");
     EXPECT_EQ(read_file("notify/prog.dat"), "1");
-    EXPECT_EQ(world.log(), kEntry);
+    EXPECT_EQ(world.log(), kLine);
     recorder::record_end(own, "prog", "a line\r\n");
     EXPECT_FALSE(exists("notify/prog.dat"));
-    EXPECT_EQ(world.log(), std::string(kEntry) + kEntry);
+    EXPECT_EQ(world.log(), std::string(kLine) + kLine);
 
     full_log log;
     recorder::record_launch(own, "prog", "launched\r\n");
@@ -113,7 +113,7 @@ TEST(recorder, writes_the_lines_of_several_threads_each_with_its_time) {
       one.join();
     EXPECT_TRUE(recorder::is_idle_within(std::chrono::seconds(20)));
     // Where the recording thread got no processor for a second, the console has the rest.
-    EXPECT_EQ(count(world.log(), kEntry) + count(world.printed(), "a line\r\n"), 200U);
+    EXPECT_EQ(count(world.log(), kLine) + count(world.printed(), "a line\r\n"), 200U);
   });
 }
 

@@ -91,7 +91,7 @@ TEST(endurance, keeps_descriptors_threads_and_memory_where_they_were) {
   stress::expect_clean_end(place);
 }
 
-TEST(endurance, leaves_copies_and_programs_nothing_but_the_standard_descriptors) {
+TEST(endurance, leaves_children_and_programs_nothing_but_the_standard_descriptors) {
   installation place;
   std::vector<listed_program> programs;
   std::vector<std::string> names;
@@ -104,10 +104,10 @@ TEST(endurance, leaves_copies_and_programs_nothing_but_the_standard_descriptors)
   place.start(stress::fast());
   for (int i = 0; i < rounds(300, 15) && !HasFailure(); ++i) {
     ASSERT_TRUE(stress::settles(place, names, names));
-    for (const pid_t copy : place.copies()) {
-      EXPECT_TRUE(wait_until([&] { return stress::descriptors(copy) == kStandard; }))
-          << stress::descriptors(copy).size() << " descriptors in a copy";
-      EXPECT_EQ(process_table::count_watches(copy), 0);
+    for (const pid_t child : place.children()) {
+      EXPECT_TRUE(wait_until([&] { return stress::descriptors(child) == kStandard; }))
+          << stress::descriptors(child).size() << " descriptors in a child";
+      EXPECT_EQ(process_table::count_watches(child), 0);
     }
     // The programs are started anew while the file is read and watched again.
     place.save(text);

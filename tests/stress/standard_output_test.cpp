@@ -28,7 +28,8 @@ struct chatter {
   }
 };
 
-/// Restarts by the hundred go on; so do reloads, the restart of the steady program, and leaving.
+/// Restarts by the hundred go on; so do reloads, the restart of the steady program, and the
+/// shutdown.
 void expect_supervision(installation& place, const chatter& talk) {
   stress::kill_running(place, talk.steady);
   place.wait_running(talk.steady, 2);

@@ -106,7 +106,7 @@ TEST(start_race, adds_one_daemon_when_the_pid_file_was_deleted) {
   }
 }
 
-TEST(start_race, takes_over_from_a_daemon_that_is_just_leaving) {
+TEST(start_race, takes_over_from_a_daemon_that_is_just_shutting_down) {
   for (int i = 0; i < rounds(100, 8) && !HasFailure(); ++i) {
     installation place;
     const std::string name = place.add_steady();

@@ -1,6 +1,6 @@
 #include <unistd.h>
 
-// A copy that one thread forks holds what the other threads held, and a leak check there takes it
+// A child that one thread forks holds what the other threads held, and a leak check there takes it
 // for lost: the stacks that point to it belong to threads that do not exist. So only the test
 // process itself is checked. Nothing calls this without a leak checker.
 

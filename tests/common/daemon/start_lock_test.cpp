@@ -102,7 +102,7 @@ TEST_F(start_lock_in_a_directory, is_waited_for) {
 TEST_F(start_lock_in_a_directory, is_passed_on_by_forks_and_survives_the_parents) {
   start_lock lock;
   lock.acquire();
-  // A copy that ends does not release it.
+  // A child that ends does not release it.
   const pid_t ends = ::fork();
   if (ends == 0) ::_exit(0);
   ASSERT_EQ(::waitpid(ends, nullptr, 0), ends);

@@ -400,7 +400,7 @@ TEST_F(log_file, a_text_of_any_length_is_one_write) {
     ASSERT_EQ(all.compare(at, kLength, std::string(kLength - 1, all[at]) + "\n"), 0);
 }
 
-TEST_F(log_file, a_forked_copy_has_nothing_left_to_write_a_second_time) {
+TEST_F(log_file, a_forked_child_has_nothing_left_to_write_a_second_time) {
   log_->append_log("once\r\n", -1);
   EXPECT_EQ(WEXITSTATUS(run_in_child([] { std::exit(0); }).status), 0);
   EXPECT_EQ(content(), "once\r\n");

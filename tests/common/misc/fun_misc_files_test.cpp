@@ -32,7 +32,7 @@ TEST_F(fun_misc_files, a_file_exists_when_it_can_be_opened_for_reading) {
   EXPECT_FALSE(Tfun_misc::file_exists(nullptr));
 }
 
-/// Whether the check holds in a copy of the process that is an ordinary user.
+/// Whether the check holds in a child that is an ordinary user.
 template <typename Check>
 bool holds_for_ordinary_user(Check check) {
   constexpr uid_t kNobody = 65534;

@@ -109,7 +109,7 @@ TEST(control_up, finds_left_over_programs_that_have_lost_their_copies_too) {
   place.save({place.entry(name)});
   place.start();
   place.wait_running(name);
-  const auto copies = place.copies();
+  const auto copies = place.children();
   ::kill(place.daemon(), SIGKILL);
   for (const pid_t copy : copies)
     ::kill(copy, SIGKILL);

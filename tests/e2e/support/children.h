@@ -6,8 +6,8 @@
 #include <optional>
 
 /// The ends of the test process's children: those it started, and those it has inherited because
-/// they detached from their parent (a daemon) or lost it (a copy, a program). Everything that waits
-/// for a child asks here, so that no wait takes away another one's result.
+/// they detached from their parent (a daemon) or lost it (a child of it, a program). Everything
+/// that waits for a child asks here, so that no wait takes away another one's result.
 namespace children {
 
 /// Makes the kernel hand every orphan below this process to it. Called once, by `main`.

@@ -194,7 +194,7 @@ void installation::become_supervisor(const start_options& options) const {
   add_options("ASAN_OPTIONS", report);
   add_options("UBSAN_OPTIONS", report + ":print_stacktrace=1");
   // The handlers run only where a thread waits and holds nothing, so they may do what others
-  // must not. And every copy would sleep for a second on its way out.
+  // must not. And every child would sleep for a second on its way out.
   add_options("TSAN_OPTIONS", report + ":report_signal_unsafe=0:atexit_sleep_ms=20");
 
   const std::string binary = supervisor_binary();
@@ -233,7 +233,7 @@ void installation::wait_watching() const {
   }
 }
 
-std::vector<pid_t> installation::copies() const {
+std::vector<pid_t> installation::children() const {
   std::vector<pid_t> pids;
   for (const auto& process : processes()) {
     if (process.name == "keelmond" && process.parent == daemon_) pids.push_back(process.pid);
@@ -243,7 +243,7 @@ std::vector<pid_t> installation::copies() const {
 
 std::vector<pid_t> installation::daemons() const {
   // A daemon has been left by its parents and belongs to the session of one that is gone. So has a
-  // copy whose daemon has ended, but whoever asks knows those from before.
+  // child whose daemon has ended, but whoever asks knows those from before.
   std::vector<pid_t> pids;
   for (const auto& process : processes()) {
     if (process.name == "keelmond" && process.parent == ::getpid() &&

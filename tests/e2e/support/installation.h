@@ -122,9 +122,9 @@ class installation final {
   /// Whether the daemon neither watches nor reloads because of what it has seen.
   [[nodiscard]] bool is_pausing() const { return process_table::count_inotifies(daemon_) == 0; }
   void wait_watching() const;
-  /// Process ids of the daemon's forked copies.
-  [[nodiscard]] std::vector<pid_t> copies() const;
-  /// All daemons that run in this installation and are not copies.
+  /// Process ids of the daemon's children.
+  [[nodiscard]] std::vector<pid_t> children() const;
+  /// All daemons that run in this installation and are not children of one.
   [[nodiscard]] std::vector<pid_t> daemons() const;
   /// All processes that were started below this installation.
   [[nodiscard]] std::vector<process_table::process> processes() const;

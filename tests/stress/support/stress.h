@@ -75,7 +75,7 @@ class load_count final {
   std::size_t found_ = 0;
 };
 
-/// How many entries of the log tell of a launch and of an end.
+/// How many lines of the log tell of a launch and of an end.
 std::size_t launches(const installation& place);
 std::size_t ends(const installation& place);
 

@@ -1,4 +1,4 @@
-#include "process/leave_gate.h"
+#include "process/shutdown_gate.h"
 
 #include <gtest/gtest.h>
 
@@ -16,14 +16,14 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-TEST(leave_gate, is_open_and_empty_at_first) {
-  const leave_gate gate;
+TEST(shutdown_gate, is_open_and_empty_at_first) {
+  const shutdown_gate gate;
   EXPECT_TRUE(gate.may_launch());
   EXPECT_TRUE(gate.wait_until_empty(milliseconds(0)));
 }
 
-TEST(leave_gate, counts_who_is_inside) {
-  leave_gate gate;
+TEST(shutdown_gate, counts_who_is_inside) {
+  shutdown_gate gate;
   gate.admit();
   gate.admit();
   EXPECT_FALSE(gate.wait_until_empty(milliseconds(0)));
@@ -33,27 +33,27 @@ TEST(leave_gate, counts_who_is_inside) {
   EXPECT_TRUE(gate.wait_until_empty(milliseconds(0)));
 }
 
-TEST(leave_gate, whoever_waits_for_something_is_outside_meanwhile) {
-  leave_gate gate;
+TEST(shutdown_gate, whoever_waits_for_something_is_outside_meanwhile) {
+  shutdown_gate gate;
   gate.admit();
   {
-    const leave_gate::outside waiting(gate);
+    const shutdown_gate::outside waiting(gate);
     EXPECT_TRUE(gate.wait_until_empty(milliseconds(0)));
   }
   EXPECT_FALSE(gate.wait_until_empty(milliseconds(0)));
   gate.dismiss();
 }
 
-TEST(leave_gate, gives_up_waiting_at_the_limit) {
-  leave_gate gate;
+TEST(shutdown_gate, gives_up_waiting_at_the_limit) {
+  shutdown_gate gate;
   gate.admit();
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(gate.wait_until_empty(milliseconds(5)));
   EXPECT_GE(std::chrono::steady_clock::now() - start, milliseconds(5));
 }
 
-TEST(leave_gate, waits_until_the_last_one_is_out) {
-  leave_gate gate;
+TEST(shutdown_gate, waits_until_the_last_one_is_out) {
+  shutdown_gate gate;
   gate.admit();
   std::atomic<bool> out{false};
   std::thread slow([&] {
@@ -66,25 +66,25 @@ TEST(leave_gate, waits_until_the_last_one_is_out) {
   slow.join();
 }
 
-TEST(leave_gate, when_launches_are_forbidden_threads_still_come_and_go) {
-  leave_gate gate;
+TEST(shutdown_gate, when_launches_are_forbidden_threads_still_come_and_go) {
+  shutdown_gate gate;
   gate.admit();
   gate.forbid_launches();
   EXPECT_FALSE(gate.may_launch());
-  { const leave_gate::outside waiting(gate); }
+  { const shutdown_gate::outside waiting(gate); }
   gate.dismiss();
   EXPECT_TRUE(gate.wait_until_empty(milliseconds(0)));
 }
 
-TEST(leave_gate, forbidding_launches_does_not_open_a_closed_gate) {
+TEST(shutdown_gate, forbidding_launches_does_not_open_a_closed_gate) {
   in_child([] {
-    static leave_gate gate;
+    static shutdown_gate gate;
     gate.close();
     gate.forbid_launches();
     gate.admit();
     static std::atomic<bool> went_on{false};
     std::thread([] {
-      { const leave_gate::outside waiting(gate); }
+      { const shutdown_gate::outside waiting(gate); }
       went_on = true;
     }).detach();
     EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
@@ -93,22 +93,22 @@ TEST(leave_gate, forbidding_launches_does_not_open_a_closed_gate) {
   });
 }
 
-TEST(leave_gate, a_closed_gate_tells_everybody_not_to_launch) {
-  leave_gate gate;
+TEST(shutdown_gate, a_closed_gate_tells_everybody_not_to_launch) {
+  shutdown_gate gate;
   gate.close();
   EXPECT_FALSE(gate.may_launch());
 }
 
-TEST(leave_gate, closing_parks_whoever_steps_in_again) {
+TEST(shutdown_gate, closing_parks_whoever_steps_in_again) {
   in_child([] {
-    static leave_gate gate;
+    static shutdown_gate gate;
     static std::atomic<bool> outside{false};
     static std::atomic<bool> may_step_in{false};
     static std::atomic<bool> went_on{false};
     gate.admit();
     std::thread([] {
       {
-        const leave_gate::outside waiting(gate);
+        const shutdown_gate::outside waiting(gate);
         outside = true;
         while (!may_step_in)
           std::this_thread::yield();
@@ -125,8 +125,8 @@ TEST(leave_gate, closing_parks_whoever_steps_in_again) {
   });
 }
 
-TEST(leave_gate, closing_waits_for_whoever_is_inside) {
-  leave_gate gate;
+TEST(shutdown_gate, closing_waits_for_whoever_is_inside) {
+  shutdown_gate gate;
   gate.admit();
   gate.close();
   EXPECT_FALSE(gate.wait_until_empty(milliseconds(2)));
@@ -134,9 +134,9 @@ TEST(leave_gate, closing_waits_for_whoever_is_inside) {
   EXPECT_TRUE(gate.wait_until_empty(milliseconds(0)));
 }
 
-TEST(leave_gate, a_parked_thread_counts_as_outside_and_never_returns) {
+TEST(shutdown_gate, a_parked_thread_counts_as_outside_and_never_returns) {
   in_child([] {
-    static leave_gate gate;
+    static shutdown_gate gate;
     gate.admit();
     std::thread([] { gate.park(); }).detach();
     EXPECT_TRUE(gate.wait_until_empty(seconds(20)));
@@ -144,9 +144,9 @@ TEST(leave_gate, a_parked_thread_counts_as_outside_and_never_returns) {
 }
 
 /// Once the gate is closed and found empty, nobody touches what the gate protects.
-TEST(leave_gate, nobody_is_inside_once_it_is_closed_and_empty) {
+TEST(shutdown_gate, nobody_is_inside_once_it_is_closed_and_empty) {
   in_child([] {
-    static leave_gate gate;
+    static shutdown_gate gate;
     // Plain integers: reading them while a thread counts would be a race.
     static std::vector<int> touched(4, 0);
     constexpr std::size_t kThreads = 4;
@@ -156,7 +156,7 @@ TEST(leave_gate, nobody_is_inside_once_it_is_closed_and_empty) {
       std::thread([t] {
         for (;; ++rounds) {
           ++touched[t];
-          const leave_gate::outside waiting(gate);
+          const shutdown_gate::outside waiting(gate);
         }
       }).detach();
     }
@@ -168,8 +168,8 @@ TEST(leave_gate, nobody_is_inside_once_it_is_closed_and_empty) {
   });
 }
 
-TEST(leave_gate, a_thread_can_be_counted_out_after_the_last_that_it_does) {
-  static leave_gate gate;
+TEST(shutdown_gate, a_thread_can_be_counted_out_after_the_last_that_it_does) {
+  static shutdown_gate gate;
   static std::atomic<bool> over{false};
   gate.admit();
   std::thread([] {

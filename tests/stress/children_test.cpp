@@ -26,7 +26,7 @@ void expect_untouched(const installation& place) {
 
 }  // namespace
 
-TEST(copies, do_nothing_about_the_signals_of_the_supervisor) {
+TEST(children, do_nothing_about_the_signals_of_the_supervisor) {
   auto random = stress::random_numbers();
   installation place;
   std::vector<listed_program> programs;
@@ -35,7 +35,7 @@ TEST(copies, do_nothing_about_the_signals_of_the_supervisor) {
     steady.push_back(place.add_steady());
     programs.push_back(place.entry(steady.back()));
   }
-  // Their copies are young whenever they are met.
+  // Their children are young whenever they are met.
   for (int i = 0; i < 3; ++i)
     programs.push_back(place.entry(place.add_script("exit 0\n")));
   place.save(programs);
@@ -43,13 +43,13 @@ TEST(copies, do_nothing_about_the_signals_of_the_supervisor) {
   std::vector<pid_t> pids;
   for (const std::string& name : steady)
     pids.push_back(place.wait_running(name));
-  // What a copy would start if it loaded the file.
+  // What a child would start if it loaded the file.
   const std::string added = place.add_steady();
   const std::size_t starts = stress::launches(place);
 
   for (int i = 0; i < rounds(2000, 150); ++i) {
-    for (const pid_t copy : place.copies())
-      ::kill(copy, kSignals[stress::between(random, 0, 2)]);
+    for (const pid_t child : place.children())
+      ::kill(child, kSignals[stress::between(random, 0, 2)]);
   }
 
   EXPECT_TRUE(wait_until([&] { return stress::launches(place) > starts + 10; }))
@@ -62,7 +62,7 @@ TEST(copies, do_nothing_about_the_signals_of_the_supervisor) {
   EXPECT_EQ(stress::launches(place), stress::ends(place));
 }
 
-TEST(copies, give_their_programs_the_mask_of_the_start) {
+TEST(children, give_their_programs_the_mask_of_the_start) {
   installation place;
   const std::string name = place.add_script("exec sleep 1000\n");
   place.save({place.entry(name)});
@@ -76,15 +76,15 @@ TEST(copies, give_their_programs_the_mask_of_the_start) {
   EXPECT_EQ(process_table::status_field(sleeper, "SigBlk"), "0000000000000000");
   // Some shells clear the mask that they are given, so it is looked at before, too. The one signal
   // in it is SIGCHLD, which `system` blocks where it is called; it blocks all until the shell runs.
-  const pid_t copy = place.copies().at(0);
-  const auto mask = [copy] { return process_table::status_field(copy, "SigBlk"); };
+  const pid_t child = place.children().at(0);
+  const auto mask = [child] { return process_table::status_field(child, "SigBlk"); };
   EXPECT_TRUE(wait_until([&] { return mask() == "0000000000010000"; })) << mask();
   EXPECT_EQ(process_table::status_field(sleeper, "SigCgt"), "0000000000000000");
   ::kill(sleeper, SIGUSR2);
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(sleeper); }));
 }
 
-TEST(copies, of_a_supervisor_that_was_killed_change_nothing_either) {
+TEST(children, of_a_supervisor_that_was_killed_change_nothing_either) {
   for (int i = 0; i < rounds(50, 3); ++i) {
     installation place;
     const std::string name = place.add_steady();
@@ -92,12 +92,12 @@ TEST(copies, of_a_supervisor_that_was_killed_change_nothing_either) {
     place.start();
     const pid_t program = place.wait_running(name);
     EXPECT_TRUE(wait_until([&] { return stress::launches(place) == 1; }));
-    const auto copies = place.copies();
-    ASSERT_EQ(copies.size(), 1U);
+    const auto children = place.children();
+    ASSERT_EQ(children.size(), 1U);
     ::kill(place.daemon(), SIGKILL);
     EXPECT_EQ(place.wait_end(), 128 + SIGKILL);
     for (const int number : kSignals)
-      ::kill(copies[0], number);
+      ::kill(children[0], number);
     EXPECT_TRUE(keeps([&] { return process_table::is_alive(program); }));
     EXPECT_EQ(place.loads(), 1U);
     EXPECT_TRUE(place.has("run.pid"));

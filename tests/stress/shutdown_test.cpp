@@ -27,25 +27,25 @@ using stress::rounds;
 
 namespace {
 
-enum class farewell { usr2, interrupt, file_deleted };
+enum class end_request { usr2, interrupt, file_deleted };
 
 /// Programs that meet their end in different ways.
-struct cast {
+struct program_mix {
   /// Those that the stop command ends, at once or a little later.
   std::vector<std::string> ending;
   /// Those that ignore it.
   std::vector<std::string> ignoring;
 
-  cast(const installation& place, bool with_ignoring) {
-    auto& stage = const_cast<installation&>(place);
+  program_mix(const installation& place, bool with_ignoring) {
+    auto& site = const_cast<installation&>(place);
     for (int i = 0; i < 2; ++i) {
-      ending.push_back(stage.add_script("exit 1\n"));
-      ending.push_back(stage.add_steady());
+      ending.push_back(site.add_script("exit 1\n"));
+      ending.push_back(site.add_steady());
       ending.push_back(
-          stage.add_script("trap 'sleep 0.2; exit 0' USR2\n" + place.note_start() + place.stay()));
+          site.add_script("trap 'sleep 0.2; exit 0' USR2\n" + place.note_start() + place.stay()));
     }
     if (with_ignoring) {
-      ignoring.push_back(stage.add_script("trap '' USR2\n" + place.note_start() + place.stay()));
+      ignoring.push_back(site.add_script("trap '' USR2\n" + place.note_start() + place.stay()));
     }
   }
 
@@ -59,25 +59,25 @@ struct cast {
   }
 };
 
-int leave(const installation& place, farewell kind) {
-  if (kind == farewell::usr2) return place.end_by(SIGUSR2);
-  if (kind == farewell::interrupt) return place.end_by(SIGINT);
+int shut_down(const installation& place, end_request kind) {
+  if (kind == end_request::usr2) return place.end_by(SIGUSR2);
+  if (kind == end_request::interrupt) return place.end_by(SIGINT);
   fs::remove(place.site() / "config" / "server.ini");
   return place.wait_end();
 }
 
-void expect_pid_file(const installation& place, farewell kind) {
-  if (kind == farewell::usr2) {
+void expect_pid_file(const installation& place, end_request kind) {
+  if (kind == end_request::usr2) {
     EXPECT_FALSE(place.has("run.pid"));
   } else {
     EXPECT_TRUE(place.has("run.pid"));
     EXPECT_EQ(place.read("run.pid"),
-              kind == farewell::interrupt ? "" : std::to_string(place.daemon()));
+              kind == end_request::interrupt ? "" : std::to_string(place.daemon()));
   }
 }
 
 /// What is left of the programs is what ignores the stop command, and that is ended here.
-void expect_only(const installation& place, const cast& programs) {
+void expect_only(const installation& place, const program_mix& programs) {
   EXPECT_TRUE(wait_until([&] { return stress::running_names(place, programs.ending).empty(); }))
       << "left or started again: " << stress::running_names(place, programs.ending).size();
   EXPECT_EQ(stress::running_names(place, programs.ignoring), programs.ignoring);
@@ -88,7 +88,7 @@ void expect_only(const installation& place, const cast& programs) {
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
 }
 
-void expect_records(const installation& place, const cast& programs) {
+void expect_records(const installation& place, const program_mix& programs) {
   EXPECT_EQ(stress::launches(place), stress::ends(place) + programs.ignoring.size());
   std::vector<std::string> live;
   for (const auto& item : fs::directory_iterator(place.site() / "notify"))
@@ -99,11 +99,11 @@ void expect_records(const installation& place, const cast& programs) {
 /// @return whether there was time for everything to be recorded. On a busy machine programs may
 /// need
 ///         longer than the supervisor waits for them.
-bool start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
+bool start_and_shut_down(std::mt19937& random, end_request kind, bool with_ignoring) {
   installation place;
-  const cast programs(place, with_ignoring);
+  const program_mix programs(place, with_ignoring);
   place.save(programs.entries(place));
-  place.start(kind == farewell::file_deleted ? stress::fast() : start_options{});
+  place.start(kind == end_request::file_deleted ? stress::fast() : start_options{});
   // Only a program that runs can ignore anything.
   for (const std::string& name : programs.ignoring)
     place.wait_running(name);
@@ -112,7 +112,7 @@ bool start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
     place.signal(SIGUSR1);
 
   const auto before = std::chrono::steady_clock::now();
-  EXPECT_EQ(leave(place, kind), 0);
+  EXPECT_EQ(shut_down(place, kind), 0);
   // It waits for a second when a program ignores it, and is far from that when none does.
   const bool in_time = std::chrono::steady_clock::now() - before <
                        std::chrono::milliseconds(with_ignoring ? 1300 : 900);
@@ -125,12 +125,12 @@ bool start_and_leave(std::mt19937& random, farewell kind, bool with_ignoring) {
   expect_only(place, programs);
   EXPECT_EQ(place.log(), log) << "written after the end";
   EXPECT_EQ(count(place.errors(), "inotify_add_watch: No such file or directory\n"),
-            kind == farewell::file_deleted ? 1U : 0U);
+            kind == end_request::file_deleted ? 1U : 0U);
   return in_time;
 }
 
-/// Kills the programs one by one around the moment at which the supervisor, which is leaving, stops
-/// to wait for them.
+/// Kills the programs one by one around the moment at which the supervisor, which is shutting down,
+/// stops to wait for them.
 void kill_around_the_end_of_the_grace(const installation& place, const std::vector<pid_t>& pids) {
   ASSERT_TRUE(wait_until([&] { return stress::stopped_names(place).size() == pids.size(); }));
   stress::sleep_ms(990);
@@ -158,8 +158,8 @@ std::vector<pid_t> children_of(pid_t pid) {
 pid_t stop_next_shell(pid_t daemon) {
   std::vector<pid_t> shells;
   if (!wait_until([&] {
-        for (const pid_t copy : children_of(daemon)) {
-          if (shells.empty()) shells = children_of(copy);
+        for (const pid_t child : children_of(daemon)) {
+          if (shells.empty()) shells = children_of(child);
         }
         return !shells.empty();
       })) {
@@ -172,11 +172,11 @@ pid_t stop_next_shell(pid_t daemon) {
   return 0;
 }
 
-/// Leaves while the fork of a program is under way, lets it go on 700 ms later, and has the copy
-/// run the program 100 ms after that.
+/// Shuts down while the fork of a program is under way, lets it go on 700 ms later, and has the
+/// child run the program 100 ms after that.
 /// @return whether that is what happened. On a busy machine it may take longer, and the supervisor
 ///         does not wait for ever.
-bool leave_during_a_long_fork() {
+bool shut_down_during_a_long_fork() {
   using std::chrono::milliseconds;
   using clock = std::chrono::steady_clock;
   installation place;
@@ -209,18 +209,19 @@ bool leave_during_a_long_fork() {
 
 }  // namespace
 
-TEST(leaving, ends_every_program_that_can_be_ended_and_then_itself) {
+TEST(shutdown, ends_every_program_that_can_be_ended_and_then_itself) {
   auto random = stress::random_numbers();
-  constexpr farewell kKinds[] = {farewell::usr2, farewell::interrupt, farewell::file_deleted};
+  constexpr end_request kKinds[] = {end_request::usr2, end_request::interrupt,
+                                    end_request::file_deleted};
   int in_time = 0;
   for (int i = 0; i < rounds(500, 10) && !HasFailure(); ++i) {
     SCOPED_TRACE(i);
-    in_time += start_and_leave(random, kKinds[i % 3], i % 4 == 3) ? 1 : 0;
+    in_time += start_and_shut_down(random, kKinds[i % 3], i % 4 == 3) ? 1 : 0;
   }
   EXPECT_GT(in_time, 0) << "the machine is too busy";
 }
 
-TEST(leaving, leaves_no_program_that_was_just_being_launched) {
+TEST(shutdown, leaves_no_program_that_was_just_being_launched) {
   auto random = stress::random_numbers();
   for (int i = 0; i < rounds(300, 15) && !HasFailure(); ++i) {
     SCOPED_TRACE(i);
@@ -242,7 +243,7 @@ TEST(leaving, leaves_no_program_that_was_just_being_launched) {
   }
 }
 
-TEST(leaving, waits_for_the_reload_that_is_under_way) {
+TEST(shutdown, waits_for_the_reload_that_is_under_way) {
   constexpr int kEntries = 20000 / stress::kSlower;
   std::vector<listed_program> missing;
   for (int i = 0; i < kEntries; ++i)
@@ -259,10 +260,10 @@ TEST(leaving, waits_for_the_reload_that_is_under_way) {
   }
 }
 
-TEST(leaving, happens_once_whatever_is_asked_for_meanwhile) {
+TEST(shutdown, happens_once_whatever_is_asked_for_meanwhile) {
   for (int i = 0; i < rounds(100, 4) && !HasFailure(); ++i) {
     installation place;
-    const cast programs(place, false);
+    const program_mix programs(place, false);
     place.save(programs.entries(place));
     place.start();
     const pid_t daemon = place.daemon();
@@ -280,7 +281,7 @@ TEST(leaving, happens_once_whatever_is_asked_for_meanwhile) {
   }
 }
 
-TEST(leaving, waits_for_a_program_that_has_no_name_yet) {
+TEST(shutdown, waits_for_a_program_that_has_no_name_yet) {
   int caught = 0;
   const int wanted = rounds(50, 3);
   for (int i = 0; i < 40 * wanted && caught < wanted && !HasFailure(); ++i) {
@@ -304,15 +305,15 @@ TEST(leaving, waits_for_a_program_that_has_no_name_yet) {
   EXPECT_GT(caught, 0) << "no program was met on its way";
 }
 
-TEST(leaving, waits_for_a_fork_that_takes_long) {
+TEST(shutdown, waits_for_a_fork_that_takes_long) {
   const int wanted = rounds(20, 1);
   int in_time = 0;
   for (int i = 0; i < 10 * wanted && in_time < wanted && !HasFailure(); ++i)
-    in_time += leave_during_a_long_fork() ? 1 : 0;
+    in_time += shut_down_during_a_long_fork() ? 1 : 0;
   EXPECT_GT(in_time, 0) << "the machine is too busy";
 }
 
-TEST(leaving, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment) {
+TEST(shutdown, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment) {
   for (int i = 0; i < rounds(100, 5) && !HasFailure(); ++i) {
     installation place;
     std::vector<listed_program> programs;
@@ -336,7 +337,7 @@ TEST(leaving, touches_nothing_that_is_gone_when_programs_end_at_the_last_moment)
   }
 }
 
-TEST(leaving, deletes_nothing_that_a_thread_is_using) {
+TEST(shutdown, deletes_nothing_that_a_thread_is_using) {
   for (int i = 0; i < rounds(20, 1) && !HasFailure(); ++i) {
     installation place;
     const slow_log log(place);
@@ -350,8 +351,8 @@ TEST(leaving, deletes_nothing_that_a_thread_is_using) {
     std::ignore = log.drain([] { return true; });
     log.fill();
     // Each monitor now has its program's end recorded, and the first of these lines hangs.
-    for (const pid_t copy : place.copies())
-      ::kill(copy, SIGKILL);
+    for (const pid_t child : place.children())
+      ::kill(child, SIGKILL);
     place.signal(SIGUSR2);
     const auto asked = std::chrono::steady_clock::now();
     // After its last stop command it gives what is being written a second.
@@ -372,7 +373,7 @@ TEST(leaving, deletes_nothing_that_a_thread_is_using) {
   }
 }
 
-TEST(leaving, leaves_no_liveness_file_of_a_program_that_was_to_be_started_again) {
+TEST(shutdown, leaves_no_liveness_file_of_a_program_that_was_to_be_started_again) {
   installation place;
   const std::string name = place.add_steady();
   place.save({place.entry(name)});
@@ -390,7 +391,7 @@ TEST(leaving, leaves_no_liveness_file_of_a_program_that_was_to_be_started_again)
   EXPECT_FALSE(place.has("notify/" + name + ".dat"));
 }
 
-TEST(leaving, takes_about_a_second_however_many_programs_ignore_it) {
+TEST(shutdown, takes_about_a_second_however_many_programs_ignore_it) {
   installation place;
   std::vector<listed_program> programs;
   for (int i = 0; i < 10; ++i) {

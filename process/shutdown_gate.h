@@ -3,25 +3,26 @@
 #include <atomic>
 #include <chrono>
 
-/// Brings threads that nobody joins to a stand before the objects that they use are deleted.
+/// Keeps threads that nobody joins away from the objects that they use before the shutdown deletes
+/// these.
 ///
 /// A thread is inside the gate from the moment it is created until it ends, except while it waits
-/// for something (`leave_gate::outside`). The gate goes through three phases, never back:
+/// for something (`shutdown_gate::outside`). The gate goes through three phases, never back:
 /// - open: threads step out and in as they like;
 /// - no launches: the same, but a thread that asks `may_launch` is told no;
 /// - closed: a thread that wants to step in again parks, for good, and touches nothing more.
 ///
 /// Nothing here excludes one thread from another: threads inside never wait for each other, and the
-/// one that leaves only counts. Each member may be called from any thread; none allocates.
+/// one that shuts down only counts. Each member may be called from any thread; none allocates.
 ///
 /// Every atomic here keeps the default order. `step_in` counts itself in and then reads the phase,
-/// the leaving thread writes the phase and then reads the count; one total order of these four is
-/// what makes at least one of the two see the other.
-class leave_gate final {
+/// the thread that shuts down writes the phase and then reads the count; one total order of these
+/// four is what makes at least one of the two see the other.
+class shutdown_gate final {
  public:
-  constexpr leave_gate() = default;
-  leave_gate(const leave_gate&) = delete;
-  leave_gate& operator=(const leave_gate&) = delete;
+  constexpr shutdown_gate() = default;
+  shutdown_gate(const shutdown_gate&) = delete;
+  shutdown_gate& operator=(const shutdown_gate&) = delete;
 
   /// Counts a thread in. Its creator calls this first, so that there is no moment at which the
   /// thread exists and is not counted.
@@ -43,17 +44,17 @@ class leave_gate final {
   /// @return false when there still is one after `limit`.
   bool wait_until_empty(std::chrono::milliseconds limit) const noexcept;
 
-  /// While it lives, the calling thread is outside: it touches no object that leaving deletes.
+  /// While it lives, the calling thread is outside: it touches no object that the shutdown deletes.
   /// When it goes and the gate has been closed meanwhile, the thread parks.
   class outside final {
    public:
-    explicit outside(leave_gate& gate) noexcept : gate_(gate) { gate_.dismiss(); }
+    explicit outside(shutdown_gate& gate) noexcept : gate_(gate) { gate_.dismiss(); }
     outside(const outside&) = delete;
     outside& operator=(const outside&) = delete;
     ~outside() { gate_.step_in(); }
 
    private:
-    leave_gate& gate_;
+    shutdown_gate& gate_;
   };
 
   /// Counts the calling thread out when it ends, after the last that it does. Takes no memory from
@@ -70,4 +71,4 @@ class leave_gate final {
 };
 
 /// The gate of all monitors' threads.
-extern leave_gate g_leave_gate;
+extern shutdown_gate g_shutdown_gate;
