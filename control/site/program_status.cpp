@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <system_error>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "control/text/quantity.h"
@@ -20,7 +21,8 @@ constexpr std::int64_t kMostLog = std::int64_t{64} << 20;
 /// What a look at the log is about: the last minute, in so many bytes at most.
 constexpr std::int64_t kMinute = 60;
 constexpr std::int64_t kLogOfMinute = std::int64_t{1} << 18;
-/// How many starts more than programs in that time are often, and which programs may be behind.
+/// How many starts of a program beside its last one are often in that time, and which programs may
+/// be behind.
 constexpr int kOften = 3;
 constexpr double kYoung = 20;
 
@@ -107,20 +109,43 @@ program_status unlisted(const running_program& running, actual what) {
   return status;
 }
 
-/// How often this daemon has launched programs in the last minute, as far as the log tells.
-int recent_launches(const site& place) {
+/// What the end of the log tells about starts.
+struct recent_starts {
+  int in_minute = 0;  ///< Of all programs together.
+  std::unordered_set<pid_t>
+      after_an_end;  ///< Copies that may have been launched in place of others.
+};
+
+recent_starts read_recent_starts(const site& place) {
   // Compared as texts: to turn each time into a number takes longer than all the rest.
   const std::string since = format_local(static_cast<std::int64_t>(std::time(nullptr)) - kMinute);
-  int launches = 0;
+  recent_starts found;
+  int ends = 0;  // That no later launch stands for.
   for (const log_event& event : read_last_events(place.log_file(), kLogOfMinute)) {
-    if (event.what == log_event::kind::supervisor_started) launches = 0;
-    if (event.what == log_event::kind::launched && event.time >= since) ++launches;
+    switch (event.what) {
+      case log_event::kind::supervisor_started:
+        found = {};
+        ends = 0;
+        break;
+      case log_event::kind::ended:
+        ++ends;
+        break;
+      case log_event::kind::launched:
+        if (event.time >= since) ++found.in_minute;
+        if (ends > 0) {
+          --ends;
+          found.after_an_end.insert(event.pid);
+        }
+        break;
+      default:
+        break;
+    }
   }
-  return launches;
+  return found;
 }
 
-/// The log does not say which program was launched, so all that have been started just now are
-/// suspected when there were more starts than programs.
+/// The log does not say which program was launched. Suspected are those that have been started just
+/// now when something had ended before; they must have more starts than a person gives them.
 void mark_restarting(const snapshot& now, const site& place,
                      std::vector<program_status>& programs) {
   int started = 0;
@@ -130,7 +155,13 @@ void mark_restarting(const snapshot& now, const site& place,
     ++started;
     if (one.now == actual::running && now.age_of(*one.copy) < kYoung) suspects.push_back(&one);
   }
-  if (suspects.empty() || recent_launches(place) - started < kOften) return;
+  if (suspects.empty()) return;
+  const recent_starts starts = read_recent_starts(place);
+  std::erase_if(suspects, [&](const program_status* one) {
+    return !starts.after_an_end.contains(one->copy->pid);
+  });
+  const int more = starts.in_minute - started;
+  if (more < kOften * static_cast<int>(suspects.size())) return;
   for (program_status* const one : suspects) {
     one->now = actual::restarting;
     one->why = "programs have ended and been started again in the last minute";
