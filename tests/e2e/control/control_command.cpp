@@ -16,7 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::chrono::seconds kLongest{60};
+constexpr std::chrono::seconds kLongest{300};
 
 [[noreturn]] void become_control(const installation& place, const fs::path& files,
                                  std::vector<std::string> arguments) {
