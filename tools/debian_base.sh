@@ -8,6 +8,12 @@
 #   root=...
 #   make_base
 #   in_base [OPTION of systemd-nspawn]... -- COMMAND...
+#
+# When that was started in the background, as $boot:
+#
+#   inside COMMAND...           runs a command there
+#   await WHAT COMMAND...       waits until it succeeds, or calls `fail WHAT`
+#   kill "$(keeper)"            tells the first process there to end
 
 # shellcheck source=tools/archive.sh
 # shellcheck disable=SC2154
@@ -73,4 +79,32 @@ in_base() (
 # Whether this machine lets us have such systems.
 can_enter_base() {
   ((EUID == 0)) && in_base -- /bin/true
+}
+
+child_of() {
+  ps -o pid= --ppid "$1" | head -n 1 | tr -d ' '
+}
+
+keeper() {
+  local process=$boot
+  until [[ -z $process || $(ps -o comm= -p "$process") == systemd-nspawn ]]; do
+    process=$(child_of "$process")
+  done
+  echo "$process"
+}
+
+inside() {
+  nsenter -t "$(child_of "$(keeper)")" -a \
+    env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@"
+}
+
+await() {
+  local what=$1 tries=0
+  shift
+  until "$@" >/dev/null 2>&1; do
+    if ((++tries == 600)) || ! kill -0 "$boot" 2>/dev/null; then
+      fail "$what"
+    fi
+    sleep 0.1
+  done
 }
