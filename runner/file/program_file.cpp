@@ -36,8 +36,8 @@ std::string explain(const program_file& file) {
       section = rule.section;
     }
     const program_file::entry* const given = file.find(rule.section, rule.key);
-    const bool is_remark = given == nullptr && rule.initial.starts_with('(');
-    text += (is_remark ? "# " : "") + std::string(rule.key) + (is_remark ? ": " : " = ") +
+    const bool has_value = given != nullptr || !rule.initial.starts_with('(');
+    text += (given != nullptr ? "" : "# ") + std::string(rule.key) + (has_value ? " = " : ": ") +
             (given != nullptr ? given->value : std::string(rule.initial)) + "\n";
   }
   return text;

@@ -165,7 +165,8 @@ program_file_result read_program_file(const std::string& path);
 /// The same for a text that would stand there.
 program_file_result read_program_text(std::string_view text, const std::string& path);
 
-/// Every key there is with its value, those that are left out included, as a program file.
+/// Every key there is with its value, as a program file that says the same: those that are left out
+/// are remarks.
 std::string explain(const program_file& file);
 
 /// Whether a file begins like one that keelmond-run runs.

@@ -1,0 +1,95 @@
+#include "runner/launch/control_group.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+#include "tests/support/scratch_dir.h"
+
+namespace fs = std::filesystem;
+
+using runner::control_group;
+using runner::group_limits;
+
+namespace {
+
+/// Directories and files like those that the kernel makes, as far as they are looked at.
+class imagined_groups final {
+ public:
+  void add(const std::string& group, const std::string& controllers, const std::string& offered) {
+    fs::create_directories(root_.path() / group);
+    root_.write(group + "/cgroup.controllers", controllers);
+    root_.write(group + "/cgroup.subtree_control", offered);
+  }
+  /// The files that a new group would have at once.
+  void expect(const std::string& group) {
+    fs::create_directories(root_.path() / group);
+    for (const char* const file : {"memory.max", "cpu.max", "pids.max", "cgroup.kill"})
+      root_.write(group + "/" + file, "");
+  }
+  [[nodiscard]] std::string read(const std::string& file) const { return root_.read(file); }
+  [[nodiscard]] runner::group_place place(const std::string& own) const {
+    return {root_.path().string(), own};
+  }
+
+ private:
+  scratch_dir root_;
+};
+
+constexpr group_limits kAll{1U << 30, 150, 64};
+
+}  // namespace
+
+TEST(control_group, is_made_below_the_own_one_with_its_limits) {
+  imagined_groups groups;
+  groups.add("own", "cpu memory pids", "cpu memory pids");
+  groups.expect("own/keelmond.kmd_x");
+  control_group group;
+  EXPECT_EQ(group.make(kAll, "kmd_x", groups.place("/own")), "");
+  EXPECT_EQ(groups.read("own/keelmond.kmd_x/memory.max"), "1073741824");
+  EXPECT_EQ(groups.read("own/keelmond.kmd_x/cpu.max"), "150000 100000");
+  EXPECT_EQ(groups.read("own/keelmond.kmd_x/pids.max"), "64");
+  EXPECT_TRUE(group.entrance().ends_with("/own/keelmond.kmd_x/cgroup.procs"));
+  group.remove();
+  EXPECT_EQ(groups.read("own/keelmond.kmd_x/cgroup.kill"), "1");
+  EXPECT_EQ(group.entrance(), "");
+}
+
+TEST(control_group, is_made_beside_the_own_one_where_that_cannot_have_groups) {
+  imagined_groups groups;
+  groups.add("service", "memory pids", "memory pids");
+  groups.add("service/supervisor", "", "");
+  groups.expect("service/keelmond.kmd_x");
+  control_group group;
+  EXPECT_EQ(group.make({0, 0, 5}, "kmd_x", groups.place("/service/supervisor")), "");
+  EXPECT_EQ(groups.read("service/keelmond.kmd_x/pids.max"), "5");
+}
+
+TEST(control_group, turns_controllers_on_that_are_there) {
+  imagined_groups groups;
+  groups.add("own", "memory", "");
+  groups.expect("own/keelmond.kmd_x");
+  control_group group;
+  EXPECT_EQ(group.make({4096, 0, 0}, "kmd_x", groups.place("/own")), "");
+  EXPECT_EQ(groups.read("own/cgroup.subtree_control"), "+memory");
+}
+
+TEST(control_group, says_so_where_there_are_none_or_none_is_delegated) {
+  imagined_groups groups;
+  groups.add("own", "", "");
+  control_group group;
+  EXPECT_EQ(group.make(kAll, "kmd_x", {}), "there are no control groups of version 2");
+  EXPECT_NE(group.make(kAll, "kmd_x", groups.place("/own")).find("/own is not delegated"),
+            std::string::npos);
+  EXPECT_EQ(group.entrance(), "");
+}
+
+TEST(control_group, a_limit_that_cannot_be_set_is_told) {
+  imagined_groups groups;
+  groups.add("own", "memory", "memory");
+  control_group group;
+  EXPECT_NE(group.make({4096, 0, 0}, "kmd_x", groups.place("/own")).find("memory.max: "),
+            std::string::npos);
+  EXPECT_EQ(group.entrance(), "");
+}
