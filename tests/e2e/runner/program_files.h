@@ -25,6 +25,7 @@ class runner_place final {
   void stop(const std::string& name);
 
   [[nodiscard]] installation& site() { return place_; }
+  [[nodiscard]] const installation& site() const { return place_; }
   [[nodiscard]] std::string path_of(const std::string& name) const {
     return (place_.site() / "programs" / name).string();
   }
