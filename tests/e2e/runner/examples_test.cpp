@@ -191,3 +191,19 @@ TEST(runner_examples_themselves, are_right) {
     }
   }
 }
+
+TEST(runner_examples_themselves, are_right_in_the_documentation) {
+  const std::string text = read_file(fs::path(KEELMOND_SOURCE_DIR) / "docs" / "program-files.md");
+  const std::string fence = "```ini\n#!";
+  std::size_t examples = 0;
+  for (std::size_t at = text.find(fence); at != std::string::npos; at = text.find(fence, at + 1)) {
+    ++examples;
+    const std::string block = text.substr(at + 7, text.find("```\n", at + 7) - at - 7);
+    for (const auto& one : runner::read_program_text(block, "/srv/kmd_x").findings) {
+      // Nor need users and groups be there.
+      if (one.key != "user" && !one.key.starts_with("group"))
+        ADD_FAILURE() << runner::in_one_line(block, one);
+    }
+  }
+  EXPECT_GE(examples, 10U);
+}
