@@ -7,6 +7,7 @@ from a pipe what it prints, and ends when the program has ended and all of it is
 import os
 import shutil
 import subprocess
+import time
 
 SIZE = 10_000_000
 KEEP = 5
@@ -55,6 +56,9 @@ class Logger:
     def output(self):
         return subprocess.DEVNULL
 
+    def end(self, process, has_ended):
+        """Has the logger end once `has_ended` tells that the program has, or is about to."""
+
 
 class File(Logger):
     """No logger: the program has the file itself."""
@@ -100,6 +104,12 @@ class KeelmondRun(Logger):
                       f"stamp = {'yes' if stamp else 'no'}\n[restart]\non = never\n")
         os.chmod(file, 0o755)
         return [file]
+
+    def end(self, process, has_ended):
+        # By itself it stays, because whoever supervises it would start it again.
+        while not has_ended() and process.poll() is None:
+            time.sleep(0.001)
+        process.terminate()
 
 
 class Svlogd(Logger):

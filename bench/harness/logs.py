@@ -81,6 +81,7 @@ def measure_case(logger, tools, case, divisor):
     process, source = logger.start(program, stamp)
     if source is not process:
         await_end(logger, source)
+    logger.end(process, lambda: os.path.exists(own_time) and os.path.getsize(own_time) > 0)
     used = await_end(logger, process)
     seconds = time.monotonic() - begin
     if source is process:
