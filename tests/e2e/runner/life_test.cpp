@@ -194,9 +194,9 @@ TEST(runner_life, ends_when_the_supervisors_child_above_it_is_killed) {
   place.start();
   program_state state = place.wait_phase(name, program_phase::running);
   for (int round = 0; round < 3; ++round) {
-    const std::vector<pid_t> copies = place.site().copies();
-    ASSERT_EQ(copies.size(), 1U);
-    ::kill(copies.front(), SIGKILL);
+    const std::vector<pid_t> children = place.site().children();
+    ASSERT_EQ(children.size(), 1U);
+    ::kill(children.front(), SIGKILL);
     EXPECT_TRUE(has_gone(state.launcher));
     EXPECT_FALSE(process_table::is_alive(state.pid));
     // One program at any time: the next one waits for the end of this one.
