@@ -40,8 +40,7 @@ bool wait_applied(const installation& place, std::size_t number) {
 /// Saves as an editor does: empties the file, and writes it a moment later.
 /// @param in_parts writes the second half of it another moment later.
 /// @return whether that moment was as short as it was meant to be. On a busy machine half a file
-/// can
-///         lie there for as long as a whole one would have to.
+///         can lie there for as long as a whole one would have to.
 bool save_in_place(const installation& place, const std::string& text, int delay, bool in_parts) {
   const std::string path = (place.site() / "config" / "server.ini").string();
   const unique_fd file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));

@@ -97,8 +97,7 @@ void expect_records(const installation& place, const program_mix& programs) {
 }
 
 /// @return whether there was time for everything to be recorded. On a busy machine programs may
-/// need
-///         longer than the supervisor waits for them.
+///         need longer than the supervisor waits for them.
 bool start_and_shut_down(std::mt19937& random, end_request kind, bool with_ignoring) {
   installation place;
   const program_mix programs(place, with_ignoring);
@@ -364,7 +363,7 @@ TEST(shutdown, deletes_nothing_that_a_thread_is_using) {
         log.drain([&] { return children::status_of(place.daemon()).has_value(); });
     EXPECT_EQ(place.wait_end(), 0);
     EXPECT_FALSE(place.has("run.pid"));
-    // What takes longer is left to its fate, and the log with it.
+    // What takes longer is given up, and the log with it.
     if (released - asked < std::chrono::milliseconds(900)) {
       EXPECT_FALSE(has_ended) << "it does not wait";
       EXPECT_EQ(count(text, "exited process PID: "), programs.size());

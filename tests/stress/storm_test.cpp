@@ -108,7 +108,7 @@ TEST(storm, leaves_every_program_running_once_and_the_list_as_the_file_says) {
 
   stress::expect_clean_end(place);
 
-  // Reloads stop only what the file wants to be stopped. Leaving stops all others, each once.
+  // Reloads stop only what the file wants to be stopped. The shutdown stops all others, each once.
   const std::string console = place.console();
   const std::string last = console.substr(console.rfind("loadServerConfig : "));
   for (const std::string& name : list.names("run"))

@@ -78,11 +78,11 @@ class installation final {
   [[nodiscard]] std::size_t starts(const std::string& name) const { return notes(name).size(); }
   /// What the program has noted, one line for each start: process id, blank, text.
   [[nodiscard]] std::vector<std::string> notes(const std::string& name) const;
-  /// Process ids of the program's running instances.
+  /// Process ids of the program, each time that it runs.
   [[nodiscard]] std::vector<pid_t> running(const std::string& name) const;
-  /// Waits until the program has noted `starts` starts and exactly one instance of it runs. Throws
+  /// Waits until the program has noted `starts` starts and runs exactly once. Throws
   /// when that does not happen, for there is no process to go on with.
-  /// @return the instance's process id.
+  /// @return its process id.
   pid_t wait_running(const std::string& name, std::size_t starts = 1) const;
 
   // Configuration -------------------------------------------------------------------------------

@@ -48,9 +48,9 @@ fs::path whole_of(const installation& place) {
 }
 
 /// One installation in which saves are made, and its supervisor.
-class desk final {
+class save_site final {
  public:
-  explicit desk(const way& how) : steady_(place_.add_steady()) {
+  explicit save_site(const way& how) : steady_(place_.add_steady()) {
     fs::create_directories(whole_of(place_).parent_path());
     fs::create_directories(place_.site().parent_path() / "home");
     place_.save(text(0));
@@ -109,32 +109,32 @@ class desk final {
   int saves_ = 0;
 };
 
-/// A desk at which one save follows the other, in steps: several of them take turns.
-class course final {
+/// A series of saves at one site, in steps: several of them take turns.
+class series final {
  public:
-  course(const way& how, int saves) : how_(how), left_(saves) {}
+  series(const way& how, int saves) : how_(how), left_(saves) {}
 
   [[nodiscard]] bool is_over() const { return left_ == 0; }
   [[nodiscard]] int missed() const { return missed_; }
 
   /// Does what can be done without waiting.
   void go_on(std::mt19937& random) {
-    if (!desk_) {
-      desk_ = std::make_unique<desk>(how_);
+    if (!site_) {
+      site_ = std::make_unique<save_site>(how_);
       pause_over_ = true;
     }
     if (saved_) {
-      if (desk_->has_taken()) {
+      if (site_->has_taken()) {
         over(true);
       } else if (steady::now() - *saved_ > kLongestReload) {
         over(false);
       }
     } else if (!due_) {
-      pause_over_ = pause_over_ || desk_->is_pausing() || steady::now() - taken_ > kPauseOver;
-      if (!pause_over_ || !desk_->is_watching()) return;
+      pause_over_ = pause_over_ || site_->is_pausing() || steady::now() - taken_ > kPauseOver;
+      if (!pause_over_ || !site_->is_watching()) return;
       due_ = steady::now() + milliseconds(stress::between(random, 10, stress::rounds(1000, 200)));
     } else if (steady::now() >= *due_) {
-      desk_->save();
+      site_->save();
       saved_ = steady::now();
     }
   }
@@ -148,16 +148,16 @@ class course final {
     --left_;
     if (!taken) {
       ++missed_;
-      std::printf("missed: %s\n", desk_->state().c_str());
+      std::printf("missed: %s\n", site_->state().c_str());
     } else if (left_ == 0) {
-      desk_->expect_no_harm();
+      site_->expect_no_harm();
     }
     // After a save that was missed nothing can be said of the next one.
-    if (!taken || left_ == 0) desk_.reset();
+    if (!taken || left_ == 0) site_.reset();
   }
 
   const way& how_;
-  std::unique_ptr<desk> desk_;
+  std::unique_ptr<save_site> site_;
   /// When the last save was seen to be loaded; the pause begins a little later.
   steady::time_point taken_;
   bool pause_over_ = true;
@@ -225,22 +225,22 @@ void expect_all_taken(const way& how) {
   if (!is_installed(how.program)) GTEST_SKIP() << how.program << " is not installed";
   const place_for_backups scratch;
   auto random = stress::random_numbers();
-  const int desks = stress::rounds(5, 1);
+  const int sites = stress::rounds(5, 1);
   const int saves = stress::rounds(4, how.in_short);
-  std::vector<std::unique_ptr<course>> courses;
-  for (int i = 0; i < desks; ++i)
-    courses.push_back(std::make_unique<course>(how, saves));
+  std::vector<std::unique_ptr<series>> all_series;
+  for (int i = 0; i < sites; ++i)
+    all_series.push_back(std::make_unique<series>(how, saves));
   int missed = 0;
-  while (!courses.empty()) {
-    for (const auto& one : courses)
+  while (!all_series.empty()) {
+    for (const auto& one : all_series)
       one->go_on(random);
-    std::erase_if(courses, [&](const auto& one) {
+    std::erase_if(all_series, [&](const auto& one) {
       if (one->is_over()) missed += one->missed();
       return one->is_over();
     });
     stress::sleep_ms(2);
   }
-  std::printf("taken: %d of %d\n", desks * saves - missed, desks * saves);
+  std::printf("taken: %d of %d\n", sites * saves - missed, sites * saves);
   EXPECT_EQ(missed, 0);
 }
 

@@ -16,9 +16,8 @@ namespace stress {
 
 /// Harm done at random to an installation whose supervisor runs, and its repair.
 ///
-/// Nothing of it ends the supervisor, except what does so on purpose: the configuration can always
-/// be watched again when a watch is over. Written for the test's thread; what it throws, and when,
-/// is as for `installation`.
+/// None of it ends the supervisor: the configuration can always be watched again when a watch is
+/// over. Written for the test's thread; what it throws, and when, is as for `installation`.
 class chaos final {
  public:
   /// @param programs those that the configuration lists, all of which have been started once.
@@ -39,7 +38,7 @@ class chaos final {
   [[nodiscard]] const std::vector<listed_program>& programs() const { return programs_; }
   /// What was done since the last `forget`.
   [[nodiscard]] const std::string& story() const { return story_; }
-  /// Begins a new story. Call it when everything is in order.
+  /// Forgets what was done. Call it when everything is in order.
   void forget();
 
  private:

@@ -211,7 +211,7 @@ std::vector<std::string> running_names(const installation& place,
 bool settles(const installation& place, const std::vector<std::string>& all,
              std::vector<std::string> wanted) {
   std::sort(wanted.begin(), wanted.end());
-  // Twice the same: what is about to start a second instance gets the time to do so.
+  // Twice the same: what is about to run twice gets the time to do so.
   const auto as_wanted = [&] { return running_names(place, all) == wanted; };
   for (const auto end = std::chrono::steady_clock::now() + patience();
        std::chrono::steady_clock::now() < end;) {

@@ -82,7 +82,7 @@ std::size_t ends(const installation& place);
 /// The names in the stop commands that the console tells of, in their order.
 std::vector<std::string> stopped_names(const installation& place);
 
-/// Names of the programs of which an instance runs; twice when two do.
+/// Names of the programs that run; twice when one runs twice.
 std::vector<std::string> running_names(const installation& place,
                                        const std::vector<std::string>& programs);
 
@@ -90,7 +90,7 @@ std::vector<std::string> running_names(const installation& place,
 bool settles(const installation& place, const std::vector<std::string>& all,
              std::vector<std::string> wanted);
 
-/// Kills the program's running instance, after it has been started `starts` times. Throws when
+/// Kills the program, after it has been started `starts` times. Throws when
 /// there is none: process id 0 would stand for everything that runs this test.
 void kill_running(const installation& place, const std::string& name, std::size_t starts = 1);
 
