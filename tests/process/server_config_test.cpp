@@ -41,8 +41,8 @@ std::string configuration(const std::vector<program>& programs) {
   return server_ini(listed);
 }
 
-/// Loads configurations in an empty directory without anything being run: no thread can be created, so
-/// that a monitor that is started stays as it was, and no process for a stop command.
+/// Loads configurations in an empty directory without anything being run: no thread can be created,
+/// so that a monitor that is started stays as it was, and no process for a stop command.
 class server_config : public testing::Test {
  protected:
   server_config() {
