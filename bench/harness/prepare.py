@@ -45,7 +45,7 @@ def _download(package, directory):
 
 
 def fetch_contenders(root, say):
-    """Unpacks the packages that are not there yet. What cannot be had is left out."""
+    """Unpacks the packages that are not there yet. What Debian does not have is left out."""
     place = os.path.join(root, "build", "contenders")
     missing = [name for name in PACKAGES if not os.path.exists(os.path.join(place, "got-" + name))]
     if not missing or shutil.which("apt-get") is None:
