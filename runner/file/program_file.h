@@ -157,7 +157,7 @@ struct program_file_result {
 };
 
 /// The longest file that is read, in bytes.
-inline constexpr std::size_t kLargestProgramFile = 1024 * 1024;
+inline constexpr std::size_t kLargestProgramFile = std::size_t{1024} * 1024;
 
 /// Reads a file, and the environment file that it names.
 /// @param path where it stands; relative paths in it are relative to its directory.

@@ -107,7 +107,8 @@ std::string control_group::make(const group_limits& limits, const std::string& n
   const std::vector<std::string> needed = needed_controllers(limits);
   for (const std::string& parent : parents) {
     if (!offer_controllers(parent, needed)) continue;
-    const std::string directory = parent + "/keelmond." + name;
+    std::string directory = parent;
+    directory.append("/keelmond.").append(name);
     if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) continue;
     directory_ = directory;
     std::string error = set_limits(directory, limits);

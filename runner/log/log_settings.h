@@ -24,7 +24,7 @@ struct log_settings {
   /// Absolute. Must not be a symbolic link; its directory has to be there.
   std::string file;
   /// Bytes after which a new file is begun; 0 for never.
-  std::uint64_t size = 10 * 1024 * 1024;
+  std::uint64_t size = std::uint64_t{10} * 1024 * 1024;
   /// How old a file may become before a new one is begun; 0 for any age.
   std::chrono::seconds age{0};
   /// How many rotated files are kept.

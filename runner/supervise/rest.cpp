@@ -21,15 +21,20 @@ std::uintptr_t page_size() {
   return static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
 }
 
+/// The kernel tells addresses as numbers, and takes them as pointers.
+void* pointer_to(std::uintptr_t address) {
+  return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
+
 void give_back(std::uintptr_t begin, std::uintptr_t end) {
-  ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+  ::madvise(pointer_to(begin), end - begin, MADV_DONTNEED);
 }
 
 /// Has the kernel bring in the page of a function alone and not its neighbours along with it: it
 /// does not go beyond what is mapped in one way.
 void set_apart(std::uintptr_t function) {
   const std::uintptr_t page = page_size();
-  ::madvise(reinterpret_cast<void*>(function & ~(page - 1)), 2 * page, MADV_RANDOM);
+  ::madvise(pointer_to(function & ~(page - 1)), 2 * page, MADV_RANDOM);
 }
 
 /// Gives the code back and waits. What runs from the last of these calls on is what stays mapped,
