@@ -1,64 +1,23 @@
 #include "control/site/log_follower.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/inotify.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <string_view>
 #include <utility>
 
 namespace control {
 
-log_follower::log_follower(std::string path)
-    : path_(std::move(path)), events_(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK)) {
-  const std::string directory = path_.substr(0, path_.rfind('/') + 1);
-  if (events_.valid()) {
-    ::inotify_add_watch(events_.get(), directory.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO);
-  }
-  open(true);
-}
-
-void log_follower::open(bool at_end) {
-  file_.reset(::open(path_.c_str(), O_RDONLY | O_CLOEXEC));
-  if (file_.valid() && at_end) ::lseek(file_.get(), 0, SEEK_END);
-}
-
-bool log_follower::is_replaced() const {
-  struct stat named {};
-  struct stat held {};
-  if (::stat(path_.c_str(), &named) != 0) return false;
-  if (!file_.valid() || ::fstat(file_.get(), &held) != 0) return true;
-  // The daemon goes on with the file that it has open. The new one is taken when it is used.
-  return (named.st_dev != held.st_dev || named.st_ino != held.st_ino) && named.st_size > 0;
-}
-
-void log_follower::read_to_end() {
-  if (!file_.valid()) return;
-  struct stat status {};
-  const off_t at = ::lseek(file_.get(), 0, SEEK_CUR);
-  if (::fstat(file_.get(), &status) == 0 && status.st_size < at) ::lseek(file_.get(), 0, SEEK_SET);
-  char chunk[16384];
-  for (ssize_t got; (got = ::read(file_.get(), chunk, sizeof chunk)) > 0;)
-    parser_.feed({chunk, static_cast<std::size_t>(got)});
+log_follower::log_follower(std::string path) : file_(std::move(path)) {
+  watch_.add_directory_of(file_.path());
+  file_.open(true);
 }
 
 std::vector<log_event> log_follower::read() {
-  read_to_end();
-  if (is_replaced()) {
-    open(false);
-    read_to_end();
+  const auto feed = [this](std::string_view piece) { parser_.feed(piece); };
+  file_.read_on(feed);
+  if (file_.is_replaced()) {
+    file_.open(false);
+    file_.read_on(feed);
   }
   return parser_.take();
-}
-
-void log_follower::wait() const {
-  constexpr int kSecond = 1000;
-  pollfd request{events_.get(), POLLIN, 0};
-  ::poll(&request, 1, kSecond);
-  char events[8192];
-  while (::read(events_.get(), events, sizeof events) > 0) {
-  }
 }
 
 }  // namespace control

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "common/misc/unique_fd.h"
+
+namespace control {
+
+/// Reads what is appended to a file, also when it is emptied meanwhile, and tells when another one
+/// has taken its name.
+class file_tail final {
+ public:
+  using reader = std::function<void(std::string_view)>;
+
+  explicit file_tail(std::string path) : path_(std::move(path)) {}
+
+  [[nodiscard]] const std::string& path() const { return path_; }
+  /// The file that is open, read up to its offset; -1 when there is none.
+  [[nodiscard]] int fd() const { return file_.get(); }
+  /// Opens the file that has the name now; there may be none.
+  void open(bool at_end);
+  /// Hands out, piece by piece, what was appended to the file that is open.
+  void read_on(const reader& take);
+  /// Whether the name belongs to another file, and something is in that one.
+  [[nodiscard]] bool is_replaced() const;
+
+ private:
+  std::string path_;
+  unique_fd file_;
+};
+
+/// Sleeps until something may have changed in some directories.
+class directory_watch final {
+ public:
+  directory_watch();
+  /// Watches the directory that the file is in.
+  void add_directory_of(const std::string& file) const;
+  /// Returns when something has changed in one of them, or a second has passed.
+  void wait() const;
+
+ private:
+  unique_fd events_;
+};
+
+}  // namespace control
