@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "runner/log/calendar.h"
 #include "runner/log/digits.h"
 #include "runner/log/steady_time.h"
 
@@ -49,6 +50,26 @@ void line_stamp::set_second(std::int64_t second) noexcept {
   out = put_field(out, std::abs(minutes) / 60, 2, ':');
   put_field(out, std::abs(minutes) % 60, 2, ' ');
   second_ = second;
+}
+
+std::optional<std::int64_t> parse_stamp(std::string_view line) noexcept {
+  constexpr std::string_view kShape = "0000-00-00T00:00:00.000000+00:00 ";
+  if (line.size() < kShape.size()) return std::nullopt;
+  for (std::size_t i = 0; i < kShape.size(); ++i) {
+    const bool is_right = kShape[i] == '0'   ? line[i] >= '0' && line[i] <= '9'
+                          : kShape[i] == '+' ? line[i] == '+' || line[i] == '-'
+                                             : line[i] == kShape[i];
+    if (!is_right) return std::nullopt;
+  }
+  const auto number = [line](std::size_t at, std::size_t size) {
+    return number_in(line.substr(at, size));
+  };
+  const auto local = to_moment({number(0, 4), number(5, 2), number(8, 2), number(11, 2),
+                                number(14, 2), number(17, 2), number(kFraction, 6)});
+  if (!local) return std::nullopt;
+  const int minutes = number(kOffset + 1, 2) * 60 + number(kOffset + 4, 2);
+  const std::int64_t ahead = std::int64_t{minutes} * 60 * kSecond;
+  return line[kOffset] == '-' ? *local + ahead : *local - ahead;
 }
 
 stamped stamp_lines(std::string_view text, bool is_line_open, std::string_view stamp,

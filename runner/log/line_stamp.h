@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -25,6 +26,9 @@ class line_stamp final {
   std::array<char, kSize> text_{};
   std::int64_t second_ = -1;
 };
+
+/// The moment that stands in front of a line, in microseconds since 1970; nothing when none does.
+std::optional<std::int64_t> parse_stamp(std::string_view line) noexcept;
 
 /// What `stamp_lines` has done.
 struct stamped {

@@ -8,6 +8,7 @@
 #include <memory>
 #include <tuple>
 
+#include "runner/log/calendar.h"
 #include "runner/log/digits.h"
 
 namespace runner {
@@ -43,33 +44,12 @@ void append_moment(std::string& out, std::int64_t moment) {
   out.append(text.data(), text.size());
 }
 
-/// @return -1 when `text` is not digits only.
-int number(std::string_view text) {
-  int value = 0;
-  for (const char ch : text) {
-    if (ch < '0' || ch > '9') return -1;
-    value = value * 10 + (ch - '0');
-  }
-  return value;
-}
-
 std::optional<std::int64_t> parse_moment(std::string_view text) {
-  const std::array<int, 7> parts = {
-      number(text.substr(0, 4)),  number(text.substr(4, 2)),  number(text.substr(6, 2)),
-      number(text.substr(9, 2)),  number(text.substr(11, 2)), number(text.substr(13, 2)),
-      number(text.substr(16, 6)),
-  };
-  if (*std::min_element(parts.begin(), parts.end()) < 0 || text[8] != 'T' || text[15] != '.' ||
-      text[22] != 'Z')
-    return std::nullopt;
-  const std::chrono::year_month_day date{std::chrono::year(parts[0]),
-                                         std::chrono::month(static_cast<unsigned>(parts[1])),
-                                         std::chrono::day(static_cast<unsigned>(parts[2]))};
-  if (!date.ok() || parts[3] > 23 || parts[4] > 59 || parts[5] > 59) return std::nullopt;
-  const auto moment = std::chrono::sys_days(date) + std::chrono::hours(parts[3]) +
-                      std::chrono::minutes(parts[4]) + std::chrono::seconds(parts[5]) +
-                      microseconds(parts[6]);
-  return moment.time_since_epoch().count();
+  if (text[8] != 'T' || text[15] != '.' || text[22] != 'Z') return std::nullopt;
+  return to_moment({number_in(text.substr(0, 4)), number_in(text.substr(4, 2)),
+                    number_in(text.substr(6, 2)), number_in(text.substr(9, 2)),
+                    number_in(text.substr(11, 2)), number_in(text.substr(13, 2)),
+                    number_in(text.substr(16, 6))});
 }
 
 }  // namespace

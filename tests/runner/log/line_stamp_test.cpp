@@ -92,6 +92,21 @@ TEST(line_stamp, follows_a_clock_that_is_set_back) {
   EXPECT_EQ(stamp.text(), "2026-11-15T08:02:03.000456+00:00 ");
 }
 
+TEST(line_stamp, is_read_as_it_is_written) {
+  for (const char* zone : {"UTC0", "XXX-1", "XXX3:30"}) {
+    const time_zone here(zone);
+    EXPECT_EQ(runner::parse_stamp(stamp_at(kMoment) + "text"), kMoment) << zone;
+  }
+}
+
+TEST(line_stamp, is_no_other_beginning_of_a_line) {
+  for (const char* line :
+       {"", "2026-11-15", "2026-11-15T10:02:03.000456+01:00", "2026-11-15 10:02:03.000456+01:00 ",
+        "2026-13-15T10:02:03.000456+01:00 ", "2026-11-15T10:02:03.000456 01:00 ",
+        "2026-11-15T25:02:03.000456+01:00 ", "2026-11-15T10:02:03.000x56+01:00 "})
+    EXPECT_FALSE(runner::parse_stamp(line)) << line;
+}
+
 TEST(stamp_lines, puts_it_in_front_of_each_line_that_begins) {
   EXPECT_EQ(stamp_through("a\n\nbc", 100), "12:00 a\n12:00 \n12:00 bc");
   EXPECT_EQ(stamp_through("rest\nnext\n", 100, true), "rest\n12:00 next\n");
