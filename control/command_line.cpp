@@ -16,6 +16,7 @@
 #include "control/commands/edit.h"
 #include "control/commands/init.h"
 #include "control/commands/log.h"
+#include "control/commands/logs.h"
 #include "control/commands/metrics.h"
 #include "control/commands/reload.h"
 #include "control/commands/signals.h"
@@ -188,6 +189,12 @@ void add_reporting(CLI::App& app, request& out) {
   command->add_option("--since", log.since, "Such as 10m, 2h or '2026-11-15 10:00'")
       ->type_name("TIME");
   command->add_flag("--json", log.json, "For programs; see docs/keelmondctl.md");
+
+  logs_options& logs = add_command(
+      app, out, "logs", "Show what programs have written to their logs", run_logs, command);
+  add_names(*command, logs.names, logs.all);
+  command->add_option("-n", logs.count, "How many lines (default: 20)")->type_name("N");
+  command->add_flag("-f,--follow", logs.follow, "Go on with what is written");
 
   metrics_options& metrics =
       add_command(app, out, "metrics", "Write figures for Prometheus", run_metrics, command);
