@@ -8,6 +8,7 @@ import sys
 import time
 from contextlib import ExitStack
 
+import control
 import growth
 import plan
 import plot
@@ -26,6 +27,9 @@ def parse_arguments():
     parser.add_argument("--scale", action="store_true",
                         help="instead of all that: how keelmond grows up to 10,000 programs (or "
                              "--only others); raises kernel.pid_max for as long as it takes")
+    parser.add_argument("--control", action="store_true",
+                        help="instead of all that: keelmondctl, beside a bare loop that asks the "
+                             "kernel the same, and a script that ends the same programs")
     parser.add_argument("--counts", type=_numbers, default=[],
                         help="numbers of programs, as in 10,100,1000")
     parser.add_argument("--idle-seconds", type=float, default=plan.FULL.idle_seconds,
@@ -55,12 +59,21 @@ def parse_arguments():
     if unknown:
         parser.error(f"no such contender or part: {', '.join(sorted(unknown))}")
     if not options.counts:
-        options.counts = (growth.FULL if options.scale else plan.FULL).counts
-    if options.counts[0] < 2 or options.runs < 1:
+        options.counts = kind_of(options).FULL.counts
+    if options.counts[0] < (1 if options.control else 2) or options.runs < 1:
         parser.error("at least two programs and one run are needed")
-    if options.scale and options.svg:
-        parser.error("--scale has no plot")
+    if options.scale and options.control:
+        parser.error("--scale and --control are measured one after the other")
+    if options.svg and kind_of(options) is not plan:
+        parser.error("this has no plot")
     return options
+
+
+def kind_of(options):
+    """What is measured: a module with its sizes and its run."""
+    if options.control:
+        return control
+    return growth if options.scale else plan
 
 
 def _numbers(text):
@@ -76,7 +89,8 @@ def say(text):
 
 
 def write_results(options, results, machine, versions):
-    kind = growth if options.scale else report
+    kind = kind_of(options)
+    kind = report if kind is plan else kind
     print("\n".join(report.preamble(len(results.runs), machine, versions, options.realtime) +
                     kind.tables(results, not options.smoke)))
     if options.json:
@@ -90,6 +104,9 @@ def write_results(options, results, machine, versions):
 
 def choose_sizes(options, stack):
     """The sizes of a run, as far as there is room for them while the stack's contexts last."""
+    if options.control:
+        sizes = control.SMOKE if options.smoke else control.FULL._replace(counts=options.counts)
+        return sizes._replace(realtime=options.realtime)
     if not options.scale:
         if options.smoke:
             sizes = plan.SMOKE
@@ -118,11 +135,13 @@ def main():
             say("nothing measured: " + why)
             return
         sys.exit("compare: " + why)
-    if not options.smoke and not options.scale:
+    if not options.smoke and kind_of(options) is plan:
         prepare.fetch_contenders(ROOT, say)
-    prepare.build(ROOT, ("keelmond", "bench_program", "floor_loop"), say)
+    prepare.build(ROOT, ("keelmond", "keelmondctl", "bench_program", "floor_loop", "proc_floor"), say)
     tools = prepare.tools(ROOT)
     wanted = options.only
+    if options.control:
+        wanted = [Keelmond.name]
     if options.scale and not wanted:
         wanted = [one.name for one in ALL if issubclass(one, Keelmond)]
     chosen = prepare.available_contenders(tools, ALL, wanted, say)
@@ -132,12 +151,12 @@ def main():
         sizes = choose_sizes(options, stack)
         for i in range(options.runs):
             say(f"run {i + 1} of {options.runs}")
-            run = (growth if options.scale else plan).Run(sizes, chosen, tools, say)
+            run = kind_of(options).Run(sizes, chosen, tools, say)
             runs.append(run.measure())
             failures += run.failures
     results = Results(runs, [contender.name for contender in chosen], sizes.counts)
     write_results(options, results, prepare.machine(),
-                  {} if options.scale else prepare.versions())
+                  prepare.versions() if kind_of(options) is plan else {})
     if failures:
         sys.exit("compare: failed: " + "; ".join(failures))
 

@@ -78,6 +78,8 @@ def tools(root):
         "PYTHONPATH": os.path.join(libraries, "python3", "dist-packages"),
         "PYTHON": "/usr/bin/python3",
         "KEELMOND": os.path.join(built, "process", "keelmond"),
+        "KEELMONDCTL": os.path.join(built, "control", "keelmondctl"),
+        "PROC_FLOOR": os.path.join(built, "bench", "proc_floor"),
         "FLOOR_LOOP": os.path.join(built, "bench", "floor_loop"),
         "PROGRAM": os.path.join(built, "bench", "bench_program"),
         "KEELMOND_RUN": os.path.join(built, "runner", "keelmond-run"),

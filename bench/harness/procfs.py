@@ -5,6 +5,7 @@ harness's own two processes and the programs that are supervised.
 """
 
 import os
+import re
 from typing import NamedTuple
 
 SHELLS = ("dash", "sh", "bash", "busybox")
@@ -68,6 +69,20 @@ def is_zombie(pid):
 def parent(pid):
     _, _, after_name = _read(f"/proc/{pid}/stat").rpartition(")")
     return int(after_name.split()[1]) if after_name else 0
+
+
+def cpu_ns(pid):
+    """The processor time that the process has taken, helpers that have ended included."""
+    with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as file:
+        _, _, after_name = file.read().rpartition(")")
+    user, system = after_name.split()[11:13]
+    return (int(user) + int(system)) * 1_000_000_000 // os.sysconf("SC_CLK_TCK")
+
+
+def is_pending(pid, signal):
+    """Whether the process has been sent the signal and has not taken it."""
+    pending = re.search(r"^ShdPnd:\s*(\w+)", _read(f"/proc/{pid}/status"), re.MULTILINE)
+    return pending is not None and bool(int(pending.group(1), 16) >> (signal - 1) & 1)
 
 
 def watches_files(pid):

@@ -19,6 +19,7 @@ import time
 
 import procfs
 from contenders import BY_NAME
+from control_phases import ControlPhases
 from events import Events
 
 START_LIMIT = 180
@@ -28,11 +29,12 @@ RETURN_LIMIT = 20
 SPIN_LIMIT = 3
 
 
-class WorldInit:
+class WorldInit(ControlPhases):
     """A contender, its programs and the phases of the measurement."""
 
     def __init__(self, spec):
         self.root = spec["root"]
+        self.tools = spec["tools"]
         shutil.copy(spec["tools"]["PROGRAM"], self.path("program"))
         for directory in ("p", "s", "new"):
             os.mkdir(self.path(directory))
