@@ -32,7 +32,8 @@ std::vector<int> all_processes() {
   DIR* const stream = ::opendir("/proc");
   if (stream == nullptr) return pids;
   while (const dirent* const item = ::readdir(stream)) {
-    if (const int pid = std::atoi(item->d_name); pid > 0) pids.push_back(pid);
+    if (const long pid = std::strtol(item->d_name, nullptr, 10); pid > 0)
+      pids.push_back(static_cast<int>(pid));
   }
   ::closedir(stream);
   return pids;
