@@ -141,7 +141,7 @@ void check_state(const check_subject& subject, const listed_program& program, fi
 std::set<pid_t> own_processes(const snapshot& now) {
   std::set<pid_t> own;
   const auto add = [&](const running_program& one) {
-    own.insert(one.copy.pid);
+    own.insert(one.child.pid);
     for (const process& below : one.tree)
       own.insert(below.pid);
   };

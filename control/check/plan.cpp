@@ -9,7 +9,7 @@ namespace {
 using action = planned_step::action;
 
 std::string pid_of(const running_program& running) {
-  return "PID " + std::to_string(running.program ? running.program->pid : running.copy.pid);
+  return "PID " + std::to_string(running.program ? running.program->pid : running.child.pid);
 }
 
 /// A path that is changed has no effect on a program that the daemon knows.

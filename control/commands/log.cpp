@@ -51,7 +51,7 @@ std::string text_of(const log_event& event) {
     case kind::supervisor_ended:
       return "keelmond closed its log";
     case kind::launched:
-      return who + " was started (copy PID " + std::to_string(event.pid) + ")";
+      return who + " was started (child PID " + std::to_string(event.pid) + ")";
     case kind::ended:
       return who + " ended";
     default:
@@ -107,7 +107,7 @@ std::vector<log_event> past_events(const session& here, const log_options& optio
   return events;
 }
 
-/// Whether a copy that was launched just now cannot be named yet, because it has executed nothing.
+/// Whether a child that was launched just now cannot be named yet, because it has executed nothing.
 bool is_too_early(const snapshot& now) {
   return std::any_of(now.running.begin(), now.running.end(),
                      [](const running_program& one) { return one.name.empty(); });

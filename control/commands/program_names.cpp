@@ -41,9 +41,9 @@ std::vector<std::string> bystanders_of(const session& here, const snapshot& now,
   std::vector<std::string> others;
   const process_table processes(here.proc);
   for (const process& one : processes.all()) {
-    // Copies of keelmond do nothing on the signal; the daemon ends.
-    const bool is_copy = one.name == kDaemonName && one.threads == 1;
-    if (own.contains(one.pid) || is_copy || !matches_as_pattern(name, one.name)) continue;
+    // Children of keelmond do nothing on the signal; the daemon ends.
+    const bool is_child = one.name == kDaemonName && one.threads == 1;
+    if (own.contains(one.pid) || is_child || !matches_as_pattern(name, one.name)) continue;
     others.push_back(one.name + " (PID " + std::to_string(one.pid) + ")");
   }
   return others;

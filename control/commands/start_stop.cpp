@@ -19,7 +19,7 @@ using steady = std::chrono::steady_clock;
 constexpr milliseconds kLookEvery{10};
 
 bool is_as_wanted(const program_status& one, bool alive) {
-  return alive ? one.program.has_value() : !one.copy.has_value();
+  return alive ? one.program.has_value() : !one.child.has_value();
 }
 
 /// What stands in the way.
@@ -28,7 +28,7 @@ std::string obstacle_of(const program_status& one, bool alive) {
   if (one.now == actual::running && one.wanted == "stop") {
     return one.why + ". `keelmondctl signal " + one.name + " USR2` ends the process";
   }
-  return "it still runs (PID " + std::to_string(one.program ? one.program->pid : one.copy->pid) +
+  return "it still runs (PID " + std::to_string(one.program ? one.program->pid : one.child->pid) +
          ") and may ignore SIGUSR2: `keelmondctl signal " + one.name + " KILL` ends it";
 }
 

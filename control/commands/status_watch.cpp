@@ -37,9 +37,9 @@ class history final {
     if (before.uptime > 0 && one.cpu_seconds >= before.cpu && uptime > before.uptime) {
       now.percent = 100 * (one.cpu_seconds - before.cpu) / (uptime - before.uptime);
     }
-    // A copy is new with each start; the first look counts none.
-    if (one.copy && before.uptime > 0 && !one.copy->same_as(before.copy)) ++before.starts;
-    if (one.copy) before.copy = *one.copy;
+    // A child is new with each start; the first look counts none.
+    if (one.child && before.uptime > 0 && !one.child->same_as(before.child)) ++before.starts;
+    if (one.child) before.child = *one.child;
     before.cpu = one.cpu_seconds;
     before.uptime = uptime;
     now.starts = before.starts;
@@ -48,7 +48,7 @@ class history final {
 
  private:
   struct past {
-    process copy;
+    process child;
     double cpu = 0;
     double uptime = 0;
     int starts = 0;

@@ -59,9 +59,9 @@ standing look(const session& here, const wait_options& options) {
     if (options.down ? is_down : is_up) continue;
     found.missing.push_back(name);
     found.launching = found.launching || (!is_up && !is_down);
-    if (!is_down) found.running.emplace_back(here.proc, running->copy);
+    if (!is_down) found.running.emplace_back(here.proc, running->child);
   }
-  // A copy that has executed nothing yet has no name. It may be the one that is waited for.
+  // A child that has executed nothing yet has no name. It may be the one that is waited for.
   found.launching =
       found.launching || std::any_of(now.running.begin(), now.running.end(),
                                      [](const auto& one) { return one.name.empty(); });

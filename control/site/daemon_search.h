@@ -12,7 +12,7 @@ namespace control {
 
 /// What is known of the daemon of a directory.
 struct daemon_search {
-  /// The process that holds the directory's run.pid open. Copies of it have given it up, and they
+  /// The process that holds the directory's run.pid open. Its children have given it up, and they
   /// have one thread; the daemon has several.
   std::optional<process> daemon;
   /// Further ones, which there are when somebody deleted run.pid and started again.

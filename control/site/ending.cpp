@@ -18,9 +18,9 @@ milliseconds left_until(steady::time_point end) {
   return std::max(std::chrono::duration_cast<milliseconds>(end - steady::now()), milliseconds(0));
 }
 
-/// The process whose end is waited for, beside that of the copy.
+/// The process whose end is waited for, beside that of the daemon's child.
 const process& awaited(const running_program& one) {
-  return one.program ? *one.program : one.copy;
+  return one.program ? *one.program : one.child;
 }
 
 }  // namespace
@@ -29,13 +29,14 @@ ending::ending(const proc_dir& proc, std::vector<running_program> programs)
     : proc_(proc), members_(std::move(programs)) {}
 
 void ending::add(std::vector<running_program> programs) {
-  // A program that has lost its copy since stands there as its own.
+  // A program that has lost the child above it since stands there in its place.
   std::unordered_set<pid_t> known;
   for (const running_program& one : members_) {
-    known.insert(one.copy.pid);
+    known.insert(one.child.pid);
     known.insert(awaited(one).pid);
   }
-  std::erase_if(programs, [&](const running_program& one) { return known.contains(one.copy.pid); });
+  std::erase_if(programs,
+                [&](const running_program& one) { return known.contains(one.child.pid); });
   std::move(programs.begin(), programs.end(), std::back_inserter(members_));
 }
 
@@ -52,14 +53,14 @@ bool ending::wait(milliseconds limit) const {
   const auto end = steady::now() + limit;
   return std::all_of(members_.begin(), members_.end(), [&](const running_program& one) {
     return process_handle(proc_, awaited(one)).wait_end(left_until(end)) &&
-           process_handle(proc_, one.copy).wait_end(left_until(end));
+           process_handle(proc_, one.child).wait_end(left_until(end));
   });
 }
 
 std::vector<std::string> ending::left() const {
   std::vector<std::string> names;
   for (const running_program& one : members_) {
-    if (proc_.is_alive(awaited(one)) || proc_.is_alive(one.copy))
+    if (proc_.is_alive(awaited(one)) || proc_.is_alive(one.child))
       names.push_back(one.name + " (PID " + std::to_string(awaited(one).pid) + ")");
   }
   return names;
@@ -70,7 +71,7 @@ void ending::kill() const {
     static_cast<void>(process_handle(proc_, one).send(SIGKILL));
   };
   for (const running_program& one : members_) {
-    kill_one(one.copy);
+    kill_one(one.child);
     for (const process& below : one.tree)
       kill_one(below);
   }

@@ -10,8 +10,8 @@
 
 namespace control {
 
-/// Ends programs: asks the programs themselves, waits for them and their copies, and as a last
-/// resort kills them with everything below them.
+/// Ends programs: asks the programs themselves, waits for them and the daemon's children
+/// above them, and as a last resort kills them with everything below them.
 ///
 /// Remembers every process from the beginning, and takes hold of it only for as long as it takes to
 /// reach that one and nobody else, so that thousands need no more descriptors than one.
@@ -23,7 +23,8 @@ class ending final {
   void add(std::vector<running_program> programs);
   /// Sends the signal to the programs themselves, the last one first; each gets it once.
   void ask(int signal);
-  /// Waits until the programs and their copies have ended. @return whether they have.
+  /// Waits until the programs and the daemon's children above them have ended. @return whether they
+  /// have.
   [[nodiscard]] bool wait(std::chrono::milliseconds limit) const;
   /// "NAME (PID n)" of those that have not.
   [[nodiscard]] std::vector<std::string> left() const;

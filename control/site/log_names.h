@@ -9,8 +9,9 @@
 
 namespace control {
 
-/// Puts names to the events of a log, which has only the process ids of copies: as long as a copy
-/// lives it can be asked what it runs, and which copies are gone tells whose end it was.
+/// Puts names to the events of a log, which has only the process ids of the daemon's children: as
+/// long as a child lives it can be asked what it runs, and which children are gone tells whose end
+/// it was.
 class log_names final {
  public:
   /// Takes note of what runs.
@@ -19,11 +20,11 @@ class log_names final {
   void name(std::vector<log_event>& events, const snapshot& now, bool live);
 
  private:
-  struct known_copy {
+  struct known_child {
     std::string name;
-    process copy;
+    process child;
   };
-  std::unordered_map<pid_t, known_copy> copies_;
+  std::unordered_map<pid_t, known_child> children_;
 };
 
 }  // namespace control

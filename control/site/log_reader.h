@@ -15,7 +15,7 @@ struct log_event {
   enum class kind {
     supervisor_started,  ///< `pid` is that of the process that was started, not the daemon's.
     supervisor_ended,    ///< It closed its log.
-    launched,            ///< `pid` is that of the copy.
+    launched,            ///< `pid` is that of the daemon's child.
     ended,
     not_executable,
     refused,

@@ -27,7 +27,7 @@ constexpr int kOften = 3;
 constexpr double kYoung = 20;
 
 void take_processes(program_status& status, const running_program& running) {
-  status.copy = running.copy;
+  status.child = running.child;
   status.program = running.program;
   status.tree = running.tree;
   for (const process& one : running.tree)
@@ -102,7 +102,7 @@ program_status status_of(const listed_program& entry, const running_program* run
 program_status unlisted(const running_program& running, actual what) {
   program_status status;
   if (running.listed && what == actual::removed)
-    status.why = "a second one; the copy above the first may have been stopped for a while";
+    status.why = "a second one; keelmond's child above the first may have been stopped for a while";
   status.name = running.name.empty() ? "?" : running.name;
   status.now = what;
   take_processes(status, running);
@@ -113,7 +113,7 @@ program_status unlisted(const running_program& running, actual what) {
 struct recent_starts {
   int in_minute = 0;  ///< Of all programs together.
   std::unordered_set<pid_t>
-      after_an_end;  ///< Copies that may have been launched in place of others.
+      after_an_end;  ///< Children that may have been launched in place of others.
 };
 
 recent_starts read_recent_starts(const site& place) {
@@ -151,14 +151,14 @@ void mark_restarting(const snapshot& now, const site& place,
   int started = 0;
   std::vector<program_status*> suspects;
   for (program_status& one : programs) {
-    if (!one.copy || now.age_of(*one.copy) > static_cast<double>(kMinute)) continue;
+    if (!one.child || now.age_of(*one.child) > static_cast<double>(kMinute)) continue;
     ++started;
-    if (one.now == actual::running && now.age_of(*one.copy) < kYoung) suspects.push_back(&one);
+    if (one.now == actual::running && now.age_of(*one.child) < kYoung) suspects.push_back(&one);
   }
   if (suspects.empty()) return;
   const recent_starts starts = read_recent_starts(place);
   std::erase_if(suspects, [&](const program_status* one) {
-    return !starts.after_an_end.contains(one->copy->pid);
+    return !starts.after_an_end.contains(one->child->pid);
   });
   const int more = starts.in_minute - started;
   if (more < kOften * static_cast<int>(suspects.size())) return;
@@ -206,7 +206,7 @@ std::vector<program_status> list_programs(const snapshot& now, const site& place
     programs.push_back(status_of(entry, at == by_name.end() ? nullptr : at->second, now, place));
   }
   for (const running_program* const one : unnamed) {
-    // A copy that has executed nothing yet belongs to one of the entries that are being started.
+    // A child that has executed nothing yet belongs to one of the entries that are being started.
     if (one->name.empty()) continue;
     programs.push_back(unlisted(*one, actual::removed));
   }

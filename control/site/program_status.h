@@ -28,10 +28,10 @@ struct program_status {
   std::string wanted;  ///< Its state in the file; empty when there is none.
   actual now = actual::stopped;
   std::string why;  ///< Where `now` needs an explanation.
-  std::optional<process> copy;
+  std::optional<process> child;
   std::optional<process> program;
   std::vector<process> tree;
-  double cpu_seconds = 0;    ///< Of all that runs below the copy and has not ended.
+  double cpu_seconds = 0;    ///< Of all that runs below the daemon's child and has not ended.
   std::uint64_t memory = 0;  ///< Bytes; 0 unless a `memory_meter` has measured them.
 };
 

@@ -41,17 +41,17 @@ program_finder::program_finder(const proc_dir& proc, const process_table& table,
   }
 }
 
-/// @return nothing for a copy that runs a stop command.
-std::optional<program_finder::description> program_finder::describe(const process& copy) const {
+/// @return nothing for a child that runs a stop command.
+std::optional<program_finder::description> program_finder::describe(const process& child) const {
   description what;
-  what.found.copy = copy;
-  for (const process* const one : table_.tree(copy.pid)) {
-    if (one->pid != copy.pid) what.found.tree.push_back(*one);
+  what.found.child = child;
+  for (const process* const one : table_.tree(child.pid)) {
+    if (one->pid != child.pid) what.found.tree.push_back(*one);
   }
   if (what.found.tree.empty()) return what;
   const process& first = what.found.tree.front();
-  // Still a copy itself: it has been forked and has not executed anything.
-  if (first.name == copy.name && proc_.link(first.pid, "exe") == proc_.link(copy.pid, "exe"))
+  // Still the daemon's program: it has been forked and has not executed anything.
+  if (first.name == child.name && proc_.link(first.pid, "exe") == proc_.link(child.pid, "exe"))
     return what;
   what.words = proc_.command_line(first.pid);
   what.command = shell_command(what.words);
@@ -106,10 +106,10 @@ void program_finder::name(description& what, std::unordered_map<std::string, int
 }
 
 std::vector<running_program> program_finder::below(const process& daemon) const {
-  const std::vector<const process*> copies = table_.children(daemon.pid);
-  std::vector<std::optional<description>> described(copies.size());
-  in_parallel(copies.size(), [&](std::size_t i) {
-    if (copies[i]->threads == 1) described[i] = describe(*copies[i]);
+  const std::vector<const process*> children = table_.children(daemon.pid);
+  std::vector<std::optional<description>> described(children.size());
+  in_parallel(children.size(), [&](std::size_t i) {
+    if (children[i]->threads == 1) described[i] = describe(*children[i]);
   });
   std::vector<running_program> found;
   std::unordered_map<std::string, int> taken;
@@ -145,8 +145,8 @@ void program_finder::append_orphaned_programs(const std::string& directory,
     const entries* const candidates = entries_for(what);
     if (candidates == nullptr || !candidates->front()->exepath.starts_with(directory + "/"))
       continue;
-    // In the place of the copy stands the first that is left: the program, or its shell.
-    what.found.copy = one;
+    // In the place of the child stands the first that is left: the program, or its shell.
+    what.found.child = one;
     for (const process* const below : table_.tree(one.pid))
       what.found.tree.push_back(*below);
     what.found.program = one;
@@ -162,17 +162,17 @@ std::vector<running_program> program_finder::left_over(
     const std::string& directory, const std::function<bool(const process&)>& was_launched) const {
   std::vector<running_program> found;
   std::unordered_map<std::string, int> taken;
-  for (const process& copy : table_.all()) {
-    if (copy.name != kDaemonName || copy.threads > 1 || is_daemon(copy.parent)) continue;
-    std::optional<description> what = describe(copy);
+  for (const process& child : table_.all()) {
+    if (child.name != kDaemonName || child.threads > 1 || is_daemon(child.parent)) continue;
+    std::optional<description> what = describe(child);
     if (!what || what->found.tree.empty()) continue;
     name(*what, taken);
     const auto is_here = [&] {
       const entries* const fitting = entries_for(*what);
       return fitting != nullptr && (fitting->front()->exepath.starts_with(directory + "/") ||
-                                    proc_.environment(copy.pid, "PWD") == directory);
+                                    proc_.environment(child.pid, "PWD") == directory);
     };
-    if (was_launched(copy) || is_here()) found.push_back(std::move(what->found));
+    if (was_launched(child) || is_here()) found.push_back(std::move(what->found));
   }
   append_orphaned_programs(directory, found);
   return found;

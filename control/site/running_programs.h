@@ -12,22 +12,23 @@
 
 namespace control {
 
-/// A copy of the daemon and what runs below it.
+/// A child of the daemon and what runs below it.
 struct running_program {
-  /// The copy; where that is gone, the first below it that is left.
-  process copy;
+  /// The child; where that is gone, the first below it that is left.
+  process child;
   /// The name of its entry; that of the process where no entry fits. Empty while nothing runs yet.
   std::string name;
   bool listed = false;
-  /// The program itself: not the copy, not a shell that waits for it. None while it is started.
+  /// The program itself: not the daemon's child, not a shell that waits for it. None while it is
+  /// started.
   std::optional<process> program;
-  /// Everything below the copy, parents before their children.
+  /// Everything below the child, parents before their children.
   std::vector<process> tree;
 };
 
-/// What runs below the copies of a daemon.
+/// What runs below the children of a daemon.
 ///
-/// Only the daemon knows which copy belongs to which entry, so that is told from what runs there:
+/// Only the daemon knows which child belongs to which entry, so that is told from what runs there:
 /// the command that the shell was given, the path that the program was executed by, its name.
 /// Refers to what it is made from; used by one thread.
 class program_finder final {
@@ -35,11 +36,11 @@ class program_finder final {
   program_finder(const proc_dir& proc, const process_table& table,
                  const std::vector<listed_program>& programs);
 
-  /// The programs of a living daemon, in the order of their copies' starts.
+  /// The programs of a living daemon, in the order of the children's starts.
   [[nodiscard]] std::vector<running_program> below(const process& daemon) const;
 
-  /// What a daemon that is gone left running in `directory`: copies without a daemon, and programs
-  /// without a copy. Only what certainly is of that directory counts.
+  /// What a daemon that is gone left running in `directory`: children without a daemon, and
+  /// programs without a child. Only what certainly is of that directory counts.
   /// @param was_launched whether the directory's log says that this process was launched.
   [[nodiscard]] std::vector<running_program> left_over(
       const std::string& directory, const std::function<bool(const process&)>& was_launched) const;
@@ -53,7 +54,7 @@ class program_finder final {
   };
   using entries = std::vector<const listed_program*>;
 
-  [[nodiscard]] std::optional<description> describe(const process& copy) const;
+  [[nodiscard]] std::optional<description> describe(const process& child) const;
   [[nodiscard]] std::optional<process> below_shell(const process& shell,
                                                    const std::vector<std::string>& words) const;
   [[nodiscard]] const entries* entries_for(const description& what) const;

@@ -62,10 +62,10 @@ const running_program* snapshot::find_running(const std::string& name) const {
   return at == running.end() ? nullptr : &*at;
 }
 
-bool is_launched_by_log(const std::vector<log_event>& events, const process& copy,
+bool is_launched_by_log(const std::vector<log_event>& events, const process& child,
                         std::int64_t started) {
   return std::any_of(events.begin(), events.end(), [&](const log_event& event) {
-    return event.what == log_event::kind::launched && event.pid == copy.pid &&
+    return event.what == log_event::kind::launched && event.pid == child.pid &&
            std::abs(seconds_of(event) - started) <= kLogTolerance;
   });
 }
@@ -85,9 +85,9 @@ snapshot look_at(const proc_dir& proc, const site& place) {
 
   // The log is long, and most of the time nothing is left over.
   std::optional<std::vector<log_event>> events;
-  now.left_over = finder.left_over(place.directory, [&](const process& copy) {
+  now.left_over = finder.left_over(place.directory, [&](const process& child) {
     if (!events) events = read_last_events(place.log_file(), kRecentLog);
-    return is_launched_by_log(*events, copy, now.start_of(copy));
+    return is_launched_by_log(*events, child, now.start_of(child));
   });
   if (now.search.daemon) now.watch = look_at_watch(proc, *now.search.daemon, place);
   return now;

@@ -59,8 +59,8 @@ struct snapshot {
 /// Looks at the supervisor of a directory.
 snapshot look_at(const proc_dir& proc, const site& place);
 
-/// Whether the log says that `copy` was launched when it was started.
-bool is_launched_by_log(const std::vector<log_event>& events, const process& copy,
+/// Whether the log says that `child` was launched when it was started.
+bool is_launched_by_log(const std::vector<log_event>& events, const process& child,
                         std::int64_t started);
 
 }  // namespace control

@@ -160,7 +160,7 @@ TEST_F(check_config, finds_names_that_reach_somebody_else) {
   EXPECT_EQ(place_of(kClean, "my_kmd_db_tool (PID 77)"), "4w");
   // The program's own processes are no strangers.
   running_program own;
-  own.copy.pid = 76;
+  own.child.pid = 76;
   own.name = "kmd_db";
   own.listed = true;
   own.tree = {stranger};
@@ -186,7 +186,7 @@ TEST_F(check_config, finds_programs_that_cannot_be_run) {
 
 TEST_F(check_config, finds_what_still_runs_without_an_entry) {
   running_program old;
-  old.copy.pid = 76;
+  old.child.pid = 76;
   old.name = "kmd_old";
   old.program = process{};
   old.program->pid = 77;

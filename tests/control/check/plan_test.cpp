@@ -22,7 +22,7 @@ listed_program entry(const std::string& name, const std::string& state,
 running_program running(const std::string& name, pid_t pid) {
   running_program one;
   one.name = name;
-  one.copy.pid = pid - 1;
+  one.child.pid = pid - 1;
   one.program = control::process{};
   one.program->pid = pid;
   return one;

@@ -24,11 +24,11 @@ namespace {
 
 constexpr milliseconds kLongest{30000};
 
-/// What a supervisor's program looks like whose copy is `copy`.
-running_program program_of(const proc_dir& proc, pid_t copy, pid_t program) {
+/// What a program looks like below `child` of the daemon.
+running_program program_of(const proc_dir& proc, pid_t child, pid_t program) {
   running_program one;
   one.name = "p" + std::to_string(program);
-  one.copy = *proc.find(copy);
+  one.child = *proc.find(child);
   one.program = proc.find(program);
   one.tree = {*one.program};
   return one;
@@ -68,14 +68,14 @@ class telling_child final {
 
 TEST(ending, asks_each_program_once_even_if_it_is_seen_again) {
   const proc_dir proc;
-  const idle_child copy;
+  const idle_child child;
   const telling_child first;
-  ending all(proc, {program_of(proc, copy.pid(), first.pid())});
+  ending all(proc, {program_of(proc, child.pid(), first.pid())});
   all.ask(SIGUSR2);
   ASSERT_TRUE(first.is_told());
 
   const telling_child later;
-  all.add({program_of(proc, copy.pid(), first.pid()), program_of(proc, first.pid(), first.pid()),
+  all.add({program_of(proc, child.pid(), first.pid()), program_of(proc, first.pid(), first.pid()),
            program_of(proc, later.pid(), later.pid())});
   all.ask(SIGUSR2);
   EXPECT_TRUE(later.is_told());
@@ -83,11 +83,11 @@ TEST(ending, asks_each_program_once_even_if_it_is_seen_again) {
   EXPECT_FALSE(first.is_told());
 }
 
-TEST(ending, waits_for_the_copy_as_well_and_names_what_is_left) {
+TEST(ending, waits_for_the_child_of_the_daemon_as_well_and_names_what_is_left) {
   const proc_dir proc;
-  const idle_child copy;
+  const idle_child child;
   const idle_child program;
-  ending all(proc, {program_of(proc, copy.pid(), program.pid())});
+  ending all(proc, {program_of(proc, child.pid(), program.pid())});
   all.ask(SIGTERM);
   EXPECT_FALSE(all.wait(milliseconds(20)));
   const std::string pid = std::to_string(program.pid());
@@ -101,9 +101,9 @@ TEST(ending, hits_nobody_who_has_the_number_of_one_that_has_ended) {
   const proc_dir proc;
   const idle_child stranger;
   running_program earlier = program_of(proc, stranger.pid(), stranger.pid());
-  earlier.copy.started -= 1;
-  earlier.program = earlier.copy;
-  earlier.tree = {earlier.copy};
+  earlier.child.started -= 1;
+  earlier.program = earlier.child;
+  earlier.tree = {earlier.child};
   ending all(proc, {earlier});
   all.ask(SIGKILL);
   all.kill();

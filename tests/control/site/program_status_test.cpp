@@ -22,12 +22,12 @@ class recent_starts : public testing::Test {
     now_.search.daemon = control::process{.pid = 1, .name = "keelmond"};
   }
 
-  void add_running(const std::string& name, pid_t copy) {
+  void add_running(const std::string& name, pid_t child) {
     now_.programs.push_back({.name = name, .exepath = "/bin/" + name, .state = "run"});
     control::running_program one;
-    one.copy.pid = copy;
-    one.copy.started = static_cast<std::uint64_t>(999 * control::ticks_per_second());
-    one.program = one.copy;
+    one.child.pid = child;
+    one.child.started = static_cast<std::uint64_t>(999 * control::ticks_per_second());
+    one.program = one.child;
     one.name = name;
     one.listed = true;
     now_.running.push_back(one);

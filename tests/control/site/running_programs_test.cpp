@@ -56,7 +56,7 @@ TEST(running_programs, finds_the_program_that_the_shell_has_become) {
   ASSERT_EQ(found.size(), 1U);
   EXPECT_EQ(found[0].name, "kmd_web");
   EXPECT_TRUE(found[0].listed);
-  EXPECT_EQ(found[0].copy.pid, 20);
+  EXPECT_EQ(found[0].child.pid, 20);
   ASSERT_TRUE(found[0].program);
   EXPECT_EQ(found[0].program->pid, 21);
   ASSERT_EQ(found[0].tree.size(), 2U);
@@ -147,13 +147,13 @@ TEST(running_programs, finds_what_a_daemon_left_over_by_path_by_log_and_by_direc
   const std::vector<listed_program> programs = {entry("kmd_web", "/srv/kmd_web"),
                                                 entry("strange", "/opt/strange"),
                                                 entry("started", "/opt/started")};
-  std::vector<pid_t> copies;
+  std::vector<pid_t> children;
   for (const running_program& one : place.left_over(programs, 30))
-    copies.push_back(one.copy.pid);
-  EXPECT_EQ(copies, (std::vector<pid_t>{20, 30, 50}));
+    children.push_back(one.child.pid);
+  EXPECT_EQ(children, (std::vector<pid_t>{20, 30, 50}));
 }
 
-TEST(running_programs, finds_a_program_that_lost_its_copy_but_none_that_somebody_runs) {
+TEST(running_programs, finds_a_program_that_lost_the_child_above_it_but_none_that_somebody_runs) {
   const scene place({{20, 1, "kmd_web", {"/srv/kmd_web"}},
                      {21, 20, "worker", {"worker"}},
                      {30, 1, "sh", {"sh", "-c", "/srv/kmd_db"}, 1, 1001},

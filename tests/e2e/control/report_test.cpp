@@ -62,9 +62,9 @@ TEST(control_log, shows_an_event_on_a_line_with_its_time_and_program) {
   EXPECT_EQ(log.status, 0) << log.errors;
   EXPECT_EQ(count(log.output, "\n"), 4U) << log.output;
   EXPECT_TRUE(contains(log.output, "  keelmond was started by PID ")) << log.output;
-  EXPECT_TRUE(contains(log.output, "  a program was started (copy PID ")) << log.output;
+  EXPECT_TRUE(contains(log.output, "  a program was started (child PID ")) << log.output;
   EXPECT_TRUE(contains(log.output, "  a program ended\n")) << log.output;
-  EXPECT_TRUE(contains(log.output, "  " + name + " was started (copy PID ")) << log.output;
+  EXPECT_TRUE(contains(log.output, "  " + name + " was started (child PID ")) << log.output;
   EXPECT_EQ(count(control(place, {"log", "-n", "1"}).output, "\n"), 1U);
   EXPECT_EQ(count(control(place, {"log", "--since", "1h"}).output, "\n"), 4U);
   EXPECT_EQ(control(place, {"log", "--since", "0s"}).status, 0);
