@@ -10,6 +10,7 @@
 #include <string>
 #include <system_error>
 
+#include "common/version/fun_version.h"
 #include "control/commands/add_remove.h"
 #include "control/commands/check.h"
 #include "control/commands/down.h"
@@ -43,7 +44,7 @@ template <typename Options>
 Options& add_command(CLI::App& app, request& out, const std::string& name, const std::string& text,
                      int (*body)(const session&, const Options&), CLI::App*& command) {
   auto options = std::make_shared<Options>();
-  command = app.add_subcommand(name, text);
+  command = app.add_subcommand(name, text)->group("Commands");
   command->callback([&out, name, options, body] {
     out.command = name;
     out.run = [options, body](const session& here) { return body(here, *options); };
@@ -241,7 +242,8 @@ std::vector<completed_command> commands_of(CLI::App& app) {
 }
 
 void add_completion(CLI::App& app, request& out) {
-  CLI::App* const completion = app.add_subcommand("completion", "Print a completion script");
+  CLI::App* const completion =
+      app.add_subcommand("completion", "Print a completion script")->group("Commands");
   auto shell = std::make_shared<std::string>();
   completion->add_option("SHELL", *shell, "bash, zsh or fish")
       ->required()
@@ -287,6 +289,19 @@ int run(const request& asked) {
   }
 }
 
+/// What stands where the command should; empty when nothing does.
+std::string first_word(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string word = argv[i];
+    if (word == "-C") {
+      ++i;
+    } else if (!word.starts_with('-')) {
+      return word;
+    }
+  }
+  return {};
+}
+
 }  // namespace
 
 int run_command_line(int argc, char** argv) {
@@ -295,9 +310,14 @@ int run_command_line(int argc, char** argv) {
   app.add_option("-C", asked.directory,
                  "The supervisor's directory (default: $KEELMOND_DIR, else the current one)")
       ->type_name("DIR");
+  app.set_version_flag("--version", std::string("keelmondctl ") + kVersion, "Print the version");
   app.require_subcommand(1);
-  app.failure_message([](const CLI::App*, const CLI::Error& error) {
-    return "keelmondctl: " + std::string(error.what()) + ". See `keelmondctl --help`.\n";
+  app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+  const std::string word = first_word(argc, argv);
+  app.failure_message([&](const CLI::App*, const CLI::Error& error) {
+    const bool no_command = word.empty() && error.get_name() == "RequiredError";
+    const std::string what = no_command ? "there is no command" : error.what();
+    return "keelmondctl: " + what + ". See `keelmondctl --help`.\n";
   });
   app.fallthrough();
   add_looking(app, asked);
@@ -307,6 +327,12 @@ int run_command_line(int argc, char** argv) {
   add_checking(app, asked);
   add_reporting(app, asked);
   add_completion(app, asked);
+  const auto is_word = [&](const CLI::App* command) { return command->get_name() == word; };
+  if (!word.empty() && app.get_subcommands(is_word).empty()) {
+    std::fprintf(stderr, "keelmondctl: there is no command %s. See `keelmondctl --help`.\n",
+                 word.c_str());
+    return exit_status::kUsage;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {

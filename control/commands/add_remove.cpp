@@ -29,7 +29,12 @@ void require_runnable(const session& here, const add_options& options) {
                   ": give one of letters, digits and / . _ - only. Nothing was changed");
   }
   const std::string why = why_skipped(program);
-  if (!why.empty()) throw failure(why + ": keelmond would skip the entry. Nothing was changed");
+  if (!why.empty()) {
+    throw failure(
+        why + ": keelmond would skip the entry. " +
+        (options.exepath.empty() ? "Put the file there, or say where it is with --exepath. " : "") +
+        "Nothing was changed");
+  }
   const std::string seen = process_name_of(program.exepath);
   if (matches_as_pattern(program.name, seen)) return;
   throw failure("pgrep would see the program as " + seen +

@@ -74,8 +74,10 @@ int run_check(const session& here, const check_options& options) {
 
 std::string plan_as_text(const session& here, const snapshot& now,
                          const std::vector<listed_program>& programs) {
+  const std::vector<planned_step> steps = make_plan(programs, now);
+  if (steps.empty()) return "no programs\n";
   table rows({{"NAME"}, {"AT THE NEXT LOAD", table::align::left, true}});
-  for (const planned_step& step : make_plan(programs, now))
+  for (const planned_step& step : steps)
     rows.add({{printable(step.name)}, {printable(step.text), tone_of(step.what)}});
   return rows.print(here.out);
 }
@@ -84,7 +86,9 @@ int run_plan(const session& here, const plan_options& options) {
   const snapshot now = here.look();
   const std::string path = options.file.empty() ? here.place.config_file() : options.file;
   const auto config = read_config(path);
-  if (!config) throw failure("cannot read " + path + ": " + std::strerror(errno));
+  if (!config)
+    throw failure("cannot read " + path + ": " + std::strerror(errno) +
+                  ". `keelmondctl init` makes one");
   if (!now.search.daemon) say("No keelmond runs here; this is what its start would do.");
   print(plan_as_text(
       here, now, merge_repeated(read_programs(parse_config(config->text), here.place.directory))));

@@ -45,10 +45,21 @@ class edited_copy final {
   bool kept_ = false;
 };
 
+/// What the person has chosen; null when that is nothing.
+const char* chosen_editor() {
+  for (const char* const variable : {"VISUAL", "EDITOR"}) {
+    const char* const editor = std::getenv(variable);
+    if (editor != nullptr && *editor != '\0') return editor;
+  }
+  return nullptr;
+}
+
 void run_editor(const std::string& path) {
-  const char* editor = std::getenv("VISUAL");
-  if (editor == nullptr || *editor == '\0') editor = std::getenv("EDITOR");
-  if (editor == nullptr || *editor == '\0') editor = "vi";
+  const char* editor = chosen_editor();
+  if (editor == nullptr && ::isatty(STDIN_FILENO) == 0) {
+    throw failure("there is no terminal to edit on. Set EDITOR to a command that edits the file");
+  }
+  if (editor == nullptr) editor = "vi";
   // By the shell, for the variable may hold options; the path is no part of the text.
   const std::string command = std::string(editor) + " \"$0\"";
   const pid_t child = ::fork();

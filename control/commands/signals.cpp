@@ -103,11 +103,15 @@ int run_restart(const session& here, const restart_options& options) {
   std::vector<restart> restarts;
   for (const std::string& name : pick_programs(now, options.names, options.all)) {
     const listed_program* const listed = now.find(name);
-    // Of all programs, those that are not to run are left out; one that was asked for is not.
-    if (options.all && listed != nullptr && !listed->wants_run()) continue;
+    // Of all programs, or those of a pattern, the ones that are not to run are left out; one that
+    // was asked for by its name is not.
+    const bool is_named =
+        std::find(options.names.begin(), options.names.end(), name) != options.names.end();
+    if (!is_named && listed != nullptr && !listed->wants_run()) continue;
     require_supervised(now, name);
     restarts.push_back({name, running_process(now, name)});
   }
+  if (restarts.empty()) say("none of these programs is to run");
   for (const restart& one : restarts)
     send(process_handle(here.proc, one.old), signal, one.name);
   while (!look_for_new(here.look(), restarts) && steady::now() < end)

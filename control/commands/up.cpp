@@ -71,9 +71,12 @@ int wait_for_programs(const session& here, milliseconds limit) {
                (one.why.empty() ? "it has not been started in time; see keelmond.log" : one.why));
     }
   }
+  const std::string how_many =
+      programs.empty() ? "and there is no program to run: `keelmondctl add NAME` lists one"
+                       : std::to_string(alive) + " of " + std::to_string(programs.size()) +
+                             " programs that are to run are alive";
   say("keelmond runs in " + here.place.directory + " (PID " + std::to_string(daemon.pid) + "), " +
-      std::to_string(alive) + " of " + std::to_string(programs.size()) +
-      " programs that are to run are alive");
+      how_many);
   return alive == programs.size() ? exit_status::kDone : exit_status::kFailed;
 }
 

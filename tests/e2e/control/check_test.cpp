@@ -109,6 +109,12 @@ TEST(control_plan, says_what_a_load_would_do) {
       << plan.output;
   const control_result present = control(place, {"plan"});
   EXPECT_TRUE(contains(row_of(present.output, idle), "stays stopped")) << present.output;
+  const control_result nothing = control(place, {"plan", "/dev/null"});
+  EXPECT_TRUE(contains(nothing.errors, "cannot read /dev/null")) << nothing.errors;
+  write_file(place.site() / "empty.ini", "");
+  EXPECT_TRUE(contains(control(place, {"-C", ".", "plan", "empty.ini"}).output, runs));
+  place.end_by(SIGUSR2);
+  EXPECT_TRUE(contains(control(place, {"plan", "empty.ini"}).output, "\nno programs\n"));
 }
 
 // The daemon is the judge: what `check` says a load acts on is what a load acts on.

@@ -163,6 +163,19 @@ TEST(control_restart, ends_the_program_and_prints_both_pids) {
   EXPECT_EQ(here.place.loads(), 1U);
 }
 
+TEST(control_restart, leaves_programs_out_that_a_pattern_picks_and_that_are_not_to_run) {
+  installation place;
+  const std::string runs = place.add_steady();
+  place.save({place.entry(runs), {"kmc_idle", runs, "stop"}});
+  place.start();
+  place.wait_running(runs);
+  const control_result both = control(place, {"restart", "*"});
+  EXPECT_EQ(both.status, 0) << both.errors;
+  place.wait_running(runs, 2);
+  EXPECT_EQ(control(place, {"restart", "kmc_i*"}).output, "none of these programs is to run\n");
+  EXPECT_EQ(control(place, {"restart", "kmc_idle"}).status, 1);
+}
+
 TEST(control_restart, names_a_program_that_does_not_end) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
@@ -209,7 +222,7 @@ TEST(control_add, refuses_what_keelmond_would_skip_or_could_not_end) {
   running_place here;
   const std::string before = here.place.read("config/server.ini");
   EXPECT_EQ(control(here.place, {"add", "a_name_of_16_cha", "--exepath", "/bin/sh"}).status, 1);
-  EXPECT_EQ(control(here.place, {"add", "kmc_none"}).status, 1);
+  EXPECT_TRUE(contains(control(here.place, {"add", "kmc_none"}).errors, "--exepath"));
   EXPECT_EQ(control(here.place, {"add", "kmc_sh", "--exepath", "/bin/sh"}).status, 1);
   EXPECT_EQ(control(here.place, {"add", "a b"}).status, 1);
   EXPECT_EQ(here.place.read("config/server.ini"), before);
@@ -253,6 +266,8 @@ TEST(control_edit, saves_nothing_that_has_errors_when_nobody_can_be_asked) {
       << done.errors;
   EXPECT_TRUE(contains(done.errors, "nothing was saved; what was edited is in "));
   EXPECT_EQ(here.place.read("config/server.ini"), before);
+  const setting none("EDITOR", "");
+  EXPECT_TRUE(contains(control(here.place, {"edit"}).errors, "there is no terminal to edit on"));
   const setting fails("EDITOR", "false");
   EXPECT_EQ(control(here.place, {"edit"}).status, 1);
   const setting changes_nothing("EDITOR", "true");
