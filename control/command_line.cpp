@@ -10,7 +10,7 @@
 #include <string>
 #include <system_error>
 
-#include "common/version/fun_version.h"
+#include "common/version/version.h"
 #include "control/commands/add_remove.h"
 #include "control/commands/check.h"
 #include "control/commands/down.h"

@@ -4,7 +4,6 @@
 #include <filesystem>
 #include <string>
 
-#include "common/version/fun_version.h"
 #include "tests/e2e/control/control_command.h"
 #include "tests/e2e/support/installation.h"
 #include "tests/support/wait_until.h"
@@ -239,7 +238,7 @@ TEST(control_command_line, explains_itself_and_refuses_what_it_does_not_know) {
             "keelmondctl: there is no command frobnicate. See `keelmondctl --help`.\n");
   EXPECT_EQ(control(place, {"-C", "/", "stat"}).status, 2);
   EXPECT_TRUE(contains(control(place, {}).errors, "there is no command. See"));
-  EXPECT_EQ(control(place, {"--version"}).output, "keelmondctl " + std::string(kVersion) + "\n");
+  EXPECT_EQ(control(place, {"--version"}).output, "keelmondctl " KEELMOND_VERSION "\n");
   EXPECT_EQ(control(place, {"down", "--timeout", "soon"}).status, 2);
   EXPECT_EQ(control(place, {"-C", "/nonexistent", "status"}).status, 1);
 }
