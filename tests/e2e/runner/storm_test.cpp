@@ -141,8 +141,8 @@ TEST(runner_storm, one_program_runs_whoever_is_killed) {
         ::kill(state.pid, SIGKILL);
         break;
       default:
-        for (const pid_t copy : place.site().copies())
-          ::kill(copy, SIGKILL);
+        for (const pid_t child : place.site().children())
+          ::kill(child, SIGKILL);
     }
     state = place.wait_again(name, state.pid);
     ASSERT_EQ(place.site().running(name), std::vector<pid_t>{state.launcher}) << round;
