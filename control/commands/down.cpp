@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <thread>
+#include <tuple>
 
 #include "control/proc/process_handle.h"
 #include "control/site/ending.h"
@@ -56,7 +57,7 @@ int kill_rest(const session& here, const ending& programs, const process_handle&
     programs.kill();
     if (!daemon.wait_end(kKilled)) {
       say("killing keelmond (PID " + std::to_string(daemon.who().pid) + ")");
-      static_cast<void>(daemon.send(SIGKILL));
+      std::ignore = daemon.send(SIGKILL);
     }
   }
   programs.kill();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <thread>
+#include <tuple>
 
 #include "control/commands/program_names.h"
 #include "control/commands/save_change.h"
@@ -81,7 +82,7 @@ void load_again(const session& here, const std::vector<std::string>& names, bool
   });
   if (is_so || !now.search.daemon) return;
   // Whether it helps is seen by waiting for the programs.
-  static_cast<void>(reload(here.proc, *now.search.daemon, here.place, limit));
+  std::ignore = reload(here.proc, *now.search.daemon, here.place, limit);
 }
 
 /// Sets the state and waits until it is so.

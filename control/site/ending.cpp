@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <csignal>
 #include <iterator>
+#include <tuple>
 #include <unordered_set>
 #include <utility>
 
@@ -43,8 +44,7 @@ void ending::add(std::vector<running_program> programs) {
 void ending::ask(int signal) {
   for (std::size_t i = members_.size(); i-- > asked_;) {
     // One that has ended meanwhile is what was wanted.
-    if (members_[i].program)
-      static_cast<void>(process_handle(proc_, *members_[i].program).send(signal));
+    if (members_[i].program) std::ignore = process_handle(proc_, *members_[i].program).send(signal);
   }
   asked_ = members_.size();
 }
@@ -68,7 +68,7 @@ std::vector<std::string> ending::left() const {
 
 void ending::kill() const {
   const auto kill_one = [&](const process& one) {
-    static_cast<void>(process_handle(proc_, one).send(SIGKILL));
+    std::ignore = process_handle(proc_, one).send(SIGKILL);
   };
   for (const running_program& one : members_) {
     kill_one(one.child);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <tuple>
 
 #include "common/misc/small_file.h"
 #include "runner/file/values.h"
@@ -70,8 +71,8 @@ bool has_member(std::string_view members, std::string_view user) {
 
 accounts::accounts(const std::string& directory) {
   // A file that cannot be read knows nobody.
-  (void)read_small_file(AT_FDCWD, (directory + "/passwd").c_str(), passwd_);
-  (void)read_small_file(AT_FDCWD, (directory + "/group").c_str(), group_);
+  std::ignore = read_small_file(AT_FDCWD, (directory + "/passwd").c_str(), passwd_);
+  std::ignore = read_small_file(AT_FDCWD, (directory + "/group").c_str(), group_);
 }
 
 std::optional<user_account> accounts::find_user(std::string_view wanted) const {

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include "common/misc/small_file.h"
@@ -26,7 +27,7 @@ bool write_setting(const std::string& path, const std::string& text) {
 std::string read_setting(const std::string& path) {
   std::string text;
   // What cannot be read has nothing in it.
-  (void)read_small_file(AT_FDCWD, path.c_str(), text);
+  std::ignore = read_small_file(AT_FDCWD, path.c_str(), text);
   return text;
 }
 
@@ -126,8 +127,8 @@ void control_group::remove() {
   if (directory_.empty()) return;
   // Both fail where something is still in it, or where the kernel is older than 5.14. The group is
   // used again then.
-  (void)write_setting(directory_ + "/cgroup.kill", "1");
-  (void)::rmdir(directory_.c_str());
+  std::ignore = write_setting(directory_ + "/cgroup.kill", "1");
+  std::ignore = ::rmdir(directory_.c_str());
   directory_.clear();
 }
 

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <string_view>
+#include <tuple>
 
 #include "runner/file/process_stat.h"
 
@@ -54,7 +55,7 @@ pid_t sender_of(msghdr& message) {
 
 std::string notify_socket::open() {
   unsigned random = 0;
-  (void)::getrandom(&random, sizeof random, GRND_NONBLOCK);
+  std::ignore = ::getrandom(&random, sizeof random, GRND_NONBLOCK);
   char name[64];
   std::snprintf(name, sizeof name, "@keelmond-run/%d/%08x", ::getpid(), random);
   address_ = name;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <optional>
+#include <tuple>
 
 #include "tests/runner/log/message_socket.h"
 #include "tests/runner/log/moved_clock.h"
@@ -148,7 +149,7 @@ TEST(message_sink, gives_up_waiting_after_a_second_and_says_how_much_was_lost) {
   EXPECT_EQ(to.sink.waits_for(), -1);
   to.sink.take("two\nthree\n");
   EXPECT_EQ(to.sink.waits_for(), -1);
-  static_cast<void>(to.received());
+  std::ignore = to.received();
   to.sink.take("four\n");
   EXPECT_EQ(to.received(),
             (texts{"keelmond-run: 3 lines lost: Resource temporarily unavailable", "four"}));
