@@ -69,15 +69,18 @@ bool has_member(std::string_view members, std::string_view user) {
 
 }  // namespace
 
-accounts::accounts(const std::string& directory) {
-  // A file that cannot be read knows nobody.
-  std::ignore = read_small_file(AT_FDCWD, (directory + "/passwd").c_str(), passwd_);
-  std::ignore = read_small_file(AT_FDCWD, (directory + "/group").c_str(), group_);
+std::string_view accounts::text_of(const char* file, std::optional<std::string>& text) const {
+  if (!text) {
+    text.emplace();
+    // A file that cannot be read knows nobody.
+    std::ignore = read_small_file(AT_FDCWD, (directory_ + "/" + file).c_str(), *text);
+  }
+  return *text;
 }
 
 std::optional<user_account> accounts::find_user(std::string_view wanted) const {
   const auto number = parse_id(wanted);
-  for (std::string_view rest = passwd_; !rest.empty();) {
+  for (std::string_view rest = text_of("passwd", passwd_); !rest.empty();) {
     auto user = parse_user(take_until(rest, '\n'));
     if (user && (user->name == wanted || (number && user->uid == *number))) return user;
   }
@@ -88,7 +91,7 @@ std::optional<user_account> accounts::find_user(std::string_view wanted) const {
 }
 
 std::optional<gid_t> accounts::find_group(std::string_view wanted) const {
-  for (std::string_view rest = group_; !rest.empty();) {
+  for (std::string_view rest = text_of("group", group_); !rest.empty();) {
     const auto group = parse_group(take_until(rest, '\n'));
     if (group && group->name == wanted) return group->gid;
   }
@@ -97,7 +100,7 @@ std::optional<gid_t> accounts::find_group(std::string_view wanted) const {
 
 std::vector<gid_t> accounts::groups_of(std::string_view user, gid_t primary) const {
   std::vector<gid_t> groups{primary};
-  for (std::string_view rest = group_; !rest.empty();) {
+  for (std::string_view rest = text_of("group", group_); !rest.empty();) {
     const auto group = parse_group(take_until(rest, '\n'));
     if (group && group->gid != primary && has_member(group->members, user))
       groups.push_back(group->gid);

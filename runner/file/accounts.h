@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 /// Users and groups as /etc/passwd and /etc/group list them.
@@ -25,8 +26,9 @@ struct user_account {
 
 class accounts final {
  public:
-  /// Reads `passwd` and `group` in a directory.
-  explicit accounts(const std::string& directory = "/etc");
+  /// Those of `passwd` and `group` in a directory, which are read when somebody asks: most program
+  /// files name nobody.
+  explicit accounts(std::string directory = "/etc") : directory_(std::move(directory)) {}
 
   /// A user by name, or by number, which is taken also when nobody has it.
   [[nodiscard]] std::optional<user_account> find_user(std::string_view wanted) const;
@@ -35,8 +37,11 @@ class accounts final {
   [[nodiscard]] std::vector<gid_t> groups_of(std::string_view user, gid_t primary) const;
 
  private:
-  std::string passwd_;
-  std::string group_;
+  [[nodiscard]] std::string_view text_of(const char* file, std::optional<std::string>& text) const;
+
+  std::string directory_;
+  mutable std::optional<std::string> passwd_;
+  mutable std::optional<std::string> group_;
 };
 
 }  // namespace runner

@@ -53,9 +53,10 @@ void supervision::begin_attempt() {
   was_launched_ = false;
   is_ready_ = false;
   pacing_.started(steady_now());
+  // Told to nobody: it takes no time, and the program is waited for.
+  state_.phase = program_phase::reading;
   const bool is_right = read_file();
   if (await_former_launcher()) return;
-  set_phase(program_phase::reading);
   if (!is_right || !open_log()) return finish_attempt();
   if (!file_.limits.group.any()) return await_needs();
   const std::string error = group_.make(file_.limits.group, name_, find_group_place());
@@ -93,6 +94,7 @@ bool supervision::await_former_launcher() {
   const auto former = files_.read();
   if (!former || former->launcher == ::getpid()) {
     is_first_ = false;
+    files_.set_ready(false);
     return false;
   }
   const auto launcher = read_process_stat(former->launcher);
@@ -104,6 +106,7 @@ bool supervision::await_former_launcher() {
   // It was killed, and the kernel has killed the program with it, but nobody else.
   if (former->pid > 0) kill_session(former->pid, former->started);
   is_first_ = false;
+  files_.set_ready(false);
   return false;
 }
 

@@ -302,3 +302,16 @@ TEST(runner_health, a_question_that_is_not_answered_counts_as_a_bad_answer) {
   const program_state first = place.wait_phase(name, program_phase::running);
   place.wait_again(name, first.pid);
 }
+
+TEST(runner_ready, what_a_killed_launcher_left_does_not_make_a_program_ready) {
+  runner_place place;
+  const std::string name = place.add_steady("[ready]\nfile = never\n");
+  const std::string other =
+      place.add(shell("echo x > started; exec sleep 1000", "needs = " + name + "\n"));
+  write_file(place.site().site() / "notify" / (name + ".ready"), "1");
+  place.start();
+  place.wait_phase(name, program_phase::starting);
+  place.wait_phase(other, program_phase::needs);
+  EXPECT_FALSE(place.is_ready(name));
+  EXPECT_TRUE(keeps([&] { return !place.site().has("programs/started"); }));
+}
