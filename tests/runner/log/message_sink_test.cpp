@@ -96,9 +96,10 @@ TEST(message_sink, sends_a_line_when_it_is_complete) {
 }
 
 TEST(message_sink, sends_a_line_that_is_too_long_in_parts_whatever_its_pieces_are) {
-  const std::string line(3 * 48 * 1024, 'x');
-  for (const std::size_t piece : {std::size_t{1000}, std::size_t{48 * 1024}, line.size() + 1}) {
-    for (const std::size_t length : {48 * 1024 - 1, 48 * 1024, 48 * 1024 + 1, 2 * 48 * 1024}) {
+  constexpr std::size_t kMost = std::size_t{48} * 1024;
+  const std::string line(3 * kMost, 'x');
+  for (const std::size_t piece : {std::size_t{1000}, kMost, line.size() + 1}) {
+    for (const std::size_t length : {kMost - 1, kMost, kMost + 1, 2 * kMost}) {
       journal to;
       const std::string text = line.substr(0, length) + "\nnext\n";
       for (std::size_t at = 0; at < text.size(); at += piece)
@@ -107,7 +108,7 @@ TEST(message_sink, sends_a_line_that_is_too_long_in_parts_whatever_its_pieces_ar
       ASSERT_FALSE(parts.empty());
       EXPECT_EQ(parts.back(), "next");
       parts.pop_back();
-      EXPECT_EQ(parts.size(), (length + 48 * 1024 - 1) / (48 * 1024)) << length << " by " << piece;
+      EXPECT_EQ(parts.size(), (length + kMost - 1) / kMost) << length << " by " << piece;
       std::string whole;
       for (const std::string& part : parts)
         whole += part;
