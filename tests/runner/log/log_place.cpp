@@ -1,6 +1,9 @@
 #include "tests/runner/log/log_place.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 
 namespace {
@@ -51,4 +54,10 @@ std::string log_place::write_rotated(const runner::rotated_name& name,
   const std::string file = runner::rotated_path(path(), name);
   write_file(file, text);
   return file;
+}
+
+void replace_gzip(const scratch_dir& place, std::string_view script) {
+  place.write("gzip", "#!/bin/sh\n" + std::string(script));
+  ::chmod(place.file("gzip").c_str(), 0755);
+  ::setenv("PATH", place.path().c_str(), 1);
 }

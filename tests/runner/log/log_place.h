@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "runner/log/log_settings.h"
@@ -30,3 +31,6 @@ class log_place final {
  private:
   scratch_dir directory_;
 };
+
+/// Has a script of the shell be the only gzip, and the only program, that is found from now on.
+void replace_gzip(const scratch_dir& place, std::string_view script);

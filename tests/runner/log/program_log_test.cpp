@@ -276,9 +276,7 @@ TEST(program_log, compresses_while_it_goes_on) {
 TEST(program_log, leaves_nothing_half_compressed_when_it_closes) {
   in_child([] {
     const scratch_dir programs;
-    programs.write("gzip", "#!/bin/sh\necho half\nexec /bin/sleep 1000\n");
-    ::chmod(programs.file("gzip").c_str(), 0755);
-    ::setenv("PATH", programs.path().c_str(), 1);
+    replace_gzip(programs, "echo half\nexec /bin/sleep 1000\n");
     const log_place place;
     log_settings settings = place.settings(4);
     settings.compress = true;

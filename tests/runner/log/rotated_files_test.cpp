@@ -202,9 +202,7 @@ TEST(rotated_files, says_once_that_there_is_no_gzip) {
 TEST(rotated_files, says_what_gzip_ended_with) {
   in_child([] {
     const scratch_dir programs;
-    programs.write("gzip", "#!/bin/sh\necho part\nexit 3\n");
-    ::chmod(programs.file("gzip").c_str(), 0755);
-    ::setenv("PATH", programs.path().c_str(), 1);
+    replace_gzip(programs, "echo part\nexit 3\n");
     rotation log(10, true);
     log.add("1");
     log.finish();
@@ -233,13 +231,10 @@ TEST(rotated_files, does_without_a_child_that_cannot_be_forked) {
 TEST(rotated_files, gives_the_child_plain_signals_and_the_lowest_priority) {
   in_child([] {
     const scratch_dir programs;
-    programs.write("gzip",
-                   "#!/bin/sh\n"
-                   "/bin/grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
-                   "/usr/bin/nice\n"
-                   "/bin/cat\n");
-    ::chmod(programs.file("gzip").c_str(), 0755);
-    ::setenv("PATH", programs.path().c_str(), 1);
+    replace_gzip(programs,
+                 "/bin/grep -E '^Sig(Blk|Ign)' /proc/self/status\n"
+                 "/usr/bin/nice\n"
+                 "/bin/cat\n");
     sigset_t all;
     ::sigfillset(&all);
     ::sigprocmask(SIG_BLOCK, &all, nullptr);
