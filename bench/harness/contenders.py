@@ -12,7 +12,6 @@ Inside a world (see world_init.py) the directory `root` holds
 
 import http.client
 import os
-import shutil
 import signal
 import socket
 import subprocess
@@ -20,32 +19,16 @@ import time
 import xmlrpc.client
 
 import procfs
+from tool import Tool
 
 
-class Contender:
+class Contender(Tool):
     """Base: knows its place in the world and starts one process."""
 
-    name = ""
     title = ""
-    executables = ()  # all of them have to be there
     most_programs = None  # a limit that is built in
     takes_additions = True
-    variables = ("PATH",)  # of `tools`, which it needs to be found and run
-
-    def __init__(self, root, tools):
-        self.root = root
-        self.tools = tools
-        self.process = None
-
-    @classmethod
-    def is_available(cls, tools):
-        return all(shutil.which(name, path=tools["PATH"]) for name in cls.executables)
-
-    def path(self, *parts):
-        return os.path.join(self.root, *parts)
-
-    def find(self, executable):
-        return shutil.which(executable, path=self.tools["PATH"])
+    process = None
 
     def prepare(self, names):
         """Writes the configuration for these programs."""
@@ -61,9 +44,6 @@ class Contender:
 
     def working_directory(self):
         return self.root
-
-    def environment(self):
-        return {**os.environ, **{name: self.tools[name] for name in self.variables}}
 
     def start(self):
         self.process = subprocess.Popen(

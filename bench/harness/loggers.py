@@ -5,44 +5,27 @@ from a pipe what it prints, and ends when the program has ended and all of it is
 """
 
 import os
-import shutil
 import subprocess
 import time
+
+from tool import Tool
 
 SIZE = 10_000_000
 KEEP = 5
 
 
-class Logger:
+class Logger(Tool):
     """Base: reads from a pipe, which is what most do."""
 
-    name = ""
-    executables = ()
-    variables = ("PATH",)
     has_stamps = True
     runs_program = False
-
-    def __init__(self, directory, tools):
-        self.directory = directory
-        self.tools = tools
-
-    @classmethod
-    def is_available(cls, tools):
-        return all(shutil.which(name, path=tools["PATH"]) for name in cls.executables)
-
-    def path(self, *parts):
-        return os.path.join(self.directory, *parts)
-
-    def find(self, executable):
-        return shutil.which(executable, path=self.tools["PATH"])
 
     def command(self, stamp):
         raise NotImplementedError
 
     def start(self, program, stamp):
         """@return the process of the logger and that of the program, which may be the same one."""
-        environment = {**os.environ, **{name: self.tools[name] for name in self.variables}}
-        quiet = {"stderr": subprocess.DEVNULL, "env": environment, "cwd": self.directory}
+        quiet = {"stderr": subprocess.DEVNULL, "env": self.environment(), "cwd": self.root}
         if self.runs_program:
             process = subprocess.Popen(self.command(program, stamp), stdin=subprocess.DEVNULL,
                                        stdout=self.output(), **quiet)

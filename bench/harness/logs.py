@@ -121,13 +121,13 @@ def measure(kind, tools, options):
             figures[case], figures[case + ": processor"] = measure_case(
                 logger, tools, case, 100 if options.smoke else 1)
         finally:
-            shutil.rmtree(logger.directory)
+            shutil.rmtree(logger.root)
     if kind is not loggers.File:
         logger = fresh()
         try:
             figures["memory"] = measure_memory(logger, tools)
         finally:
-            shutil.rmtree(logger.directory)
+            shutil.rmtree(logger.root)
     return figures
 
 
