@@ -68,10 +68,15 @@ void add_timeout(CLI::App& command, std::chrono::milliseconds& out) {
 }
 
 /// A path becomes absolute, because the command works in the supervisor's directory.
-void add_file(CLI::App& command, std::string& out, const std::string& text) {
-  command.add_option_function<std::string>(
-      "FILE", [&out](const std::string& path) { out = std::filesystem::absolute(path).string(); },
+CLI::Option* add_path(CLI::App& command, const std::string& name, std::string& out,
+                      const std::string& text) {
+  return command.add_option_function<std::string>(
+      name, [&out](const std::string& path) { out = std::filesystem::absolute(path).string(); },
       text);
+}
+
+void add_file(CLI::App& command, std::string& out, const std::string& text) {
+  add_path(command, "FILE", out, text);
 }
 
 void add_life(CLI::App& app, request& out) {
@@ -158,6 +163,14 @@ void add_editing(CLI::App& app, request& out) {
   CLI::App* command = nullptr;
   add_options& add = add_command(app, out, "add", "List a program", run_add, command);
   command->add_option("NAME", add.name, "Its name")->required();
+  command->add_option("COMMAND", add.text.command,
+                      "Behind --: what it runs; a program file is written for that");
+  add_path(*command, "--directory", add.text.directory, "Where the command runs")->type_name("DIR");
+  command->add_option("--user", add.text.user, "As whom the command runs")->type_name("USER");
+  command->add_option("--env", add.text.environment, "A variable of its environment")
+      ->type_name("NAME=VALUE")
+      ->allow_extra_args(false);
+  add_path(*command, "--log", add.text.log, "The file that takes its output")->type_name("FILE");
   command->add_option("--exepath", add.exepath, "Its file (default: NAME in the directory)")
       ->type_name("PATH");
   command->add_flag("--stopped", add.stopped, "Do not start it yet");

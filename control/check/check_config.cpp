@@ -12,6 +12,7 @@ std::vector<finding> check_config(const check_subject& subject) {
   check_lines(subject.document, found);
   check_list(subject, found);
   check_programs(subject, found);
+  check_program_files(subject, found);
   check_site(subject, found);
   return found.sorted();
 }

@@ -35,6 +35,8 @@ void check_lines(const ini_document& document, findings& out);
 void check_list(const check_subject& subject, findings& out);
 /// Each program: its name as a pattern, its path as a command, its file, its state.
 void check_programs(const check_subject& subject, findings& out);
+/// What is wrong in the program files that the entries name, by the rules of keelmond-run.
+void check_program_files(const check_subject& subject, findings& out);
 /// The directory around it: who may write, what is missing, what still runs.
 void check_site(const check_subject& subject, findings& out);
 

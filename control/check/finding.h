@@ -17,6 +17,8 @@ struct finding {
   std::size_t line = 0;
   std::string text;    ///< What is so, and what follows from it.
   std::string remedy;  ///< What to do about it.
+  /// Where `line` counts, if not in the configuration.
+  std::string file{};
 };
 
 /// Collects findings.
@@ -28,7 +30,16 @@ class findings final {
   void fail(std::size_t line, std::string text, std::string remedy) {
     all_.push_back({finding::severity::error, line, std::move(text), std::move(remedy)});
   }
-  /// By line; of one line in the order in which they were found.
+  /// In another file than the configuration.
+  void fail_in(std::string file, std::size_t line, std::string text, std::string remedy) {
+    all_.push_back(
+        {finding::severity::error, line, std::move(text), std::move(remedy), std::move(file)});
+  }
+  void warn_in(std::string file, std::size_t line, std::string text, std::string remedy) {
+    all_.push_back(
+        {finding::severity::warning, line, std::move(text), std::move(remedy), std::move(file)});
+  }
+  /// By line, those in other files last; of one line in the order in which they were found.
   [[nodiscard]] std::vector<finding> sorted() const;
 
  private:

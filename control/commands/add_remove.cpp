@@ -1,10 +1,16 @@
 #include "control/commands/add_remove.h"
 
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
 #include "control/check/check_config.h"
 #include "control/commands/program_names.h"
 #include "control/commands/save_change.h"
 #include "control/commands/start_stop.h"
 #include "control/config/config_editor.h"
+#include "control/site/daemon_start.h"
 #include "control/site/running_programs.h"
 #include "control/text/failure.h"
 
@@ -19,11 +25,15 @@ void require_usable_name(const std::string& name) {
                 " is none. Nothing was changed");
 }
 
+/// The program's file.
+std::string path_of(const session& here, const add_options& options) {
+  return options.exepath.empty() ? here.place.directory + "/" + options.name : options.exepath;
+}
+
 void require_runnable(const session& here, const add_options& options) {
   listed_program program;
   program.name = options.name;
-  program.exepath =
-      options.exepath.empty() ? here.place.directory + "/" + options.name : options.exepath;
+  program.exepath = path_of(here, options);
   if (!is_plain_word(program.exepath)) {
     throw failure("the shell would split or expand the path " + program.exepath +
                   ": give one of letters, digits and / . _ - only. Nothing was changed");
@@ -54,16 +64,60 @@ void require_unrelated(const session& here, const snapshot& now, const std::stri
   }
 }
 
+/// A file that was written for an entry, and goes when that does not come to be.
+class new_file final {
+ public:
+  new_file(std::string path, const std::string& text) : path_(std::move(path)) {
+    write_new_executable(path_, text);
+  }
+  new_file(const new_file&) = delete;
+  new_file& operator=(const new_file&) = delete;
+  ~new_file() {
+    if (!kept_) ::unlink(path_.c_str());
+  }
+  void keep() { kept_ = true; }
+
+ private:
+  std::string path_;
+  bool kept_ = false;
+};
+
+/// Writes the program file that the options describe, if they describe one.
+std::unique_ptr<new_file> write_program_file(const session& here, const add_options& options) {
+  const program_text_options& wanted = options.text;
+  if (wanted.command.empty()) {
+    if (wanted.directory.empty() && wanted.user.empty() && wanted.environment.empty() &&
+        wanted.log.empty()) {
+      return nullptr;
+    }
+    throw failure("--directory, --user, --env and --log go with a command: add NAME ... -- COMMAND",
+                  exit_status::kUsage);
+  }
+  const std::string path = path_of(here, options);
+  return std::make_unique<new_file>(
+      path, program_text(wanted, find_installed_program("keelmond-run"), path));
+}
+
 }  // namespace
 
 int run_add(const session& here, const add_options& options) {
   require_usable_name(options.name);
+  const snapshot now = here.look();
+  if (now.find(options.name) != nullptr) {
+    throw failure("there is a program " + options.name +
+                  " already: `keelmondctl remove` takes it out. Nothing was changed");
+  }
+  const std::unique_ptr<new_file> file = write_program_file(here, options);
   require_runnable(here, options);
-  require_unrelated(here, here.look(), options.name);
+  require_unrelated(here, now, options.name);
   const char* const state = options.stopped ? "stop" : "run";
   const applied how = save_change(here, options.timeout, [&](const std::string& text) {
     return config_editor::add_program(text, {options.name, options.exepath, state});
   });
+  if (file) {
+    file->keep();
+    say("wrote " + path_of(here, options));
+  }
   say("added " + options.name);
   if (options.stopped || how != applied::loaded) return exit_status::kDone;
   const auto left = wait_for_programs(here, {options.name}, true, options.timeout);

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <string>
 
+#include "control/commands/program_text.h"
 #include "control/commands/session.h"
 
 namespace control {
@@ -10,11 +11,14 @@ namespace control {
 struct add_options {
   std::string name;
   std::string exepath;
+  /// What a new program file is to run; without a command the program is a file that is there.
+  program_text_options text{};
   bool stopped = false;
   std::chrono::milliseconds timeout{std::chrono::seconds(10)};
 };
 
-/// Lists a program, and waits until it is alive unless it is to be stopped.
+/// Lists a program, with a program file for its command if there is one, and waits until it is
+/// alive unless it is to be stopped.
 int run_add(const session& here, const add_options& options);
 
 struct remove_options {

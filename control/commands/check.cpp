@@ -38,7 +38,8 @@ ordered_json loaded_entries(const checked_file& file) {
 std::string as_json(const checked_file& file) {
   ordered_json list = ordered_json::array();
   for (const finding& one : file.found) {
-    list.push_back({{"line", one.line == 0 ? ordered_json() : ordered_json(one.line)},
+    list.push_back({{"file", one.file.empty() ? file.shown_as : one.file},
+                    {"line", one.line == 0 ? ordered_json() : ordered_json(one.line)},
                     {"severity", one.how == finding::severity::error ? "error" : "warning"},
                     {"text", one.text},
                     {"remedy", one.remedy}});

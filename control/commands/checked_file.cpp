@@ -31,7 +31,7 @@ checked_file check_file(const session& here, const snapshot& now, const std::str
 std::string findings_as_text(const checked_file& file) {
   std::string text;
   for (const finding& one : file.found) {
-    text += file.shown_as + ":";
+    text += (one.file.empty() ? file.shown_as : one.file) + ":";
     if (one.line > 0) text += std::to_string(one.line) + ":";
     text += one.how == finding::severity::error ? " error: " : " warning: ";
     text += printable(one.text) + "; " + printable(one.remedy) + "\n";

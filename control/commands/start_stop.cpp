@@ -29,14 +29,16 @@ std::string obstacle_of(const program_status& one, bool alive) {
   if (one.now == actual::running && one.wanted == "stop") {
     return one.why + ". `keelmondctl signal " + one.name + " USR2` ends the process";
   }
-  return "it still runs (PID " + std::to_string(one.program ? one.program->pid : one.child->pid) +
+  const process& shown = one.launcher ? *one.launcher : one.program ? *one.program : *one.child;
+  return "it still runs (PID " + std::to_string(shown.pid) +
          ") and may ignore SIGUSR2: `keelmondctl signal " + one.name + " KILL` ends it";
 }
 
 /// Programs whose entries have an effect are waited for; the others are told of at once.
 bool is_worth_waiting(const program_status& one, bool alive) {
   if (is_as_wanted(one, alive)) return false;
-  return alive ? one.now != actual::not_loaded && one.now != actual::given_up
+  return alive ? one.now != actual::not_loaded && one.now != actual::given_up &&
+                     one.now != actual::ended
                : one.now != actual::running || one.wanted != "stop";
 }
 
@@ -46,12 +48,13 @@ int report(const session& here, const std::vector<std::string>& names, bool aliv
   for (const std::string& text : left)
     warn(here, text);
   if (!left.empty()) return exit_status::kFailed;
-  const snapshot now = here.look();
+  const std::vector<program_status> programs = list_programs(here.look(), here.place);
   for (const std::string& name : names) {
-    const running_program* const running = now.find_running(name);
-    const bool has_pid = alive && running != nullptr && running->program;
+    const auto at = std::find_if(programs.begin(), programs.end(),
+                                 [&](const program_status& one) { return one.name == name; });
+    const bool has_pid = alive && at != programs.end() && at->program;
     say(name + (alive ? " runs" : " has ended") +
-        (has_pid ? " (PID " + std::to_string(running->program->pid) + ")" : ""));
+        (has_pid ? " (PID " + std::to_string(at->program->pid) + ")" : ""));
   }
   return exit_status::kDone;
 }

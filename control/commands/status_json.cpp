@@ -20,6 +20,7 @@ ordered_json json_of(const program_status& one, const snapshot& now) {
     program["pid"] = one.program->pid;
     program["started_at"] = format_utc(now.start_of(*one.program));
   }
+  program["launcher_pid"] = one.launcher ? ordered_json(one.launcher->pid) : ordered_json();
   program["child_pid"] = one.child ? ordered_json(one.child->pid) : ordered_json();
   program["cpu_seconds"] = one.cpu_seconds;
   program["memory_bytes"] = one.memory;

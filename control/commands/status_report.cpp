@@ -23,9 +23,9 @@ table::cell number(std::size_t value) {
 
 std::string count_programs(const std::vector<program_status>& programs) {
   std::string text;
-  for (const actual what :
-       {actual::running, actual::starting, actual::restarting, actual::stopping, actual::stopped,
-        actual::given_up, actual::not_loaded, actual::removed, actual::left_over}) {
+  for (const actual what : {actual::running, actual::starting, actual::restarting, actual::stopping,
+                            actual::stopped, actual::waiting, actual::ended, actual::given_up,
+                            actual::not_loaded, actual::removed, actual::left_over}) {
     const std::string one = count_of(programs, what);
     if (!one.empty()) text += (text.empty() ? "" : ", ") + one;
   }
@@ -37,10 +37,12 @@ tone tone_of(actual what) {
     case actual::running:
       return tone::good;
     case actual::stopped:
+    case actual::ended:
       return tone::faint;
     case actual::starting:
     case actual::stopping:
     case actual::restarting:
+    case actual::waiting:
     case actual::removed:
       return tone::warning;
     default:

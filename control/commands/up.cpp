@@ -111,7 +111,7 @@ std::size_t end_left_over(const session& here, const snapshot& now, milliseconds
 }
 
 process launch_daemon(const session& here, milliseconds limit) {
-  const std::string program = find_daemon_program();
+  const std::string program = find_installed_program(kDaemonName);
   if (remove_left_over_pid_file(here.place)) {
     say("removed run.pid, which was left over: no living keelmond held it");
   }

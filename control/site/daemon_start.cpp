@@ -66,16 +66,16 @@ unique_fd lock_starts(const site& place) {
 
 }  // namespace
 
-std::string find_daemon_program() {
-  std::string beside = own_directory() + "/" + kDaemonName;
+std::string find_installed_program(const std::string& name) {
+  std::string beside = own_directory() + "/" + name;
   if (::access(beside.c_str(), X_OK) == 0) return beside;
   const char* const path = std::getenv("PATH");
   std::istringstream directories(path == nullptr ? "" : path);
   for (std::string directory; std::getline(directories, directory, ':');) {
-    std::string candidate = (directory.empty() ? "." : directory) + "/" + kDaemonName;
+    std::string candidate = (directory.empty() ? "." : directory) + "/" + name;
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
-  throw failure("there is no program keelmond beside keelmondctl or in PATH: install it there");
+  throw failure("there is no program " + name + " beside keelmondctl or in PATH: install it there");
 }
 
 void start_daemon(const std::string& program, const site& place) {

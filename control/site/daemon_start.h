@@ -6,9 +6,9 @@
 
 namespace control {
 
-/// The supervisor's program: the one installed beside keelmondctl, else the one in PATH.
+/// A program of this system: the one installed beside keelmondctl, else the one in PATH.
 /// @throws failure when there is none.
-std::string find_daemon_program();
+std::string find_installed_program(const std::string& name);
 
 /// Runs the program in the directory, as the start of a daemon: nothing to read, its output behind
 /// that of earlier ones in console.txt. Returns when the started process has ended, which leaves

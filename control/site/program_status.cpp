@@ -1,6 +1,7 @@
 #include "control/site/program_status.h"
 
 #include <algorithm>
+#include <chrono>
 #include <ctime>
 #include <filesystem>
 #include <system_error>
@@ -8,7 +9,10 @@
 #include <unordered_set>
 #include <utility>
 
+#include "control/site/launcher_state.h"
 #include "control/text/quantity.h"
+#include "runner/file/program_file.h"
+#include "runner/file/state_file.h"
 
 namespace control {
 namespace {
@@ -25,6 +29,9 @@ constexpr std::int64_t kLogOfMinute = std::int64_t{1} << 18;
 /// be behind.
 constexpr int kOften = 3;
 constexpr double kYoung = 20;
+
+/// How long a launcher may take, in seconds, until it tells what it does.
+constexpr double kSilent = 10;
 
 void take_processes(program_status& status, const running_program& running) {
   status.child = running.child;
@@ -85,6 +92,20 @@ void judge_idle(program_status& status, const listed_program& entry, const snaps
   }
 }
 
+/// A launcher notes what it does in a file of the name that its program file has.
+void ask_launcher(program_status& status, const listed_program& entry, const snapshot& now,
+                  const site& place) {
+  const runner::state_files files(place.directory, runner::program_name_of(entry.exepath));
+  const auto state = files.read();
+  const auto time = std::chrono::system_clock::now().time_since_epoch();
+  const auto milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
+  if (state && apply_state(*state, milliseconds, status)) return;
+  // It has not come that far, or tells another supervisor.
+  if (status.now != actual::running || now.age_of(*status.program) > kSilent) return;
+  status.launcher = std::exchange(status.program, std::nullopt);
+  status.now = actual::starting;
+}
+
 program_status status_of(const listed_program& entry, const running_program* running,
                          const snapshot& now, const site& place) {
   program_status status;
@@ -93,6 +114,7 @@ program_status status_of(const listed_program& entry, const running_program* run
   if (running != nullptr) {
     take_processes(status, *running);
     judge_running(status, entry);
+    if (running->is_launcher) ask_launcher(status, entry, now, place);
   } else {
     judge_idle(status, entry, now, place);
   }
@@ -182,6 +204,10 @@ const char* name_of(actual what) {
       return "stopped";
     case actual::stopping:
       return "stopping";
+    case actual::waiting:
+      return "waiting";
+    case actual::ended:
+      return "ended";
     case actual::given_up:
       return "given up";
     case actual::not_loaded:

@@ -16,7 +16,9 @@ enum class actual {
   restarting,  ///< Running, and it has ended again and again in the last minute.
   stopped,
   stopping,
-  given_up,    ///< It has ended more often than the daemon starts a program.
+  waiting,     ///< Its launcher starts it again later.
+  ended,       ///< Its launcher does not start it again.
+  given_up,    ///< It has ended more often than the daemon, or its launcher, starts a program.
   not_loaded,  ///< The daemon passes over its entry, or has not read it yet.
   removed,     ///< Running, and no entry names it any more.
   left_over,   ///< Running without a daemon.
@@ -30,6 +32,7 @@ struct program_status {
   std::string why;  ///< Where `now` needs an explanation.
   std::optional<process> child;
   std::optional<process> program;
+  std::optional<process> launcher;  ///< keelmond-run, which the program is run by.
   std::vector<process> tree;
   double cpu_seconds = 0;    ///< Of all that runs below the daemon's child and has not ended.
   std::uint64_t memory = 0;  ///< Bytes; 0 unless a `memory_meter` has measured them.

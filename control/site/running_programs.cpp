@@ -12,6 +12,7 @@ namespace control {
 namespace {
 
 constexpr std::size_t kLongestProcessName = 15;
+constexpr std::string_view kLauncher = "/keelmond-run";
 constexpr std::string_view kStopCommand = "kill -USR2 `pgrep ";
 /// A path is the first word of a command line; of a script's the one behind the interpreter, or
 /// behind the interpreter's option.
@@ -60,6 +61,9 @@ std::optional<program_finder::description> program_finder::describe(const proces
     what.found.program = first;
   } else {
     what.found.program = below_shell(first, what.words);
+  }
+  if (what.found.program) {
+    what.found.is_launcher = proc_.link(what.found.program->pid, "exe").ends_with(kLauncher);
   }
   return what;
 }

@@ -22,6 +22,8 @@ struct running_program {
   /// The program itself: not the daemon's child, not a shell that waits for it. None while it is
   /// started.
   std::optional<process> program;
+  /// Whether that is keelmond-run, with a program of its own below it.
+  bool is_launcher = false;
   /// Everything below the child, parents before their children.
   std::vector<process> tree;
 };
