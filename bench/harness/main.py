@@ -137,7 +137,8 @@ def main():
         sys.exit("compare: " + why)
     if not options.smoke and kind_of(options) is plan:
         prepare.fetch_contenders(ROOT, say)
-    prepare.build(ROOT, ("keelmond", "keelmondctl", "bench_program", "floor_loop", "proc_floor"), say)
+    prepare.build(
+        ROOT, ("keelmond", "keelmondctl", "bench_program", "floor_loop", "proc_floor"), say)
     tools = prepare.tools(ROOT)
     wanted = options.only
     if options.control:
