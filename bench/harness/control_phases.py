@@ -26,7 +26,7 @@ def _run(command):
 
 
 class ControlPhases:
-    """A part of World: it has `tools`, `contender`, `names` and `events`."""
+    """A part of WorldInit: it has `tools`, `contender`, `names` and `events`."""
 
     def control(self, *arguments):
         return [self.tools["KEELMONDCTL"], "-C", self.contender.working_directory(), *arguments]
