@@ -36,7 +36,7 @@ class checked_text {
     const ini_document document(text);
     const control::site place{scratch_.path().string()};
     const auto programs = control::read_programs(control::parse_config(text), place.directory);
-    return control::check_config({place, now, table, document, programs, false});
+    return control::check_config({place, now, table, document, programs, is_present});
   }
 
   /// The line and severity of the finding whose text holds `part`: "3e", "0w"; "none".
@@ -51,6 +51,7 @@ class checked_text {
 
   std::vector<process> processes;
   snapshot now;
+  bool is_present = false;
 
  protected:
   scratch_dir scratch_;
@@ -197,6 +198,17 @@ TEST_F(check_config, finds_what_still_runs_without_an_entry) {
 TEST_F(check_config, finds_a_missing_directory_for_the_liveness_files) {
   std::filesystem::remove(scratch_.path() / "notify");
   EXPECT_EQ(place_of(kClean, "notify: no liveness files"), "0w");
+}
+
+TEST_F(check_config, finds_directories_and_files_that_others_may_write) {
+  is_present = true;
+  EXPECT_EQ(place_of(kClean, "every user may write"), "none");
+  const std::string notify = scratch_.file("notify");
+  ASSERT_EQ(::chmod(notify.c_str(), 0777), 0);
+  EXPECT_EQ(place_of(kClean, "every user may write " + notify), "0w");
+  // There nobody takes away what is another one's.
+  ASSERT_EQ(::chmod(notify.c_str(), 01777), 0);
+  EXPECT_EQ(place_of(kClean, "every user may write"), "none");
 }
 
 TEST_F(check_config, survives_any_text) {

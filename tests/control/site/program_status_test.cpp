@@ -84,6 +84,21 @@ TEST_F(recent_starts, suspect_nobody_when_several_were_restarted_once) {
   EXPECT_EQ(restarting(), strings());
 }
 
+TEST_F(recent_starts, show_a_program_that_has_reached_the_limit) {
+  now_.programs.push_back({.name = "failing", .exepath = "/bin/sh", .state = "run"});
+  const auto state = [&] {
+    return control::list_programs(now_, {scratch_.path().string()}).at(0).now;
+  };
+  std::string ends = "keelmond Start PID: 1 \r\n2026-11-15 10:02:03\r\n";
+  for (int i = 0; i < 200000; ++i)
+    ends += "exited process PID: 4294967295  errno: 10\r\n2026-11-15 10:02:03\r\n";
+  scratch_.write("keelmond.log", ends);
+  EXPECT_EQ(state(), actual::starting);
+  ends += "exited process PID: 4294967295  errno: 10\r\n2026-11-15 10:02:03\r\n";
+  scratch_.write("keelmond.log", ends);
+  EXPECT_EQ(state(), actual::given_up);
+}
+
 TEST_F(recent_starts, of_an_earlier_daemon_do_not_count) {
   add_running("steady", 100);
   for (pid_t pid = 90; pid < 99; ++pid) {

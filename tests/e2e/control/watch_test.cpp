@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 
 #include "tests/e2e/control/control_command.h"
@@ -18,11 +19,12 @@ namespace {
 /// A keelmondctl on a terminal of its own.
 class on_terminal final {
  public:
-  on_terminal(const installation& place, const char* command, const char* option)
+  on_terminal(const installation& place, const char* command, const char* option,
+              unsigned short columns = 120)
       : terminal_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
     ::grantpt(terminal_);
     ::unlockpt(terminal_);
-    const winsize size{20, 120, 0, 0};
+    const winsize size{20, columns, 0, 0};
     ::ioctl(terminal_, TIOCSWINSZ, &size);
     const std::string name = ::ptsname(terminal_);
     pid_ = ::fork();
@@ -83,6 +85,26 @@ TEST(control_watch, redraws_counts_starts_and_ends_on_q) {
   EXPECT_TRUE(watch.shown().ends_with("\033[?1049l"));
 }
 
+TEST(control_watch, sorts_by_the_key_that_is_pressed) {
+  installation place;
+  place.save({{"kmc_zz", "/nonexistent", "stop"}, {"kmc_aa", "/nonexistent", "stop"}});
+  on_terminal watch(place, "status", "--watch");
+  const auto is_first = [&](const std::string& name, const std::string& other) {
+    const std::string& shown = watch.shown();
+    const std::size_t screen = shown.rfind("\033[H");
+    const std::size_t at = shown.find(name, screen == std::string::npos ? 0 : screen);
+    const std::size_t behind = shown.find(other, at == std::string::npos ? 0 : at);
+    return screen != std::string::npos && at != std::string::npos && behind != std::string::npos;
+  };
+  EXPECT_TRUE(wait_until([&] { return is_first("kmc_zz", "kmc_aa"); })) << watch.shown();
+  watch.press('n');
+  EXPECT_TRUE(wait_until([&] { return is_first("kmc_aa", "kmc_zz"); })) << watch.shown();
+  watch.press('f');
+  EXPECT_TRUE(wait_until([&] { return is_first("kmc_zz", "kmc_aa"); })) << watch.shown();
+  watch.press('q');
+  EXPECT_EQ(watch.wait(), 0);
+}
+
 TEST(control_watch, needs_a_terminal) {
   installation place;
   EXPECT_EQ(control(place, {"status", "--watch"}).status, 2);
@@ -101,4 +123,26 @@ TEST(control_colours, are_for_terminals_without_no_color) {
   ::unsetenv("NO_COLOR");
   EXPECT_EQ(plain.wait(), 3);
   EXPECT_FALSE(contains(plain.shown(), "\033["));
+}
+
+TEST(control_tables, fit_the_terminal) {
+  installation place;
+  place.save({{"kmc_none", "/nonexistent/with/a/long/path/that/no/narrow/terminal/shows", "run"}});
+  const auto widest = [&](unsigned short columns) {
+    on_terminal narrow(place, "status", nullptr, columns);
+    EXPECT_EQ(narrow.wait(), 3);
+    std::istringstream lines(narrow.shown());
+    std::size_t most = 0;
+    for (std::string line; std::getline(lines, line);) {
+      if (!line.starts_with("kmc_none")) continue;
+      while (line.find('\033') != std::string::npos) {
+        const std::size_t at = line.find('\033');
+        line.erase(at, line.find('m', at) + 1 - at);
+      }
+      most = line.size() - (line.ends_with('\r') ? 1 : 0);
+    }
+    return most;
+  };
+  EXPECT_GT(widest(200), 100U);
+  EXPECT_EQ(widest(90), 90U);
 }
