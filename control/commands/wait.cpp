@@ -11,6 +11,7 @@
 #include "common/misc/unique_fd.h"
 #include "control/commands/program_names.h"
 #include "control/proc/process_handle.h"
+#include "control/site/program_status.h"
 #include "control/text/failure.h"
 
 namespace control {
@@ -30,6 +31,9 @@ class site_events final {
     const std::uint32_t what = IN_MODIFY | IN_CREATE | IN_DELETE | IN_MOVED_TO;
     if (!fd_.valid() || ::inotify_add_watch(fd_.get(), place.directory.c_str(), what) < 0)
       throw failure("cannot watch " + place.directory + ": there are too many watches");
+    // Where launchers tell of their programs; not everybody has one.
+    const std::string notes = place.directory + "/notify";
+    static_cast<void>(::inotify_add_watch(fd_.get(), notes.c_str(), IN_MOVED_TO | IN_DELETE));
   }
   [[nodiscard]] int fd() const { return fd_.get(); }
   void clear() const {
@@ -52,13 +56,17 @@ struct standing {
 standing look(const session& here, const wait_options& options) {
   standing found;
   const snapshot now = here.look();
+  const std::vector<program_status> programs = list_programs(now, here.place);
   for (const std::string& name : options.names) {
     const running_program* const running = now.find_running(name);
-    const bool is_up = running != nullptr && running->program;
+    const bool is_up = std::any_of(programs.begin(), programs.end(), [&](const auto& one) {
+      return one.name == name && one.program.has_value();
+    });
     const bool is_down = running == nullptr;
     if (options.down ? is_down : is_up) continue;
     found.missing.push_back(name);
-    found.launching = found.launching || (!is_up && !is_down);
+    // What a launcher does with its program is announced as well.
+    found.launching = found.launching || (!is_up && !is_down && !running->is_launcher);
     if (!is_down) found.running.emplace_back(here.proc, running->child);
   }
   // A child that has executed nothing yet has no name. It may be the one that is waited for.

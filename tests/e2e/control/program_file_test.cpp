@@ -80,6 +80,12 @@ TEST(control_status, tells_what_the_launcher_of_a_program_waits_for) {
   EXPECT_EQ(one.at("actual"), "waiting");
   EXPECT_TRUE(one.at("pid").is_null());
   EXPECT_TRUE(process_table::is_alive(one.at("launcher_pid").get<pid_t>()));
+  EXPECT_EQ(control(here.place, {"wait", here.name, "--timeout", "100ms"}).status, 1);
+  running_control wait(here.place, {"wait", here.name});
+  write_file(here.place.site() / here.name,
+             "#!" KEELMOND_RUN_BINARY "\n[program]\ncommand = sleep 1000\n");
+  EXPECT_EQ(control(here.place, {"restart", here.name}).status, 0);
+  EXPECT_EQ(wait.wait().status, 0) << wait.errors();
   EXPECT_EQ(control(here.place, {"stop", here.name}).status, 0);
   EXPECT_TRUE(contains(here.row(), "stop stopped")) << here.row();
 }
