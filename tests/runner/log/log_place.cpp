@@ -57,7 +57,7 @@ std::string log_place::write_rotated(const runner::rotated_name& name,
 }
 
 void replace_gzip(const scratch_dir& place, std::string_view script) {
-  place.write("gzip", "#!/bin/sh\n" + std::string(script));
+  place.write("gzip", script);
   ::chmod(place.file("gzip").c_str(), 0755);
   ::setenv("PATH", place.path().c_str(), 1);
 }

@@ -32,5 +32,5 @@ class log_place final {
   scratch_dir directory_;
 };
 
-/// Has a script of the shell be the only gzip, and the only program, that is found from now on.
+/// Has a script be the only gzip, and the only program, that is found from now on.
 void replace_gzip(const scratch_dir& place, std::string_view script);

@@ -170,6 +170,18 @@ TEST(message_sink, finds_a_reader_that_was_started_anew) {
   EXPECT_EQ(to.received(), (texts{"keelmond-run: 3 lines lost: Connection refused", "five"}));
 }
 
+TEST(message_sink, sends_no_end_of_a_line_whose_beginning_was_lost) {
+  moved_clock clock;
+  journal to;
+  to.socket.reset();
+  to.sink.take("one\ntw");
+  to.socket.emplace(to.place.file("socket"));
+  clock.advance(std::chrono::seconds(2));
+  to.sink.take("o");
+  to.sink.take("\nthree\n");
+  EXPECT_EQ(to.received(), (texts{"keelmond-run: 2 lines lost: Connection refused", "three"}));
+}
+
 TEST(message_sink, finds_a_reader_that_comes_late) {
   moved_clock clock;
   const scratch_dir place;

@@ -276,7 +276,7 @@ TEST(program_log, compresses_while_it_goes_on) {
 TEST(program_log, leaves_nothing_half_compressed_when_it_closes) {
   in_child([] {
     const scratch_dir programs;
-    replace_gzip(programs, "echo half\nexec /bin/sleep 1000\n");
+    replace_gzip(programs, "#!/bin/sh\necho half\nexec /bin/sleep 1000\n");
     const log_place place;
     log_settings settings = place.settings(4);
     settings.compress = true;
