@@ -84,6 +84,7 @@ def tools(root):
         "PROGRAM": os.path.join(built, "bench", "bench_program"),
         "KEELMOND_RUN": os.path.join(built, "runner", "keelmond-run"),
         "LOG_SOURCE": os.path.join(built, "bench", "log_source"),
+        "LAUNCH_CLOCK": os.path.join(built, "bench", "launch_clock"),
     }
 
 

@@ -1,0 +1,205 @@
+"""Measures what stands between a fork and a program, and stays beside it, launcher by launcher.
+
+Each sets a limit on open files and executes a program, which says when it has come to its first
+instruction. Those of other supervisors become the program; keelmond-run stays, and so does a shell
+that waits.
+"""
+
+import argparse
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+
+import prepare
+import report
+from results import median
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+OWN = "keelmond-run"
+FLOOR = "fork and exec"
+FILES = "256"
+# How long after a start a launcher has come to rest.
+REST = 3
+
+
+def parse_arguments():
+    parser = argparse.ArgumentParser(prog="launches", description=__doc__)
+    parser.add_argument("--runs", type=int, default=5, help="how often everything is measured")
+    parser.add_argument("--launches", type=int, default=300, help="starts in each run")
+    parser.add_argument("--smoke", action="store_true",
+                        help="a moment, to see that everything works; no packages are fetched")
+    parser.add_argument("--json", metavar="FILE", help="write all figures")
+    return parser.parse_args()
+
+
+def say(text):
+    print(f"[{time.strftime('%H:%M:%S')}] {text}", file=sys.stderr, flush=True)
+
+
+def write_executable(path, text):
+    with open(path, "w", encoding="ascii") as out:
+        out.write(text)
+    os.chmod(path, 0o755)
+    return path
+
+
+class World:
+    """A directory with a program file, and a script that does the same."""
+
+    def __init__(self, directory, tools):
+        self.directory = directory
+        self.tools = tools
+
+    def find(self, name):
+        return shutil.which(name, path=self.tools["PATH"])
+
+    def program_file(self, name, command):
+        return write_executable(
+            os.path.join(self.directory, name),
+            f"#!{self.tools['KEELMOND_RUN']}\n[program]\ncommand = {' '.join(command)}\n"
+            f"[limits]\nnofile = {FILES}\n[restart]\non = never\n")
+
+    def script(self, name, command):
+        return write_executable(
+            os.path.join(self.directory, name),
+            f"#!/bin/sh\nulimit -n {FILES}\n{' '.join(command)} &\nwait $!\n")
+
+    def launchers(self):
+        """@return the command of each, without those that are not there."""
+        stamp = [self.tools["LAUNCH_CLOCK"], "stamp"]
+        known = {FLOOR: stamp,
+                 "sh, waiting": [self.script("waiting", stamp)],
+                 OWN: [self.program_file("kmd_stamp", stamp)]}
+        for name, options in (("chpst", ["-o", FILES]), ("s6-softlimit", ["-o", FILES]),
+                              ("s6-setuidgid", ["root"]), ("softlimit", ["-o", FILES])):
+            path = self.find(name)
+            if path is not None and self.works([path, *options, "true"]):
+                known[name] = [path, *options, *stamp]
+        return known
+
+    def works(self, command):
+        environment = {**os.environ, "LD_LIBRARY_PATH": self.tools["LD_LIBRARY_PATH"]}
+        return subprocess.run(command, check=False, stderr=subprocess.DEVNULL,
+                              env=environment).returncode == 0
+
+
+def measure_starts(world, command, launches):
+    """@return microseconds: the median of many starts."""
+    environment = {**os.environ, "LD_LIBRARY_PATH": world.tools["LD_LIBRARY_PATH"]}
+    os.makedirs(os.path.join(world.directory, "notify"), exist_ok=True)
+    done = subprocess.run([world.tools["LAUNCH_CLOCK"], str(launches), *command], check=True,
+                          cwd=world.directory,
+                          stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
+                          stderr=subprocess.DEVNULL, env=environment)
+    return median([int(line) / 1000 for line in done.stdout.split()])
+
+
+def own_memory(pid):
+    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
+        return next(int(line.split()[1]) for line in file if line.startswith("Pss:"))
+
+
+def switches(pid):
+    with open(f"/proc/{pid}/status", encoding="ascii") as file:
+        return sum(int(line.split()[1]) for line in file if "ctxt_switches" in line)
+
+
+def measure_rest(path):
+    """@return kB of memory, and how often it has woken up in a while without events."""
+    process = subprocess.Popen([path], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL, start_new_session=True)
+    try:
+        time.sleep(REST)
+        before = switches(process.pid)
+        time.sleep(REST)
+        return own_memory(process.pid), switches(process.pid) - before
+    finally:
+        # The shell's program is nobody else's.
+        os.killpg(process.pid, signal.SIGTERM)
+        process.wait(30)
+
+
+def measure(tools, options):
+    directory = tempfile.mkdtemp(prefix="launches-")
+    try:
+        world = World(directory, tools)
+        launchers = world.launchers()
+        launches = 10 if options.smoke else options.launches
+        figures = {name: {"start": measure_starts(world, command, launches)}
+                   for name, command in launchers.items()}
+        sleeping = ["sleep", "1000"]
+        for name, path in ((OWN, world.program_file("kmd_sleep", sleeping)),
+                           ("sh, waiting", world.script("sleeping", sleeping))):
+            figures[name]["memory"], figures[name]["wakeups"] = measure_rest(path)
+        return figures
+    finally:
+        shutil.rmtree(directory)
+
+
+def lay_over(tools):
+    """Runs this again where the contenders stand in /usr/bin: some execute each other there."""
+    binaries = tools["PATH"].split(":")[0]
+    if os.geteuid() != 0 or not os.path.isdir(binaries) or os.environ.get("LAUNCHES_LAID_OVER"):
+        return
+    mount = f"mount -t overlay overlay -o lowerdir={binaries}:/usr/bin /usr/bin"
+    os.environ["LAUNCHES_LAID_OVER"] = "yes"
+    os.execvp("unshare", ["unshare", "--mount", "sh", "-c", f'{mount}; exec "$@"', "sh",
+                          sys.executable, "-B", *sys.argv])
+
+
+def values(runs, name, key):
+    return [run[name][key] for run in runs if key in run.get(name, {})]
+
+
+def beyond_floor(runs, name):
+    return [run[name]["start"] - run[FLOOR]["start"] for run in runs]
+
+
+def tables(runs):
+    names = list(runs[0])
+    rows = [[name, report.spread(values(runs, name, "start")),
+             report.spread(beyond_floor(runs, name)) if name != FLOOR else "–",
+             report.spread(values(runs, name, "memory")),
+             report.spread(values(runs, name, "wakeups"))] for name in names]
+    heading = ["", "fork to first instruction, µs", f"beyond {FLOOR}, µs",
+               "memory beside the program (PSS), kB", f"wake-ups in {REST} s"]
+    return ["**Starts**", "", *report.table(heading, rows)]
+
+
+def goals(runs):
+    rows = []
+    for title, found, most in (
+            ("Start beyond that of the program alone, µs", beyond_floor(runs, OWN), 1000),
+            ("Memory beside the program, kB", values(runs, OWN, "memory"), 100),
+            (f"Wake-ups in {REST} s without events", values(runs, OWN, "wakeups"), 0)):
+        rows.append([title, report.spread(found), str(most),
+                     "met" if median(found) <= most else "missed"])
+    return ["**Goals**", "", *report.table(["goal", OWN, "at most", ""], rows)]
+
+
+def main():
+    options = parse_arguments()
+    if not options.smoke:
+        prepare.fetch_contenders(ROOT, say)
+    prepare.build(ROOT, ("keelmond-run", "launch_clock"), say)
+    tools = prepare.tools(ROOT)
+    lay_over(tools)
+    runs = []
+    for i in range(1 if options.smoke else options.runs):
+        say(f"run {i + 1}")
+        runs.append(measure(tools, options))
+    machine = prepare.machine()
+    print("\n".join(report.preamble(len(runs), machine, prepare.versions()) +
+                    ([] if options.smoke else goals(runs)) + tables(runs)))
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as file:
+            json.dump({"machine": machine, "runs": runs}, file, indent=1)
+
+
+if __name__ == "__main__":
+    main()
