@@ -49,6 +49,7 @@ int supervision::run() {
 void supervision::begin_attempt() {
   phase_limit_.reset();
   trouble_.clear();
+  told_.clear();
   status_ = 0;
   was_launched_ = false;
   is_ready_ = false;

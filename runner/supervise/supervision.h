@@ -84,6 +84,7 @@ class supervision final {
   // supervision_end.cpp: how a program ends
   void request_end();
   void end_program(const std::string& why);
+  void ask_to_end();
   void stop_took_too_long();
   void program_ended(int status);
   void look_at_group();
@@ -115,6 +116,9 @@ class supervision final {
   void end_side(side_command& one);
   void set_phase(program_phase phase);
   void say(const std::string& text);
+  /// Tells what is wrong on standard error and in the log; the same only once in an attempt.
+  void tell(const file_finding& what);
+  /// The same, and the attempt counts as failed.
   void complain(const file_finding& what);
   /// "12.5", without zeros that say nothing.
   static std::string seconds_text(milliseconds duration);
@@ -160,6 +164,7 @@ class supervision final {
   bool was_launched_ = false;
   bool is_ready_ = false;
   std::string trouble_;  ///< Why the attempt counts as failed, when its exit status does not say.
+  std::string told_;     ///< The last that was told in this attempt.
   int status_ = 0;       ///< As waitpid gave it.
   deadline phase_limit_;
   milliseconds lived_{0};

@@ -74,7 +74,7 @@ bool supervision::start_side(purpose what, const char* section, const char* key,
   order.key = key;
   launched started = launch(order);
   if (started.pid < 0) {
-    complain(describe(started.failure, order));
+    tell(describe(started.failure, order));
     return false;
   }
   side.pid = started.pid;
@@ -128,12 +128,19 @@ void supervision::say(const std::string& text) {
   }
 }
 
-void supervision::complain(const file_finding& what) {
+void supervision::tell(const file_finding& what) {
   const std::string line = in_one_line(path_, what);
-  if (trouble_.empty()) state_.status = trouble_ = line;
+  // A question that cannot be asked is tried again and again.
+  if (line == told_) return;
+  told_ = line;
   write_error("keelmond-run: " + line + "\n");
   // What is inherited has just been written to.
   if (log_ && file_.log.target != log_target::inherit) log_->write_own_line(line);
+}
+
+void supervision::complain(const file_finding& what) {
+  if (trouble_.empty()) state_.status = trouble_ = in_one_line(path_, what);
+  tell(what);
 }
 
 }  // namespace runner

@@ -50,11 +50,15 @@ void supervision::end_program(const std::string& why) {
   const deadline limit = steady_now() + file_.stop.timeout;
   phase_limit_ = limit;
   if (!file_.stop.command.empty() && start_side(purpose::stop, "stop", "command", limit)) return;
-  ::kill(-session_, file_.stop.signal);
-  // Between its birth and its own session it has no group yet.
-  ::kill(pid_, file_.stop.signal);
+  ask_to_end();
   // One that is stopped could not end.
   ::kill(-session_, SIGCONT);
+}
+
+void supervision::ask_to_end() {
+  // Between its birth and its own session the program has no group. It is not asked twice: many
+  // take the second time for a demand to end at once.
+  if (::kill(-session_, file_.stop.signal) != 0 && pid_ > 0) ::kill(pid_, file_.stop.signal);
 }
 
 void supervision::stop_took_too_long() {
@@ -144,12 +148,17 @@ void supervision::side_ended(side_command ended, int status) {
     launch_order order = order_for(command_of(ended), environment);
     order.section = ended.section;
     order.key = ended.key;
-    complain(describe(failure, order));
+    const file_finding what = describe(failure, order);
+    if (ended.what == purpose::before) {
+      complain(what);
+    } else {
+      tell(what);
+    }
   }
   switch (ended.what) {
     case purpose::before:
       if (is_good && !is_ending_) return start_program();
-      if (!is_good) state_.status = how;
+      if (!is_good && trouble_.empty()) state_.status = how;
       return fail_attempt(how);
     case purpose::after:
       if (!is_good) say(how);
@@ -157,7 +166,7 @@ void supervision::side_ended(side_command ended, int status) {
     case purpose::stop:
       if (!is_good) say("stop " + how);
       // What it did not end is asked the usual way.
-      if (!is_good && session_ > 0) ::kill(-session_, file_.stop.signal);
+      if (!is_good && session_ > 0) ask_to_end();
       if (state_.phase == program_phase::stopping) look_at_group();
       return;
     case purpose::question:

@@ -261,6 +261,18 @@ TEST(runner_keys, a_program_is_not_started_when_before_fails) {
   EXPECT_FALSE(place.site().has("programs/started"));
 }
 
+TEST(runner_keys, a_question_that_cannot_be_asked_is_told_once_and_is_no_failure_of_the_program) {
+  runner_place place;
+  const std::string name =
+      place.add_steady("[ready]\ncommand = /nonexistent/ask\n[on]\nready = /nonexistent/hook\n");
+  place.start();
+  place.wait_phase(name, program_phase::starting);
+  const std::string line = ": command: cannot execute /nonexistent/ask: No such file or directory";
+  EXPECT_TRUE(wait_until([&] { return count(place.site().errors(), line) == 1; }));
+  EXPECT_TRUE(keeps([&] { return count(place.site().errors(), line) == 1; }));
+  EXPECT_EQ(place.state(name)->status, "");
+}
+
 TEST(runner_keys, stop_has_its_own_signal) {
   runner_place place;
   const std::string program = place.site().add_script(
