@@ -186,9 +186,8 @@ void supervision::start_program() {
   report_ = std::move(started.report);
   was_launched_ = true;
   pacing_.started(steady_now());
-  const auto stat = read_process_stat(pid_);
-  state_.started = stat ? stat->started : 0;
-  set_phase(program_phase::starting);
+  // Told when the command has been executed: until then nothing is to take processor time.
+  state_.phase = program_phase::starting;
 }
 
 void supervision::take_report() {
@@ -200,8 +199,11 @@ void supervision::take_report() {
     complain(describe(failure, order_for(file_.program.command, environment)));
     return;
   }
+  const auto stat = read_process_stat(pid_);
+  state_.started = stat ? stat->started : 0;
   if (state_.phase != program_phase::starting) return;
   if (file_.ready.probe.how == probe_settings::kind::none) return become_ready();
+  set_phase(program_phase::starting);
   ready_limit_ = steady_now() + file_.ready.timeout;
   ask_pause_ = milliseconds(10);
   if (file_.ready.probe.how != probe_settings::kind::notify) ask();
