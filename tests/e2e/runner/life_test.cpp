@@ -135,11 +135,11 @@ TEST(runner_life, kills_a_program_that_does_not_end_in_time) {
 
 TEST(runner_life, a_second_request_to_end_changes_nothing) {
   runner_place place;
-  const std::string slow = place.site().add_script("trap 'echo asked >> \"${0%/*}/asked\"' TERM\n" +
-                                                   place.site().note_start() + "while :; do " +
-                                                   place.site().stay() + "done\n");
+  const std::string slow = place.site().add_script(
+      "trap 'echo asked >> \"${0%/*}/asked\"' TERM\n" + place.site().note_start() +
+      "until [ -e \"${0%/*}/enough\" ]; do sleep 0.02; done\n");
   const std::string name =
-      place.add("[program]\ncommand = " + place.path_of(slow) + "\n[stop]\ntimeout = 1\n");
+      place.add("[program]\ncommand = " + place.path_of(slow) + "\n[stop]\ntimeout = 1h\n");
   place.start();
   const program_state state = place.wait_phase(name, program_phase::running);
   place.site().wait_running(slow);
@@ -147,9 +147,11 @@ TEST(runner_life, a_second_request_to_end_changes_nothing) {
   EXPECT_EQ(place.wait_text("asked", "asked\n"), "asked\n");
   for (const int signal : {SIGUSR2, SIGTERM, SIGUSR2})
     ::kill(state.launcher, signal);
+  EXPECT_TRUE(keeps([&] { return process_table::is_alive(state.pid); }));
+  EXPECT_EQ(place.read("asked"), "asked\n");
+  write_file(place.path_of("enough"), "");
   EXPECT_TRUE(has_gone(state.launcher));
   EXPECT_FALSE(process_table::is_alive(state.pid));
-  EXPECT_EQ(place.read("asked"), "asked\n");
 }
 
 TEST(runner_life, hands_the_signals_of_the_program_on) {

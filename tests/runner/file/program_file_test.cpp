@@ -190,8 +190,7 @@ TEST(program_file, everything_that_is_wrong_is_told_in_the_order_of_the_lines) {
 }
 
 TEST(program_file, an_explanation_is_a_program_file_that_says_the_same) {
-  const program_file file =
-      read(kCommand + "umask = 077\n[environment]\nHERE = there\n");
+  const program_file file = read(kCommand + "umask = 077\n[environment]\nHERE = there\n");
   const std::string text = runner::explain(file);
   EXPECT_NE(text.find("\numask = 077\n"), std::string::npos);
   EXPECT_NE(text.find("\nHERE = there\n"), std::string::npos);
