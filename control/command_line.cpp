@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <system_error>
 
 #include "common/version/version.h"
@@ -305,11 +306,11 @@ int run(const request& asked) {
 /// What stands where the command should; empty when nothing does.
 std::string first_word(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
-    const std::string word = argv[i];
+    const std::string_view word = argv[i];
     if (word == "-C") {
       ++i;
     } else if (!word.starts_with('-')) {
-      return word;
+      return std::string(word);
     }
   }
   return {};

@@ -20,6 +20,16 @@ sigset_t ours() noexcept {
   return set;
 }
 
+/// Of two requests to end, lets only one in. Let in together, one handler would begin on top of the
+/// other, which has not begun yet and is not pending any more: nobody would see that a second
+/// request waits.
+void hold_back_second_end(sigset_t& mask) noexcept {
+  sigset_t pending;
+  ::sigpending(&pending);
+  if (::sigismember(&pending, SIGINT) == 1 && ::sigismember(&pending, SIGUSR2) == 1)
+    ::sigaddset(&mask, SIGINT);
+}
+
 /// The calling thread's mask without the supervisor's signals.
 sigset_t opened_mask() noexcept {
   sigset_t mask;
@@ -27,6 +37,7 @@ sigset_t opened_mask() noexcept {
   ::sigdelset(&mask, SIGINT);
   ::sigdelset(&mask, SIGUSR1);
   ::sigdelset(&mask, SIGUSR2);
+  hold_back_second_end(mask);
   return mask;
 }
 
@@ -47,7 +58,6 @@ void block() noexcept {
 
 bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
   using clock = std::chrono::steady_clock;
-  const sigset_t mask = opened_mask();
   const auto start = clock::now();
   pollfd request{fd, POLLIN, 0};
   for (;;) {
@@ -56,6 +66,7 @@ bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
       const auto remaining = *limit - (clock::now() - start);
       left = to_timespec(std::max(remaining, std::chrono::nanoseconds::zero()));
     }
+    const sigset_t mask = opened_mask();
     const int ready = ::ppoll(&request, 1, limit ? &left : nullptr, &mask);
     if (ready > 0) return true;
     if (ready == 0) return false;
@@ -64,10 +75,11 @@ bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
 }
 
 void deliver() noexcept {
-  const sigset_t mask = opened_mask();
   constexpr timespec kNoTime{};
   // Each call returns early when a handler has run, and may have let in only some of them.
-  while (::ppoll(nullptr, 0, &kNoTime, &mask) < 0 && errno == EINTR) {
+  for (;;) {
+    const sigset_t mask = opened_mask();
+    if (::ppoll(nullptr, 0, &kNoTime, &mask) == 0 || errno != EINTR) return;
   }
 }
 
@@ -77,6 +89,7 @@ handler_scope::handler_scope() noexcept : before_(), errno_(errno) {
 }
 
 handler_scope::~handler_scope() {
+  hold_back_second_end(before_);
   ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
   errno = errno_;
 }

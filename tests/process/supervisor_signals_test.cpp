@@ -296,4 +296,42 @@ TEST(supervisor_signals, a_request_to_end_is_seen_while_it_is_pending) {
   }
 }
 
+/// How often a handler saw that another request to end waits.
+int second_ends = 0;
+
+void note_and_look(int sig) {
+  const supervisor_signals::handler_scope alone;
+  handled.push_back(sig);
+  if (supervisor_signals::end_is_pending()) ++second_ends;
+}
+
+TEST(supervisor_signals, of_two_requests_to_end_the_first_handler_sees_the_second) {
+  in_child([] {
+    begin();
+    handle_all_with(note_and_look);
+    ::raise(SIGINT);
+    ::raise(SIGUSR2);
+    supervisor_signals::deliver();
+    EXPECT_EQ(handled, (std::vector<int>{SIGUSR2, SIGINT}));
+    EXPECT_EQ(second_ends, 1);
+  });
+}
+
+TEST(supervisor_signals, two_requests_to_end_during_a_reload_are_let_in_one_by_one) {
+  in_child([] {
+    begin();
+    handle_all_with(note_and_look);
+    ::signal(SIGUSR1, [](int sig) {
+      const supervisor_signals::handler_scope alone;
+      handled.push_back(sig);
+      ::raise(SIGINT);
+      ::raise(SIGUSR2);
+    });
+    ::raise(SIGUSR1);
+    supervisor_signals::deliver();
+    EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR2, SIGINT}));
+    EXPECT_EQ(second_ends, 1);
+  });
+}
+
 }  // namespace

@@ -122,7 +122,7 @@ TEST(hangs, a_request_to_end_does_not_wait_for_the_stop_commands_of_a_reload) {
   EXPECT_LT(clock::now() - asked, std::chrono::seconds(9));
   // Another than the first, which may still be pending.
   place.signal(SIGINT);
-  EXPECT_EQ(place.wait_end(), 0);
+  EXPECT_EQ(place.wait_end(), 0) << place.console();
   EXPECT_TRUE(is_empty(place));
 }
 
