@@ -39,8 +39,9 @@ void expect_well_formed(const std::string& metrics) {
     } else if (!line.starts_with("# HELP ")) {
       const std::string name = line.substr(0, line.find_first_of("{ "));
       EXPECT_TRUE(contains(declared, "<" + name + ">")) << line;
+      const std::string value = line.substr(line.rfind(' ') + 1);
       char* end = nullptr;
-      std::strtod(line.substr(line.rfind(' ') + 1).c_str(), &end);
+      std::strtod(value.c_str(), &end);
       EXPECT_EQ(*end, '\0') << line;
     }
   }
