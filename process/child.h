@@ -11,9 +11,9 @@
 /// A child shares its memory with the supervisor until one of the two writes, and keeps its half
 /// for as long as its program runs. So the stacks of monitors, and all else that only the
 /// supervisor's own threads use, lie in memory that children do not get (`unforked_memory`): a
-/// child of ten thousand is as small as a child of ten, and as quickly born. Somebody must fork all
-/// the same, on a stack that the child gets: the one thread that `start` creates. Nobody else in
-/// the supervisor forks, once that has been called. It touches nothing but the request that it
+/// child of ten thousand is as small as a child of ten, and as quickly forked. Somebody must fork
+/// all the same, on a stack that the child gets: the one thread that `start` creates. Nobody else
+/// in the supervisor forks, once that has been called. It touches nothing but the request that it
 /// serves, and the child does nothing but what `child_path` shows.
 namespace child {
 
@@ -50,7 +50,7 @@ struct command_end {
 
 /// Runs `command` through the shell in a child of its own and waits for it. The supervisor's
 /// signals stay blocked in it: one that is sent to the supervisor by name must not hit the shell
-/// between its birth and its first instruction, and lose the command.
+/// before its first instruction, and lose the command.
 /// @param limit after which it is killed, with everything that it has started.
 /// @param must_hurry asked a few times a second; a command that is not over when it says yes is
 ///        killed at once.

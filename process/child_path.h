@@ -4,10 +4,10 @@
 
 #include <csignal>
 
-/// What a child of the supervisor does between its birth and its end.
+/// What a child of the supervisor does, from the fork to its end.
 ///
 /// A child never executes anything itself: it runs a shell, waits for it and ends, and carries the
-/// supervisor's name and memory for as long as that takes. It is born in a process with many
+/// supervisor's name and memory for as long as that takes. It is forked from a process with many
 /// threads, of which it has only the one that forked, and not even the others' stacks. So nothing
 /// here may take a lock, allocate, or look at what another thread owns: these functions, and all
 /// that they call, keep to what is async-signal-safe. `child_path_symbols` in the tests looks at

@@ -14,7 +14,8 @@
 ///
 /// Idle: the state is not "run"; the thread looks at it once a second. Running: a child of the
 /// supervisor has been forked that runs the program, and the thread waits for that child. Ended:
-/// the program has ended more than 200000 times and the thread has returned; nothing revives it.
+/// the program has ended more than 200000 times and the thread has returned; it is not started
+/// again.
 ///
 /// The loader creates monitors, starts them and writes their state; the monitor's own thread does
 /// everything else. The texts are bounded: one that does not fit is cut, so callers refuse it

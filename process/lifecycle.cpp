@@ -72,7 +72,7 @@ void proc_stop() {
   g_shutdown_gate.close();
   // What hangs in the file system still uses the monitors, the log and the utilities. They then go
   // with the process, at once: the handlers of `exit` would wait for the log's stream.
-  if (!g_shutdown_gate.wait_until_empty(kLastLines) || !recorder::is_idle_within(kLastLines)) {
+  if (!g_shutdown_gate.wait_until_empty(kLastLines) || !recorder::wait_until_idle(kLastLines)) {
     std::atexit([] { ::_exit(0); });
     return;
   }

@@ -33,7 +33,7 @@ bool read_name(pid_t pid, process_name& name) noexcept {
   return true;
 }
 
-/// The children of a process with one thread, in the order of their birth.
+/// The children of a process with one thread, in the order in which they were forked.
 class children_of final {
  public:
   explicit children_of(pid_t parent) noexcept : file_(open_list(parent)) {}

@@ -126,7 +126,7 @@ void follow_time_zone() noexcept {
   zone_is_old.store(true);
 }
 
-bool is_idle_within(std::chrono::milliseconds limit) noexcept {
+bool wait_until_idle(std::chrono::milliseconds limit) noexcept {
   const auto end = std::chrono::steady_clock::now() + limit;
   while (unwritten.load() != 0) {
     if (std::chrono::steady_clock::now() >= end) return false;

@@ -20,7 +20,8 @@ inline constexpr std::size_t kLineSize = 768;
 inline constexpr std::size_t kNameSize = 512;
 
 /// What one thread hands over, one thing at a time. It belongs to the recorder until
-/// `is_idle_within` says that nothing is being written. Only the functions below touch its members.
+/// `wait_until_idle` says that nothing is being written. Only the functions below touch its
+/// members.
 struct record {
   enum class kind : char { line, launched, ended, close_log };
 
@@ -53,7 +54,7 @@ void follow_time_zone() noexcept;
 
 /// Waits until everything that was handed over has been written.
 /// @return false when something is still being written after `limit`.
-bool is_idle_within(std::chrono::milliseconds limit) noexcept;
+bool wait_until_idle(std::chrono::milliseconds limit) noexcept;
 
 /// Deletes the log, which closes it, and sets `g_logFile` to null.
 /// @return false when that hangs.

@@ -169,7 +169,7 @@ monitor_index index_monitors(std::pmr::memory_resource* memory) {
 void loadServerConfig(const char* path) {
   const bool is_first = !g_last_load.any;
   console::print("loadServerConfig : %s\r\n", path);
-  // Programs are launched while this goes on, and a child keeps what it is born with.
+  // Programs are launched while this goes on, and a child keeps what is there at the fork.
   std::pmr::monotonic_buffer_resource memory(unforked_memory::resource());
   // Before the reading: a save that comes in between is then taken for one more, not for none.
   g_last_load = {true, file_version::of(path)};

@@ -1,6 +1,6 @@
 """One contender with one number of programs, in a PID and mount namespace of its own.
 
-Run by world.py as the first process of the namespace: `world_init.py SPECIFICATION`, in JSON. Then each
+Run by world.py as the first process of the namespace: `world_init.py WORLD`, in JSON. Then each
 line of standard input is one phase to run, {"phase": "kill", ...}, answered by one line with its
 figures, all in JSON. When the first process ends, for whatever reason, the kernel kills everything
 that is left in the namespace, and with the last process goes the directory in which all of it

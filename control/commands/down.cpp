@@ -29,7 +29,8 @@ std::vector<running_program> everything(const snapshot& now) {
   return programs;
 }
 
-/// Waits until the daemon has begun to leave. Before that it would start a program that ends anew.
+/// Waits until the daemon has begun to shut down. Before that it would start a program that ends
+/// anew.
 bool wait_leaving(const session& here, const process_handle& daemon, steady::time_point end) {
   while (here.proc.is_pending(daemon.who().pid, SIGUSR2) && !daemon.has_ended()) {
     if (steady::now() >= end) return false;
@@ -85,7 +86,7 @@ int run_down(const session& here, const down_options& options) {
   ending all(here.proc, everything(now));
   const bool leaving = wait_leaving(here, daemon, end);
   if (leaving) all.ask(SIGUSR2);
-  // What it has started between the look and its leaving.
+  // What it has started between the look and its shutdown.
   all.add(everything(here.look()));
   if (leaving) all.ask(SIGUSR2);
 

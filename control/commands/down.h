@@ -11,7 +11,7 @@ struct down_options {
   bool kill = false;  ///< Ends by SIGKILL what has not ended in time.
 };
 
-/// Ends the daemon and its programs, and what an earlier daemon left over.
+/// Shuts the daemon down, with its programs, and stops what an earlier daemon left over.
 int run_down(const session& here, const down_options& options);
 
 }  // namespace control

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <climits>
 #include <cstdint>
+#include <tuple>
 
 #include "common/misc/unique_fd.h"
 #include "control/commands/program_names.h"
@@ -33,7 +34,7 @@ class site_events final {
       throw failure("cannot watch " + place.directory + ": there are too many watches");
     // Where launchers tell of their programs; not everybody has one.
     const std::string notes = place.directory + "/notify";
-    static_cast<void>(::inotify_add_watch(fd_.get(), notes.c_str(), IN_MOVED_TO | IN_DELETE));
+    std::ignore = ::inotify_add_watch(fd_.get(), notes.c_str(), IN_MOVED_TO | IN_DELETE);
   }
   [[nodiscard]] int fd() const { return fd_.get(); }
   void clear() const {

@@ -279,7 +279,7 @@ TEST(exit_without_configuration, follows_at_once_when_there_is_no_file_at_the_st
 
 #ifndef KEELMOND_SANITIZED
 // The sanitizers look for leaks when the process exits, and this one must not exit.
-TEST(exit_with_a_log_that_hangs, is_not_in_the_hands_of_the_log) {
+TEST(exit_with_a_log_that_hangs, does_not_wait_for_the_log) {
   for (const int request : {SIGUSR2, SIGINT}) {
     installation place;
     const slow_log log(place);

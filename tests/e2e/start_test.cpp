@@ -102,7 +102,7 @@ TEST(start, logs_the_child_that_runs_the_program_as_its_process) {
             std::string::npos);
 }
 
-TEST(start, dates_entries_with_the_local_time) {
+TEST(start, dates_lines_with_the_local_time) {
   installation place;
   const auto local_time = [](std::time_t now) {
     char text[32];

@@ -363,7 +363,7 @@ TEST(fun_monitor, ends_when_its_program_has_ended_more_than_200000_times) {
     EXPECT_EQ(monitor.last_pid(), imagined_programs::kFirst + 200000);
     EXPECT_EQ(Tfun_monitor::programs_alive(), 0);
 
-    // Nothing revives it: it has had a program.
+    // It is not started again: it has had a program.
     monitor_list.push_back(&monitor);
     write_file("server.ini", server_ini({{"often", "/bin/true"}}));
     loadServerConfig("server.ini");

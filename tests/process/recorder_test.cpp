@@ -70,7 +70,7 @@ TEST(recorder, has_written_the_line_and_its_time_when_it_returns) {
     const supervision& world = supervision::begin();
     recorder::append("a line\r\n");
     EXPECT_EQ(world.log(), kLine);
-    EXPECT_TRUE(recorder::is_idle_within(std::chrono::seconds(20)));
+    EXPECT_TRUE(recorder::wait_until_idle(std::chrono::seconds(20)));
   });
 }
 
@@ -89,7 +89,7 @@ TEST(recorder, marks_a_program_alive_before_the_line_and_not_alive_after_it) {
     recorder::record_launch(own, "prog", "launched\r\n");
     EXPECT_TRUE(exists("notify/prog.dat")) << "the line hangs";
     EXPECT_EQ(log.drain(31).substr(0, 10), "launched\r\n");
-    EXPECT_TRUE(recorder::is_idle_within(std::chrono::seconds(20)));
+    EXPECT_TRUE(recorder::wait_until_idle(std::chrono::seconds(20)));
     full_log another;
     recorder::record_end(own, "prog", "ended\r\n");
     EXPECT_TRUE(exists("notify/prog.dat")) << "the line hangs";
@@ -111,7 +111,7 @@ TEST(recorder, writes_the_lines_of_several_threads_each_with_its_time) {
     }
     for (std::thread& one : threads)
       one.join();
-    EXPECT_TRUE(recorder::is_idle_within(std::chrono::seconds(20)));
+    EXPECT_TRUE(recorder::wait_until_idle(std::chrono::seconds(20)));
     // Where the recording thread got no processor for a second, the console has the rest.
     EXPECT_EQ(count(world.log(), kLine) + count(world.printed(), "a line\r\n"), 200U);
   });
@@ -124,12 +124,12 @@ TEST(recorder, lets_who_records_go_on_after_a_second_and_writes_later) {
     const auto start = steady::now();
     recorder::append("a line\r\n");
     EXPECT_GE(steady::now() - start, milliseconds(900));
-    EXPECT_FALSE(recorder::is_idle_within(milliseconds(10)));
+    EXPECT_FALSE(recorder::wait_until_idle(milliseconds(10)));
     recorder::record_launch(new_record(), "prog", "another\r\n");
     const std::string text = log.drain(59);
     EXPECT_EQ(text.substr(0, 8), "a line\r\n");
     EXPECT_EQ(text.substr(29, 9), "another\r\n");
-    EXPECT_TRUE(recorder::is_idle_within(std::chrono::seconds(20)));
+    EXPECT_TRUE(recorder::wait_until_idle(std::chrono::seconds(20)));
   });
 }
 

@@ -8,6 +8,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "common/misc/unique_fd.h"
@@ -46,8 +47,7 @@ class telling_child final {
     unique_fd tells(ends[1]);
     // A handler is inherited, so the signal finds one however early it comes.
     g_told = ends[1];
-    const auto before = std::signal(
-        SIGUSR2, [](int) { [[maybe_unused]] const ssize_t ignored = ::write(g_told, "x", 1); });
+    const auto before = std::signal(SIGUSR2, [](int) { std::ignore = ::write(g_told, "x", 1); });
     child_ = std::make_unique<idle_child>();
     std::signal(SIGUSR2, before);
   }

@@ -103,16 +103,16 @@ TEST(control_up, ends_what_a_killed_daemon_left_running_before_it_starts_it_agai
   EXPECT_EQ(place.starts(name), 2U);
 }
 
-TEST(control_up, finds_left_over_programs_that_have_lost_their_copies_too) {
+TEST(control_up, finds_left_over_programs_whose_child_of_keelmond_is_gone_too) {
   installation place;
   const std::string name = place.add_steady();
   place.save({place.entry(name)});
   place.start();
   place.wait_running(name);
-  const auto copies = place.children();
+  const auto children = place.children();
   ::kill(place.daemon(), SIGKILL);
-  for (const pid_t copy : copies)
-    ::kill(copy, SIGKILL);
+  for (const pid_t child : children)
+    ::kill(child, SIGKILL);
   ASSERT_TRUE(wait_until([&] { return daemon_of(place) == 0; }));
   const control_result up = control(place, {"up"});
   EXPECT_EQ(up.status, 0) << up.errors;
