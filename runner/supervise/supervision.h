@@ -72,6 +72,7 @@ class supervision final {
   bool open_log();
   void close_log();
   void await_needs();
+  void look_at_needs_last();
   [[nodiscard]] const std::string* missing_need() const;
   void run_before();
   void start_program();

@@ -150,7 +150,8 @@ void supervision::handle(int fd) {
   if (fd == report_.get()) return take_report();
   if (fd == needs_watch_.get()) return await_needs();
   if (fd == notify_.fd()) {
-    if (notify_.is_ready(pid_)) become_ready();
+    // One that is told to end may say so late; its end goes on.
+    if (notify_.is_ready(pid_) && state_.phase == program_phase::starting) become_ready();
     return;
   }
   if (fd == probe_.request().fd) return answered(probe_.go_on());
@@ -176,17 +177,23 @@ void supervision::look_at_deadlines(time_point now) {
     case program_phase::waiting:
       return begin_attempt();
     case program_phase::needs:
-      complain({file_.line_of("program", "needs"),
-                "needs",
-                *missing_need() + " is not ready within " +
-                    seconds_text(file_.program.needs_timeout) + " s",
-                {}});
-      return finish_attempt();
+      return look_at_needs_last();
     case program_phase::stopping:
       return stop_took_too_long();
     default:
       phase_limit_.reset();
   }
+}
+
+void supervision::look_at_needs_last() {
+  const std::string* missing = missing_need();
+  // It may have become ready unseen.
+  if (missing == nullptr) return await_needs();
+  complain({file_.line_of("program", "needs"),
+            "needs",
+            *missing + " is not ready within " + seconds_text(file_.program.needs_timeout) + " s",
+            {}});
+  finish_attempt();
 }
 
 void supervision::take_signals() {

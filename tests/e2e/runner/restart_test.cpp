@@ -199,6 +199,28 @@ TEST(runner_ready, waits_for_a_port_and_for_what_answers_there) {
   place.wait_phase(http, program_phase::running);
 }
 
+TEST(runner_ready, a_program_that_says_it_while_it_is_to_end_is_ended_all_the_same) {
+  if (!has_python()) GTEST_SKIP() << "there is no python3";
+  runner_place place;
+  const std::string program = place.site().add_executable(
+      "#!/usr/bin/python3\n"
+      "import os, signal, socket, time\n"
+      "s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)\n"
+      "def late(*_):\n"
+      "  s.sendto(b'READY=1', '\\0' + os.environ['NOTIFY_SOCKET'][1:])\n"
+      "signal.signal(signal.SIGTERM, late)\n"
+      "open('trapped', 'w')\n"
+      "while True: time.sleep(1)\n");
+  const std::string name = place.add("[program]\ncommand = " + place.path_of(program) +
+                                     "\n[ready]\nnotify = yes\n[stop]\ntimeout = 500ms\n");
+  place.start();
+  const program_state state = place.wait_phase(name, program_phase::starting);
+  ASSERT_TRUE(wait_until([&] { return place.site().has("programs/trapped"); }));
+  place.stop(name);
+  EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(state.launcher); }));
+  EXPECT_FALSE(process_table::is_alive(state.pid));
+}
+
 TEST(runner_ready, a_program_says_it_by_itself) {
   if (!has_python()) GTEST_SKIP() << "there is no python3";
   runner_place place;
