@@ -191,7 +191,6 @@ void* watch_file(void* argument) {
 }
 
 void server_config_changed(int sig) {
-  const supervisor_signals::handler_scope alone;
   if (sig != SIGUSR1) return;
   try {
     loadServerConfig(kConfigPath);
@@ -202,7 +201,7 @@ void server_config_changed(int sig) {
 }
 
 void monitorServerConfig(const char* path) {
-  ::signal(SIGUSR1, server_config_changed);
+  supervisor_signals::handle(SIGUSR1, server_config_changed);
   void* argument = const_cast<char*>(path);
   pthread_t watcher{};
   if (::pthread_create(&watcher, nullptr, watch_file, argument) == 0) {

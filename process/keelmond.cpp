@@ -60,8 +60,8 @@ void run_daemon() {
   Tfun_misc::get_current_path(directory, "/");
   // As `main` has done; the second time changes nothing.
   ::signal(SIGCHLD, SIG_IGN);
-  ::signal(SIGUSR1, signal_reload);
-  ::signal(SIGUSR2, signal_exit);
+  supervisor_signals::handle(SIGUSR1, signal_reload);
+  supervisor_signals::handle(SIGUSR2, signal_exit);
   supervisor_signals::deliver();
   g_sys_daemon->init_daemon(directory);
   console::print_line("\ng_sys_daemon init_daemon \r");
@@ -94,7 +94,7 @@ int main(int argc, char** argv) {
 
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGCHLD, SIG_IGN);
-  ::signal(SIGINT, sigint_interrupt);
+  supervisor_signals::handle(SIGINT, sigint_interrupt);
 
   g_sys_daemon = new Tsys_daemon(kPidFile, proc_start);
   if (g_sys_daemon->run_only_one()) run_daemon();

@@ -92,7 +92,6 @@ void signal_reload(int sig) {
 }
 
 void signal_exit(int sig) {
-  const supervisor_signals::handler_scope alone;
   proc_stop();
   // Both calls come after their objects are gone, and both are static for that reason: the pid
   // file has to be the last thing that goes.
@@ -102,7 +101,6 @@ void signal_exit(int sig) {
 }
 
 void sigint_interrupt(int /*sig*/) {
-  const supervisor_signals::handler_scope alone;
   proc_stop();
   std::exit(0);
 }

@@ -20,16 +20,6 @@ sigset_t ours() noexcept {
   return set;
 }
 
-/// Of two requests to end, lets only one in. Let in together, one handler would begin on top of the
-/// other, which has not begun yet and is not pending any more: nobody would see that a second
-/// request waits.
-void hold_back_second_end(sigset_t& mask) noexcept {
-  sigset_t pending;
-  ::sigpending(&pending);
-  if (::sigismember(&pending, SIGINT) == 1 && ::sigismember(&pending, SIGUSR2) == 1)
-    ::sigaddset(&mask, SIGINT);
-}
-
 /// The calling thread's mask without the supervisor's signals.
 sigset_t opened_mask() noexcept {
   sigset_t mask;
@@ -37,7 +27,6 @@ sigset_t opened_mask() noexcept {
   ::sigdelset(&mask, SIGINT);
   ::sigdelset(&mask, SIGUSR1);
   ::sigdelset(&mask, SIGUSR2);
-  hold_back_second_end(mask);
   return mask;
 }
 
@@ -54,6 +43,14 @@ void block() noexcept {
   ::sigaddset(&blocked, SIGXFSZ);
   ::pthread_sigmask(SIG_BLOCK, &blocked, &mask_at_start);
   ::sigaction(SIGQUIT, nullptr, &quit_at_start);
+}
+
+void handle(int sig, void (*handler)(int)) noexcept {
+  ::signal(sig, handler);
+  struct sigaction action;
+  ::sigaction(sig, nullptr, &action);
+  action.sa_mask = ours();
+  ::sigaction(sig, &action, nullptr);
 }
 
 bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
@@ -76,22 +73,11 @@ bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
 
 void deliver() noexcept {
   constexpr timespec kNoTime{};
-  // Each call returns early when a handler has run, and may have let in only some of them.
+  // Each call returns when a handler has run, and the others may still be pending.
   for (;;) {
     const sigset_t mask = opened_mask();
     if (::ppoll(nullptr, 0, &kNoTime, &mask) == 0 || errno != EINTR) return;
   }
-}
-
-handler_scope::handler_scope() noexcept : before_(), errno_(errno) {
-  const sigset_t blocked = ours();
-  ::pthread_sigmask(SIG_BLOCK, &blocked, &before_);
-}
-
-handler_scope::~handler_scope() {
-  hold_back_second_end(before_);
-  ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
-  errno = errno_;
 }
 
 const sigset_t& start_mask() noexcept {

@@ -18,6 +18,11 @@ namespace supervisor_signals {
 /// `main`, before any thread exists.
 void block() noexcept;
 
+/// Installs `handler` with `signal`, and has all the supervisor's signals wait while it runs, which
+/// the kernel sees to: none interrupts another half-way, and of two that arrive at once the first
+/// handler sees the second pending.
+void handle(int sig, void (*handler)(int)) noexcept;
+
 /// Waits until `fd` can be read, letting the signals in.
 /// @param fd a descriptor, or -1 to wait for the time alone.
 /// @param limit the longest wait; none waits for ever. Handlers that run do not shorten it.
@@ -26,20 +31,6 @@ bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept;
 
 /// Lets in what is pending and returns when its handlers have run.
 void deliver() noexcept;
-
-/// Blocks the supervisor's signals while a handler runs, so that none interrupts another half-way,
-/// and keeps errno. A handler's first local variable.
-class handler_scope final {
- public:
-  handler_scope() noexcept;
-  handler_scope(const handler_scope&) = delete;
-  handler_scope& operator=(const handler_scope&) = delete;
-  ~handler_scope();
-
- private:
-  sigset_t before_;
-  int errno_;
-};
 
 /// The mask, and what SIGQUIT did, when the process was started: what its programs begin with. Both
 /// lie in static memory.

@@ -28,7 +28,6 @@ std::vector<int> handled;
 std::atomic<int> handled_count{0};
 
 void note(int sig) {
-  const supervisor_signals::handler_scope alone;
   handled.push_back(sig);
   ++handled_count;
 }
@@ -47,7 +46,7 @@ bool is_pending(int sig) {
 
 void handle_all_with(void (*handler)(int)) {
   for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
-    ::signal(sig, handler);
+    supervisor_signals::handle(sig, handler);
 }
 
 /// A process whose signals are blocked as the supervisor's are, with handlers that note them.
@@ -132,7 +131,7 @@ TEST(supervisor_signals, a_handler_does_not_shorten_the_wait) {
 TEST(supervisor_signals, a_handler_that_takes_longer_than_the_limit_ends_the_wait) {
   in_child([] {
     begin();
-    ::signal(SIGUSR1, [](int) { std::this_thread::sleep_for(milliseconds(10)); });
+    supervisor_signals::handle(SIGUSR1, [](int) { std::this_thread::sleep_for(milliseconds(10)); });
     ::raise(SIGUSR1);
     EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(2)));
     EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(-5)));
@@ -144,7 +143,7 @@ TEST(supervisor_signals, an_endless_wait_handles_signals_and_goes_on) {
     begin();
     static std::array<int, 2> ends{};
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    ::signal(SIGUSR2, [](int sig) {
+    supervisor_signals::handle(SIGUSR2, [](int sig) {
       note(sig);
       if (::write(ends[1], "x", 1) != 1) handled.clear();
     });
@@ -165,11 +164,6 @@ TEST(supervisor_signals, deliver_returns_when_all_that_is_pending_has_been_handl
     begin();
     supervisor_signals::deliver();
     EXPECT_TRUE(handled.empty());
-    // Handlers that block the others: each lets in only itself.
-    handle_all_with([](int sig) {
-      const supervisor_signals::handler_scope alone;
-      note(sig);
-    });
     for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
       ::raise(sig);
     supervisor_signals::deliver();
@@ -181,8 +175,7 @@ TEST(supervisor_signals, deliver_returns_when_all_that_is_pending_has_been_handl
 TEST(supervisor_signals, deliver_handles_what_a_handler_raises) {
   in_child([] {
     begin();
-    ::signal(SIGUSR1, [](int sig) {
-      const supervisor_signals::handler_scope alone;
+    supervisor_signals::handle(SIGUSR1, [](int sig) {
       ::raise(SIGUSR2);
       note(sig);
     });
@@ -196,7 +189,7 @@ TEST(supervisor_signals, deliver_handles_what_a_handler_raises) {
 TEST(supervisor_signals, deliver_handles_a_signal_that_comes_again_while_it_is_handled) {
   in_child([] {
     begin();
-    ::signal(SIGUSR1, [](int sig) {
+    supervisor_signals::handle(SIGUSR1, [](int sig) {
       note(sig);
       if (handled.size() < 3) ::raise(SIGUSR1);
     });
@@ -222,27 +215,32 @@ TEST(supervisor_signals, other_signals_of_the_caller_stay_blocked_in_a_wait) {
   });
 }
 
-TEST(supervisor_signals, a_handler_scope_blocks_all_three_and_gives_the_mask_back) {
+TEST(supervisor_signals, all_three_wait_while_one_is_handled) {
   in_child([] {
-    {
-      const supervisor_signals::handler_scope alone;
-      for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
-        EXPECT_TRUE(is_blocked(sig)) << sig;
+    begin();
+    handle_all_with([](int sig) {
+      for (const int other : {SIGINT, SIGUSR1, SIGUSR2})
+        EXPECT_TRUE(is_blocked(other)) << other;
       EXPECT_FALSE(is_blocked(SIGTERM));
-    }
+      note(sig);
+    });
     for (const int sig : {SIGINT, SIGUSR1, SIGUSR2})
-      EXPECT_FALSE(is_blocked(sig)) << sig;
+      ::raise(sig);
+    supervisor_signals::deliver();
+    EXPECT_EQ(handled.size(), 3U);
   });
 }
 
-TEST(supervisor_signals, a_handler_scope_keeps_errno) {
+TEST(supervisor_signals, a_handler_stays_installed) {
   in_child([] {
-    errno = EXDEV;
-    {
-      const supervisor_signals::handler_scope alone;
-      errno = ENOMEM;
+    begin();
+    EXPECT_EQ(::signal(SIGUSR1, SIG_DFL), &note);
+    supervisor_signals::handle(SIGUSR1, note);
+    for (int time = 0; time < 2; ++time) {
+      ::raise(SIGUSR1);
+      supervisor_signals::deliver();
     }
-    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR1}));
   });
 }
 
@@ -300,7 +298,6 @@ TEST(supervisor_signals, a_request_to_end_is_seen_while_it_is_pending) {
 int second_ends = 0;
 
 void note_and_look(int sig) {
-  const supervisor_signals::handler_scope alone;
   handled.push_back(sig);
   if (supervisor_signals::end_is_pending()) ++second_ends;
 }
@@ -312,7 +309,7 @@ TEST(supervisor_signals, of_two_requests_to_end_the_first_handler_sees_the_secon
     ::raise(SIGINT);
     ::raise(SIGUSR2);
     supervisor_signals::deliver();
-    EXPECT_EQ(handled, (std::vector<int>{SIGUSR2, SIGINT}));
+    EXPECT_EQ(handled, (std::vector<int>{SIGINT, SIGUSR2}));
     EXPECT_EQ(second_ends, 1);
   });
 }
@@ -321,15 +318,14 @@ TEST(supervisor_signals, two_requests_to_end_during_a_reload_are_let_in_one_by_o
   in_child([] {
     begin();
     handle_all_with(note_and_look);
-    ::signal(SIGUSR1, [](int sig) {
-      const supervisor_signals::handler_scope alone;
+    supervisor_signals::handle(SIGUSR1, [](int sig) {
       handled.push_back(sig);
       ::raise(SIGINT);
       ::raise(SIGUSR2);
     });
     ::raise(SIGUSR1);
     supervisor_signals::deliver();
-    EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR2, SIGINT}));
+    EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGINT, SIGUSR2}));
     EXPECT_EQ(second_ends, 1);
   });
 }
