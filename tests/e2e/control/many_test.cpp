@@ -64,7 +64,7 @@ class control_many : public testing::Test {
   /// Whether each program runs once, those with that last digit not at all.
   [[nodiscard]] bool each_runs_once(char without = '-') const {
     std::map<std::string, int> running;
-    for (const auto& process : place_.processes())
+    for (const auto& process : process_table::all())
       ++running[process.name];
     for (const listed_program& program : programs_) {
       if (running[program.name] != (program.name.back() == without ? 0 : 1)) return false;

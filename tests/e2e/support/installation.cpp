@@ -112,8 +112,10 @@ std::vector<std::string> installation::notes(const std::string& name) const {
 }
 
 std::vector<pid_t> installation::running(const std::string& name) const {
+  // By the name, which is nobody else's: a process that is being executed has that before it has an
+  // environment.
   std::vector<pid_t> pids;
-  for (const auto& process : processes()) {
+  for (const auto& process : process_table::all()) {
     if (process.name == name) pids.push_back(process.pid);
   }
   return pids;

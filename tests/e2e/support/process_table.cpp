@@ -63,12 +63,17 @@ bool is_below(pid_t pid, pid_t ancestor) {
   return false;
 }
 
-std::vector<process> all_with(std::string_view setting) {
-  std::vector<process> matching;
+std::vector<process> all() {
+  std::vector<process> alive;
   for (const pid_t pid : all_pids()) {
-    if (!has_setting(pid, setting)) continue;
-    if (const auto found = find(pid)) matching.push_back(*found);
+    if (const auto found = find(pid)) alive.push_back(*found);
   }
+  return alive;
+}
+
+std::vector<process> all_with(std::string_view setting) {
+  std::vector<process> matching = all();
+  std::erase_if(matching, [&](const process& one) { return !has_setting(one.pid, setting); });
   return matching;
 }
 

@@ -24,6 +24,9 @@ bool is_alive(pid_t pid);
 /// Whether `ancestor` is the process's parent, its parent's parent, ...
 bool is_below(pid_t pid, pid_t ancestor);
 
+/// All processes that have not ended.
+std::vector<process> all();
+
 /// All processes in whose environment `setting`, as "NAME=value", stands.
 std::vector<process> all_with(std::string_view setting);
 
