@@ -15,6 +15,7 @@
 
 #include "common/misc/unique_fd.h"
 #include "runner/file/program_file.h"
+#include "tests/e2e/runner/free_port.h"
 #include "tests/e2e/runner/program_files.h"
 #include "tests/support/wait_until.h"
 
@@ -55,19 +56,6 @@ void replace_all(std::string& text, const std::string& part, const std::string& 
   for (std::size_t at = text.find(part); at != std::string::npos;
        at = text.find(part, at + other.size()))
     text.replace(at, part.size(), other);
-}
-
-/// A port that nothing listens at.
-std::string free_port() {
-  const unique_fd listening(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t size = sizeof address;
-  if (::bind(listening.get(), reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-      ::getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &size) != 0)
-    return "";
-  return std::to_string(ntohs(address.sin_port));
 }
 
 /// Connects, asks, and reads until the other side has had enough.

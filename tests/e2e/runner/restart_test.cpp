@@ -10,6 +10,7 @@
 #include <string>
 
 #include "common/misc/unique_fd.h"
+#include "tests/e2e/runner/free_port.h"
 #include "tests/e2e/runner/program_files.h"
 #include "tests/support/wait_until.h"
 
@@ -175,7 +176,6 @@ TEST(runner_ready, waits_for_a_socket_of_the_file_system) {
 TEST(runner_ready, waits_for_a_port_and_for_what_answers_there) {
   if (!has_python()) GTEST_SKIP() << "there is no python3";
   runner_place place;
-  // The port is known only when it listens, so the file is written by the program's start.
   const std::string server = place.site().add_executable(
       "#!/usr/bin/python3\n"
       "import http.server, os, sys\n"
@@ -185,12 +185,11 @@ TEST(runner_ready, waits_for_a_port_and_for_what_answers_there) {
       "        self.end_headers()\n"
       "    def log_message(self, *words): pass\n"
       "http.server.HTTPServer(('127.0.0.1', int(sys.argv[1])), handler).serve_forever()\n");
-  const int port = 20000 + static_cast<int>(::getpid() % 20000);
   const std::string text = "[program]\ncommand = " + place.path_of(server) + " ";
-  const std::string tcp =
-      place.add(text + std::to_string(port) + "\n[ready]\ntcp = " + std::to_string(port) + "\n");
-  const std::string http = place.add(text + std::to_string(port + 1) +
-                                     "\n[ready]\nhttp = " + std::to_string(port + 1) + "/health\n");
+  std::string port = free_port();
+  const std::string tcp = place.add(text + port + "\n[ready]\ntcp = " + port + "\n");
+  port = free_port();
+  const std::string http = place.add(text + port + "\n[ready]\nhttp = " + port + "/health\n");
   place.start();
   place.wait_phase(tcp, program_phase::running);
   place.wait_phase(http, program_phase::starting);
