@@ -7,23 +7,34 @@ namespace {
 
 using std::chrono::microseconds;
 
-microseconds steady_ahead{0};
 microseconds wall_ahead{0};
+std::optional<std::int64_t> steady_stopped_at;
 std::optional<std::int64_t> wall_stopped_at;
 
 timespec to_timespec(std::int64_t at) {
   return {at / 1'000'000, at % 1'000'000 * 1000};
 }
 
+std::int64_t to_microseconds(const timespec& at) {
+  return std::int64_t{at.tv_sec} * 1'000'000 + at.tv_nsec / 1000;
+}
+
 }  // namespace
 
+moved_clock::moved_clock() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  steady_stopped_at = to_microseconds(now);
+}
+
 moved_clock::~moved_clock() {
-  steady_ahead = wall_ahead = microseconds(0);
+  wall_ahead = microseconds(0);
+  steady_stopped_at.reset();
   wall_stopped_at.reset();
 }
 
 void moved_clock::advance(microseconds by) {
-  steady_ahead += by;
+  *steady_stopped_at += by.count();
   advance_wall(by);
 }
 
@@ -42,18 +53,14 @@ extern "C" {
 int __real_clock_gettime(clockid_t clock, timespec* out);
 
 int __wrap_clock_gettime(clockid_t clock, timespec* out) {
-  if (clock == CLOCK_REALTIME && wall_stopped_at) {
-    *out = to_timespec(*wall_stopped_at);
+  const auto& stopped_at = clock == CLOCK_REALTIME ? wall_stopped_at : steady_stopped_at;
+  if ((clock == CLOCK_REALTIME || clock == CLOCK_MONOTONIC) && stopped_at) {
+    *out = to_timespec(*stopped_at);
     return 0;
   }
   const int result = __real_clock_gettime(clock, out);
-  const microseconds ahead = clock == CLOCK_REALTIME    ? wall_ahead
-                             : clock == CLOCK_MONOTONIC ? steady_ahead
-                                                        : microseconds(0);
-  if (result != 0 || ahead.count() == 0) return result;
-  const long nanoseconds = out->tv_nsec % 1000;
-  *out = to_timespec(std::int64_t{out->tv_sec} * 1'000'000 + out->tv_nsec / 1000 + ahead.count());
-  out->tv_nsec += nanoseconds;
+  if (result == 0 && clock == CLOCK_REALTIME)
+    *out = to_timespec(to_microseconds(*out) + wall_ahead.count());
   return result;
 }
 

@@ -3,11 +3,13 @@
 #include <chrono>
 #include <cstdint>
 
-/// Puts the clocks that the code under test reads forward, for as long as the object lives. One at
-/// a time. The linker has `clock_gettime` come here first.
+/// Puts the clocks that the code under test reads forward, for as long as the object lives. The one
+/// that deadlines are measured with stands still unless it is moved, however slow the machine is;
+/// the one on the wall goes on until it is stopped. One at a time. The linker has `clock_gettime`
+/// come here first.
 class moved_clock final {
  public:
-  moved_clock() = default;
+  moved_clock();
   moved_clock(const moved_clock&) = delete;
   moved_clock& operator=(const moved_clock&) = delete;
   ~moved_clock();

@@ -157,6 +157,7 @@ TEST(program_log, keeps_the_time_in_front_of_lines_that_are_many) {
 }
 
 TEST(program_log, puts_its_own_lines_between_those_of_the_program) {
+  const moved_clock clock;
   const log_place place;
   program_log log(place.settings(0));
   say(log.stdout_end(), "one\ntw");
