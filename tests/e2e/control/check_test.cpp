@@ -114,7 +114,9 @@ TEST(control_plan, says_what_a_load_would_do) {
   write_file(place.site() / "empty.ini", "");
   EXPECT_TRUE(contains(control(place, {"-C", ".", "plan", "empty.ini"}).output, runs));
   place.end_by(SIGUSR2);
-  EXPECT_TRUE(contains(control(place, {"plan", "empty.ini"}).output, "\nno programs\n"));
+  EXPECT_TRUE(wait_until([&] {
+    return contains(control(place, {"plan", "empty.ini"}).output, "\nno programs\n");
+  }));
 }
 
 // The daemon is the judge: what `check` says a load acts on is what a load acts on.

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <string>
@@ -95,14 +94,14 @@ TEST(control_status, shows_the_process_behind_a_launcher) {
   ASSERT_EQ(here.add({"--", "sleep", "1000"}).status, 0);
   const auto one =
       nlohmann::json::parse(control(here.place, {"status", "--json"}).output).at("programs").at(0);
-  const auto running = here.place.processes();
-  const auto sleeper = std::find_if(running.begin(), running.end(),
-                                    [](const auto& other) { return other.name == "sleep"; });
-  ASSERT_NE(sleeper, running.end());
-  EXPECT_EQ(one.at("pid"), sleeper->pid);
+  const auto sleeper = one.at("pid").get<pid_t>();
+  EXPECT_TRUE(wait_until([&] {
+    const auto found = process_table::find(sleeper);
+    return found && found->name == "sleep";
+  }));
   const control_result restart = control(here.place, {"restart", here.name});
   EXPECT_EQ(restart.status, 0) << restart.errors;
-  EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(sleeper->pid); }));
+  EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(sleeper); }));
 }
 
 TEST(control_check, reads_program_files_by_their_own_rules) {

@@ -4,6 +4,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <sstream>
@@ -52,15 +53,25 @@ class on_terminal final {
     char text[4096];
     for (ssize_t got; (got = ::read(terminal_, text, sizeof text)) > 0;)
       shown_.append(text, static_cast<std::size_t>(got));
+    is_whole_ = errno == EIO;
     return shown_;
   }
   void press(char key) const { EXPECT_EQ(::write(terminal_, &key, 1), 1); }
-  [[nodiscard]] int wait() const { return children::wait_for_end(pid_).value_or(-1); }
+  /// Waits for its end, and for the last of what it has shown.
+  [[nodiscard]] int wait() {
+    const int status = children::wait_for_end(pid_).value_or(-1);
+    EXPECT_TRUE(wait_until([&] {
+      shown();
+      return is_whole_;
+    }));
+    return status;
+  }
 
  private:
   int terminal_;
   pid_t pid_ = -1;
   std::string shown_;
+  bool is_whole_ = false;
 };
 
 }  // namespace
