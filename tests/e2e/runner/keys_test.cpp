@@ -35,6 +35,26 @@ bool is_root() {
   return ::geteuid() == 0;
 }
 
+/// The descriptors that a process has, one behind the other. A program has more while it is loaded.
+std::string descriptors_of(pid_t pid) {
+  std::string all;
+  for (int fd = 0; fd < 64; ++fd) {
+    const fs::path link = "/proc/" + std::to_string(pid) + "/fd/" + std::to_string(fd);
+    if (fs::is_symlink(fs::symlink_status(link))) all += std::to_string(fd) + " ";
+  }
+  return all;
+}
+
+/// The environment that a process was started with, which comes a moment after its name.
+std::string environment_of(pid_t pid) {
+  std::string all;
+  EXPECT_TRUE(wait_until([&] {
+    all = read_file("/proc/" + std::to_string(pid) + "/environ");
+    return !all.empty();
+  }));
+  return all;
+}
+
 }  // namespace
 
 TEST(runner_keys, words_are_split_as_a_shell_does_and_nothing_is_expanded) {
@@ -86,15 +106,12 @@ TEST(runner_keys, a_program_gets_default_signals_three_descriptors_and_a_session
   const std::string name = place.add("[program]\ncommand = sleep 1000\n");
   place.start();
   const program_state state = place.wait_phase(name, program_phase::running);
-  using process_table::status_field;
-  EXPECT_EQ(status_field(state.pid, "SigIgn"), "0000000000000000");
-  EXPECT_EQ(status_field(state.pid, "SigBlk"), "0000000000000000");
-  std::string descriptors;
-  for (int fd = 0; fd < 64; ++fd) {
-    const fs::path link = "/proc/" + std::to_string(state.pid) + "/fd/" + std::to_string(fd);
-    if (fs::is_symlink(fs::symlink_status(link))) descriptors += std::to_string(fd) + " ";
-  }
-  EXPECT_EQ(descriptors, "0 1 2 ");
+  const auto is_zero = [&](const char* field) {
+    return process_table::status_field(state.pid, field) == "0000000000000000";
+  };
+  EXPECT_TRUE(wait_until([&] { return is_zero("SigIgn") && is_zero("SigBlk"); }));
+  EXPECT_TRUE(wait_until([&] { return descriptors_of(state.pid) == "0 1 2 "; }))
+      << descriptors_of(state.pid);
   EXPECT_EQ(fs::read_symlink("/proc/" + std::to_string(state.pid) + "/fd/0"), "/dev/null");
   EXPECT_EQ(process_table::find(state.pid)->session, state.pid);
 }
@@ -165,9 +182,9 @@ TEST(runner_keys, the_environment_is_handed_on_changed_or_clean) {
   place.start(options);
   EXPECT_EQ(output_of(place), "one \"word\"|key|a b  c|yes|\n");
   const program_state state = place.wait_phase(clean, program_phase::running);
-  std::string all = read_file("/proc/" + std::to_string(state.pid) + "/environ");
-  EXPECT_EQ(all, std::string("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin") +
-                     '\0' + "ONLY=1" + '\0');
+  EXPECT_EQ(environment_of(state.pid),
+            std::string("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin") +
+                '\0' + "ONLY=1" + '\0');
   ::kill(state.launcher, SIGUSR2);
 }
 
@@ -185,8 +202,7 @@ TEST(runner_keys, user_group_and_groups_are_dropped_for_good) {
   EXPECT_EQ(status_field(state.pid, "Uid"), "65534\t65534\t65534\t65534");
   EXPECT_EQ(status_field(state.pid, "Gid"), "65534\t65534\t65534\t65534");
   EXPECT_EQ(status_field(state.pid, "CapEff"), "0000000000000000");
-  const std::string all = read_file("/proc/" + std::to_string(state.pid) + "/environ");
-  EXPECT_NE(all.find("USER=nobody"), std::string::npos);
+  EXPECT_NE(environment_of(state.pid).find("USER=nobody"), std::string::npos);
   state = place.wait_phase(listed, program_phase::running);
   EXPECT_EQ(status_field(state.pid, "Uid"), "12345\t12345\t12345\t12345");
   EXPECT_EQ(status_field(state.pid, "Groups"), "12346 12347 12348 ");
@@ -278,8 +294,8 @@ TEST(runner_keys, stop_has_its_own_signal) {
   const std::string program = place.site().add_script(
       "for s in TERM QUIT; do trap \"echo $s > \\\"${0%/*}/got\\\"; exit\" $s; done\n" +
       place.site().note_start() + "while :; do " + place.site().stay() + "done\n");
-  const std::string name =
-      place.add("[program]\ncommand = " + place.path_of(program) + "\n[stop]\nsignal = SIGQUIT\n");
+  const std::string name = place.add("[program]\ncommand = " + place.path_of(program) +
+                                     "\n[stop]\nsignal = SIGQUIT\ntimeout = 1h\n");
   place.start();
   place.wait_phase(name, program_phase::running);
   place.site().wait_running(program);

@@ -10,7 +10,7 @@ using runner::program_state;
 
 namespace {
 
-constexpr std::chrono::seconds kLimit{30};
+constexpr std::chrono::seconds kLimit{60};
 constexpr std::string_view kFirstLine = "#!" KEELMOND_RUN_BINARY "\n";
 
 }  // namespace
@@ -78,4 +78,8 @@ program_state runner_place::wait_again(const std::string& name, pid_t before) co
       kLimit);
   if (!is_there) throw std::runtime_error(name + " does not run again:\n" + place_.errors());
   return *last;
+}
+
+bool runner_place::runs_once(const std::string& name, pid_t launcher) const {
+  return wait_until([&] { return place_.running(name) == std::vector<pid_t>{launcher}; }, kLimit);
 }

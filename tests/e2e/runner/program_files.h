@@ -41,6 +41,9 @@ class runner_place final {
   runner::program_state wait_phase(const std::string& name, runner::program_phase phase) const;
   /// The same for another run than that of `before`.
   runner::program_state wait_again(const std::string& name, pid_t before) const;
+  /// Waits until the launcher is the only process with the name of its program. What it forks has
+  /// that name as well, until it is executed.
+  [[nodiscard]] bool runs_once(const std::string& name, pid_t launcher) const;
   [[nodiscard]] bool is_ready(const std::string& name) const {
     return place_.read("notify/" + name + ".ready") == "1";
   }
