@@ -98,9 +98,9 @@ void add_life(CLI::App& app, request& out) {
       ->needs(foreground);
 
   down_options& down =
-      add_command(app, out, "down", "End keelmond and its programs", run_down, command);
+      add_command(app, out, "down", "Shut keelmond down, with its programs", run_down, command);
   add_timeout(*command, down.timeout);
-  command->add_flag("--kill", down.kill, "End by SIGKILL what has not ended in time");
+  command->add_flag("--kill", down.kill, "Kill what has not ended in time");
 
   reload_options& reload =
       add_command(app, out, "reload", "Have config/server.ini read", run_reload, command);
@@ -148,7 +148,7 @@ void add_steering(CLI::App& app, request& out) {
   command->add_flag("--force", stop.force, "Also where other processes have names that fit");
 
   restart_options& restart = add_command(
-      app, out, "restart", "End programs, and wait for the new ones", run_restart, command);
+      app, out, "restart", "Stop programs, and wait for the new ones", run_restart, command);
   add_names(*command, restart.names, restart.all);
   add_timeout(*command, restart.timeout);
   command->add_option("--signal", restart.signal, "What ends them (default: USR2)")

@@ -34,7 +34,7 @@ void check_name(const check_subject& subject, const listed_program& program, fin
     out.fail(line,
              "the name \"" + program.name +
                  "\" is not one plain word: it goes to the shell and to pgrep when the program "
-                 "is to end, and to a file name",
+                 "is to stop, and to a file name",
              "use letters, digits and _ only");
     return;
   }
@@ -58,13 +58,13 @@ std::string fits_stranger(const std::string& name, const std::string& stranger, 
          std::to_string(pid) + ")";
 }
 
-/// A name is a pattern to pgrep: whom else it fits is ended with the program.
+/// A name is a pattern to pgrep: whom else it fits is stopped with the program.
 /// @param strangers a process of each name that is not the supervisor's.
 void check_pattern(const check_subject& subject, const listed_program& program,
                    const std::map<std::string, pid_t>& strangers, findings& out) {
   if (!is_safe_name(program.name)) return;
   const std::size_t line = name_line(subject, program);
-  const std::string consequence = ": \"stop\" would end it as well";
+  const std::string consequence = ": \"stop\" would hit it as well";
   if (matches_as_pattern(program.name, kDaemonName)) {
     out.fail(line, "the name " + program.name + " fits keelmond itself" + consequence,
              "give the program a name of its own");
@@ -130,7 +130,7 @@ void check_state(const check_subject& subject, const listed_program& program, fi
   const std::size_t line = line_of(subject.document, program.name, "state");
   if (program.state.empty()) {
     out.warn(line == 0 ? name_line(subject, program) : line,
-             program.name + " has no state: it is neither started nor ended",
+             program.name + " has no state: it is neither started nor stopped",
              "add state = run or state = stop to [" + program.name + "]");
   } else {
     out.fail(line, "the state \"" + program.state + "\" is neither run nor stop: nothing is done",

@@ -23,8 +23,8 @@ planned_step step_for_running(const listed_program& program, const running_progr
                               const snapshot& now) {
   const std::string known = changed_path(program, now);
   if (program.wants_stop()) {
-    return {program.name, action::end,
-            "is ended: SIGUSR2 to " + pid_of(running) + " and whatever else `pgrep " +
+    return {program.name, action::stop,
+            "is stopped: SIGUSR2 to " + pid_of(running) + " and whatever else `pgrep " +
                 program.name + "` finds"};
   }
   if (program.wants_run())
@@ -69,7 +69,7 @@ std::vector<planned_step> make_plan(const std::vector<listed_program>& programs,
     if (running.name.empty() || std::any_of(programs.begin(), programs.end(), names_it)) continue;
     steps.push_back({running.name, action::keep,
                      "goes on running (" + pid_of(running) +
-                         "), supervised: an entry that is gone ends nothing"});
+                         "), supervised: an entry that is gone stops nothing"});
   }
   return steps;
 }

@@ -10,7 +10,7 @@ namespace control {
 
 /// What a load would do about one program.
 struct planned_step {
-  enum class action { none, start, end, skip, keep };
+  enum class action { none, start, stop, skip, keep };
 
   std::string name;
   action what = action::none;

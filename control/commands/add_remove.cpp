@@ -48,7 +48,7 @@ void require_runnable(const session& here, const add_options& options) {
   const std::string seen = process_name_of(program.exepath);
   if (matches_as_pattern(program.name, seen)) return;
   throw failure("pgrep would see the program as " + seen +
-                ", so that keelmond could not end it as " + options.name +
+                ", so that keelmond could not stop it as " + options.name +
                 ": name the entry like the file. Nothing was changed");
 }
 
@@ -60,7 +60,7 @@ void require_unrelated(const session& here, const snapshot& now, const std::stri
     }
     if (other.name == name) continue;
     warn(here, "one of the names " + name + " and " + other.name +
-                   " is part of the other: to end the one ends both");
+                   " is part of the other: to stop the one stops both");
   }
 }
 

@@ -56,7 +56,7 @@ tone tone_of(planned_step::action what) {
   switch (what) {
     case planned_step::action::start:
       return tone::good;
-    case planned_step::action::end:
+    case planned_step::action::stop:
     case planned_step::action::skip:
       return tone::warning;
     default:

@@ -6,7 +6,7 @@
 #include <tuple>
 
 #include "control/proc/process_handle.h"
-#include "control/site/ending.h"
+#include "control/site/stopping.h"
 #include "control/text/failure.h"
 
 namespace control {
@@ -31,7 +31,8 @@ std::vector<running_program> everything(const snapshot& now) {
 
 /// Waits until the daemon has begun to shut down. Before that it would start a program that ends
 /// anew.
-bool wait_leaving(const session& here, const process_handle& daemon, steady::time_point end) {
+bool wait_shutdown_begun(const session& here, const process_handle& daemon,
+                         steady::time_point end) {
   while (here.proc.is_pending(daemon.who().pid, SIGUSR2) && !daemon.has_ended()) {
     if (steady::now() >= end) return false;
     std::this_thread::sleep_for(kLookEvery);
@@ -41,20 +42,20 @@ bool wait_leaving(const session& here, const process_handle& daemon, steady::tim
 
 int report(const session& here, const std::vector<std::string>& left, bool daemon_left) {
   for (const std::string& one : left)
-    warn(here, one + " has not ended: `keelmondctl down --kill` ends it by SIGKILL");
+    warn(here, one + " has not ended: `keelmondctl down --kill` kills it");
   if (daemon_left) {
-    warn(here, "keelmond itself is still ending: ask again with `keelmondctl status`");
+    warn(here, "keelmond itself is still shutting down: ask again with `keelmondctl status`");
   }
   if (!left.empty() || daemon_left) return exit_status::kFailed;
   say("keelmond and its programs have ended in " + here.place.directory);
   return exit_status::kDone;
 }
 
-int kill_rest(const session& here, const ending& programs, const process_handle& daemon) {
+int kill_rest(const session& here, const stopping& programs, const process_handle& daemon) {
   for (const std::string& one : programs.left())
     say("killing " + one);
   if (daemon.valid() && !daemon.has_ended()) {
-    // It is about to end, and has nothing to wait for once its programs are gone.
+    // It is shutting down, and has nothing to wait for once its programs are gone.
     programs.kill();
     if (!daemon.wait_end(kKilled)) {
       say("killing keelmond (PID " + std::to_string(daemon.who().pid) + ")");
@@ -83,12 +84,12 @@ int run_down(const session& here, const down_options& options) {
                   ") is another user's: try it as root");
   }
   // At once, for until they have ended the daemon's search for each goes through all of them.
-  ending all(here.proc, everything(now));
-  const bool leaving = wait_leaving(here, daemon, end);
-  if (leaving) all.ask(SIGUSR2);
+  stopping all(here.proc, everything(now));
+  const bool shuts_down = wait_shutdown_begun(here, daemon, end);
+  if (shuts_down) all.ask(SIGUSR2);
   // What it has started between the look and its shutdown.
   all.add(everything(here.look()));
-  if (leaving) all.ask(SIGUSR2);
+  if (shuts_down) all.ask(SIGUSR2);
 
   const bool daemon_ended = daemon.wait_end(left_until(end));
   const bool ended = all.wait(left_until(end));

@@ -8,7 +8,7 @@ namespace control {
 
 struct down_options {
   std::chrono::milliseconds timeout{std::chrono::seconds(30)};
-  bool kill = false;  ///< Ends by SIGKILL what has not ended in time.
+  bool kill = false;  ///< Kills what has not ended in time.
 };
 
 /// Shuts the daemon down, with its programs, and stops what an earlier daemon left over.

@@ -67,7 +67,7 @@ class watch_over final {
   int run();
 
  private:
-  enum class event { none, end, reload, gone };
+  enum class event { none, stop, reload, gone };
 
   static unique_fd make_signals() {
     const sigset_t set = own_signals();
@@ -81,7 +81,7 @@ class watch_over final {
   void await_last_thread();
   event next();
   void reload() const;
-  int end();
+  int shut_down();
   std::optional<int> after_end();
   void start_again();
 
@@ -124,7 +124,7 @@ watch_over::event watch_over::next() {
   signalfd_siginfo signal{};
   while (::read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
     if (signal.ssi_signo == SIGHUP) return event::reload;
-    if (signal.ssi_signo != SIGCHLD) return event::end;
+    if (signal.ssi_signo != SIGCHLD) return event::stop;
   }
   return handle_->has_ended() ? event::gone : event::none;
 }
@@ -137,7 +137,7 @@ void watch_over::reload() const {
   }
 }
 
-int watch_over::end() {
+int watch_over::shut_down() {
   notify("STOPPING=1");
   const int status = run_down(here_, {options_.timeout, true});
   reap();
@@ -150,7 +150,7 @@ std::optional<int> watch_over::after_end() {
   // A daemon that somebody else started before is not ours to reap; what it left behind tells.
   const bool asked = status_ ? WIFEXITED(*status_) : !here_.look().search.pid_file;
   if (asked) {
-    end_left_over(here_, here_.look(), kGrace);
+    stop_left_over(here_, here_.look(), kGrace);
     say("keelmond has ended");
     return exit_status::kDone;
   }
@@ -159,7 +159,7 @@ std::optional<int> watch_over::after_end() {
            (status_ && WIFSIGNALED(*status_) ? " by signal " + std::to_string(WTERMSIG(*status_))
                                              : std::string()));
   if (!options_.restart) {
-    end_left_over(here_, here_.look(), kGrace);
+    stop_left_over(here_, here_.look(), kGrace);
     return exit_status::kFailed;
   }
   start_again();
@@ -180,8 +180,8 @@ int watch_over::run() {
   notify("READY=1");
   for (;;) {
     switch (next()) {
-      case event::end:
-        return end();
+      case event::stop:
+        return shut_down();
       case event::reload:
         reload();
         break;

@@ -28,12 +28,12 @@ linux = 0
 # svr1 = kmd_web
 
 # One section for each program, named like its entry. The name is also what `pgrep` looks for when
-# the program is to end, so it is at most 15 characters long and no other process is called that.
+# the program is to be stopped, so it is at most 15 characters long and no other process has it.
 #
 # [kmd_web]
 # The full path of a file. Without it, the file of that name in this directory.
 # exepath = /srv/programs/kmd_web
-# "run" keeps it running, "stop" ends it.
+# "run" keeps it running, "stop" stops it.
 # state = run
 )";
 

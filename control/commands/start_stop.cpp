@@ -31,11 +31,11 @@ std::string obstacle_of(const program_status& one, bool alive) {
   }
   const process& shown = one.launcher ? *one.launcher : one.program ? *one.program : *one.child;
   return "it still runs (PID " + std::to_string(shown.pid) +
-         ") and may ignore SIGUSR2: `keelmondctl signal " + one.name + " KILL` ends it";
+         ") and may ignore SIGUSR2: `keelmondctl signal " + one.name + " KILL` kills it";
 }
 
 /// Programs whose entries have an effect are waited for; the others are told of at once.
-bool is_worth_waiting(const program_status& one, bool alive) {
+bool is_worth_waiting_for(const program_status& one, bool alive) {
   if (is_as_wanted(one, alive)) return false;
   return alive ? one.now != actual::not_loaded && one.now != actual::given_up &&
                      one.now != actual::ended
@@ -60,9 +60,9 @@ int report(const session& here, const std::vector<std::string>& names, bool aliv
 }
 
 failure bystander_failure(const std::string& name, const std::string& others) {
-  return failure("to end " + name + ", keelmond signals every process that `pgrep " + name +
+  return failure("to stop " + name + ", keelmond signals every process that `pgrep " + name +
                  "` finds, and these are not " + name + ": " + others +
-                 ". Nothing was changed; --force ends them too, `keelmondctl signal " + name +
+                 ". Nothing was changed; --force stops them too, `keelmondctl signal " + name +
                  " USR2` only the program");
 }
 
@@ -117,10 +117,10 @@ std::vector<std::string> wait_for_programs(const session& here,
       return std::find(names.begin(), names.end(), one.name) == names.end() ||
              one.now == actual::left_over || is_as_wanted(one, alive);
     });
-    const bool is_worth = std::any_of(programs.begin(), programs.end(), [&](const auto& one) {
-      return is_worth_waiting(one, alive);
+    const bool any_worth = std::any_of(programs.begin(), programs.end(), [&](const auto& one) {
+      return is_worth_waiting_for(one, alive);
     });
-    if (!is_worth || steady::now() >= end) {
+    if (!any_worth || steady::now() >= end) {
       std::vector<std::string> left;
       left.reserve(programs.size());
       for (const program_status& one : programs)

@@ -69,7 +69,7 @@ std::vector<std::string> status_report::warnings() const {
   }
   for (const process& other : search.more) {
     texts.push_back("another keelmond runs here as well (PID " + std::to_string(other.pid) +
-                    "), and every program may run twice: end it with kill -USR2 " +
+                    "), and every program may run twice: shut it down with kill -USR2 " +
                     std::to_string(other.pid));
   }
   if (!search.daemon && search.pid_file && search.hidden.empty()) {
@@ -83,8 +83,8 @@ std::vector<std::string> status_report::warnings() const {
   if (!now.left_over.empty()) {
     texts.emplace_back(
         search.daemon
-            ? "an earlier keelmond left programs running: `keelmondctl down` ends them too"
-            : "a keelmond that was killed left programs running: `keelmondctl up` ends "
+            ? "an earlier keelmond left programs running: `keelmondctl down` stops them too"
+            : "a keelmond that was killed left programs running: `keelmondctl up` stops "
               "them before it starts them again");
   }
   return texts;

@@ -10,8 +10,8 @@
 #include "control/commands/foreground.h"
 #include "control/config/config_save.h"
 #include "control/site/daemon_start.h"
-#include "control/site/ending.h"
 #include "control/site/program_status.h"
+#include "control/site/stopping.h"
 #include "control/text/failure.h"
 
 namespace control {
@@ -93,18 +93,18 @@ process await_daemon(const session& here, milliseconds limit) {
 
 }  // namespace
 
-std::size_t end_left_over(const session& here, const snapshot& now, milliseconds grace) {
+std::size_t stop_left_over(const session& here, const snapshot& now, milliseconds grace) {
   if (now.left_over.empty()) return 0;
-  ending programs(here.proc, now.left_over);
+  stopping programs(here.proc, now.left_over);
   for (const std::string& one : programs.left())
-    say("ending " + one + ", which an earlier keelmond left running");
+    say("stopping " + one + ", which an earlier keelmond left running");
   programs.ask(SIGUSR2);
   if (!programs.wait(grace)) {
     for (const std::string& one : programs.left())
       warn(here, one + " did not end on SIGUSR2 and is killed");
     programs.kill();
     if (!programs.wait(grace)) {
-      throw failure("what an earlier keelmond left running cannot be ended; nothing was started");
+      throw failure("what an earlier keelmond left running cannot be stopped; nothing was started");
     }
   }
   return now.left_over.size();
@@ -128,7 +128,7 @@ int bring_up(const session& here, const up_options& options) {
       say("keelmond runs already");
     } else {
       make_live_directory(here);
-      end_left_over(here, now, options.timeout);
+      stop_left_over(here, now, options.timeout);
       launch_daemon(here, options.timeout);
     }
   }

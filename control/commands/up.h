@@ -8,21 +8,21 @@ namespace control {
 
 struct up_options {
   std::chrono::milliseconds timeout{std::chrono::seconds(10)};
-  bool foreground = false;  ///< Stays until it is told to end; see foreground.h.
+  bool foreground = false;  ///< Stays until it is told to stop; see foreground.h.
   bool restart = true;      ///< In the foreground, of a daemon that was killed.
 };
 
 /// Starts the daemon unless it runs, and waits until the programs marked "run" are alive. What an
-/// earlier daemon left behind is ended first.
+/// earlier daemon left behind is stopped first.
 int run_up(const session& here, const up_options& options);
 
 /// What `run_up` does before it stays.
 int bring_up(const session& here, const up_options& options);
 
-/// Ends programs that a daemon left behind, by SIGUSR2 and those that do not end by SIGKILL, and
+/// Stops programs that a daemon left behind, by SIGUSR2 and those that do not end by SIGKILL, and
 /// says so. @return how many there were.
-std::size_t end_left_over(const session& here, const snapshot& now,
-                          std::chrono::milliseconds grace);
+std::size_t stop_left_over(const session& here, const snapshot& now,
+                           std::chrono::milliseconds grace);
 
 /// Starts the daemon, having removed a pid file that was left over, and waits until it is there.
 /// @throws failure when it does not stay.

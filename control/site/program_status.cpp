@@ -65,7 +65,7 @@ void judge_running(program_status& status, const listed_program& entry) {
   const std::string skipped = why_skipped(entry);
   if (skipped.empty()) {
     status.now = actual::stopping;
-    status.why = "it has been told to end and still runs";
+    status.why = "it has been told to stop and still runs";
   } else {
     status.why = "its entry is skipped, and so is the stop: " + skipped;
   }

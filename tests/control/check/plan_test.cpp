@@ -49,7 +49,7 @@ TEST(plan, tells_what_becomes_of_a_program_that_runs) {
   snapshot now;
   now.running = {running("ab", 20)};
   EXPECT_EQ(step(entry("ab", "run"), now).text, "goes on running (PID 20)");
-  EXPECT_EQ(step(entry("ab", "stop"), now).what, action::end);
+  EXPECT_EQ(step(entry("ab", "stop"), now).what, action::stop);
   EXPECT_NE(step(entry("ab", "stop"), now).text.find("PID 20"), std::string::npos);
   EXPECT_EQ(step(entry("ab", "maybe"), now).what, action::keep);
   EXPECT_NE(step(entry("ab", "run", "/nonexistent"), now).text.find("goes on running (PID 20)"),

@@ -81,8 +81,8 @@ TEST(launcher_state, of_another_launcher_tells_nothing) {
 TEST(launcher_state, leaves_a_program_stopping_that_was_told_to_end) {
   program_status status = seen_from_outside();
   status.now = actual::stopping;
-  status.why = "it has been told to end and still runs";
+  status.why = "it has been told to stop and still runs";
   EXPECT_TRUE(apply_state(told(program_phase::running), 0, status));
   EXPECT_EQ(status.now, actual::stopping);
-  EXPECT_EQ(status.why, "it has been told to end and still runs");
+  EXPECT_EQ(status.why, "it has been told to stop and still runs");
 }

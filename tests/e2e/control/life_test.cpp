@@ -95,7 +95,7 @@ TEST(control_up, ends_what_a_killed_daemon_left_running_before_it_starts_it_agai
   EXPECT_NE(down.output.find("left over"), std::string::npos) << down.output;
   const control_result up = control(place, {"up"});
   EXPECT_EQ(up.status, 0) << up.errors;
-  EXPECT_NE(up.output.find("ending " + name + " (PID " + std::to_string(before) + ")"),
+  EXPECT_NE(up.output.find("stopping " + name + " (PID " + std::to_string(before) + ")"),
             std::string::npos)
       << up.output;
   EXPECT_EQ(place.running(name).size(), 1U);
@@ -116,7 +116,7 @@ TEST(control_up, finds_left_over_programs_whose_child_of_keelmond_is_gone_too) {
   ASSERT_TRUE(wait_until([&] { return daemon_of(place) == 0; }));
   const control_result up = control(place, {"up"});
   EXPECT_EQ(up.status, 0) << up.errors;
-  EXPECT_NE(up.output.find("ending " + name), std::string::npos) << up.output;
+  EXPECT_NE(up.output.find("stopping " + name), std::string::npos) << up.output;
   EXPECT_EQ(place.running(name).size(), 1U);
 }
 

@@ -251,7 +251,7 @@ TEST(control_edit, saves_what_the_editor_made_and_has_it_loaded) {
   const setting editor("EDITOR", "sed -i s/state=run/state=stop/");
   const control_result done = control(here.place, {"edit"});
   EXPECT_EQ(done.status, 0) << done.errors;
-  EXPECT_TRUE(contains(done.output, "is ended: SIGUSR2")) << done.output;
+  EXPECT_TRUE(contains(done.output, "is stopped: SIGUSR2")) << done.output;
   EXPECT_TRUE(contains(done.output, "saved, and keelmond has loaded it"));
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(here.pid); }));
 }

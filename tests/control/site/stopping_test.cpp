@@ -1,4 +1,4 @@
-#include "control/site/ending.h"
+#include "control/site/stopping.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -15,10 +15,10 @@
 #include "tests/control/proc/descriptor_limit.h"
 #include "tests/control/proc/idle_child.h"
 
-using control::ending;
 using control::proc_dir;
 using control::process;
 using control::running_program;
+using control::stopping;
 using std::chrono::milliseconds;
 
 namespace {
@@ -66,11 +66,11 @@ class telling_child final {
 
 }  // namespace
 
-TEST(ending, asks_each_program_once_even_if_it_is_seen_again) {
+TEST(stopping, asks_each_program_once_even_if_it_is_seen_again) {
   const proc_dir proc;
   const idle_child child;
   const telling_child first;
-  ending all(proc, {program_of(proc, child.pid(), first.pid())});
+  stopping all(proc, {program_of(proc, child.pid(), first.pid())});
   all.ask(SIGUSR2);
   ASSERT_TRUE(first.is_told());
 
@@ -83,11 +83,11 @@ TEST(ending, asks_each_program_once_even_if_it_is_seen_again) {
   EXPECT_FALSE(first.is_told());
 }
 
-TEST(ending, waits_for_the_child_of_the_daemon_as_well_and_names_what_is_left) {
+TEST(stopping, waits_for_the_child_of_the_daemon_as_well_and_names_what_is_left) {
   const proc_dir proc;
   const idle_child child;
   const idle_child program;
-  ending all(proc, {program_of(proc, child.pid(), program.pid())});
+  stopping all(proc, {program_of(proc, child.pid(), program.pid())});
   all.ask(SIGTERM);
   EXPECT_FALSE(all.wait(milliseconds(20)));
   const std::string pid = std::to_string(program.pid());
@@ -97,14 +97,14 @@ TEST(ending, waits_for_the_child_of_the_daemon_as_well_and_names_what_is_left) {
   EXPECT_TRUE(all.left().empty());
 }
 
-TEST(ending, hits_nobody_who_has_the_number_of_one_that_has_ended) {
+TEST(stopping, hits_nobody_who_has_the_number_of_one_that_has_ended) {
   const proc_dir proc;
   const idle_child stranger;
   running_program earlier = program_of(proc, stranger.pid(), stranger.pid());
   earlier.child.started -= 1;
   earlier.program = earlier.child;
   earlier.tree = {earlier.child};
-  ending all(proc, {earlier});
+  stopping all(proc, {earlier});
   all.ask(SIGKILL);
   all.kill();
   EXPECT_TRUE(all.wait(kLongest));
@@ -112,7 +112,7 @@ TEST(ending, hits_nobody_who_has_the_number_of_one_that_has_ended) {
   EXPECT_TRUE(proc.find(stranger.pid()));
 }
 
-TEST(ending, ends_more_programs_than_there_is_room_for_descriptors) {
+TEST(stopping, reaches_more_programs_than_there_is_room_for_descriptors) {
   const proc_dir proc;
   std::vector<std::unique_ptr<idle_child>> children;
   std::vector<running_program> programs;
@@ -121,7 +121,7 @@ TEST(ending, ends_more_programs_than_there_is_room_for_descriptors) {
     programs.push_back(program_of(proc, children.back()->pid(), children.back()->pid()));
   }
   const descriptor_limit few(3);
-  ending all(proc, programs);
+  stopping all(proc, programs);
   all.ask(SIGTERM);
   EXPECT_TRUE(all.wait(kLongest));
   EXPECT_TRUE(all.left().empty());

@@ -10,14 +10,14 @@
 
 namespace control {
 
-/// Ends programs: asks the programs themselves, waits for them and the daemon's children
+/// Stops programs: asks the programs themselves, waits for them and the daemon's children
 /// above them, and as a last resort kills them with everything below them.
 ///
 /// Remembers every process from the beginning, and takes hold of it only for as long as it takes to
 /// reach that one and nobody else, so that thousands need no more descriptors than one.
-class ending final {
+class stopping final {
  public:
-  ending(const proc_dir& proc, std::vector<running_program> programs);
+  stopping(const proc_dir& proc, std::vector<running_program> programs);
 
   /// Takes those that have been started since.
   void add(std::vector<running_program> programs);

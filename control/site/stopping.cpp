@@ -1,4 +1,4 @@
-#include "control/site/ending.h"
+#include "control/site/stopping.h"
 
 #include <algorithm>
 #include <csignal>
@@ -26,10 +26,10 @@ const process& awaited(const running_program& one) {
 
 }  // namespace
 
-ending::ending(const proc_dir& proc, std::vector<running_program> programs)
+stopping::stopping(const proc_dir& proc, std::vector<running_program> programs)
     : proc_(proc), members_(std::move(programs)) {}
 
-void ending::add(std::vector<running_program> programs) {
+void stopping::add(std::vector<running_program> programs) {
   // A program that has lost the child above it since stands there in its place.
   std::unordered_set<pid_t> known;
   for (const running_program& one : members_) {
@@ -41,7 +41,7 @@ void ending::add(std::vector<running_program> programs) {
   std::move(programs.begin(), programs.end(), std::back_inserter(members_));
 }
 
-void ending::ask(int signal) {
+void stopping::ask(int signal) {
   for (std::size_t i = members_.size(); i-- > asked_;) {
     // One that has ended meanwhile is what was wanted.
     if (members_[i].program) std::ignore = process_handle(proc_, *members_[i].program).send(signal);
@@ -49,7 +49,7 @@ void ending::ask(int signal) {
   asked_ = members_.size();
 }
 
-bool ending::wait(milliseconds limit) const {
+bool stopping::wait(milliseconds limit) const {
   const auto end = steady::now() + limit;
   return std::all_of(members_.begin(), members_.end(), [&](const running_program& one) {
     return process_handle(proc_, awaited(one)).wait_end(left_until(end)) &&
@@ -57,7 +57,7 @@ bool ending::wait(milliseconds limit) const {
   });
 }
 
-std::vector<std::string> ending::left() const {
+std::vector<std::string> stopping::left() const {
   std::vector<std::string> names;
   for (const running_program& one : members_) {
     if (proc_.is_alive(awaited(one)) || proc_.is_alive(one.child))
@@ -66,7 +66,7 @@ std::vector<std::string> ending::left() const {
   return names;
 }
 
-void ending::kill() const {
+void stopping::kill() const {
   const auto kill_one = [&](const process& one) {
     std::ignore = process_handle(proc_, one).send(SIGKILL);
   };
