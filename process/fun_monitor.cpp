@@ -212,7 +212,7 @@ void Tfun_monitor::stop_process() {
   // A command that was cut would signal other programs.
   if (length >= static_cast<int>(sizeof command)) return;
   const child::command_end end =
-      child::run_command(command, kStopLimit, supervisor_signals::end_is_pending);
+      child::run_command(command, kStopLimit, supervisor_signals::shutdown_is_pending);
   if (end.what == child::outcome::given_up) {
     console::print("keelmond: the stop command of %s did not end and was killed.\r\n", name);
   }

@@ -50,8 +50,8 @@ class Tfun_monitor final : public Tsys_thread {
   ///
   /// A program that is being launched is waited for first, about half a second at most, so that
   /// the command finds it. A command that takes longer than ten seconds, or is still running when a
-  /// request to end is pending, is killed. When no command could do it, for want of processes or
-  /// because it was killed, the signal goes to what runs below this monitor's own child instead.
+  /// request to shut down is pending, is killed. When no command could do it, for want of processes
+  /// or because it was killed, the signal goes to what runs below this monitor's own child instead.
   void stop_process();
 
   /// Removes the program's liveness file when the program does not run. A reload marks every

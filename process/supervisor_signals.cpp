@@ -88,7 +88,7 @@ const struct sigaction& start_quit() noexcept {
   return quit_at_start;
 }
 
-bool end_is_pending() noexcept {
+bool shutdown_is_pending() noexcept {
   sigset_t pending;
   ::sigpending(&pending);
   return ::sigismember(&pending, SIGINT) == 1 || ::sigismember(&pending, SIGUSR2) == 1;

@@ -37,8 +37,8 @@ void deliver() noexcept;
 [[nodiscard]] const sigset_t& start_mask() noexcept;
 [[nodiscard]] const struct sigaction& start_quit() noexcept;
 
-/// Whether somebody waits for the supervisor to end: SIGINT or SIGUSR2 is pending. While one of
-/// them is handled that means a second request.
-[[nodiscard]] bool end_is_pending() noexcept;
+/// Whether a request to shut down is pending: SIGINT or SIGUSR2. While one of them is handled that
+/// is a second request.
+[[nodiscard]] bool shutdown_is_pending() noexcept;
 
 }  // namespace supervisor_signals

@@ -73,12 +73,12 @@ class ControlPhases:
             ended.register(descriptor, select.EPOLLIN)
             before = time.monotonic_ns()
             os.kill(daemon, signal.SIGUSR2)
-            # A program that ends before the daemon has begun to leave would be started anew.
+            # A program that ends before the daemon has begun to shut down would be started anew.
             while procfs.is_pending(daemon, signal.SIGUSR2):
                 time.sleep(0.001)
             for program in programs:
                 os.kill(program, signal.SIGUSR2)
             if not ended.poll(DOWN_LIMIT):
-                raise RuntimeError("keelmond does not end")
+                raise RuntimeError("keelmond does not shut down")
             os.close(descriptor)
         return time.monotonic_ns() - before

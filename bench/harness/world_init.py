@@ -202,7 +202,7 @@ class WorldInit(ControlPhases):
 
 
 def raise_limits():
-    """Room for thousands of processes and descriptors, as far as it may be had."""
+    """Allows thousands of processes and descriptors, or as many as the hard limits do."""
     for kind, wanted in ((resource.RLIMIT_NOFILE, 65536), (resource.RLIMIT_NPROC, 65536)):
         _, hard = resource.getrlimit(kind)
         try:

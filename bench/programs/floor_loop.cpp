@@ -1,7 +1,7 @@
 // What restarting programs costs on this machine when nothing but the restarting is done: a loop of
 // fork, exec, wait, or one of fork, `system`, wait. Usage: floor_loop exec|system PROGRAM...
 //
-// SIGTERM ends the programs and the loop.
+// SIGTERM stops the programs and the loop.
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,10 +14,10 @@
 
 namespace {
 
-volatile std::sig_atomic_t leaving = 0;
+volatile std::sig_atomic_t stopping = 0;
 
-void leave(int /*sig*/) {
-  leaving = 1;
+void stop(int /*sig*/) {
+  stopping = 1;
 }
 
 pid_t launch(const char* program, bool through_shell) {
@@ -30,7 +30,7 @@ pid_t launch(const char* program, bool through_shell) {
   ::_exit(111);
 }
 
-void end_programs() {
+void stop_programs() {
   // Again and again: the signal may reach a child before it has become its program.
   for (;;) {
     ::kill(0, SIGTERM);
@@ -48,19 +48,19 @@ int main(int argc, char** argv) {
   if (argc < 3) return 100;
   const bool through_shell = std::string_view(argv[1]) == "system";
   struct sigaction action {};
-  action.sa_handler = leave;
+  action.sa_handler = stop;
   ::sigaction(SIGTERM, &action, nullptr);
 
   std::unordered_map<pid_t, const char*> programs;
   for (int i = 2; i < argc; ++i)
     programs.emplace(launch(argv[i], through_shell), argv[i]);
-  while (leaving == 0) {
+  while (stopping == 0) {
     const auto ended = programs.find(::waitpid(-1, nullptr, 0));
     if (ended == programs.end()) continue;
     const char* program = ended->second;
     programs.erase(ended);
     programs.emplace(launch(program, through_shell), program);
   }
-  end_programs();
+  stop_programs();
   return 0;
 }

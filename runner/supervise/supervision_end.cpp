@@ -56,7 +56,7 @@ void supervision::end_program(const std::string& why) {
 }
 
 void supervision::ask_to_end() {
-  // Between its birth and its own session the program has no group. It is not asked twice: many
+  // Between its fork and its own session the program has no group. It is not asked twice: many
   // take the second time for a demand to end at once.
   if (::kill(-session_, file_.stop.signal) != 0 && pid_ > 0) ::kill(pid_, file_.stop.signal);
 }

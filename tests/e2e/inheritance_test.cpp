@@ -210,7 +210,7 @@ TEST(children, outlive_every_signal_that_is_sent_to_the_supervisor_by_name) {
   EXPECT_EQ(masked(place.log()), std::string(golden::kLogStart) + golden::kLaunched);
 }
 
-TEST(children, end_with_their_programs_when_the_exit_signal_goes_to_all_of_that_name) {
+TEST(children, end_with_their_programs_when_the_shutdown_signal_goes_to_all_of_that_name) {
   installation place;
   const std::string name = place.add_steady();
   start_program(place, name);

@@ -74,7 +74,7 @@ pid_t pid_of_program() {
 
 constexpr char kSleeper[] = "echo $$ > pid.new; mv pid.new pid; sleep 60\n";
 
-TEST(fun_monitor_with_a_program, stop_ends_it_by_name_and_the_monitor_then_idles) {
+TEST(fun_monitor_with_a_program, stop_process_ends_it_by_name_and_the_monitor_then_idles) {
   in_child([] {
     const supervision& world = supervision::begin();
     const std::string name = unique_name();

@@ -518,7 +518,7 @@ TEST(fun_monitor_thread, is_one_however_often_it_is_started) {
   });
 }
 
-TEST(fun_monitor_thread, is_inside_the_gate_from_its_creation_on_and_not_when_it_could_not_be_had) {
+TEST(fun_monitor_thread, is_inside_the_gate_from_its_creation_on_and_not_when_creating_it_fails) {
   in_child([] {
     supervision::begin();
     imagined_programs& programs = imagined_programs::begin();

@@ -451,7 +451,8 @@ TEST(server_config_running, a_new_exepath_has_no_effect_on_a_running_program) {
   });
 }
 
-TEST(server_config_running, a_monitor_whose_thread_could_not_be_had_is_started_by_the_next_load) {
+TEST(server_config_running,
+     a_monitor_whose_thread_could_not_be_created_is_started_by_the_next_load) {
   in_child([] {
     const supervision& world = supervision::begin();
     imagined_programs& programs = imagined_programs::begin();

@@ -279,30 +279,30 @@ TEST(supervisor_signals, no_write_ends_the_process) {
   });
 }
 
-TEST(supervisor_signals, a_request_to_end_is_seen_while_it_is_pending) {
+TEST(supervisor_signals, a_request_to_shut_down_is_seen_while_it_is_pending) {
   for (const int sig : {SIGINT, SIGUSR2}) {
     in_child([=] {
       begin();
-      EXPECT_FALSE(supervisor_signals::end_is_pending());
+      EXPECT_FALSE(supervisor_signals::shutdown_is_pending());
       ::kill(::getpid(), SIGUSR1);
-      EXPECT_FALSE(supervisor_signals::end_is_pending());
+      EXPECT_FALSE(supervisor_signals::shutdown_is_pending());
       ::kill(::getpid(), sig);
-      EXPECT_TRUE(supervisor_signals::end_is_pending());
+      EXPECT_TRUE(supervisor_signals::shutdown_is_pending());
       supervisor_signals::deliver();
-      EXPECT_FALSE(supervisor_signals::end_is_pending());
+      EXPECT_FALSE(supervisor_signals::shutdown_is_pending());
     });
   }
 }
 
-/// How often a handler saw that another request to end waits.
-int second_ends = 0;
+/// How often a handler saw that another request to shut down waits.
+int second_requests = 0;
 
 void note_and_look(int sig) {
   handled.push_back(sig);
-  if (supervisor_signals::end_is_pending()) ++second_ends;
+  if (supervisor_signals::shutdown_is_pending()) ++second_requests;
 }
 
-TEST(supervisor_signals, of_two_requests_to_end_the_first_handler_sees_the_second) {
+TEST(supervisor_signals, of_two_requests_to_shut_down_the_first_handler_sees_the_second) {
   in_child([] {
     begin();
     handle_all_with(note_and_look);
@@ -310,11 +310,11 @@ TEST(supervisor_signals, of_two_requests_to_end_the_first_handler_sees_the_secon
     ::raise(SIGUSR2);
     supervisor_signals::deliver();
     EXPECT_EQ(handled, (std::vector<int>{SIGINT, SIGUSR2}));
-    EXPECT_EQ(second_ends, 1);
+    EXPECT_EQ(second_requests, 1);
   });
 }
 
-TEST(supervisor_signals, two_requests_to_end_during_a_reload_are_let_in_one_by_one) {
+TEST(supervisor_signals, two_requests_to_shut_down_during_a_reload_are_let_in_one_by_one) {
   in_child([] {
     begin();
     handle_all_with(note_and_look);
@@ -326,7 +326,7 @@ TEST(supervisor_signals, two_requests_to_end_during_a_reload_are_let_in_one_by_o
     ::raise(SIGUSR1);
     supervisor_signals::deliver();
     EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGINT, SIGUSR2}));
-    EXPECT_EQ(second_ends, 1);
+    EXPECT_EQ(second_requests, 1);
   });
 }
 

@@ -91,7 +91,7 @@ TEST(hangs, a_stop_command_that_does_not_end_is_killed_and_its_program_ends_all_
   stress::expect_clean_end(place);
 }
 
-TEST(hangs, a_second_request_to_end_waits_for_no_stop_command) {
+TEST(hangs, a_second_request_to_shut_down_waits_for_no_stop_command) {
   for (const int second : {SIGUSR2, SIGINT}) {
     const hanging_stop_commands world(5);
     const installation& place = world.place;
@@ -107,7 +107,7 @@ TEST(hangs, a_second_request_to_end_waits_for_no_stop_command) {
   }
 }
 
-TEST(hangs, a_request_to_end_does_not_wait_for_the_stop_commands_of_a_reload) {
+TEST(hangs, a_request_to_shut_down_does_not_wait_for_the_stop_commands_of_a_reload) {
   const hanging_stop_commands world(5);
   const installation& place = world.place;
   std::vector<listed_program> stopped = world.listed;

@@ -116,7 +116,7 @@ TEST(storm, leaves_every_program_running_once_and_the_list_as_the_file_says) {
   EXPECT_EQ(stress::launches(place), stress::ends(place));
 }
 
-TEST(storm, of_exit_signals_by_name_ends_everything) {
+TEST(storm, of_shutdown_signals_by_name_stops_everything) {
   if (!private_namespace::is_inside()) GTEST_SKIP() << "signals by name need a PID namespace";
   for (int i = 0; i < rounds(100, 4) && !HasFailure(); ++i) {
     installation place;

@@ -117,7 +117,7 @@ TEST_F(start_lock_in_a_directory, is_passed_on_by_forks_and_survives_the_parents
   EXPECT_TRUE(is_free());
 }
 
-TEST(start_lock, that_cannot_be_had_does_not_stop_the_start) {
+TEST(start_lock, that_cannot_be_taken_does_not_stop_the_start) {
   in_child([] {
     const std::filesystem::path gone = std::filesystem::current_path() / "gone";
     std::filesystem::create_directory(gone);

@@ -82,7 +82,7 @@ TEST(unforked_memory, is_zeroed_and_whole) {
   unforked_memory::release(nullptr, kSize);
 }
 
-TEST(unforked_memory, may_not_be_had) {
+TEST(unforked_memory, that_is_too_large_is_not_given) {
   constexpr std::size_t kTooMuch = std::numeric_limits<std::size_t>::max() / 2;
   EXPECT_EQ(unforked_memory::allocate(kTooMuch), nullptr);
   EXPECT_THROW(std::ignore = unforked_memory::resource()->allocate(kTooMuch), std::bad_alloc);

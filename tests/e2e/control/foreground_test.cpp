@@ -57,7 +57,7 @@ class notify_socket final {
 
 }  // namespace
 
-TEST(control_foreground, ends_everything_in_order_when_it_is_told_to) {
+TEST(control_foreground, stops_everything_in_order_when_it_is_told_to) {
   for (const int signal : {SIGTERM, SIGINT}) {
     foreground here;
     running_control up(here.place, here.arguments);
@@ -117,7 +117,7 @@ TEST(control_foreground, ends_with_the_daemon_when_it_is_not_to_restart_it) {
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(pid); }));
 }
 
-TEST(control_foreground, ends_when_somebody_else_ends_the_daemon) {
+TEST(control_foreground, ends_when_somebody_else_shuts_the_daemon_down) {
   foreground here;
   running_control up(here.place, here.arguments);
   here.wait_running(1);

@@ -81,7 +81,7 @@ TEST(control_up, removes_a_pid_file_that_is_left_over) {
   EXPECT_EQ(place.running(name).size(), 1U);
 }
 
-TEST(control_up, ends_what_a_killed_daemon_left_running_before_it_starts_it_again) {
+TEST(control_up, stops_what_a_killed_daemon_left_running_before_it_starts_it_again) {
   installation place;
   const std::string name = place.add_steady();
   place.save({place.entry(name)});
@@ -168,7 +168,7 @@ TEST(control_up, starts_nothing_without_a_configuration) {
   EXPECT_EQ(daemon_of(place), 0);
 }
 
-TEST(control_down, ends_the_daemon_and_its_programs) {
+TEST(control_down, shuts_the_daemon_down_with_its_programs) {
   installation place;
   const std::string first = place.add_steady();
   const std::string second = place.add_steady();

@@ -152,7 +152,7 @@ TEST(control_start, says_why_a_program_cannot_be_started) {
   EXPECT_TRUE(contains(start.errors, "is missing or cannot be read")) << start.errors;
 }
 
-TEST(control_restart, ends_the_program_and_prints_both_pids) {
+TEST(control_restart, stops_the_program_and_prints_both_pids) {
   running_place here;
   const control_result done = control(here.place, {"restart", here.name});
   EXPECT_EQ(done.status, 0) << done.errors;
@@ -218,7 +218,7 @@ TEST(control_add, lists_a_program_and_waits_for_it) {
   EXPECT_EQ(here.place.read("config/server.ini"), before);
 }
 
-TEST(control_add, refuses_what_keelmond_would_skip_or_could_not_end) {
+TEST(control_add, refuses_what_keelmond_would_skip_or_could_not_stop) {
   running_place here;
   const std::string before = here.place.read("config/server.ini");
   EXPECT_EQ(control(here.place, {"add", "a_name_of_16_cha", "--exepath", "/bin/sh"}).status, 1);

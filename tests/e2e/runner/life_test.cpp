@@ -19,8 +19,8 @@ bool has_gone(pid_t pid) {
   return wait_until([&] { return !process_table::is_alive(pid); }, kLimit);
 }
 
-/// The beginning of a script that cannot be ended by what usually ends one.
-const std::string kDeaf = "trap '' TERM USR1 USR2 HUP INT\n";
+/// The beginning of a script that what usually stops one does not stop.
+const std::string kIgnoreSignals = "trap '' TERM USR1 USR2 HUP INT\n";
 
 /// A line of a script that runs another one beside it.
 std::string beside(const std::string& name, const std::string& how = "") {
@@ -89,9 +89,9 @@ TEST(runner_life, ends_on_term_and_int_as_well) {
 
 TEST(runner_life, takes_everything_along_that_the_program_started) {
   runner_place place;
-  // One in the group, one in a session of its own, one whose parent has gone; all of them deaf.
+  // One in the group, one in a session of its own, one whose parent has gone; all ignore signals.
   const std::string helper =
-      place.site().add_script(kDeaf + place.site().note_start() + place.site().stay());
+      place.site().add_script(kIgnoreSignals + place.site().note_start() + place.site().stay());
   const std::string program =
       place.site().add_script(beside(helper) + beside(helper, "setsid ") + "(setsid \"${0%/*}/" +
                               helper + "\" &)\n" + place.site().note_start() + place.site().stay());
@@ -122,13 +122,13 @@ TEST(runner_life, ends_what_a_killed_program_leaves_before_the_next_start) {
 
 TEST(runner_life, kills_a_program_that_does_not_end_in_time) {
   runner_place place;
-  const std::string deaf =
-      place.site().add_script(kDeaf + place.site().note_start() + place.site().stay());
+  const std::string ignoring =
+      place.site().add_script(kIgnoreSignals + place.site().note_start() + place.site().stay());
   const std::string name =
-      place.add("[program]\ncommand = " + place.path_of(deaf) + "\n[stop]\ntimeout = 200ms\n");
+      place.add("[program]\ncommand = " + place.path_of(ignoring) + "\n[stop]\ntimeout = 200ms\n");
   place.start();
   const program_state state = place.wait_phase(name, program_phase::running);
-  place.site().wait_running(deaf);
+  place.site().wait_running(ignoring);
   place.stop(name);
   EXPECT_FALSE(process_table::is_alive(state.pid));
 }

@@ -29,7 +29,7 @@ int rounds() {
   return wanted != nullptr && wanted == std::string("long") ? 1000 : 25;
 }
 
-/// Writes lines that tell who wrote them and which it is, and stays; deaf to what ends a program.
+/// Writes lines that tell who wrote them and which it is, and stays; ignores what stops a program.
 const std::string kWriter =
     "trap '' TERM HUP INT USR1 USR2\n"
     "i=0\n"

@@ -40,7 +40,7 @@ void start_one(installation& place, const std::string& name) {
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
 }
 
-/// The thread that ends and the program's own thread write their last lines in either order.
+/// The thread that shuts down and the program's own thread write their last lines in either order.
 void expect_last_lines(const installation& place, const std::string& before,
                        const std::string& name) {
   const std::string stop = golden::stop_result(name);
@@ -51,7 +51,7 @@ void expect_last_lines(const installation& place, const std::string& before,
 
 }  // namespace
 
-TEST(exit_by_usr2, ends_the_programs_removes_the_pid_file_and_closes_the_log) {
+TEST(shutdown_by_usr2, stops_the_programs_removes_the_pid_file_and_closes_the_log) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
@@ -68,7 +68,7 @@ TEST(exit_by_usr2, ends_the_programs_removes_the_pid_file_and_closes_the_log) {
   expect_last_lines(place, console, name);
 }
 
-TEST(exit_by_usr2, stops_the_programs_in_the_order_of_the_list) {
+TEST(shutdown_by_usr2, stops_the_programs_in_the_order_of_the_list) {
   installation place;
   const std::vector<std::string> names{place.add_steady(), place.add_steady(), place.add_steady()};
   // Listed against the order of their names.
@@ -91,7 +91,7 @@ TEST(exit_by_usr2, stops_the_programs_in_the_order_of_the_list) {
   EXPECT_TRUE(fs::is_empty(place.site() / "notify"));
 }
 
-TEST(exit_by_usr2, runs_the_stop_command_of_a_program_that_is_stopped_already) {
+TEST(shutdown_by_usr2, runs_the_stop_command_of_a_program_that_is_stopped_already) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
@@ -102,7 +102,7 @@ TEST(exit_by_usr2, runs_the_stop_command_of_a_program_that_is_stopped_already) {
   EXPECT_EQ(count(place.console(), golden::stop_result(name)), 2U);
 }
 
-TEST(exit_by_usr2, records_the_end_of_a_program_that_cleans_up_first) {
+TEST(shutdown_by_usr2, records_the_end_of_a_program_that_cleans_up_first) {
   installation place;
   const std::string name = place.add_script(graceful(place));
   start_one(place, name);
@@ -112,7 +112,7 @@ TEST(exit_by_usr2, records_the_end_of_a_program_that_cleans_up_first) {
   EXPECT_EQ(masked(place.log()), kOneRun);
 }
 
-TEST(exit_by_usr2, removes_the_pid_file_only_when_the_programs_have_been_told) {
+TEST(shutdown_by_usr2, removes_the_pid_file_only_when_the_programs_have_been_told) {
   installation place;
   const std::string name = place.add_script(pid_file_reader(place));
   start_one(place, name);
@@ -122,7 +122,7 @@ TEST(exit_by_usr2, removes_the_pid_file_only_when_the_programs_have_been_told) {
   EXPECT_FALSE(place.has("run.pid"));
 }
 
-TEST(exit_by_usr2, does_not_wait_for_a_program_that_ignores_the_stop_command) {
+TEST(shutdown_by_usr2, does_not_wait_for_a_program_that_ignores_the_stop_command) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
   start_one(place, name);
@@ -134,7 +134,7 @@ TEST(exit_by_usr2, does_not_wait_for_a_program_that_ignores_the_stop_command) {
   EXPECT_FALSE(place.has("run.pid"));
 }
 
-TEST(exit_by_usr2, ends_a_program_that_is_only_just_being_launched) {
+TEST(shutdown_by_usr2, stops_a_program_that_is_only_just_being_launched) {
   for (int i = 0; i < 5; ++i) {
     installation place;
     const std::string name = place.add_steady();
@@ -150,7 +150,7 @@ TEST(exit_by_usr2, ends_a_program_that_is_only_just_being_launched) {
   }
 }
 
-TEST(exit_by_usr2, starts_no_program_again_on_the_way_out) {
+TEST(shutdown_by_usr2, starts_no_program_again_meanwhile) {
   installation place;
   const std::string name = place.add_script(place.note_start());
   place.save({place.entry(name)});
@@ -162,7 +162,7 @@ TEST(exit_by_usr2, starts_no_program_again_on_the_way_out) {
   EXPECT_TRUE(place.log().ends_with(golden::kClosed));
 }
 
-TEST(exit_by_usr2, happens_within_the_pause_after_a_reload) {
+TEST(shutdown_by_usr2, happens_within_the_pause_after_a_reload) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
@@ -172,7 +172,7 @@ TEST(exit_by_usr2, happens_within_the_pause_after_a_reload) {
   EXPECT_FALSE(place.has("run.pid"));
 }
 
-TEST(exit_by_usr2, happens_once_when_asked_for_several_times) {
+TEST(shutdown_by_usr2, happens_once_when_asked_for_several_times) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
@@ -183,7 +183,7 @@ TEST(exit_by_usr2, happens_once_when_asked_for_several_times) {
   EXPECT_EQ(count(place.console(), golden::stop_result(name)), 1U);
 }
 
-TEST(exit_by_usr2, leaves_the_directory_ready_for_the_next_start) {
+TEST(shutdown_by_usr2, leaves_the_directory_ready_for_the_next_start) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
@@ -193,7 +193,7 @@ TEST(exit_by_usr2, leaves_the_directory_ready_for_the_next_start) {
   expect_log(place, kOneRun + golden::kLogStart + golden::kLaunched);
 }
 
-TEST(exit_by_int, ends_the_programs_and_leaves_the_pid_file_which_blocks_the_next_start) {
+TEST(shutdown_by_int, stops_the_programs_and_leaves_the_pid_file_which_blocks_the_next_start) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
@@ -214,7 +214,7 @@ TEST(exit_by_int, ends_the_programs_and_leaves_the_pid_file_which_blocks_the_nex
   EXPECT_EQ(masked(place.log()), kOneRun + golden::kLogStart + golden::kClosed);
 }
 
-TEST(exit_without_configuration, follows_when_the_file_is_deleted) {
+TEST(shutdown_without_configuration, follows_when_the_file_is_deleted) {
   installation place;
   const std::string name = place.add_script(graceful(place));
   start_one(place, name);
@@ -234,7 +234,7 @@ TEST(exit_without_configuration, follows_when_the_file_is_deleted) {
   expect_last_lines(place, console + golden::kLoad + golden::kDaemonEnds, name);
 }
 
-TEST(exit_without_configuration, has_written_its_pid_when_the_programs_are_told) {
+TEST(shutdown_without_configuration, has_written_its_pid_when_the_programs_are_told) {
   installation place;
   const std::string name = place.add_script(pid_file_reader(place));
   start_one(place, name);
@@ -244,7 +244,7 @@ TEST(exit_without_configuration, has_written_its_pid_when_the_programs_are_told)
   EXPECT_TRUE(place.notes(name)[1].ends_with(" found:" + std::to_string(place.daemon())));
 }
 
-TEST(exit_without_configuration, is_averted_when_the_file_is_back_within_the_pause) {
+TEST(shutdown_without_configuration, is_averted_when_the_file_is_back_within_the_pause) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
@@ -257,7 +257,7 @@ TEST(exit_without_configuration, is_averted_when_the_file_is_back_within_the_pau
   EXPECT_EQ(place.loads(), 2U);
 }
 
-TEST(exit_without_configuration, follows_at_once_when_there_is_no_file_at_the_start) {
+TEST(shutdown_without_configuration, follows_at_once_when_there_is_no_file_at_the_start) {
   installation place;
   fs::remove(place.site() / "config" / "server.ini");
   EXPECT_EQ(place.run(), 0);
@@ -279,7 +279,7 @@ TEST(exit_without_configuration, follows_at_once_when_there_is_no_file_at_the_st
 
 #ifndef KEELMOND_SANITIZED
 // The sanitizers look for leaks when the process exits, and this one must not exit.
-TEST(exit_with_a_log_that_hangs, does_not_wait_for_the_log) {
+TEST(shutdown_with_a_log_that_hangs, does_not_wait_for_the_log) {
   for (const int request : {SIGUSR2, SIGINT}) {
     installation place;
     const slow_log log(place);
