@@ -217,7 +217,7 @@ TEST(children, end_with_their_programs_when_the_shutdown_signal_goes_to_all_of_t
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
   for (const pid_t child : place.children())
     ::kill(child, SIGUSR2);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_EQ(masked(place.log()),
             std::string(golden::kLogStart) + golden::kLaunched + golden::kExited + golden::kClosed);

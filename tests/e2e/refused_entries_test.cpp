@@ -23,7 +23,7 @@ void expect_refused(installation& place, const listed_program& refused, const st
                         ") refused: " + key + " is longer than " + limit +
                         " bytes or holds a NUL byte.\r\n<time>\r\n" + golden::kLaunched);
   EXPECT_EQ(count(place.console(), "Start 333."), 1U);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
 }
 
 /// A path of exactly `length` bytes to a program, with missing directories made.

@@ -148,7 +148,7 @@ TEST(reload, changes_the_path_of_a_known_program_only_for_the_next_start) {
   place.wait_running(name, 2);
   EXPECT_EQ(noted_path(), path);
 
-  ASSERT_EQ(place.end_by(SIGUSR2), 0);
+  ASSERT_EQ(place.shut_down_by(SIGUSR2), 0);
   place.start();
   place.wait_running(name, 3);
   EXPECT_EQ(noted_path(), other.string());
@@ -246,7 +246,7 @@ TEST(reload, survives_a_burst_of_signals) {
     place.signal(SIGUSR1);
   EXPECT_TRUE(wait_until([&] { return place.loads() >= 2; }));
   EXPECT_EQ(place.wait_running(name), program);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
 }
 
 TEST(reload, marks_a_running_program_anew_whether_or_not_anything_changed) {

@@ -58,7 +58,7 @@ TEST(shutdown_by_usr2, stops_the_programs_removes_the_pid_file_and_closes_the_lo
   const pid_t program = place.running(name).at(0);
   const std::string console = place.console();
 
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
 
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_FALSE(process_table::is_alive(program));
@@ -78,7 +78,7 @@ TEST(shutdown_by_usr2, stops_the_programs_in_the_order_of_the_list) {
     place.wait_running(name);
   ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched sub process") == 3; }));
 
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
 
   const std::string console = place.console();
   EXPECT_LT(console.find(golden::stop_result(names[2])),
@@ -98,7 +98,7 @@ TEST(shutdown_by_usr2, runs_the_stop_command_of_a_program_that_is_stopped_alread
   place.edit({place.entry(name, "stop")});
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched + golden::kExited);
   EXPECT_EQ(count(place.console(), golden::stop_result(name)), 1U);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_EQ(count(place.console(), golden::stop_result(name)), 2U);
 }
 
@@ -106,7 +106,7 @@ TEST(shutdown_by_usr2, records_the_end_of_a_program_that_cleans_up_first) {
   installation place;
   const std::string name = place.add_script(graceful(place));
   start_one(place, name);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   ASSERT_EQ(place.notes(name).size(), 2U);
   EXPECT_TRUE(place.notes(name)[1].ends_with(" stop"));
   EXPECT_EQ(masked(place.log()), kOneRun);
@@ -116,7 +116,7 @@ TEST(shutdown_by_usr2, removes_the_pid_file_only_when_the_programs_have_been_tol
   installation place;
   const std::string name = place.add_script(pid_file_reader(place));
   start_one(place, name);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   ASSERT_EQ(place.notes(name).size(), 2U);
   EXPECT_TRUE(place.notes(name)[1].ends_with(" found:"));
   EXPECT_FALSE(place.has("run.pid"));
@@ -127,7 +127,7 @@ TEST(shutdown_by_usr2, does_not_wait_for_a_program_that_ignores_the_stop_command
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
   start_one(place, name);
   const pid_t program = place.running(name).at(0);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(process_table::is_alive(program));
   EXPECT_EQ(masked(place.log()),
             std::string(golden::kLogStart) + golden::kLaunched + golden::kClosed);
@@ -156,7 +156,7 @@ TEST(shutdown_by_usr2, starts_no_program_again_meanwhile) {
   place.save({place.entry(name)});
   place.start();
   ASSERT_TRUE(wait_until([&] { return place.starts(name) >= 5; }));
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_EQ(count(place.log(), "launched sub process"), count(place.log(), "exited process"));
   EXPECT_TRUE(place.log().ends_with(golden::kClosed));
@@ -167,7 +167,7 @@ TEST(shutdown_by_usr2, happens_within_the_pause_after_a_reload) {
   const std::string name = place.add_steady();
   start_one(place, name);
   place.edit({place.entry(name)});
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_EQ(masked(place.log()), kOneRun);
   EXPECT_FALSE(place.has("run.pid"));
 }
@@ -187,7 +187,7 @@ TEST(shutdown_by_usr2, leaves_the_directory_ready_for_the_next_start) {
   installation place;
   const std::string name = place.add_steady();
   start_one(place, name);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   place.start();
   place.wait_running(name, 2);
   expect_log(place, kOneRun + golden::kLogStart + golden::kLaunched);
@@ -199,7 +199,7 @@ TEST(shutdown_by_int, stops_the_programs_and_leaves_the_pid_file_which_blocks_th
   start_one(place, name);
   const std::string console = place.console();
 
-  EXPECT_EQ(place.end_by(SIGINT), 0);
+  EXPECT_EQ(place.shut_down_by(SIGINT), 0);
 
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_EQ(masked(place.log()), kOneRun);
@@ -288,7 +288,7 @@ TEST(shutdown_with_a_log_that_hangs, does_not_wait_for_the_log) {
     place.start();
     place.wait_running(name);
     log.fill();
-    EXPECT_EQ(place.end_by(request), 0);
+    EXPECT_EQ(place.shut_down_by(request), 0);
     EXPECT_EQ(place.has("run.pid"), request == SIGINT);
     EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   }

@@ -28,7 +28,7 @@ void expect_each_line_once(installation& place, const channel& output) {
   ::kill(place.wait_running(name), SIGKILL);
   place.wait_running(name, 2);
   ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched sub process") == 2; }));
-  ASSERT_EQ(place.end_by(SIGUSR2), 0);
+  ASSERT_EQ(place.shut_down_by(SIGUSR2), 0);
   ASSERT_TRUE(wait_until([&] { return place.processes().empty(); }));
 
   const std::string lines =
@@ -51,7 +51,7 @@ void expect_life_in_silence(installation& place, const start_options& options) {
                         golden::kLaunched);
   place.save({place.entry(name, "stop")});
   ASSERT_TRUE(wait_until([&] { return place.running(name).empty(); }));
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_FALSE(place.has("run.pid"));
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched + golden::kExited +
                         golden::kLaunched + golden::kExited + golden::kClosed);

@@ -140,7 +140,7 @@ TEST(start, leaves_its_daemon_in_a_session_of_its_own_without_leading_it) {
 TEST(start, appends_to_the_log_of_earlier_runs) {
   installation place;
   place.start();
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   const std::string first = place.log();
   place.start();
   EXPECT_TRUE(place.log().starts_with(first));
@@ -172,7 +172,7 @@ TEST(start, is_possible_in_two_directories_at_once) {
   installation other;
   one.start();
   other.start();
-  EXPECT_EQ(one.end_by(SIGUSR2), 0);
+  EXPECT_EQ(one.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(process_table::is_alive(other.daemon()));
 }
 
@@ -258,7 +258,7 @@ TEST(start, supervises_without_a_notify_directory_and_creates_none) {
   const pid_t program = place.wait_running(name);
   ::kill(program, SIGKILL);
   EXPECT_NE(place.wait_running(name, 2), program);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_FALSE(place.has("notify"));
 }
 

@@ -102,7 +102,7 @@ TEST(supervise, takes_a_stopped_child_for_ended_and_starts_the_program_once_more
   ASSERT_TRUE(stopped.has_value());
   EXPECT_EQ(stopped->state, 'T');
   // Both have the program's name.
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(wait_until([&] { return place.running(name).empty(); }));
 }
 

@@ -42,7 +42,7 @@ void expect_ordinary_start(const std::vector<std::string>& arguments) {
   installation place;
   place.start({.arguments = arguments});
   EXPECT_EQ(place.console(), golden::console_start(place) + golden::kLoad);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
 }
 
 }  // namespace

@@ -31,7 +31,7 @@ void expect_whole_life(installation& place, const std::string& shown_log_path) {
   expect_console(place, std::string(golden::kFirstLine) + golden::kSecondLine + shown_log_path +
                             golden::kLoad + golden::started(name));
   EXPECT_TRUE(place.has("run.pid"));
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_FALSE(place.has("run.pid"));
   EXPECT_EQ(masked(place.log()),
             std::string(golden::kLogStart) + golden::kLaunched + golden::kExited + golden::kClosed);
@@ -66,7 +66,7 @@ TEST(working_directory, may_have_blanks_and_shell_characters) {
   place.start();
   expect_console(place,
                  std::string(golden::kFirstLine) + golden::kSecondLine + log_path + golden::kLoad);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_FALSE(place.has("run.pid"));
 }
 

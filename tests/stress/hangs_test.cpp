@@ -163,7 +163,7 @@ TEST(hangs, a_log_that_takes_nothing_holds_no_program_up) {
   // What it takes again is written.
   const std::string text = log.drain([] { return true; });
   EXPECT_TRUE(wait_until([&] { return log.drain([] { return true; }).find("PID") != text.npos; }));
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(is_empty(place));
 }
 
@@ -209,7 +209,7 @@ TEST(limits, a_log_that_has_reached_the_limit_for_files_ends_nothing) {
     place.wait_running(name, starts + 1);
   }
   EXPECT_EQ(place.log(), log);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(is_empty(place));
 }
 

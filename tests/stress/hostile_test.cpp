@@ -211,7 +211,7 @@ TEST_F(hostile, commands_are_run_whole_or_not_at_all) {
   EXPECT_TRUE(stress::reload(place));
   EXPECT_EQ(place.read("run"), only);
   EXPECT_GE(count(place.log(), "refused: exepath is longer than 511 bytes"), 2U);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
 }
 
 TEST_F(hostile, names_are_used_whole_or_not_at_all) {
@@ -236,7 +236,7 @@ TEST_F(hostile, names_are_used_whole_or_not_at_all) {
   other.start();
   EXPECT_TRUE(wait_until([&] { return stress::launches(other) == 1; }));
   EXPECT_EQ(count(other.log(), "refused: state is longer than 127 bytes"), 1U);
-  EXPECT_EQ(other.end_by(SIGUSR2), 0);
+  EXPECT_EQ(other.shut_down_by(SIGUSR2), 0);
   EXPECT_EQ(stress::stopped_names(other), std::vector<std::string>{fits});
 }
 

@@ -73,7 +73,7 @@ TEST(poor_machine, may_have_a_full_disk_at_the_start) {
   place.start();
   place.wait_running(name);
   EXPECT_EQ(place.log(), "");
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_FALSE(place.has("run.pid"));
 }
@@ -112,7 +112,7 @@ TEST(poor_machine, may_have_a_log_that_cannot_be_opened) {
     EXPECT_TRUE(stress::reload(place));
     restart(place, programs[0].name, static_cast<std::size_t>(i) + 2);
   }
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_FALSE(place.has("run.pid"));
 }
@@ -168,7 +168,7 @@ TEST(poor_machine, ends_its_programs_without_a_process_for_the_stop_command) {
   place.start(stress::by_ordinary_user(place, stress::without_leak_check()));
   const pid_t program = place.wait_running(name);
   stress::limit(place.daemon(), RLIMIT_NPROC, 1);
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(place.log().ends_with(golden::kClosed));
   EXPECT_FALSE(place.has("run.pid"));
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(program); }));

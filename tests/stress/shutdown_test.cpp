@@ -60,8 +60,8 @@ struct program_mix {
 };
 
 int shut_down(const installation& place, end_request kind) {
-  if (kind == end_request::usr2) return place.end_by(SIGUSR2);
-  if (kind == end_request::interrupt) return place.end_by(SIGINT);
+  if (kind == end_request::usr2) return place.shut_down_by(SIGUSR2);
+  if (kind == end_request::interrupt) return place.shut_down_by(SIGINT);
   fs::remove(place.site() / "config" / "server.ini");
   return place.wait_end();
 }
@@ -254,7 +254,7 @@ TEST(shutdown, waits_for_the_reload_that_is_under_way) {
     place.start();
     place.signal(SIGUSR1);
     ASSERT_TRUE(wait_until([&] { return place.loads() == 2; }));
-    EXPECT_EQ(place.end_by(i % 2 == 0 ? SIGUSR2 : SIGINT), 0);
+    EXPECT_EQ(place.shut_down_by(i % 2 == 0 ? SIGUSR2 : SIGINT), 0);
     EXPECT_EQ(count(place.console(), last), 2U) << "a load was broken off";
   }
 }
@@ -385,7 +385,7 @@ TEST(shutdown, leaves_no_liveness_file_of_a_program_that_was_to_be_started_again
   place.save({place.entry(name)});
   place.signal(SIGUSR1);
   EXPECT_TRUE(wait_until([&] { return place.is_live(name); }));
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_EQ(stress::launches(place), stress::ends(place));
   EXPECT_FALSE(place.has("notify/" + name + ".dat"));
 }
@@ -402,7 +402,7 @@ TEST(shutdown, takes_about_a_second_however_many_programs_ignore_it) {
   for (const listed_program& program : programs)
     place.wait_running(program.name);
   const auto before = std::chrono::steady_clock::now();
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   // Far below a second for each of them, and far above what the stop commands take.
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(7));
   EXPECT_TRUE(place.log().ends_with(golden::kClosed));

@@ -113,7 +113,7 @@ TEST(control_plan, says_what_a_load_would_do) {
   EXPECT_TRUE(contains(nothing.errors, "cannot read /dev/null")) << nothing.errors;
   write_file(place.site() / "empty.ini", "");
   EXPECT_TRUE(contains(control(place, {"-C", ".", "plan", "empty.ini"}).output, runs));
-  place.end_by(SIGUSR2);
+  place.shut_down_by(SIGUSR2);
   EXPECT_TRUE(wait_until([&] {
     return contains(control(place, {"plan", "empty.ini"}).output, "\nno programs\n");
   }));

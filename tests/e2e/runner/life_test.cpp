@@ -215,7 +215,7 @@ TEST(runner_life, runs_on_when_the_supervisor_itself_is_killed) {
   const std::string name = place.add_steady();
   place.start();
   const program_state state = place.wait_phase(name, program_phase::running);
-  place.site().end_by(SIGKILL);
+  place.site().shut_down_by(SIGKILL);
   EXPECT_TRUE(keeps([&] { return process_table::is_alive(state.pid); }));
   ::kill(state.launcher, SIGUSR2);
   EXPECT_TRUE(has_gone(state.pid));
@@ -226,7 +226,7 @@ TEST(runner_life, ends_with_the_supervisor) {
   const std::string name = place.add_steady();
   place.start();
   const program_state state = place.wait_phase(name, program_phase::running);
-  EXPECT_EQ(place.site().end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.site().shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(has_gone(state.launcher));
   EXPECT_FALSE(process_table::is_alive(state.pid));
 }

@@ -216,7 +216,7 @@ void installation::signal(int number) const {
   if (daemon_ <= 0 || ::kill(daemon_, number) != 0) throw std::runtime_error("no daemon to signal");
 }
 
-int installation::end_by(int number) const {
+int installation::shut_down_by(int number) const {
   signal(number);
   return wait_end();
 }

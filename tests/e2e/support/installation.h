@@ -112,7 +112,7 @@ class installation final {
   [[nodiscard]] pid_t daemon() const { return daemon_; }
   void signal(int number) const;
   /// Sends the daemon a signal and waits for its end. @return its exit status.
-  int end_by(int number) const;
+  int shut_down_by(int number) const;
   /// Waits for the daemon's end. @return its exit status.
   int wait_end() const;
 

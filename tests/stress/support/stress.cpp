@@ -236,7 +236,7 @@ bool reload(const installation& place) {
 }
 
 void expect_clean_end(const installation& place) {
-  EXPECT_EQ(place.end_by(SIGUSR2), 0);
+  EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   const std::string log = place.log();
   EXPECT_TRUE(log.ends_with(golden::kClosed))
       << log.substr(log.size() - std::min<std::size_t>(log.size(), 300));
