@@ -5,8 +5,6 @@ instruction. Those of other supervisors become the program; keelmond-run stays, 
 that waits.
 """
 
-import argparse
-import json
 import os
 import shutil
 import signal
@@ -15,11 +13,13 @@ import sys
 import tempfile
 import time
 
+import command
 import prepare
 import report
-from results import median
+from command import ROOT, say
+from procfs import proportional_size
+from results import median, values_of
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 OWN = "keelmond-run"
 FLOOR = "fork and exec"
 FILES = "256"
@@ -28,17 +28,9 @@ REST = 3
 
 
 def parse_arguments():
-    parser = argparse.ArgumentParser(prog="launches", description=__doc__)
-    parser.add_argument("--runs", type=int, default=5, help="how often everything is measured")
+    parser = command.parser("launches", __doc__, 5)
     parser.add_argument("--launches", type=int, default=300, help="starts in each run")
-    parser.add_argument("--smoke", action="store_true",
-                        help="a moment, to see that everything works; no packages are fetched")
-    parser.add_argument("--json", metavar="FILE", help="write all figures")
     return parser.parse_args()
-
-
-def say(text):
-    print(f"[{time.strftime('%H:%M:%S')}] {text}", file=sys.stderr, flush=True)
 
 
 def write_executable(path, text):
@@ -48,8 +40,8 @@ def write_executable(path, text):
     return path
 
 
-class World:
-    """A directory with a program file, and a script that does the same."""
+class Launchers:
+    """What is measured, in a directory with a program file, and a script that does the same."""
 
     def __init__(self, directory, tools):
         self.directory = directory
@@ -58,19 +50,19 @@ class World:
     def find(self, name):
         return shutil.which(name, path=self.tools["PATH"])
 
-    def program_file(self, name, command):
+    def program_file(self, name, words):
         return write_executable(
             os.path.join(self.directory, name),
-            f"#!{self.tools['KEELMOND_RUN']}\n[program]\ncommand = {' '.join(command)}\n"
+            f"#!{self.tools['KEELMOND_RUN']}\n[program]\ncommand = {' '.join(words)}\n"
             f"[limits]\nnofile = {FILES}\n[restart]\non = never\n")
 
-    def script(self, name, command):
+    def script(self, name, words):
         return write_executable(
             os.path.join(self.directory, name),
-            f"#!/bin/sh\nulimit -n {FILES}\n{' '.join(command)} &\nwait $!\n")
+            f"#!/bin/sh\nulimit -n {FILES}\n{' '.join(words)} &\nwait $!\n")
 
-    def launchers(self):
-        """@return the command of each, without those that are not there."""
+    def commands(self):
+        """@return that of each, without those that are not there."""
         stamp = [self.tools["LAUNCH_CLOCK"], "stamp"]
         known = {FLOOR: stamp,
                  "sh, waiting": [self.script("waiting", stamp)],
@@ -82,26 +74,22 @@ class World:
                 known[name] = [path, *options, *stamp]
         return known
 
-    def works(self, command):
-        environment = {**os.environ, "LD_LIBRARY_PATH": self.tools["LD_LIBRARY_PATH"]}
-        return subprocess.run(command, check=False, stderr=subprocess.DEVNULL,
-                              env=environment).returncode == 0
+    def environment(self):
+        return {**os.environ, "LD_LIBRARY_PATH": self.tools["LD_LIBRARY_PATH"]}
+
+    def works(self, words):
+        return subprocess.run(words, check=False, stderr=subprocess.DEVNULL,
+                              env=self.environment()).returncode == 0
 
 
-def measure_starts(world, command, launches):
+def measure_starts(launchers, words, launches):
     """@return microseconds: the median of many starts."""
-    environment = {**os.environ, "LD_LIBRARY_PATH": world.tools["LD_LIBRARY_PATH"]}
-    os.makedirs(os.path.join(world.directory, "notify"), exist_ok=True)
-    done = subprocess.run([world.tools["LAUNCH_CLOCK"], str(launches), *command], check=True,
-                          cwd=world.directory,
+    os.makedirs(os.path.join(launchers.directory, "notify"), exist_ok=True)
+    done = subprocess.run([launchers.tools["LAUNCH_CLOCK"], str(launches), *words], check=True,
+                          cwd=launchers.directory,
                           stdout=subprocess.PIPE, stdin=subprocess.DEVNULL,
-                          stderr=subprocess.DEVNULL, env=environment)
+                          stderr=subprocess.DEVNULL, env=launchers.environment())
     return median([int(line) / 1000 for line in done.stdout.split()])
-
-
-def own_memory(pid):
-    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
-        return next(int(line.split()[1]) for line in file if line.startswith("Pss:"))
 
 
 def switches(pid):
@@ -117,7 +105,7 @@ def measure_rest(path):
         time.sleep(REST)
         before = switches(process.pid)
         time.sleep(REST)
-        return own_memory(process.pid), switches(process.pid) - before
+        return proportional_size(process.pid), switches(process.pid) - before
     finally:
         # The shell's program is nobody else's.
         os.killpg(process.pid, signal.SIGTERM)
@@ -127,14 +115,13 @@ def measure_rest(path):
 def measure(tools, options):
     directory = tempfile.mkdtemp(prefix="launches-")
     try:
-        world = World(directory, tools)
-        launchers = world.launchers()
+        launchers = Launchers(directory, tools)
         launches = 10 if options.smoke else options.launches
-        figures = {name: {"start": measure_starts(world, command, launches)}
-                   for name, command in launchers.items()}
+        figures = {name: {"start": measure_starts(launchers, words, launches)}
+                   for name, words in launchers.commands().items()}
         sleeping = ["sleep", "1000"]
-        for name, path in ((OWN, world.program_file("kmd_sleep", sleeping)),
-                           ("sh, waiting", world.script("sleeping", sleeping))):
+        for name, path in ((OWN, launchers.program_file("kmd_sleep", sleeping)),
+                           ("sh, waiting", launchers.script("sleeping", sleeping))):
             figures[name]["memory"], figures[name]["wakeups"] = measure_rest(path)
         return figures
     finally:
@@ -152,20 +139,16 @@ def lay_over(tools):
                           sys.executable, "-B", *sys.argv])
 
 
-def values(runs, name, key):
-    return [run[name][key] for run in runs if key in run.get(name, {})]
-
-
 def beyond_floor(runs, name):
     return [run[name]["start"] - run[FLOOR]["start"] for run in runs]
 
 
 def tables(runs):
     names = list(runs[0])
-    rows = [[name, report.spread(values(runs, name, "start")),
+    rows = [[name, report.spread(values_of(runs, name, "start")),
              report.spread(beyond_floor(runs, name)) if name != FLOOR else "–",
-             report.spread(values(runs, name, "memory")),
-             report.spread(values(runs, name, "wakeups"))] for name in names]
+             report.spread(values_of(runs, name, "memory")),
+             report.spread(values_of(runs, name, "wakeups"))] for name in names]
     heading = ["", "fork to first instruction, µs", f"beyond {FLOOR}, µs",
                "memory beside the program (PSS), kB", f"wake-ups in {REST} s"]
     return ["**Starts**", "", *report.table(heading, rows)]
@@ -175,8 +158,8 @@ def goals(runs):
     rows = []
     for title, found, most in (
             ("Start beyond that of the program alone, µs", beyond_floor(runs, OWN), 1000),
-            ("Memory beside the program, kB", values(runs, OWN, "memory"), 100),
-            (f"Wake-ups in {REST} s without events", values(runs, OWN, "wakeups"), 0)):
+            ("Memory beside the program, kB", values_of(runs, OWN, "memory"), 100),
+            (f"Wake-ups in {REST} s without events", values_of(runs, OWN, "wakeups"), 0)):
         rows.append([title, report.spread(found), str(most),
                      "met" if median(found) <= most else "missed"])
     return ["**Goals**", "", *report.table(["goal", OWN, "at most", ""], rows)]
@@ -196,9 +179,7 @@ def main():
     machine = prepare.machine()
     print("\n".join(report.preamble(len(runs), machine, prepare.versions()) +
                     ([] if options.smoke else goals(runs)) + tables(runs)))
-    if options.json:
-        with open(options.json, "w", encoding="utf-8") as file:
-            json.dump({"machine": machine, "runs": runs}, file, indent=1)
+    command.write_figures(options, {"machine": machine, "runs": runs})
 
 
 if __name__ == "__main__":

@@ -4,8 +4,6 @@ A program writes lines of 100 bytes as fast as they are taken, in blocks of 4096
 standard library does, or each on its own.
 """
 
-import argparse
-import json
 import os
 import shutil
 import signal
@@ -13,12 +11,14 @@ import sys
 import tempfile
 import time
 
+import command
 import loggers
 import prepare
 import report
-from results import median
+from command import ROOT, say
+from procfs import proportional_size
+from results import median, values_of
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 LINE = 100
 # What the program does, how much it writes, and whether the time is put in front.
 CASES = {
@@ -33,18 +33,10 @@ LONGEST = 600
 
 
 def parse_arguments():
-    parser = argparse.ArgumentParser(prog="logs", description=__doc__)
-    parser.add_argument("--runs", type=int, default=3, help="how often everything is measured")
+    parser = command.parser("logs", __doc__, 3)
     parser.add_argument("--directory", default="/dev/shm" if os.path.isdir("/dev/shm") else None,
                         help="where the logs are written; in memory, unless given")
-    parser.add_argument("--smoke", action="store_true",
-                        help="a moment, to see that everything works; no packages are fetched")
-    parser.add_argument("--json", metavar="FILE", help="write all figures")
     return parser.parse_args()
-
-
-def say(text):
-    print(f"[{time.strftime('%H:%M:%S')}] {text}", file=sys.stderr, flush=True)
 
 
 def fail(logger, why):
@@ -90,11 +82,6 @@ def measure_case(logger, tools, case, divisor):
     return size / 1e6 / seconds, max(used, 0) / (size / 1e9)
 
 
-def proportional_size(pid):
-    with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as file:
-        return next(int(line.split()[1]) for line in file if line.startswith("Pss:"))
-
-
 def measure_memory(logger, tools):
     """@return its proportional set size in kB, long after a line was written."""
     process, source = logger.start([tools["LOG_SOURCE"], "idle"], False)
@@ -131,10 +118,6 @@ def measure(kind, tools, options):
     return figures
 
 
-def values(runs, name, key):
-    return [run[name][key] for run in runs if key in run.get(name, {})]
-
-
 def ratios(runs, name, key):
     """Of each run, keelmond-run's in relation to that one's."""
     pairs = [(run[OWN].get(key), run[name].get(key)) for run in runs if OWN in run and name in run]
@@ -145,11 +128,11 @@ def tables(runs, names):
     cases = list(CASES)
     lines = []
     for title, keys, figure in (
-            ("MB in a second", cases, values),
+            ("MB in a second", cases, values_of),
             ("MB in a second: keelmond-run in relation to it", cases, ratios),
             ("Processor time of the logger for 1 GB, s", [f"{one}: processor" for one in cases],
-             values),
-            ("Memory (PSS) while idle, kB", ["memory"], values)):
+             values_of),
+            ("Memory (PSS) while idle, kB", ["memory"], values_of)):
         rows = [[name, *(report.spread(figure(runs, name, key)) for key in keys)]
                 for name in names]
         heading = [""] if keys == ["memory"] else cases
@@ -160,7 +143,7 @@ def tables(runs, names):
 
 def goals(runs, names):
     rows = []
-    own = values(runs, OWN, "blocks")
+    own = values_of(runs, OWN, "blocks")
     rows.append(["MB in a second, blocks", report.spread(own), "200",
                  "met" if own and median(own) >= 200 else "missed"])
     for name in names:
@@ -188,9 +171,7 @@ def main():
     machine = prepare.machine()
     print("\n".join(report.preamble(len(runs), machine, prepare.versions()) +
                     ([] if options.smoke else goals(runs, names)) + tables(runs, names)))
-    if options.json:
-        with open(options.json, "w", encoding="utf-8") as file:
-            json.dump({"machine": machine, "runs": runs}, file, indent=1)
+    command.write_figures(options, {"machine": machine, "runs": runs})
 
 
 if __name__ == "__main__":

@@ -1,29 +1,28 @@
 """Runs every contender on the same work and shows the figures side by side."""
 
-import argparse
-import json
 import os
 import signal
 import sys
-import time
 from contextlib import ExitStack
 
+import command
 import control
 import growth
 import plan
 import plot
 import prepare
 import report
+from command import ROOT, say
 from contenders import ALL, Keelmond, add_build
 from results import Results
 from world import namespaces_work
 
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-
 
 def parse_arguments():
-    parser = argparse.ArgumentParser(prog="compare", description=__doc__)
-    parser.add_argument("--runs", type=int, default=1, help="how often everything is measured")
+    parser = command.parser(
+        "compare", __doc__, 1,
+        "a few seconds in all, to see that everything works: few programs, no packages fetched, no "
+        "goals shown, no failure where there are no namespaces")
     parser.add_argument("--scale", action="store_true",
                         help="instead of all that: how keelmond grows up to 10,000 programs (or "
                              "--only others); raises kernel.pid_max for as long as it takes")
@@ -44,11 +43,6 @@ def parse_arguments():
                              "idleness")
     parser.add_argument("--also", metavar="LABEL=FILE", action="append", default=[],
                         help="another build of keelmond, to be measured beside this tree's")
-    parser.add_argument("--smoke", action="store_true",
-                        help="a few seconds in all, to see that everything works: few programs, "
-                             "no packages fetched, no goals shown, no failure where there are no "
-                             "namespaces")
-    parser.add_argument("--json", metavar="FILE", help="write all figures")
     parser.add_argument("--svg", metavar="FILE", help="write the plot")
     options = parser.parse_args()
     for label, found, file in (build.partition("=") for build in options.also):
@@ -84,19 +78,14 @@ def _words(text):
     return text.split(",")
 
 
-def say(text):
-    print(f"[{time.strftime('%H:%M:%S')}] {text}", file=sys.stderr, flush=True)
-
-
 def write_results(options, results, machine, versions):
     kind = kind_of(options)
     kind = report if kind is plan else kind
     print("\n".join(report.preamble(len(results.runs), machine, versions, options.realtime) +
                     kind.tables(results, not options.smoke)))
-    if options.json:
-        with open(options.json, "w", encoding="utf-8") as file:
-            json.dump({"machine": machine, "versions": versions, "realtime": options.realtime,
-                       "counts": results.counts, "runs": results.runs}, file, indent=1)
+    command.write_figures(options, {
+        "machine": machine, "versions": versions, "realtime": options.realtime,
+        "counts": results.counts, "runs": results.runs})
     if options.svg:
         with open(options.svg, "w", encoding="utf-8") as file:
             file.write(plot.svg(results))

@@ -85,6 +85,11 @@ def is_pending(pid, signal):
     return pending is not None and bool(int(pending.group(1), 16) >> (signal - 1) & 1)
 
 
+def proportional_size(pid):
+    """In kB; 0 when the process has ended."""
+    return _fields(_read(f"/proc/{pid}/smaps_rollup")).get("Pss", 0)
+
+
 def watches_files(pid):
     """Whether the process has an inotify instance."""
     try:
@@ -160,8 +165,7 @@ class Processes:
 def _memory_of(pid):
     """Proportional set size and page tables in kB, and the number of threads."""
     status = _fields(_read(f"/proc/{pid}/status"))
-    pss = _fields(_read(f"/proc/{pid}/smaps_rollup")).get("Pss", 0)
-    return pss, status.get("VmPTE", 0), status.get("Threads", 0)
+    return proportional_size(pid), status.get("VmPTE", 0), status.get("Threads", 0)
 
 
 def _is_shell(pid):

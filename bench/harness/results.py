@@ -21,6 +21,11 @@ def median(values):
     return ordered[middle] if len(ordered) % 2 else (ordered[middle - 1] + ordered[middle]) / 2
 
 
+def values_of(runs, name, key):
+    """What each run has under a name and a key."""
+    return [run[name][key] for run in runs if key in run.get(name, {})]
+
+
 class Results:
     """All runs: a list of {contender: {count: {kind: figures}}}.
 
