@@ -7,21 +7,16 @@
 
 #include <atomic>
 #include <cerrno>
-#include <chrono>
-#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
-#include <functional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "common/log/log_file.h"
 #include "common/misc/unique_fd.h"
 #include "process/child.h"
 #include "process/server_config.h"
-#include "process/shutdown_gate.h"
 #include "tests/process/imagined_programs.h"
 #include "tests/process/supervision.h"
 #include "tests/support/fault.h"
@@ -31,9 +26,6 @@
 #include "tests/support/wait_until.h"
 
 namespace {
-
-using std::chrono::milliseconds;
-using steady = std::chrono::steady_clock;
 
 /// Notes changes of the log and of the liveness files, in their order.
 class file_changes final {
@@ -372,170 +364,6 @@ TEST(fun_monitor, ends_when_its_program_has_ended_more_than_200000_times) {
               "monitor often Start 11.\r\n");
     EXPECT_FALSE(monitor.IsRunning());
     EXPECT_EQ(programs.forks, 200001);
-  });
-}
-
-TEST(fun_monitor, stop_process_runs_and_prints_the_command_and_touches_nothing_else) {
-  in_child([] {
-    const supervision& world = supervision::begin();
-    Tfun_monitor monitor("/a/b", "name", "run");
-    const std::string seen = std::filesystem::current_path() / "seen";
-    ::signal(SIGCHLD, SIG_DFL);
-    faults.execv = [&](const char* path, char* const* arguments) -> int {
-      write_file(seen,
-                 std::string(path) + "|" + arguments[0] + "|" + arguments[1] + "|" + arguments[2]);
-      ::_exit(12);
-    };
-    monitor.stop_process();
-    EXPECT_EQ(read_file(seen), "/bin/sh|sh|-c|kill -USR2 `pgrep name`");
-    EXPECT_EQ(world.printed(), "kill -USR2 result: kill -USR2 `pgrep name`, 3072 \r\n");
-    EXPECT_EQ(world.log(), "");
-    EXPECT_EQ(monitor.last_pid(), 0);
-    EXPECT_FALSE(monitor.IsRunning());
-  });
-}
-
-TEST(fun_monitor, stop_process_does_not_change_the_state) {
-  in_child([] {
-    supervision::begin();
-    imagined_programs& programs = imagined_programs::begin();
-    Tfun_monitor& monitor = new_monitor("/a/b", "still");
-    monitor.Start();
-    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    faults.pipe2 = without_pipes;
-    monitor.stop_process();
-    programs.end_one();
-    EXPECT_TRUE(wait_until([&] { return programs.is_waiting(2); }));
-    EXPECT_EQ(programs.sleeps, 0);
-  });
-}
-
-TEST(fun_monitor, a_stop_command_that_matches_nothing_shows_only_in_its_result) {
-  in_child([] {
-    const supervision& world = supervision::begin();
-    ::signal(SIGCHLD, SIG_DFL);
-    const std::string name = unique_name();
-    Tfun_monitor("/a/b", name.c_str(), "run").stop_process();
-    const std::string printed = world.printed();
-    const std::string start = "kill -USR2 result: kill -USR2 `pgrep " + name + "`, ";
-    ASSERT_EQ(printed.substr(0, start.size()), start);
-    EXPECT_NE(std::stoi(printed.substr(start.size())), 0);
-    EXPECT_EQ(printed.substr(printed.size() - 3), " \r\n");
-    EXPECT_EQ(world.log(), "");
-  });
-}
-
-TEST(fun_monitor, a_stop_command_that_would_have_to_be_cut_is_not_run) {
-  in_child([] {
-    const supervision& world = supervision::begin();
-    ::signal(SIGCHLD, SIG_DFL);
-    faults.execv = [](const char*, char* const*) -> int { ::_exit(0); };
-    const std::string longest(236, 'n');
-    Tfun_monitor("/a/b", longest.c_str(), "run").stop_process();
-    const std::string command = "kill -USR2 `pgrep " + longest + "`";
-    EXPECT_EQ(command.size(), 255U);
-    EXPECT_EQ(world.printed(), "kill -USR2 result: " + command + ", 0 \r\n");
-    Tfun_monitor("/a/b", (longest + "m").c_str(), "run").stop_process();
-    EXPECT_EQ(world.printed(), "kill -USR2 result: " + command + ", 0 \r\n");
-  });
-}
-
-// How the monitors come to rest when the supervisor shuts down.
-
-TEST(fun_monitor_at_shutdown, the_end_of_a_program_is_recorded_but_it_is_not_started_again) {
-  in_child([] {
-    const supervision& world = supervision::begin();
-    imagined_programs& programs = imagined_programs::begin();
-    auto* monitor = &new_monitor("/a/b", "stopping");
-    monitor->Start();
-    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    EXPECT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)))
-        << "who waits for a program is outside";
-    g_shutdown_gate.forbid_launches();
-    programs.end_one();
-    ASSERT_TRUE(wait_until([&] { return Tfun_monitor::programs_alive() == 0; }));
-    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
-    EXPECT_TRUE(never([&] { return programs.forks > 1; }));
-    EXPECT_EQ(world.log(), launched(5000000) + exited("5000000", 0));
-    g_shutdown_gate.close();
-    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
-    delete monitor;
-  });
-}
-
-TEST(fun_monitor_at_shutdown, a_program_that_outlives_the_monitor_is_not_recorded) {
-  in_child([] {
-    const supervision& world = supervision::begin();
-    imagined_programs& programs = imagined_programs::begin();
-    auto* monitor = &new_monitor("/a/b", "late");
-    monitor->Start();
-    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    g_shutdown_gate.forbid_launches();
-    g_shutdown_gate.close();
-    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
-    const std::string log = world.log();
-    delete monitor;
-    delete g_logFile;
-    g_logFile = nullptr;
-    programs.end_one();
-    EXPECT_TRUE(never([&] { return programs.forks > 1 || world.printed() != ""; }));
-    EXPECT_EQ(world.log(), log + golden::kClosed);
-  });
-}
-
-TEST(fun_monitor_at_shutdown, an_idle_monitor_stops_when_its_second_is_over) {
-  in_child([] {
-    supervision::begin();
-    imagined_programs& programs = imagined_programs::begin();
-    auto* monitor = &new_monitor("/a/b", "idle", "stop");
-    monitor->Start();
-    ASSERT_TRUE(wait_until([&] { return programs.sleeps > 1; }));
-    g_shutdown_gate.close();
-    ASSERT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20)));
-    delete monitor;
-    const int sleeps = programs.sleeps;
-    EXPECT_TRUE(never([&] { return programs.sleeps > sleeps + 1; }));
-  });
-}
-
-TEST(fun_monitor_thread, is_one_however_often_it_is_started) {
-  in_child([] {
-    supervision::begin();
-    imagined_programs& programs = imagined_programs::begin();
-    std::atomic<int> created{0};
-    faults.pthread_create = [&](pthread_t* thread, const pthread_attr_t* attributes,
-                                void* (*body)(void*), void* argument) {
-      ++created;
-      return real::pthread_create(thread, attributes, body, argument);
-    };
-    Tfun_monitor& monitor = new_monitor("/a/b", "often");
-    for (int i = 0; i < 10; ++i)
-      monitor.Start();
-    ASSERT_TRUE(wait_until([&] { return programs.is_waiting(1); }));
-    monitor.Start();
-    EXPECT_EQ(created, 1);
-    EXPECT_TRUE(never([&] { return programs.forks > 1; }));
-  });
-}
-
-TEST(fun_monitor_thread, is_inside_the_gate_from_its_creation_on_and_not_when_creating_it_fails) {
-  in_child([] {
-    supervision::begin();
-    imagined_programs& programs = imagined_programs::begin();
-    Tfun_monitor& monitor = new_monitor("/a/b", "gated");
-    faults.pthread_create = [](auto...) { return EAGAIN; };
-    monitor.Start();
-    EXPECT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::milliseconds(0)));
-    static bool inside_when_created = false;
-    faults.pthread_create = [](pthread_t* thread, const pthread_attr_t* attributes,
-                               void* (*body)(void*), void* argument) {
-      inside_when_created = !g_shutdown_gate.wait_until_empty(std::chrono::milliseconds(0));
-      return real::pthread_create(thread, attributes, body, argument);
-    };
-    monitor.Start();
-    EXPECT_TRUE(inside_when_created);
-    EXPECT_TRUE(wait_until([&] { return programs.is_waiting(1); })) << "a later start tries again";
-    EXPECT_TRUE(g_shutdown_gate.wait_until_empty(std::chrono::seconds(20))) << "it waits";
   });
 }
 
