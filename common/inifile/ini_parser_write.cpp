@@ -1,30 +1,18 @@
 #include <fcntl.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 
 #include "common/inifile/ini_line.h"
 #include "common/inifile/ini_number.h"
 #include "common/inifile/ini_parser.h"
+#include "common/misc/small_file.h"
 #include "common/misc/unique_fd.h"
 
 namespace {
 
 std::string assignment_line(const std::string& key, const std::string& value) {
   return key + "=" + value;
-}
-
-/// @return whether the whole text was written.
-bool write_whole(int fd, std::string_view text) noexcept {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return true;
 }
 
 }  // namespace

@@ -50,7 +50,8 @@ bool write_whole(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t written = ::write(fd, text.data(), text.size());
     if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return false;
+    if (written == 0) errno = ENOSPC;
+    if (written <= 0) return false;
     text.remove_prefix(static_cast<std::size_t>(written));
   }
   return true;
