@@ -192,12 +192,14 @@ void* watch_file(void* argument) {
 
 void server_config_changed(int sig) {
   if (sig != SIGUSR1) return;
+  const int errno_before = errno;
   try {
     loadServerConfig(kConfigPath);
   } catch (const std::exception& failure) {
     // Out of memory, most likely. The programs run on, and the next reload tries again.
     console::report_failure("loadServerConfig", failure.what());
   }
+  errno = errno_before;
 }
 
 void monitorServerConfig(const char* path) {

@@ -67,7 +67,7 @@ TEST(control_up, leaves_a_daemon_that_runs_alone) {
   EXPECT_EQ(again.status, 0) << again.errors;
   EXPECT_NE(again.output.find("keelmond runs already"), std::string::npos);
   EXPECT_EQ(daemon_of(place), daemon);
-  EXPECT_EQ(place.starts(name), 1U);
+  place.wait_running(name);
 }
 
 TEST(control_up, removes_a_pid_file_that_is_left_over) {
@@ -100,7 +100,7 @@ TEST(control_up, stops_what_a_killed_daemon_left_running_before_it_starts_it_aga
       << up.output;
   EXPECT_EQ(place.running(name).size(), 1U);
   EXPECT_NE(place.running(name).front(), before);
-  EXPECT_EQ(place.starts(name), 2U);
+  place.wait_running(name, 2);
 }
 
 TEST(control_up, finds_left_over_programs_whose_child_of_keelmond_is_gone_too) {
@@ -174,6 +174,7 @@ TEST(control_down, shuts_the_daemon_down_with_its_programs) {
   const std::string second = place.add_steady();
   place.save({place.entry(first), place.entry(second)});
   ASSERT_EQ(control(place, {"up"}).status, 0);
+  place.wait_running(first);
   const control_result down = control(place, {"down"});
   EXPECT_EQ(down.status, 0) << down.errors;
   EXPECT_TRUE(place.running(first).empty());

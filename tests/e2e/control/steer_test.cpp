@@ -54,7 +54,7 @@ TEST(control_stop, returns_when_the_program_has_ended_and_start_when_it_is_back)
   const control_result start = control(here.place, {"start", here.name});
   EXPECT_EQ(start.status, 0) << start.errors;
   EXPECT_TRUE(contains(start.output, here.name + " runs (PID "));
-  EXPECT_EQ(here.place.starts(here.name), 2U);
+  here.place.wait_running(here.name, 2);
   EXPECT_TRUE(contains(here.place.read("config/server.ini"), "state=run"));
 }
 
