@@ -76,7 +76,7 @@ class watch_over final {
     return fd;
   }
 
-  void find();
+  void start(milliseconds limit);
   void reap();
   void await_last_thread();
   event next();
@@ -95,11 +95,18 @@ class watch_over final {
   steady::time_point found_at_;
 };
 
-void watch_over::find() {
-  daemon_ = need_daemon(here_, here_.look());
+void watch_over::start(milliseconds limit) {
+  daemon_ = ensure_daemon(here_, limit);
   handle_.emplace(here_.proc, daemon_);
   status_.reset();
   found_at_ = steady::now();
+  try {
+    // Programs that cannot be started are no reason to leave those that can.
+    wait_for_programs(here_, limit);
+  } catch (const failure&) {
+    // The daemon has ended, as `next` tells when its last thread has gone. Or something is wrong.
+    if (!handle_->wait_end(kGrace)) throw;
+  }
 }
 
 void watch_over::reap() {
@@ -119,7 +126,7 @@ void watch_over::await_last_thread() {
 
 watch_over::event watch_over::next() {
   pollfd requests[] = {{signals_.get(), POLLIN, 0}, {handle_->fd(), POLLIN, 0}};
-  ::poll(requests, 2, -1);
+  ::poll(requests, 2, handle_->valid() ? -1 : 0);
   reap();
   signalfd_siginfo signal{};
   while (::read(signals_.get(), &signal, sizeof signal) == sizeof signal) {
@@ -168,15 +175,11 @@ std::optional<int> watch_over::after_end() {
 
 void watch_over::start_again() {
   if (steady::now() - found_at_ < kLived) std::this_thread::sleep_for(kLived);
-  up_options again = options_;
-  again.timeout = std::max(options_.timeout, kGrace);
-  bring_up(here_, again);
-  reap();
-  find();
+  start(std::max(options_.timeout, kGrace));
 }
 
 int watch_over::run() {
-  find();
+  start(options_.timeout);
   notify("READY=1");
   for (;;) {
     switch (next()) {
@@ -194,15 +197,17 @@ int watch_over::run() {
   }
 }
 
-}  // namespace
-
+/// Has orphans below this process handed to it, and its signals wait for `watch_over`.
 void become_reaper() {
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   const sigset_t set = own_signals();
   ::sigprocmask(SIG_BLOCK, &set, nullptr);
 }
 
+}  // namespace
+
 int stay_with_daemon(const session& here, const up_options& options) {
+  become_reaper();
   return watch_over(here, options).run();
 }
 

@@ -50,36 +50,6 @@ bool is_pending(const program_status& one) {
   return one.now == actual::starting;
 }
 
-int wait_for_programs(const session& here, milliseconds limit) {
-  const auto end = steady::now() + limit;
-  std::vector<program_status> programs;
-  process daemon;
-  for (;;) {
-    const snapshot now = here.look();
-    daemon = need_daemon(here, now);
-    programs = wanted_programs(here, now);
-    if (std::none_of(programs.begin(), programs.end(), is_pending) || steady::now() >= end) break;
-    std::this_thread::sleep_for(kLookEvery);
-  }
-  std::size_t alive = 0;
-  for (const program_status& one : programs) {
-    if (one.program) {
-      ++alive;
-    } else {
-      warn(here,
-           one.name + " is not alive: " +
-               (one.why.empty() ? "it has not been started in time; see keelmond.log" : one.why));
-    }
-  }
-  const std::string how_many =
-      programs.empty() ? "and there is no program to run: `keelmondctl add NAME` lists one"
-                       : std::to_string(alive) + " of " + std::to_string(programs.size()) +
-                             " programs that are to run are alive";
-  say("keelmond runs in " + here.place.directory + " (PID " + std::to_string(daemon.pid) + "), " +
-      how_many);
-  return alive == programs.size() ? exit_status::kDone : exit_status::kFailed;
-}
-
 process await_daemon(const session& here, milliseconds limit) {
   const auto end = steady::now() + limit;
   do {
@@ -119,28 +89,53 @@ process launch_daemon(const session& here, milliseconds limit) {
   return await_daemon(here, limit);
 }
 
-int bring_up(const session& here, const up_options& options) {
+process ensure_daemon(const session& here, milliseconds limit) {
   require_config(here, here.look());
-  {
-    const config_lock alone(here.place.config_file());
+  const config_lock alone(here.place.config_file());
+  const snapshot now = here.look();
+  if (now.search.daemon) {
+    say("keelmond runs already");
+    return *now.search.daemon;
+  }
+  make_live_directory(here);
+  stop_left_over(here, now, limit);
+  return launch_daemon(here, limit);
+}
+
+int wait_for_programs(const session& here, milliseconds limit) {
+  const auto end = steady::now() + limit;
+  std::vector<program_status> programs;
+  process daemon;
+  for (;;) {
     const snapshot now = here.look();
-    if (now.search.daemon) {
-      say("keelmond runs already");
+    daemon = need_daemon(here, now);
+    programs = wanted_programs(here, now);
+    if (std::none_of(programs.begin(), programs.end(), is_pending) || steady::now() >= end) break;
+    std::this_thread::sleep_for(kLookEvery);
+  }
+  std::size_t alive = 0;
+  for (const program_status& one : programs) {
+    if (one.program) {
+      ++alive;
     } else {
-      make_live_directory(here);
-      stop_left_over(here, now, options.timeout);
-      launch_daemon(here, options.timeout);
+      warn(here,
+           one.name + " is not alive: " +
+               (one.why.empty() ? "it has not been started in time; see keelmond.log" : one.why));
     }
   }
-  return wait_for_programs(here, options.timeout);
+  const std::string how_many =
+      programs.empty() ? "and there is no program to run: `keelmondctl add NAME` lists one"
+                       : std::to_string(alive) + " of " + std::to_string(programs.size()) +
+                             " programs that are to run are alive";
+  say("keelmond runs in " + here.place.directory + " (PID " + std::to_string(daemon.pid) + "), " +
+      how_many);
+  return alive == programs.size() ? exit_status::kDone : exit_status::kFailed;
 }
 
 int run_up(const session& here, const up_options& options) {
-  if (!options.foreground) return bring_up(here, options);
-  become_reaper();
-  // Programs that cannot be started are no reason to leave those that can.
-  bring_up(here, options);
-  return stay_with_daemon(here, options);
+  if (options.foreground) return stay_with_daemon(here, options);
+  ensure_daemon(here, options.timeout);
+  return wait_for_programs(here, options.timeout);
 }
 
 }  // namespace control

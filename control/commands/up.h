@@ -12,12 +12,16 @@ struct up_options {
   bool restart = true;      ///< In the foreground, of a daemon that was killed.
 };
 
-/// Starts the daemon unless it runs, and waits until the programs marked "run" are alive. What an
-/// earlier daemon left behind is stopped first.
+/// Starts the daemon unless it runs, and waits until the programs marked "run" are alive.
 int run_up(const session& here, const up_options& options);
 
-/// What `run_up` does before it stays.
-int bring_up(const session& here, const up_options& options);
+/// Starts the daemon unless it runs. What an earlier daemon left behind is stopped first.
+/// @return the daemon. @throws failure when there is none, and why.
+process ensure_daemon(const session& here, std::chrono::milliseconds limit);
+
+/// Waits until the programs marked "run" are alive, and says how many are.
+/// @return 0 when all are. @throws failure when the daemon ends meanwhile.
+int wait_for_programs(const session& here, std::chrono::milliseconds limit);
 
 /// Stops programs that a daemon left behind, by SIGUSR2 and those that do not end by SIGKILL, and
 /// says so. @return how many there were.

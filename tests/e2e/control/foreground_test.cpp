@@ -7,11 +7,15 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 #include "tests/e2e/control/control_command.h"
 #include "tests/e2e/support/installation.h"
 #include "tests/support/wait_until.h"
+
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -54,6 +58,16 @@ class notify_socket final {
  private:
   int fd_;
 };
+
+/// Whether the process holds on to another one.
+bool holds_process(pid_t pid) {
+  std::error_code gone;
+  const fs::path descriptors = "/proc/" + std::to_string(pid) + "/fd";
+  for (const auto& one : fs::directory_iterator(descriptors, gone)) {
+    if (contains(fs::read_symlink(one.path(), gone).string(), "pidfd")) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -115,6 +129,23 @@ TEST(control_foreground, ends_with_the_daemon_when_it_is_not_to_restart_it) {
   ::kill(daemon, SIGKILL);
   EXPECT_EQ(up.wait().status, 1);
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(pid); }));
+}
+
+TEST(control_foreground, notices_that_the_daemon_is_killed_while_programs_start) {
+  foreground here({"--no-restart", "--timeout", "200s"});
+  const std::string never = "kmf_never";
+  write_file(here.place.site() / never,
+             "#!" KEELMOND_RUN_BINARY "\n[program]\ncommand = true\nbefore = sleep 1000\n");
+  fs::permissions(here.place.site() / never, fs::perms::owner_all);
+  here.place.save(
+      {here.place.entry(here.name), {.name = never, .exepath = here.place.site() / never}});
+  running_control up(here.place, here.arguments);
+  const pid_t pid = here.wait_running(1);
+  ASSERT_TRUE(wait_until([&] { return holds_process(up.pid()); })) << "it has found the daemon";
+  ::kill(daemon_of(here.place), SIGKILL);
+  EXPECT_EQ(up.wait().status, 1);
+  EXPECT_TRUE(contains(up.errors(), "was killed by signal 9")) << up.errors();
+  EXPECT_FALSE(process_table::is_alive(pid));
 }
 
 TEST(control_foreground, ends_when_somebody_else_shuts_the_daemon_down) {
