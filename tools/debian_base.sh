@@ -29,7 +29,7 @@ make_base() {
   rm -rf --one-file-system "$base"
   mkdir -p "$base"
   echo "Making a Debian 12 in $base"
-  debootstrap --variant=minbase --include=systemd-sysv,procps,adduser,logrotate,mawk \
+  debootstrap --variant=minbase --include=systemd-sysv,procps,logrotate,mawk \
     bookworm "$base" "$archive" >"$base.log" 2>&1 || {
     tail "$base.log" >&2
     echo "debootstrap failed. What it says is in $base.log" >&2
