@@ -27,6 +27,7 @@ class Contender(Tool):
 
     title = ""
     most_programs = None  # a limit that is built in
+    patience = None  # with more programs it takes minutes, and is not asked
     takes_additions = True
     process = None
 
@@ -339,7 +340,66 @@ class Supervisor(Contender):
         server.supervisor.addProcessGroup(self.added)
 
 
-ALL = [FloorExec, FloorSystem, Keelmond, Runit, S6, Daemontools, Supervisor]
+class Monit(Contender):
+    """It does not start programs as its children: each has a file with its process id, and once in
+    a second, which is the least, all of them are looked at.
+    """
+
+    name = "monit"
+    title = "monit"
+    patience = 100
+    executables = ("monit",)
+    variables = ("PATH",)
+
+    def prepare(self, names):
+        super().prepare(names)
+        self.names = list(names)
+        self._write("monitrc")
+
+    def _pid_file(self, name):
+        return self.path("p", name + ".pid")
+
+    def _write(self, file):
+        lines = ["set daemon 1", f"set pidfile {self.path('monit.pid')}",
+                 f"set idfile {self.path('monit.id')}", f"set statefile {self.path('monit.state')}",
+                 f"set httpd unixsocket {self.path('monit.sock')} allow bench:bench"]
+        for name in self.names:
+            program, pid_file = self.path("p", name), self._pid_file(name)
+            lines += [f"check process {name} with pidfile {pid_file}",
+                      f"  start program = \"/bin/sh -c '{program} & echo $! >{pid_file}'\"",
+                      # For so long nothing else is looked at when it ends at once.
+                      "    with timeout 1 seconds",
+                      f"  stop program = \"/bin/sh -c 'kill $(cat {pid_file})'\""]
+        with open(self.path(file), "w", encoding="ascii") as out:
+            # It reads no file that others may read.
+            os.fchmod(out.fileno(), 0o600)
+            out.write("\n".join(lines) + "\n")
+
+    def command(self):
+        return [self.find("monit"), "-I", "-c", self.path("monitrc")]
+
+    def prepare_addition(self, name):
+        self.link_program(name)
+        self.names.append(name)
+        self._write("monitrc.new")
+
+    def add(self):
+        os.rename(self.path("monitrc.new"), self.path("monitrc"))
+        self.process.send_signal(signal.SIGHUP)
+
+    def end(self):
+        # Its own end leaves the programs running.
+        subprocess.run([self.find("monit"), "-c", self.path("monitrc"), "stop", "all"],
+                       env=self.environment(), check=True, stdout=subprocess.DEVNULL)
+        for name in self.names:
+            with open(self._pid_file(name), encoding="ascii") as file:
+                pid = int(file.read())
+            while not procfs.is_zombie(pid):
+                time.sleep(0.005)
+        self.process.send_signal(signal.SIGTERM)
+
+
+ALL = [FloorExec, FloorSystem, Keelmond, Runit, S6, Daemontools, Supervisor, Monit]
 BY_NAME = {contender.name: contender for contender in ALL}
 
 

@@ -50,11 +50,14 @@ class Run:
     def measure(self):
         if {"scale", "end"} & set(self.plan.parts):
             for count in self.plan.counts:
-                for contender in self.contenders:
+                for contender in self._those_for(count):
                     self._measure_scale(contender, count)
         if "gaps" in self.plan.parts:
             self._measure_gaps()
         return self.figures
+
+    def _those_for(self, count):
+        return [one for one in self.contenders if one.patience is None or count <= one.patience]
 
     def _world(self, contender, count):
         return World(contender, count, self.tools, self.plan.realtime)
@@ -102,7 +105,7 @@ class Run:
         with ExitStack() as stack:
             living = []
             for count in counts:
-                for contender in self.contenders:
+                for contender in self._those_for(count):
                     self.say(f"{contender.title}: {count} programs start for the gaps")
                     living.append(stack.enter_context(self._world(contender, count)))
                     living[-1].ask("start")

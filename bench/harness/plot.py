@@ -8,7 +8,8 @@ from report import KILL, MEMORY, QUICK, number
 from results import median
 
 COLOURS = {"floor-exec": "#9a9a9a", "floor-system": "#5c5c5c", "keelmond": "#c8102e",
-           "runit": "#1f77b4", "s6": "#2a9d50", "daemontools": "#b8860b", "supervisor": "#7b4ab0"}
+           "runit": "#1f77b4", "s6": "#2a9d50", "daemontools": "#b8860b", "supervisor": "#7b4ab0",
+           "monit": "#8c6d5a"}
 OTHER_COLOURS = ("#e0812f", "#17a2b8", "#d65f9b", "#7f6a50")
 HEIGHT = 420
 TOP = 56

@@ -10,7 +10,8 @@ import re
 import shutil
 import subprocess
 
-PACKAGES = ("runit", "s6", "daemontools", "supervisor", "python3-pkg-resources")
+CONTENDERS = ("runit", "s6", "daemontools", "supervisor", "monit")
+PACKAGES = (*CONTENDERS, "python3-pkg-resources")
 # What the packages need and a machine may not have.
 LIBRARIES = re.compile(r"^lib(s6|skarnet|execline)[0-9.-]")
 
@@ -104,7 +105,7 @@ def available_contenders(found_tools, contenders, only, say):
 def versions():
     """The contenders' versions as Debian counts them."""
     found = {}
-    for package in PACKAGES[:4]:
+    for package in CONTENDERS:
         shown = _run_quietly(["apt-cache", "policy", package]) or ""
         candidate = re.search(r"Candidate: (\S+)", shown)
         if candidate and candidate.group(1) != "(none)":
