@@ -1,10 +1,10 @@
 #include "control/commands/down.h"
 
-#include <algorithm>
 #include <csignal>
 #include <thread>
 #include <tuple>
 
+#include "control/proc/deadline.h"
 #include "control/proc/process_handle.h"
 #include "control/site/stopping.h"
 #include "control/text/failure.h"
@@ -18,10 +18,6 @@ using steady = std::chrono::steady_clock;
 constexpr milliseconds kLookEvery{2};
 /// How long what was killed may take to be gone.
 constexpr milliseconds kKilled{5000};
-
-milliseconds left_until(steady::time_point end) {
-  return std::max(std::chrono::duration_cast<milliseconds>(end - steady::now()), milliseconds(0));
-}
 
 std::vector<running_program> everything(const snapshot& now) {
   std::vector<running_program> programs = now.running;

@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdint>
 #include <tuple>
 
 #include "common/misc/unique_fd.h"
 #include "control/commands/program_names.h"
+#include "control/proc/deadline.h"
 #include "control/proc/process_handle.h"
 #include "control/site/program_status.h"
 #include "control/text/failure.h"
@@ -47,7 +47,7 @@ class site_events final {
   unique_fd fd_;
 };
 
-/// How things stand with the programs that are waited for.
+/// What is known of the programs that are waited for.
 struct standing {
   std::vector<std::string> missing;     ///< Not as wanted.
   bool launching = false;               ///< One of them is on its way.
@@ -78,12 +78,6 @@ standing look(const session& here, const wait_options& options) {
   return found;
 }
 
-int left_until(const std::optional<steady::time_point>& end) {
-  if (!end) return -1;
-  const auto left = std::chrono::duration_cast<milliseconds>(*end - steady::now()).count();
-  return static_cast<int>(std::clamp<long>(left, 0, INT_MAX));
-}
-
 void sleep_until_something_happens(const site_events& events, const standing& now, int limit) {
   std::vector<pollfd> requests = {{events.fd(), POLLIN, 0}};
   for (const process_handle& one : now.running) {
@@ -110,7 +104,7 @@ int run_wait(const session& here, const wait_options& options) {
     if (end && steady::now() >= *end) {
       throw failure((options.down ? "still running: " : "not alive: ") + joined(now.missing));
     }
-    sleep_until_something_happens(events, now, left_until(end));
+    sleep_until_something_happens(events, now, end ? poll_time_until(*end) : -1);
   }
 }
 

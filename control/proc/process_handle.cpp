@@ -9,6 +9,8 @@
 #include <string>
 #include <system_error>
 
+#include "control/proc/deadline.h"
+
 namespace control {
 
 process_handle::process_handle(const proc_dir& proc, const process& known) : who_(known) {
@@ -37,21 +39,15 @@ bool process_handle::wait_end(std::chrono::milliseconds limit) const {
   const auto end = std::chrono::steady_clock::now() + limit;
   pollfd request{fd_.get(), POLLIN, 0};
   for (;;) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    const int ready = ::poll(&request, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+    const int ready = ::poll(&request, 1, poll_time_until(end));
     if (ready >= 0 || errno != EINTR) return ready > 0;
   }
 }
 
 bool wait_all_ended(const std::vector<process_handle>& handles, std::chrono::milliseconds limit) {
   const auto end = std::chrono::steady_clock::now() + limit;
-  for (const process_handle& one : handles) {
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-        end - std::chrono::steady_clock::now());
-    if (!one.wait_end(std::max(left, std::chrono::milliseconds(0)))) return false;
-  }
-  return true;
+  return std::all_of(handles.begin(), handles.end(),
+                     [&](const process_handle& one) { return one.wait_end(left_until(end)); });
 }
 
 }  // namespace control

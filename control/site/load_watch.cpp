@@ -4,22 +4,18 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <thread>
+
+#include "control/proc/deadline.h"
 
 namespace control {
 namespace {
 
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
-
-int left_until(steady::time_point end) {
-  const auto left = std::chrono::duration_cast<milliseconds>(end - steady::now());
-  return static_cast<int>(std::max<long>(left.count(), 0));
-}
 
 bool take_events(int fd) {
   alignas(inotify_event) char events[4096];
@@ -52,7 +48,7 @@ bool load_watch::wait(milliseconds limit) {
 bool load_watch::wait_read(steady::time_point end) {
   pollfd requests[] = {{events_.get(), POLLIN, 0}, {daemon_.fd(), POLLIN, 0}};
   while (!read_) {
-    const int ready = ::poll(requests, 2, left_until(end));
+    const int ready = ::poll(requests, 2, poll_time_until(end));
     if (ready == 0 || requests[1].revents != 0) return false;
     if (requests[0].revents != 0) read_ = take_events(events_.get());
   }
