@@ -45,9 +45,7 @@ void save_in_place(const fs::path& path, const std::string& text) {
 TEST(reload, stops_a_program_that_is_set_to_stop) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t program = place.wait_running(name);
+  const pid_t program = place.start_with(name);
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
   const std::string before = place.console();
 
@@ -70,9 +68,7 @@ TEST(reload, stops_a_program_that_is_set_to_stop) {
 TEST(reload, starts_a_stopped_program_again_within_about_a_second) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   place.edit({place.entry(name, "stop")});
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched + golden::kExited);
   place.wait_watching();
@@ -95,9 +91,7 @@ TEST(reload, starts_a_program_that_is_added) {
   installation place;
   const std::string first = place.add_steady();
   const std::string second = place.add_steady();
-  place.save({place.entry(first)});
-  place.start();
-  const pid_t running = place.wait_running(first);
+  const pid_t running = place.start_with(first);
   const std::string before = place.console();
 
   place.edit({place.entry(first), place.entry(second)});
@@ -112,10 +106,7 @@ TEST(reload, keeps_a_program_running_whose_entry_is_gone) {
   installation place;
   const std::string first = place.add_steady();
   const std::string second = place.add_steady();
-  place.save({place.entry(first), place.entry(second)});
-  place.start();
-  place.wait_running(first);
-  const pid_t running = place.wait_running(second);
+  const pid_t running = place.start_with({first, second}).back();
   const std::string before = place.console();
 
   place.edit({place.entry(first)});
@@ -139,9 +130,7 @@ TEST(reload, changes_the_path_of_a_known_program_only_for_the_next_start) {
     const std::string line = place.notes(name).back();
     return line.substr(line.find(' ') + 1);
   };
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t first = place.wait_running(name);
+  const pid_t first = place.start_with(name);
 
   place.edit({{name, other.string()}});
   ::kill(first, SIGKILL);
@@ -158,9 +147,7 @@ TEST(reload, sees_a_save_in_place_once_and_whole) {
   installation place;
   const std::string first = place.add_steady();
   const std::string second = place.add_steady();
-  place.save({place.entry(first)});
-  place.start();
-  const pid_t running = place.wait_running(first);
+  const pid_t running = place.start_with(first);
   const std::string before = place.console();
 
   place.edit_by([&] {
@@ -239,9 +226,7 @@ TEST(reload, happens_for_a_signal_too_and_within_the_pause) {
 TEST(reload, survives_a_burst_of_signals) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t program = place.wait_running(name);
+  const pid_t program = place.start_with(name);
   for (int i = 0; i < 200; ++i)
     place.signal(SIGUSR1);
   EXPECT_TRUE(wait_until([&] { return place.loads() >= 2; }));
@@ -282,9 +267,7 @@ TEST(reload, removes_the_mark_of_a_program_that_is_to_stop_though_it_never_ran) 
 TEST(reload, lets_a_program_run_out_whose_state_is_neither_run_nor_stop) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t program = place.wait_running(name);
+  const pid_t program = place.start_with(name);
   place.save({place.entry(name, "pause")});
   reload(place);
   EXPECT_TRUE(keeps([&] { return process_table::is_alive(program); }));

@@ -34,9 +34,7 @@ std::string pid_file_reader(const installation& place) {
 
 /// Starts the installation with one program and waits until its launch is on record.
 void start_one(installation& place, const std::string& name) {
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   expect_log(place, std::string(golden::kLogStart) + golden::kLaunched);
 }
 
@@ -72,10 +70,7 @@ TEST(shutdown_by_usr2, stops_the_programs_in_the_order_of_the_list) {
   installation place;
   const std::vector<std::string> names{place.add_steady(), place.add_steady(), place.add_steady()};
   // Listed against the order of their names.
-  place.save({place.entry(names[2]), place.entry(names[0]), place.entry(names[1])});
-  place.start();
-  for (const std::string& name : names)
-    place.wait_running(name);
+  place.start_with({names[2], names[0], names[1]});
   ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched sub process") == 3; }));
 
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
@@ -284,9 +279,7 @@ TEST(shutdown_with_a_log_that_hangs, does_not_wait_for_the_log) {
     installation place;
     const slow_log log(place);
     const std::string name = place.add_steady();
-    place.save({place.entry(name)});
-    place.start();
-    place.wait_running(name);
+    place.start_with(name);
     log.fill();
     EXPECT_EQ(place.shut_down_by(request), 0);
     EXPECT_EQ(place.has("run.pid"), request == SIGINT);

@@ -91,9 +91,7 @@ TEST(start, writes_its_lines_to_console_and_log_in_order) {
 TEST(start, logs_the_child_that_runs_the_program_as_its_process) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t program = place.wait_running(name);
+  const pid_t program = place.start_with(name);
   const auto children = place.children();
   ASSERT_EQ(children.size(), 1U);
   EXPECT_TRUE(process_table::is_below(program, children[0]));
@@ -253,9 +251,7 @@ TEST(start, supervises_without_a_notify_directory_and_creates_none) {
   installation place;
   fs::remove(place.site() / "notify");
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t program = place.wait_running(name);
+  const pid_t program = place.start_with(name);
   ::kill(program, SIGKILL);
   EXPECT_NE(place.wait_running(name, 2), program);
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);

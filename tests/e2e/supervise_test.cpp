@@ -22,9 +22,7 @@ const std::string kStarted = std::string(golden::kLogStart) + golden::kLaunched;
 TEST(supervise, starts_a_killed_program_again) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t first = place.wait_running(name);
+  const pid_t first = place.start_with(name);
   expect_log(place, kStarted);
   const std::string console = place.console();
 
@@ -40,12 +38,10 @@ TEST(supervise, leaves_other_programs_alone_when_one_ends) {
   installation place;
   const std::string ending = place.add_steady();
   const std::string other = place.add_steady();
-  place.save({place.entry(ending), place.entry(other)});
-  place.start();
-  const pid_t untouched = place.wait_running(other);
-  ::kill(place.wait_running(ending), SIGKILL);
+  const std::vector<pid_t> running = place.start_with({ending, other});
+  ::kill(running.front(), SIGKILL);
   place.wait_running(ending, 2);
-  EXPECT_EQ(place.wait_running(other), untouched);
+  EXPECT_EQ(place.wait_running(other), running.back());
 }
 
 TEST(supervise, starts_a_program_that_ends_at_once_again_without_a_pause) {
@@ -77,18 +73,14 @@ TEST(supervise, starts_a_program_that_ends_at_once_again_without_a_pause) {
 TEST(supervise, marks_running_programs_in_the_notify_directory) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   EXPECT_EQ(place.read("notify/" + name + ".dat"), "1");
 }
 
 TEST(supervise, takes_a_stopped_child_for_ended_and_starts_the_program_once_more) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t program = place.wait_running(name);
+  const pid_t program = place.start_with(name);
   const pid_t child = place.children().at(0);
 
   ::kill(child, SIGSTOP);
@@ -240,8 +232,6 @@ TEST(supervise, starts_a_program_once_that_is_listed_twice) {
 TEST(supervise, shares_standard_output_with_its_programs) {
   installation place;
   const std::string name = place.add_script("echo heard of\n" + place.note_start() + place.stay());
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   EXPECT_EQ(count(place.console(), "heard of\n"), 1U);
 }

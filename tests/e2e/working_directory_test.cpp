@@ -24,9 +24,7 @@ std::string name_for(std::size_t length) {
 /// Runs an installation with one program up and down.
 void expect_whole_life(installation& place, const std::string& shown_log_path) {
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   EXPECT_TRUE(wait_until([&] { return place.is_live(name); }));
   expect_console(place, std::string(golden::kFirstLine) + golden::kSecondLine + shown_log_path +
                             golden::kLoad + golden::started(name));

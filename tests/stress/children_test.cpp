@@ -88,9 +88,7 @@ TEST(children, of_a_supervisor_that_was_killed_change_nothing_either) {
   for (int i = 0; i < rounds(50, 3); ++i) {
     installation place;
     const std::string name = place.add_steady();
-    place.save({place.entry(name)});
-    place.start();
-    const pid_t program = place.wait_running(name);
+    const pid_t program = place.start_with(name);
     EXPECT_TRUE(wait_until([&] { return stress::launches(place) == 1; }));
     const auto children = place.children();
     ASSERT_EQ(children.size(), 1U);

@@ -198,9 +198,7 @@ TEST(limits, of_the_stack_may_be_more_than_there_is) {
 TEST(limits, a_log_that_has_reached_the_limit_for_files_ends_nothing) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   const std::string log = place.log();
   // The programs, which inherit it, write less.
   stress::limit(place.daemon(), RLIMIT_FSIZE, log.size());
@@ -218,9 +216,7 @@ TEST(limits, a_program_dies_of_a_file_that_is_too_large_as_it_would_anywhere) {
   const std::string name = place.add_script(
       place.note_start("$(grep 'SigBlk\\|SigIgn' /proc/self/status | tr '\\n' ' ')") +
       place.stay());
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   const std::string note = place.notes(name)[0];
   const auto signals = [&](const std::string& field) {
     return std::stoull(note.substr(note.find(field) + field.size() + 1), nullptr, 16);

@@ -261,9 +261,7 @@ TEST_F(hostile, working_directories_with_conversions_are_printed_and_nothing_mor
     SCOPED_TRACE(site);
     installation place(site);
     const std::string name = place.add_steady();
-    place.save({place.entry(name)});
-    place.start();
-    place.wait_running(name);
+    place.start_with(name);
     EXPECT_LT(place.console().size(), 4096U);
     stress::expect_clean_end(place);
   }

@@ -123,9 +123,7 @@ TEST(poor_machine, may_have_no_notify_directory) {
     fs::remove(place.site() / "notify");
     if (a_file) write_file(place.site() / "notify", "");
     const std::string name = place.add_steady();
-    place.save({place.entry(name)});
-    place.start();
-    place.wait_running(name);
+    place.start_with(name);
     EXPECT_TRUE(stress::reload(place));
     restart(place, name, 2);
     fs::remove(place.site() / "notify");
@@ -223,10 +221,7 @@ TEST(poor_machine, may_have_no_descriptors_for_a_while) {
   installation place;
   const std::string name = place.add_steady();
   const std::string other = place.add_steady();
-  place.save({place.entry(name), place.entry(other)});
-  place.start();
-  place.wait_running(name);
-  const pid_t untouched = place.wait_running(other);
+  const pid_t untouched = place.start_with({name, other}).back();
   for (int i = 0; i < rounds(20, 2); ++i) {
     stress::limit(place.daemon(), RLIMIT_NOFILE, 3);
     const std::size_t before = stress::launches(place);
@@ -261,9 +256,7 @@ TEST(poor_machine, may_have_no_memory_for_a_while) {
   const std::string name = place.add_steady();
   const std::string other = place.add_steady();
   std::string text = server_ini({place.entry(name), place.entry(other)});
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   // While nothing is being loaded.
   const auto used = static_cast<rlim_t>(stress::status_number(place.daemon(), "VmSize"));
   text += "more=" + std::string(16U * 1024 * 1024, 'x') + "\n";

@@ -375,9 +375,7 @@ TEST(shutdown, deletes_nothing_that_a_thread_is_using) {
 TEST(shutdown, leaves_no_liveness_file_of_a_program_that_was_to_be_started_again) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   place.save({place.entry(name, "stop")});
   EXPECT_TRUE(stress::reload(place));
   EXPECT_TRUE(wait_until([&] { return stress::ends(place) == 1; }));

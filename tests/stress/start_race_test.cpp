@@ -110,9 +110,7 @@ TEST(start_race, takes_over_from_a_daemon_that_is_just_shutting_down) {
   for (int i = 0; i < rounds(100, 8) && !HasFailure(); ++i) {
     installation place;
     const std::string name = place.add_steady();
-    place.save({place.entry(name)});
-    place.start();
-    place.wait_running(name);
+    place.start_with(name);
     place.signal(SIGUSR2);
     std::vector<pid_t> others;
     // Refused for as long as the pid file is there, and not a moment longer.

@@ -84,9 +84,7 @@ TEST(control_up, removes_a_pid_file_that_is_left_over) {
 TEST(control_up, stops_what_a_killed_daemon_left_running_before_it_starts_it_again) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t before = place.wait_running(name);
+  const pid_t before = place.start_with(name);
   ASSERT_EQ(::kill(place.daemon(), SIGKILL), 0);
   ASSERT_TRUE(wait_until([&] { return daemon_of(place) == 0; }));
 
@@ -106,9 +104,7 @@ TEST(control_up, stops_what_a_killed_daemon_left_running_before_it_starts_it_aga
 TEST(control_up, finds_left_over_programs_whose_child_of_keelmond_is_gone_too) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   const auto children = place.children();
   ::kill(place.daemon(), SIGKILL);
   for (const pid_t child : children)
@@ -123,9 +119,7 @@ TEST(control_up, finds_left_over_programs_whose_child_of_keelmond_is_gone_too) {
 TEST(control_up, kills_what_is_left_over_and_ignores_the_signal) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   ::kill(place.daemon(), SIGKILL);
   ASSERT_TRUE(wait_until([&] { return daemon_of(place) == 0; }));
   const control_result up = control(place, {"up", "--timeout", "300ms"});
@@ -207,9 +201,7 @@ TEST(control_reload, returns_when_the_daemon_has_acted_on_the_file) {
   installation place;
   const std::string first = place.add_steady();
   const std::string second = place.add_steady();
-  place.save({place.entry(first)});
-  place.start();
-  place.wait_running(first);
+  place.start_with(first);
   // The reload by the save begins a pause, in which the next save is not seen.
   place.edit({place.entry(first)});
   place.save({place.entry(first), place.entry(second)});

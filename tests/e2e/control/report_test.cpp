@@ -53,9 +53,7 @@ void expect_well_formed(const std::string& metrics) {
 TEST(control_log, shows_an_event_on_a_line_with_its_time_and_program) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t first = place.wait_running(name);
+  const pid_t first = place.start_with(name);
   ::kill(first, SIGKILL);
   place.wait_running(name, 2);
   ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 2; }));
@@ -78,9 +76,7 @@ TEST(control_log, shows_an_event_on_a_line_with_its_time_and_program) {
 TEST(control_log, follows_what_happens_and_names_the_program_that_ended) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t first = place.wait_running(name);
+  const pid_t first = place.start_with(name);
   ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 1; }));
   running_control log(place, {"log", "-f", "-n", "1"});
   ASSERT_TRUE(wait_until([&] { return count(log.output(), "\n") == 1; }));
@@ -94,9 +90,7 @@ TEST(control_log, follows_what_happens_and_names_the_program_that_ended) {
 TEST(control_log, survives_rotation) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   ASSERT_TRUE(wait_until([&] { return count(place.log(), "launched") == 1; }));
   running_control log(place, {"log", "-f", "-n", "1"});
   ASSERT_TRUE(wait_until([&] { return count(log.output(), "\n") == 1; }));
@@ -129,9 +123,7 @@ TEST(control_wait, returns_when_programs_are_alive_or_have_ended) {
 TEST(control_wait, sleeps_while_nothing_happens) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   running_control wait(place, {"wait", "--down", name});
   const auto switches = [&] {
     return process_table::status_field(wait.pid(), "voluntary_ctxt_switches");

@@ -64,9 +64,7 @@ TEST(control_status, answers_by_its_exit_status) {
 TEST(control_status, shows_a_program_whose_entry_is_gone) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   place.edit(std::vector<listed_program>{});
   EXPECT_TRUE(contains(status_row(place, name), "- removed, still running"))
       << status_row(place, name);
@@ -75,9 +73,7 @@ TEST(control_status, shows_a_program_whose_entry_is_gone) {
 TEST(control_status, shows_a_program_that_does_not_end) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   place.edit({place.entry(name, "stop")});
   EXPECT_TRUE(contains(status_row(place, name), "stop stopping")) << status_row(place, name);
 }
@@ -118,9 +114,7 @@ TEST(control_status, finds_the_daemon_whose_pid_file_was_deleted) {
 TEST(control_status, gives_programs_a_versioned_json) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t pid = place.wait_running(name);
+  const pid_t pid = place.start_with(name);
   const std::string json = control(place, {"status", "--json"}).output;
   for (const std::string& part :
        {std::string("\"schema\": \"keelmondctl.status\""), std::string("\"version\": 1"),
@@ -135,9 +129,7 @@ TEST(control_status, counts_what_runs_below_the_program) {
   installation place;
   const std::string name = place.add_script(
       place.note_start() + "sleep 1000 &\nsleep 1000 &\ntrap 'kill 0' USR2\nwait\n");
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   EXPECT_TRUE(wait_until([&] {
     const std::string json = control(place, {"status", "--json"}).output;
     return contains(json, "\"processes\": 3") || contains(json, "\"processes\": 4");

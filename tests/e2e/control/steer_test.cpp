@@ -31,15 +31,9 @@ class setting final {
 
 /// An installation whose daemon supervises one program.
 struct running_place {
-  running_place() {
-    place.save({place.entry(name)});
-    place.start();
-    pid = place.wait_running(name);
-  }
-
   installation place;
   const std::string name = place.add_steady();
-  pid_t pid = 0;
+  const pid_t pid = place.start_with(name);
 };
 
 }  // namespace
@@ -62,10 +56,7 @@ TEST(control_stop, takes_patterns_and_all) {
   installation place;
   const std::string first = place.add_steady();
   const std::string second = place.add_steady();
-  place.save({place.entry(first), place.entry(second)});
-  place.start();
-  place.wait_running(first);
-  place.wait_running(second);
+  place.start_with({first, second});
   const control_result stop = control(place, {"stop", first.substr(0, 12) + "*"});
   EXPECT_EQ(stop.status, 0) << stop.errors;
   EXPECT_TRUE(place.running(first).empty());
@@ -79,9 +70,7 @@ TEST(control_stop, takes_patterns_and_all) {
 TEST(control_stop, says_that_a_program_ignores_the_signal) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t pid = place.wait_running(name);
+  const pid_t pid = place.start_with(name);
   const control_result stop = control(place, {"stop", name, "--timeout", "500ms"});
   EXPECT_EQ(stop.status, 1);
   EXPECT_TRUE(contains(
@@ -98,18 +87,15 @@ TEST(control_stop, refuses_when_others_would_be_hit) {
   const std::string longer = place.add_steady();
   const std::string name = longer.substr(0, longer.size() - 1);
   place.write_script(place.site() / "programs" / name, place.note_start() + place.stay());
-  place.save({place.entry(name), place.entry(longer)});
-  place.start();
-  const pid_t pid = place.wait_running(name);
-  const pid_t other = place.wait_running(longer);
+  const std::vector<pid_t> running = place.start_with({name, longer});
   const control_result stop = control(place, {"stop", name});
   EXPECT_EQ(stop.status, 1);
-  EXPECT_TRUE(contains(stop.errors, longer + " (PID " + std::to_string(other) + ")"))
+  EXPECT_TRUE(contains(stop.errors, longer + " (PID " + std::to_string(running.back()) + ")"))
       << stop.errors;
-  EXPECT_TRUE(process_table::is_alive(pid));
+  EXPECT_TRUE(process_table::is_alive(running.front()));
   EXPECT_FALSE(contains(place.read("config/server.ini"), "state=stop"));
   EXPECT_EQ(control(place, {"stop", name, "--force"}).status, 0);
-  EXPECT_FALSE(process_table::is_alive(pid));
+  EXPECT_FALSE(process_table::is_alive(running.front()));
   place.wait_running(longer, 2);
 }
 
@@ -179,9 +165,7 @@ TEST(control_restart, leaves_programs_out_that_a_pattern_picks_and_that_are_not_
 TEST(control_restart, names_a_program_that_does_not_end) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t pid = place.wait_running(name);
+  const pid_t pid = place.start_with(name);
   const control_result done = control(place, {"restart", name, "--timeout", "300ms"});
   EXPECT_EQ(done.status, 1);
   EXPECT_TRUE(contains(done.errors, "(PID " + std::to_string(pid) + ") has not ended"));
@@ -193,9 +177,7 @@ TEST(control_signal, sends_a_signal_to_the_program_alone) {
   installation place;
   const std::string name = place.add_script("trap 'echo got >> got' HUP\n" + place.note_start() +
                                             "while :; do " + place.stay() + "done\n");
-  place.save({place.entry(name)});
-  place.start();
-  place.wait_running(name);
+  place.start_with(name);
   EXPECT_EQ(control(place, {"signal", name, "HUP"}).status, 0);
   EXPECT_TRUE(wait_until([&] { return place.read("programs/got") == "got\n"; }));
   EXPECT_EQ(control(place, {"signal", name, "NONSENSE"}).status, 2);

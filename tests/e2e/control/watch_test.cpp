@@ -79,9 +79,7 @@ class on_terminal final {
 TEST(control_watch, redraws_counts_starts_and_ends_on_q) {
   installation place;
   const std::string name = place.add_steady();
-  place.save({place.entry(name)});
-  place.start();
-  const pid_t first = place.wait_running(name);
+  const pid_t first = place.start_with(name);
   on_terminal watch(place, "status", "--watch");
   ASSERT_TRUE(wait_until([&] { return contains(watch.shown(), std::to_string(first)); }))
       << watch.shown();

@@ -174,6 +174,24 @@ void installation::start(const start_options& options) {
   }
 }
 
+pid_t installation::start_with(const std::string& name) {
+  return start_with(std::vector<std::string>{name}).front();
+}
+
+std::vector<pid_t> installation::start_with(const std::vector<std::string>& names) {
+  std::vector<listed_program> programs;
+  programs.reserve(names.size());
+  for (const std::string& name : names)
+    programs.push_back(entry(name));
+  save(programs);
+  start();
+  std::vector<pid_t> running;
+  running.reserve(names.size());
+  for (const std::string& name : names)
+    running.push_back(wait_running(name));
+  return running;
+}
+
 pid_t installation::spawn(const start_options& options) const {
   const pid_t pid = ::fork();
   if (pid < 0) throw std::runtime_error("fork");

@@ -106,6 +106,11 @@ class installation final {
   int run(const start_options& options = {});
   /// Starts the supervisor and waits until it has loaded its configuration and watches it.
   void start(const start_options& options = {});
+  /// Lists the program, starts the supervisor and waits until the program runs.
+  /// @return its process id.
+  pid_t start_with(const std::string& name);
+  /// The same for several programs. @return their process ids in the same order.
+  std::vector<pid_t> start_with(const std::vector<std::string>& names);
   /// Starts the supervisor and returns at once. @return the started process.
   pid_t spawn(const start_options& options = {}) const;
   /// The daemon of the last `start`.
