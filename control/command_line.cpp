@@ -303,7 +303,7 @@ int run(const request& asked) {
   }
 }
 
-/// What stands where the command should; empty when nothing does.
+/// The word in the place of the command; empty when there is none.
 std::string first_word(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string_view word = argv[i];

@@ -51,7 +51,7 @@ complete -F _keelmondctl keelmondctl
 )sh";
 }
 
-/// What stands between single quotes.
+/// The text as it is written between single quotes.
 std::string quoted(const std::string& text) {
   std::string out;
   for (const char c : text)

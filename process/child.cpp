@@ -27,7 +27,7 @@ namespace {
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
 
-/// One child that a thread waits for. It stands on that thread's stack.
+/// One child that a thread waits for. It lies on that thread's stack.
 struct request {
   const char* command;
   /// Where a command reports its end; -1 for a program.
@@ -59,13 +59,13 @@ void serve(request& wanted) noexcept {
   if (child == 0) child_path::run(plan);
   wanted.error = errno;
   wanted.child = child;
-  // The requester is on its way as soon as the count has changed, and with it the request.
+  // The thread that waits goes on as soon as the count has changed, and the request is gone.
   wanted.served.advance();
 }
 
 void* serve_for_ever(void* /*unused*/) {
   for (;;) {
-    // The next one first: a request is gone as soon as it is served.
+    // The next one is read first: a request is gone as soon as it is served.
     for (request* list = g_requests.take_all(); list != nullptr;)
       serve(*std::exchange(list, list->next));
   }
@@ -125,7 +125,7 @@ bool take_report(int fd, child_path::shell_end& report, milliseconds limit,
 }
 
 /// Nobody but the child holds the other end of the pipe, so while that is open the process id is
-/// the child's. It may not have got as far as leading its group.
+/// the child's. It may not lead its group yet.
 void kill_with_all_it_started(pid_t child) noexcept {
   ::kill(-child, SIGKILL);
   ::kill(child, SIGKILL);

@@ -10,10 +10,10 @@
 ///
 /// A child shares its memory with the supervisor until one of the two writes, and keeps its half
 /// for as long as its program runs. So the stacks of monitors, and all else that only the
-/// supervisor's own threads use, lie in memory that children do not get (`unforked_memory`): a
-/// child of ten thousand is as small as a child of ten, and as quickly forked. Somebody must fork
-/// all the same, on a stack that the child gets: the one thread that `start` creates. Nobody else
-/// in the supervisor forks, once that has been called. It touches nothing but the request that it
+/// supervisor's own threads use, lie in memory that children do not get (`unforked_memory`): with
+/// ten thousand programs a child is as small, and forked as quickly, as with ten. A thread on such
+/// a stack cannot fork. One thread does it for all, on an ordinary stack: `start` creates it, and
+/// from then on nobody else in the supervisor forks. It touches nothing but the request that it
 /// serves, and the child does nothing but what `child_path` shows.
 namespace child {
 

@@ -61,7 +61,7 @@ shell_signals set_signals_aside(bool wants_status) noexcept {
   ::sigaddset(&child_signal, SIGCHLD);
   ::pthread_sigmask(SIG_BLOCK, &child_signal, &before.mask);
   ::sigaction(SIGCHLD, nullptr, &before.child);
-  // The kernel keeps the status of a child only for who does not ignore its end.
+  // A process that ignores SIGCHLD never gets its child's status.
   if (wants_status) set_handler(SIGCHLD, SIG_DFL);
   return before;
 }
@@ -72,8 +72,8 @@ struct shell_start {
   const shell_signals& before;
 };
 
-/// In the shell's process, and then in the shell. Changes no memory but its own stack: the rest is
-/// the child's.
+/// Runs in the shell's process until that is the shell. Changes no memory but its own stack: the
+/// rest is the child's.
 int become_shell(void* start) noexcept {
   const auto& [wanted, before] = *static_cast<const shell_start*>(start);
   set_handler(SIGINT, SIG_DFL);
@@ -141,8 +141,8 @@ void run(const plan& wanted) noexcept {
   const shell_end end = run_shell(wanted);
   // Where that fails, whoever waited has given up.
   if (wanted.report >= 0) std::ignore = ::write(wanted.report, &end, sizeof end);
-  // Not by way of the exit handlers: they are the supervisor's, and may wait for a lock that a
-  // thread held which is not in this child. The program would never be started again.
+  // Not through the exit handlers: they are the supervisor's, and may wait for a lock whose holder
+  // is not in this child. The program would never be started again.
   ::_exit(0);
 }
 

@@ -46,9 +46,8 @@ bool await_file(const char* path) {
   return true;
 }
 
-/// Lets a save become whole: most editors empty the file first, or make a new one, and write it
-/// then, and the first of these is already an event. An empty file is a save that has not got
-/// further yet.
+/// Waits until a save in place is complete. Most editors empty the file, or make a new one, before
+/// they write it, and that is an event already. An empty file is a save that has got no further.
 /// @return false when the file has gone meanwhile.
 bool await_whole_file(const char* path) {
   const auto end = steady::now() + kLongestSave;
@@ -65,7 +64,7 @@ bool await_whole_file(const char* path) {
   return false;
 }
 
-/// Lets a save get to its end, whatever tool makes it: in place, by removing the file and making it
+/// Waits until a save is complete, however it is made: in place, by removing the file and making it
 /// anew, or by moving the old one away first.
 /// @return false when the file has been deleted.
 bool await_save(const char* path) {
@@ -81,8 +80,8 @@ void reload() {
   supervisor_signals::deliver();
 }
 
-/// Reloads again for what was saved while the last load was going on. That one may have read the
-/// old content, and no event will tell.
+/// Reloads again for what was saved during the last load, which may have read the old content: no
+/// event will tell.
 void catch_up(const char* path) {
   while (has_changed_since_load(path)) {
     if (!await_save(path) || !has_changed_since_load(path)) return;
@@ -90,7 +89,8 @@ void catch_up(const char* path) {
   }
 }
 
-/// Says what would have kept the supervisor going. The fixed line before it only names a call.
+/// Says what the supervisor would have needed to go on. The line before, which is part of the
+/// interface, only names a call.
 void explain_end(const char* path, int error) {
   char reason[256];
   std::snprintf(
@@ -106,7 +106,7 @@ void explain_end(const char* path, int error) {
 struct watches {
   unique_fd instance;
   int file;
-  /// A save had removed the file and came to its end after the pause.
+  /// A save had removed the file and was completed after the pause.
   bool had_to_wait;
   std::optional<file_version> watched;
   name_watch names;
@@ -133,7 +133,7 @@ std::optional<watches> set_watches(const char* path) {
   return watches{std::move(instance), file, had_to_wait, watched, std::move(names)};
 }
 
-/// Whether another file stands there than the one that is watched.
+/// Whether another file than the watched one has the name now.
 bool is_replaced(const char* path, const watches& set) {
   const std::optional<file_version> current = file_version::of(path);
   return current && set.watched && !current->is_same_file_as(*set.watched);
@@ -142,7 +142,7 @@ bool is_replaced(const char* path, const watches& set) {
 /// Waits for something that concerns the file.
 /// @return what it was; none when the events could not be read.
 std::optional<name_watch::finding> await_event(const char* path, const watches& set) {
-  // It was moved away when only the file was watched, and that tells nothing.
+  // It was moved away while only the file was watched, and no event tells of that.
   if (is_replaced(path, set)) return name_watch::finding::changed;
   alignas(inotify_event) char events[1024];
   for (;;) {
@@ -155,7 +155,7 @@ std::optional<name_watch::finding> await_event(const char* path, const watches& 
   }
 }
 
-/// Whether the file that stands there now was moved to its place, so that it is whole.
+/// Whether the file that has the name now was moved there, so that it is whole.
 bool is_whole(const char* path, const watches& set, name_watch::finding found) {
   return set.names.sees_the_name() ? found == name_watch::finding::replaced
                                    : is_replaced(path, set);
@@ -175,7 +175,7 @@ bool watch_once(const char* path, bool is_first) {
   }
   if (!is_whole(path, *set, *found)) await_save(path);
   reload();
-  // Not later: who sees no watch any more takes it for the pause.
+  // Before the watch goes: whoever sees no watch takes it for the pause.
   catch_up(path);
   ::inotify_rm_watch(set->instance.get(), set->file);
   return true;

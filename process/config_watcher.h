@@ -9,9 +9,9 @@ inline constexpr char kConfigPath[] = "./config/server.ini";
 ///
 /// Each round uses a fresh inotify instance, with a watch on the file and one on each name that
 /// leads to it. A read of its events, whatever they are, causes one reload, unless they are all
-/// about other names in the directory. The save that made them is given time to get to its end
-/// first, and one that was made while the reload was going on causes another. Then comes a pause of
-/// two seconds, in which nothing is seen.
+/// about other names in the directory. The save that made them is given time to be completed first,
+/// and one that was made during the reload causes another. Then comes a pause of two seconds, in
+/// which nothing is seen.
 /// @param path the file's name, NUL-terminated.
 /// @return null, and only when there is no inotify instance left or the file cannot be watched;
 ///         lines on standard error say which.

@@ -34,7 +34,7 @@ constexpr std::chrono::seconds kStopLimit{10};
 /// Programs launched and not yet recorded as ended, of all monitors.
 std::atomic<int> alive{0};
 
-/// Whether a stop command has come as far as its signal. The shell's status is 0 then, or 1 when
+/// Whether a stop command has got as far as its signal. The shell's status is 0 then, or 1 when
 /// one of the processes had just ended or is another user's. Any other means that it could not run
 /// `pgrep`, or that this found nothing.
 bool has_signalled(const child::command_end& end) {
@@ -71,7 +71,7 @@ Tfun_monitor::Tfun_monitor(const char* command, const char* program, const char*
 // The thread's side.
 
 void Tfun_monitor::virtual_thread_proc() {
-  // Counted out when the base has touched the object for the last time.
+  // It counts itself out after the base's last touch of the object.
   g_shutdown_gate.dismiss_at_thread_end();
   monitor_process(exepath);
   phase.end();
@@ -120,8 +120,7 @@ bool Tfun_monitor::wants_run() const {
   for (std::size_t i = 0; i < sizeof kRun; ++i) {
     if (load_byte(state[i]) != kRun[i]) return false;
   }
-  // However many texts there were meanwhile: these bytes are of one of them only if nothing
-  // changed.
+  // The bytes are those of one text only if nothing has changed meanwhile.
   return state_sequence.load() == before;
 }
 
@@ -140,8 +139,8 @@ pid_t Tfun_monitor::wait_for_end(pid_t child, int& error) {
   const shutdown_gate::outside waiting(g_shutdown_gate);
   int status = 0;
   for (;;) {
-    // A child that is only stopped counts as ended, on purpose: its program is started anew, and
-    // the stopped one stays for whoever wants to look at it.
+    // A child that is only stopped counts as ended, which is part of the interface: its program is
+    // started once more, and the stopped one stays.
     const pid_t waited = ::waitpid(child, &status, WUNTRACED);
     error = errno;
     if (waited != -1 || error != EINTR) return waited;
@@ -221,7 +220,7 @@ void Tfun_monitor::stop_process() {
 }
 
 void Tfun_monitor::stop_directly() const {
-  // Not a process that has the number of a child that is long gone.
+  // Otherwise the child has ended, and another process may have its number.
   if (phase.is_running()) program_tree::signal_by_name(last_pid(), name, SIGUSR2);
 }
 

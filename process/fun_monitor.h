@@ -38,8 +38,8 @@ class Tfun_monitor final : public Tsys_thread {
   static void* operator new(std::size_t size);
   static void operator delete(void* memory, std::size_t size) noexcept;
 
-  /// Starts the monitor's thread, unless it has one, or had one. Instead of the base's, which would
-  /// create a second one before the first has come to its body, and the program would run twice.
+  /// Starts the monitor's thread, unless it has one, or had one. The base's `Start` would create a
+  /// second one while the first has not reached its body, and the program would run twice.
   void Start();
 
   /// Replaces the state. The thread acts on it the next time it looks.
@@ -54,9 +54,9 @@ class Tfun_monitor final : public Tsys_thread {
   /// or because it was killed, the signal goes to what runs below this monitor's own child instead.
   void stop_process();
 
-  /// Removes the program's liveness file when the program does not run. A reload marks every
-  /// program alive that shall run, also one that has just ended; this is for when nobody will
-  /// launch it any more, and the monitor's thread stands still.
+  /// Removes the program's liveness file when the program does not run. For the shutdown, when the
+  /// monitor's thread has parked: a reload marks every program alive that is to run, also one that
+  /// has just ended and that nobody will launch any more.
   void remove_stale_live_file() const;
 
   /// The supervision loop, on the monitor's thread. Returns only at the restart limit.

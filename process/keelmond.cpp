@@ -19,7 +19,7 @@ namespace {
 constexpr char kLogName[] = "keelmond.log";
 
 /// Sees to it that descriptors 0, 1 and 2 are open. Otherwise the log would become one of them, and
-/// console lines and the output of programs would end in it.
+/// console lines and the output of programs would end up in it.
 void open_standard_descriptors() {
   int fd = 0;
   do {
@@ -29,9 +29,8 @@ void open_standard_descriptors() {
 }
 
 /// Builds the path of the log.
-/// @return false, with a line on standard error, when the working directory cannot be worked in:
-///         there is none, or its name is too long for a buffer that is filled at the shutdown,
-///         too late to complain.
+/// @return false, with a line on standard error, when the working directory is gone, or its path is
+///         too long for the buffer that the shutdown fills: then it would be too late to complain.
 bool build_log_path(char (&path)[512]) {
   char pid_path[256] = {};
   if (Tfun_misc::get_current_path(pid_path, kPidFile)) {
@@ -54,7 +53,7 @@ void open_log(const char* path) {
   recorder::append(message);
 }
 
-/// Becomes the daemon and runs its body. Returns in the daemon, when it has to end.
+/// Becomes the daemon and runs its body. Returns in the daemon, when it is to shut down.
 void run_daemon() {
   char directory[512] = {};
   Tfun_misc::get_current_path(directory, "/");

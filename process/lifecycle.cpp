@@ -24,7 +24,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-/// How long programs that were told to end are given to do so, all together.
+/// How long programs that were told to stop are given to end, all together.
 constexpr milliseconds kGrace{1000};
 /// How long what is being written may take at the end. It is a line or two; what takes longer
 /// hangs.
@@ -49,7 +49,7 @@ void proc_start() {
   set_default_stack_size(kLargeStack);
   child::start();
   recorder::start();
-  // Whoever asks for the end before the first load gets it without a program having been started.
+  // A request to shut down that has come by now is granted before any program is started.
   supervisor_signals::deliver();
   try {
     loadServerConfig(kConfigPath);
@@ -70,8 +70,8 @@ void proc_stop() {
     monitor->stop_process();
   await_program_ends();
   g_shutdown_gate.close();
-  // What hangs in the file system still uses the monitors, the log and the utilities. They then go
-  // with the process, at once: the handlers of `exit` would wait for the log's stream.
+  // A thread that hangs in the file system still uses the monitors, the log and the utilities. They
+  // go with the process then, at once: the handlers of `exit` would wait for the log's stream.
   if (!g_shutdown_gate.wait_until_empty(kLastLines) || !recorder::wait_until_idle(kLastLines)) {
     std::atexit([] { ::_exit(0); });
     return;

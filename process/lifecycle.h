@@ -12,7 +12,7 @@ inline constexpr char kPidFile[] = "run.pid";
 /// it. Returns only when the watcher gives up.
 void proc_start();
 
-/// Ends every program by its stop command, in list order, and deletes all monitors, then
+/// Stops every program by its stop command, in list order, and deletes all monitors, then
 /// `g_sys_daemon`, `g_fun_misc` and `g_logFile`.
 ///
 /// From its first step on no program is started again. The ends of programs that end within about

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <chrono>
 
-/// Where a monitor stands, from before its thread exists.
+/// What a monitor is about, from before its thread exists.
 ///
 ///     none -> idle <-> launching -> running -> idle ... -> ended
 ///
@@ -34,7 +34,7 @@ class monitor_phase final {
   }
   /// Nothing was launched, or the program has ended.
   void rest() noexcept { phase_.store(phase::idle); }
-  /// The thread goes, for good.
+  /// The thread ends, for good.
   void end() noexcept { phase_.store(phase::ended); }
 
   [[nodiscard]] bool is_launching() const noexcept { return phase_.load() == phase::launching; }

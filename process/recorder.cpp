@@ -15,7 +15,7 @@
 namespace recorder {
 namespace {
 
-/// How long who hands something over waits for it to be written.
+/// How long a thread waits for what it has handed over to be written.
 constexpr std::chrono::seconds kPatience{1};
 
 constinit inbox<record> g_records;
@@ -26,7 +26,7 @@ std::atomic<int> unwritten{0};
 /// Written by `start`, read by every thread; whoever reads it was started later.
 std::atomic<bool> running{false};
 
-/// Set by the loader, taken by who writes: the zone is read where times are made, on one thread.
+/// Set by the loader, taken by the thread that writes: the zone is read where times are made.
 std::atomic<bool> zone_is_old{false};
 
 void append_line(const char* line) {
@@ -68,7 +68,7 @@ void serve(record& wanted) {
     Tfun_misc::UpdateProcessLiveFile(wanted.program, marked);
     wanted.pending.store(false);
   }
-  // Its owner is on its way as soon as the count has changed.
+  // Its owner goes on as soon as the count has changed.
   wanted.written.advance();
   unwritten.fetch_sub(1);
 }

@@ -37,7 +37,7 @@ struct record {
 };
 
 /// Creates the thread, if it does not exist. Called before the first monitor is started, by one
-/// thread at a time. Without it everything is written by who asks for it.
+/// thread at a time. Without it everything is written by the thread that asks for it.
 bool start() noexcept;
 
 /// Appends a line, which carries its own line end, to the log, and then the line with the time.

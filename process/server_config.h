@@ -19,7 +19,6 @@ extern std::vector<Tfun_monitor*> monitor_list;
 /// thread. Throws std::logic_error for a null `path` and std::bad_alloc.
 void loadServerConfig(const char* path);
 
-/// Whether another file, or another content, stands at `path` than when the last load began.
-/// Neither has a file that is absent changed, nor one that was never loaded. Called where loads
-/// are.
+/// Whether the file at `path`, or its content, is another than when the last load began; also when
+/// it has been deleted since. False before the first load. Called where loads are.
 bool has_changed_since_load(const char* path);

@@ -14,7 +14,7 @@
 /// "svr1", "svr2" and so on; the section of that name has its "exepath" and its "state".
 ///
 /// Reads only what it is given, prints and logs nothing. Keeps nothing on the heap but what it
-/// returns: a child that is forked meanwhile takes no more of it along.
+/// returns: a child that is forked meanwhile would keep the rest.
 namespace server_entry {
 
 /// The section that lists the programs, and the key with their number.

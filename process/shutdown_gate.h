@@ -57,8 +57,8 @@ class shutdown_gate final {
     shutdown_gate& gate_;
   };
 
-  /// Counts the calling thread out when it ends, after the last that it does. Takes no memory from
-  /// the heap, which every child would carry along.
+  /// Counts the calling thread out when it ends, after everything else that it does. Takes no
+  /// memory from the heap, which every child would keep.
   void dismiss_at_thread_end() noexcept;
 
  private:

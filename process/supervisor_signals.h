@@ -13,9 +13,9 @@
 namespace supervisor_signals {
 
 /// Remembers the mask and the dispositions that the process was started with and blocks the
-/// supervisor's signals; also SIGPIPE, which no write may end us with before it is ignored, and
-/// SIGXFSZ, with which a log that has reached the limit for files would end us. The first act of
-/// `main`, before any thread exists.
+/// supervisor's signals; also SIGPIPE, which a write could end us by until it is ignored, and
+/// SIGXFSZ, which a log at the limit for files would end us by. Called by `main`, before any thread
+/// exists.
 void block() noexcept;
 
 /// Installs `handler` with `signal`, and has all the supervisor's signals wait while it runs, which

@@ -31,13 +31,13 @@ void continue_in_child() {
   if (::fork() != 0) std::exit(0);
 }
 
-/// The process id that a pid file's text stands for; 0 when it stands for none.
+/// The process id in the text of a pid file; 0 when there is none.
 pid_t parse_pid(const char* text) {
   const long number = std::strtol(text, nullptr, 10);
   return number > 0 && number <= INT_MAX ? static_cast<pid_t>(number) : 0;
 }
 
-/// A file name that the calls of the system may be given: an empty one names nothing.
+/// A file name for system calls; an empty one names nothing.
 const char* text_or_empty(const char* text) {
   return text == nullptr ? "" : text;
 }

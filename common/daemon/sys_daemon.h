@@ -39,7 +39,7 @@ class Tsys_daemon final {
 
   /// Removes the file at `path` and ends the process with status 0.
   ///
-  /// Static because the exit handler calls it when the instance has been deleted.
+  /// Static because the handler of SIGUSR2 calls it when the object has been deleted.
   [[noreturn]] static void signal_exit(int sig, const char* path);
 
  private:

@@ -11,7 +11,7 @@ namespace ini_line {
 
 /// What a kept line means to the document.
 enum class meaning {
-  none,        ///< kept in its place, stands for nothing
+  none,        ///< kept in its place, means nothing
   section,     ///< a header, or what looks like one
   assignment,  ///< a property with a key and a value
 };
@@ -34,16 +34,16 @@ enum class meaning {
 [[nodiscard]] bool is_section_start_line(std::string_view line) noexcept;
 /// Whether the properties after a header that is loaded belong to it.
 [[nodiscard]] bool opens_section(std::string_view header) noexcept;
-/// Whether the first "=" of the line stands neither at its beginning nor at its end.
+/// Whether the first "=" of the line is neither its first character nor its last.
 [[nodiscard]] bool is_assignment_line(std::string_view line) noexcept;
 /// Sorts a kept line; a header is never an assignment too.
 [[nodiscard]] meaning classify(std::string_view line) noexcept;
 
 /// The header without every leading "[" and every trailing "]"; nothing else is removed.
 [[nodiscard]] std::string_view extract_section_name(std::string_view line) noexcept;
-/// What stands before the first "=", untrimmed; the whole line when there is none.
+/// What comes before the first "=", untrimmed; the whole line when there is none.
 [[nodiscard]] std::string_view extract_key(std::string_view line) noexcept;
-/// What stands after the first "=", untrimmed; empty when there is none.
+/// What comes after the first "=", untrimmed; empty when there is none.
 [[nodiscard]] std::string_view extract_value(std::string_view line) noexcept;
 
 }  // namespace ini_line

@@ -37,8 +37,8 @@ constexpr int kTurnMilliseconds = 20;
 constexpr int kMostTurns = 100;
 
 /// Whether waiting was in vain the last time: then nobody reads, and lines are lost without a wait
-/// until one gets through. Any thread writes and reads it; nothing hangs on its
-/// order, a stale value costs one wait or one line.
+/// until one gets through. Any thread writes and reads it, in any order: a stale value costs one
+/// wait or one line.
 std::atomic<bool> reader_is_stuck{false};
 
 /// The flag that keeps a writer from waiting belongs to the open file description, which is shared
@@ -56,7 +56,7 @@ target find_target() noexcept {
   return {channel::polled, STDOUT_FILENO};
 }
 
-/// Asks, and sets errno to EAGAIN when there is none.
+/// Whether there is room; errno is EAGAIN when there is none.
 bool ask_for_room(int fd) noexcept {
   pollfd request{fd, POLLOUT, 0};
   if (::poll(&request, 1, 0) == 1 && (request.revents & POLLOUT) != 0) return true;

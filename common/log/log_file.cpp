@@ -26,13 +26,13 @@ std::size_t format_local_time(char (&out)[kTimeSize]) {
   return length < 0 ? 0 : static_cast<std::size_t>(length);
 }
 
-/// Takes back the beginning of a text that a full disk has cut: the next one would stand on the
-/// same line. What cannot be shortened, a pipe, keeps it.
+/// Takes back the beginning of a text that a full disk has cut: the next one would be on the same
+/// line. A pipe cannot be shortened and keeps it.
 void take_back(std::FILE* file, std::size_t count) {
   struct stat status {};
   const int fd = ::fileno(file);
   if (::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) return;
-  // Where that fails it stays, and the next text stands behind it.
+  // Where that fails it stays, and the next text comes behind it.
   std::ignore = ::ftruncate(fd, status.st_size - static_cast<off_t>(count));
 }
 
@@ -72,7 +72,7 @@ void Tlog_file::append_time() {
 
 void Tlog_file::write_pair(const char* format, const char* name, long long value) {
   char line[256] = {};
-  // The two formats stand in the callers below; a compiler cannot see that from here.
+  // The two formats are in the callers below; a compiler cannot see that from here.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
   std::snprintf(line, sizeof line, format, name == nullptr ? "" : name,

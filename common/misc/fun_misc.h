@@ -12,11 +12,10 @@
 /// makes string lists when there is no memory.
 ///
 /// Every member but the constructor, the destructor and `get_thread_size` is static and uses no
-/// object: the way out of the program calls some of them through `g_fun_misc` after the object is
-/// gone and the pointer is null. They may be called from any thread unless a comment says
-/// otherwise.
+/// object: the shutdown calls some of them after the object is gone and `g_fun_misc` is null. They
+/// may be called from any thread unless a comment says otherwise.
 ///
-/// A null text or buffer is no error to die of. A file member then does nothing and returns its
+/// A null text or buffer does no harm. A file member then does nothing and returns its
 /// failure result, unless its comment names another one. For the other members a null text counts
 /// as an empty one, and nothing is written to a null buffer.
 class Tfun_misc final {
@@ -134,7 +133,7 @@ class Tfun_misc final {
   static void calc_date_time_for_subtract(const char* first, const char* second,
                                           char* out) noexcept;
 
-  /// Milliseconds since 1970 of the clock on the wall, which can be set back; 0 when it cannot be
+  /// Milliseconds since 1970 of the wall clock, which can be set back; 0 when it cannot be
   /// read.
   static std::uint64_t GetTickCount() noexcept;
   /// The same in whole seconds.
@@ -260,5 +259,5 @@ class Tfun_misc final {
   int thread_size = 0;  ///< What `get_thread_size` found; 0 until it is called.
 };
 
-/// The one instance: created when the program starts, null before that and after its shutdown.
+/// The one object: created when the program starts, null before that and after its shutdown.
 extern Tfun_misc* g_fun_misc;

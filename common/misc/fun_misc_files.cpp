@@ -70,7 +70,7 @@ void Tfun_misc::get_filename_path(const char* full, char* out, bool add_slash) n
   if (full == nullptr || out == nullptr) return;
   const std::size_t length = directory_length(full);
   if (length == 0) return;
-  // No terminator: a caller may put the directory over the beginning of a text that stands there.
+  // No terminator: a caller may put the directory over the beginning of the text that is there.
   std::memcpy(out, full, length);
   if (add_slash) std::strcat(out, "/");
 }
@@ -161,7 +161,7 @@ void Tfun_misc::UpdateProcessLiveFile(const char* name, bool alive) noexcept {
     std::remove(path);
     return;
   }
-  // A pipe that stands in its place must not make the caller wait for a reader.
+  // A pipe in its place must not make the caller wait for a reader.
   constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
   const unique_fd file(::open(path, kFlags, 0666));
   if (!file.valid()) return;
@@ -170,7 +170,7 @@ void Tfun_misc::UpdateProcessLiveFile(const char* name, bool alive) noexcept {
 
 int Tfun_misc::select_sleep(int seconds, long microseconds) noexcept {
   timeval timeout{seconds, microseconds};
-  // Not resumed after a signal: who sleeps here wants to look at what the signal changed.
+  // Not resumed after a signal, which is part of the interface: the result tells.
   return ::select(0, nullptr, nullptr, nullptr, &timeout);
 }
 

@@ -137,7 +137,7 @@ void Tfun_misc::ReplaceLetter(char* text, const char* find, const char* repl) no
 }
 
 char* Tfun_misc::create_guid(char* out) noexcept {
-  // The digits stand here three times, which is part of the interface: a digit is three times as
+  // The digits are in it three times, which is part of the interface: a digit is three times as
   // likely as a letter.
   constexpr auto kAlphabet = "0123456789abcdefghijklm0123456789nopqrstuvwxyz0123456789"sv;
   if (out == nullptr) return out;

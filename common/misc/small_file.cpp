@@ -31,8 +31,8 @@ bool read_small_file(int dir, const char* path, std::string& out) {
   if (!file.valid()) return false;
   for (;;) {
     const ssize_t got = append_chunk(file.get(), out);
-    // A list breaks between two of its entries, so a read that stops short of a full buffer may not
-    // be the last yet.
+    // The kernel breaks a list between two items, so a read that does not fill the buffer need not
+    // be the last.
     if (got > kChunk / 2) continue;
     if (got < 0) out.clear();
     return got >= 0;

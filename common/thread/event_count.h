@@ -6,9 +6,9 @@
 
 /// A count of events that a thread can sleep on until it changes.
 ///
-/// The waits of `std::atomic` give the processor away a few times before they sleep. The thread
-/// stays runnable meanwhile and takes its turns on the processor on which the thread that it woke,
-/// or the process that was just forked, is about to run. Here it sleeps at once.
+/// The waits of `std::atomic` yield a few times before they sleep. Meanwhile the thread stays
+/// runnable, on the processor on which the thread that it woke, or the process that was just
+/// forked, is about to run. Here it sleeps at once.
 ///
 /// Any thread may call any member. What was written before `advance` can be read after
 /// `await_change` has returned because of it.

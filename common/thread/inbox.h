@@ -18,7 +18,7 @@ class inbox final {
   inbox(const inbox&) = delete;
   inbox& operator=(const inbox&) = delete;
 
-  /// From any thread. What was written to the item before can be read by who takes it.
+  /// From any thread. What was written to the item before can be read by the thread that takes it.
   void push(Item& item) noexcept {
     item.next = newest_.load(std::memory_order_relaxed);
     while (!newest_.compare_exchange_weak(item.next, &item, std::memory_order_release,

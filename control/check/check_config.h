@@ -20,7 +20,7 @@ struct check_subject {
   const snapshot& now;
   const process_table& processes;
   const ini_document& document;
-  /// As a load reads them, names that stand twice twice.
+  /// As a load reads them: a name that is listed twice is here twice.
   const std::vector<listed_program>& programs;
   /// Whether it is the file that the daemon reads, and not one that may replace it.
   bool is_present_file = true;

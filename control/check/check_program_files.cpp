@@ -12,7 +12,7 @@
 namespace control {
 namespace {
 
-/// As long as the first line of a script may be for the kernel.
+/// The longest first line of a script that the kernel reads.
 constexpr std::size_t kLongestFirstLine = 256;
 
 std::string first_line_of(const std::string& path) {

@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::size_t kLongestProcessName = 15;
 
-/// Where a program's name stands in the list.
+/// The line that lists the program.
 std::size_t name_line(const check_subject& subject, const listed_program& program) {
   return line_of(subject.document, server_entry::kSection, server_entry::key_of(program.number));
 }
@@ -58,7 +58,7 @@ std::string fits_stranger(const std::string& name, const std::string& stranger, 
          std::to_string(pid) + ")";
 }
 
-/// A name is a pattern to pgrep: whom else it fits is stopped with the program.
+/// To pgrep a name is a pattern: every process that it matches is stopped with the program.
 /// @param strangers a process of each name that is not the supervisor's.
 void check_pattern(const check_subject& subject, const listed_program& program,
                    const std::map<std::string, pid_t>& strangers, findings& out) {
@@ -83,7 +83,7 @@ void check_pattern(const check_subject& subject, const listed_program& program,
   }
 }
 
-/// @param line where the path stands, or else the entry.
+/// @param line that of the path, or else that of the entry.
 void check_file(const listed_program& program, std::size_t line, findings& out) {
   const std::string who = "entry svr" + std::to_string(program.number) + " is skipped: ";
   switch (find_obstacle(program)) {

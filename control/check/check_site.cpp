@@ -11,7 +11,7 @@ namespace control {
 namespace {
 
 /// Whether another user than the owner may put something else in its place. In a directory with
-/// the sticky bit nobody may take away what is another one's.
+/// the sticky bit nobody may remove what belongs to another user.
 bool others_may_write(const std::string& path) {
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) return false;

@@ -43,14 +43,14 @@ sigset_t own_signals() {
   return set;
 }
 
-/// Tells whoever started this process what state it is in, if he wants to know.
+/// Tells the process that started this one what state it is in, if it wants to know.
 void notify(std::string_view state) {
   const char* const path = std::getenv("NOTIFY_SOCKET");
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path == nullptr || *path == '\0' || std::strlen(path) >= sizeof address.sun_path) return;
   std::strcpy(address.sun_path, path);
-  // A name that begins with "@" is one of the abstract kind, which a zero begins.
+  // A name that begins with "@" is an abstract one, which begins with a zero.
   if (address.sun_path[0] == '@') address.sun_path[0] = '\0';
   const unique_fd socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(path));
@@ -116,8 +116,8 @@ void watch_over::reap() {
   }
 }
 
-/// A daemon that was killed counts as ended before its last thread has gone, and the children of
-/// that thread as its own until then: nobody would find what it has left.
+/// A daemon that was killed counts as ended before its last thread is gone, and until then that
+/// thread's children count as its own: what it left running would not be found.
 void watch_over::await_last_thread() {
   const auto end = steady::now() + kGrace;
   for (reap(); !status_ && ::kill(daemon_.pid, 0) == 0 && steady::now() < end; reap())

@@ -38,7 +38,7 @@ class line_printer final {
   }
 
  private:
-  /// A tab steers a terminal no further than to its next column.
+  /// A tab does nothing to a terminal but move its cursor to the next tab stop.
   static std::string shown(const std::string& text) {
     std::string safe = printable(text);
     for (std::size_t i = 0; i < text.size(); ++i) {

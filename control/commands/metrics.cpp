@@ -16,7 +16,8 @@
 namespace control {
 namespace {
 
-/// The text of a label: three characters are escaped, and what is no UTF-8 would spoil the whole.
+/// The text of a label. Three characters are escaped, and all beyond ASCII is replaced: a byte that
+/// is not UTF-8 would make the whole file invalid.
 std::string label(const std::string& text) {
   std::string escaped;
   for (const char c : text) {
@@ -88,7 +89,7 @@ std::string program_metrics(const session& here, const snapshot& now) {
   metric processes("keelmond_program_processes", "gauge", "Processes of the program.");
   std::set<std::string> seen;
   for (const program_status& one : list_programs(now, here.place)) {
-    // A label may stand once only.
+    // No two values may have the same label.
     if (!seen.insert(one.name).second) continue;
     wanted.add(one.name, one.wanted == "run" ? 1 : 0);
     up.add(one.name, one.program ? 1 : 0);

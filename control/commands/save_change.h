@@ -23,7 +23,7 @@ enum class applied {
 applied save_change(const session& here, std::chrono::milliseconds limit,
                     const std::function<std::string(const std::string&)>& change);
 
-/// The same for a text that was made from `before` by somebody who took his time.
+/// The same for a text that was made from `before` some time ago.
 applied save_text(const session& here, std::chrono::milliseconds limit, const config_bytes& before,
                   const std::string& text);
 

@@ -13,7 +13,7 @@ namespace control {
 /// What every command works with.
 struct session {
   site place;
-  std::string command;  ///< Its name, which stands in front of what it says on standard error.
+  std::string command;  ///< Its name, in front of all that it says on standard error.
   proc_dir proc{};
   terminal out{};
 

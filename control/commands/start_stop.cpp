@@ -23,7 +23,7 @@ bool is_as_wanted(const program_status& one, bool alive) {
   return alive ? one.program.has_value() : !one.child.has_value();
 }
 
-/// What stands in the way.
+/// Why it is not as wanted.
 std::string obstacle_of(const program_status& one, bool alive) {
   if (alive) return one.why.empty() ? "it has not been started in time; see keelmond.log" : one.why;
   if (one.now == actual::running && one.wanted == "stop") {

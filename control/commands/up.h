@@ -23,7 +23,7 @@ process ensure_daemon(const session& here, std::chrono::milliseconds limit);
 /// @return 0 when all are. @throws failure when the daemon ends meanwhile.
 int wait_for_programs(const session& here, std::chrono::milliseconds limit);
 
-/// Stops programs that a daemon left behind, by SIGUSR2 and those that do not end by SIGKILL, and
+/// Stops programs that a daemon left behind, by SIGUSR2, and kills those that do not end by it;
 /// says so. @return how many there were.
 std::size_t stop_left_over(const session& here, const snapshot& now,
                            std::chrono::milliseconds grace);

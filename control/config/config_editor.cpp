@@ -87,8 +87,8 @@ bool is_blank(const document_line& line) {
   return line.text.find_first_not_of(" \t\r\n") == std::string::npos;
 }
 
-/// Where a section that begins at line `first` ends: before the next header and the comments that
-/// stand right above that.
+/// Where a section that begins at line `first` ends: before the next header and the comments right
+/// above that.
 std::size_t end_of_section(const ini_document& document, std::size_t first) {
   const auto& lines = document.lines();
   std::size_t end = first + 1;

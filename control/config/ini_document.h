@@ -17,7 +17,7 @@ struct document_line {
   std::string section;       ///< The section that it belongs to; a header belongs to its own.
   std::string key;           ///< Of an assignment, trimmed.
   std::string value;         ///< Of an assignment, trimmed.
-  std::size_t value_at = 0;  ///< Where the value stands in `text`.
+  std::size_t value_at = 0;  ///< Where the value begins in `text`.
 };
 
 /// A configuration file with everything that the parser forgets: comments, blank lines, order,
@@ -38,7 +38,7 @@ class ini_document final {
   /// The last line that is an assignment of the section or its header; -1 when there is neither.
   [[nodiscard]] std::ptrdiff_t last_of(std::string_view section) const;
 
-  /// Replaces the value of an assignment; what stands around it stays.
+  /// Replaces the value of an assignment; the blanks around it stay.
   void replace_value(std::size_t line, std::string_view value);
   /// Replaces the key of an assignment.
   void replace_key(std::size_t line, std::string_view key);

@@ -29,8 +29,8 @@ struct listed_program {
 /// @param directory where the daemon runs, for programs without `exepath`.
 std::vector<listed_program> read_programs(const Tini_parser& config, const std::string& directory);
 
-/// The entries in which each name stands once, in its first place. The others say the same: all
-/// that describes a program is in the section of its name.
+/// The first entry of each name. Further ones say the same: all that describes a program is in the
+/// section of its name.
 std::vector<listed_program> merge_repeated(std::vector<listed_program> programs);
 
 /// What keeps a load from starting the entry's program.

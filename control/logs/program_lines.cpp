@@ -43,7 +43,7 @@ std::size_t last_lines(std::string_view text, std::size_t count) {
   return at + 1;
 }
 
-/// The last `count` lines that stand before `end`, and what stands behind them.
+/// The last `count` lines before `end`, and what follows them.
 std::string text_before(int fd, off_t end, std::size_t count) {
   constexpr std::size_t kBlock = 65536;
   std::string text;

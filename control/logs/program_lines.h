@@ -20,7 +20,7 @@ struct program_line {
 /// Reads one log and its rotated files: first the last lines that are there, then what follows,
 /// across rotations.
 ///
-/// A line's time is what stands in front of it. A line without one is as old as the line before it,
+/// A line's time is the one in front of it. A line without one is as old as the line before it,
 /// and where none has one, as old as the end of its file.
 class program_lines final {
  public:

@@ -71,7 +71,7 @@ std::optional<process> parse_stat(pid_t pid, std::string_view line) {
   return found;
 }
 
-/// What stands behind "FIELD:" on a line of its own.
+/// The rest of the line that begins with "FIELD:".
 std::string_view field_of(std::string_view text, std::string_view field) {
   for (std::size_t at = 0; at < text.size();) {
     const std::size_t end = std::min(text.find('\n', at), text.size());
@@ -131,7 +131,7 @@ void append_watches(std::string_view info, std::vector<watched_file>& out) {
   }
 }
 
-/// The entries of a directory below `root`, without those that begin with a dot.
+/// The names in a directory below `root`, without those that begin with a dot.
 std::vector<std::string> list(int root, const char* path) {
   std::vector<std::string> names;
   unique_fd fd(::openat(root, path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));

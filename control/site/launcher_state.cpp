@@ -76,7 +76,7 @@ bool apply_state(const runner::program_state& state, std::int64_t now, program_s
     return one.pid == state.pid && one.started == state.started;
   });
   status.program = own == status.tree.end() ? std::nullopt : std::optional<process>(*own);
-  // What was told to end ends, whatever its launcher is about.
+  // A program that was told to stop is stopping, whatever its launcher says.
   if (status.now == actual::stopping) return true;
   status.now = actual_of(state.phase);
   status.why = describe_state(state, now);

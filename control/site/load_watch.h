@@ -10,9 +10,9 @@ namespace control {
 
 /// Sees a daemon load its configuration. Begun before the load is caused.
 ///
-/// The daemon's parser opens the file for writing though it only reads, so the end of a load is the
-/// one end of such an opening that nobody else causes by reading. The load is over when the daemon
-/// lets signals in again, which it does not while it acts on what it has read.
+/// The daemon's parser opens the file for writing though it only reads, and no other reader does:
+/// the event of a file that is closed after writing tells that it has been read. The load is over
+/// when the daemon lets signals in again, which it does not while it acts on what it has read.
 class load_watch final {
  public:
   /// @param file the file that will be loaded; it may get its name later.

@@ -49,7 +49,7 @@ pid_t number_at(std::string_view text, std::size_t at) {
   return number;
 }
 
-/// What stands between the last "(" and the last ")".
+/// The text between the last "(" and the last ")".
 std::string in_parentheses(std::string_view text) {
   const std::size_t close = text.rfind(')');
   const std::size_t open = text.rfind('(', close);

@@ -14,9 +14,9 @@ namespace control {
 /// Measures the memory of programs: the proportional set size of everything in their trees.
 ///
 /// For that the kernel goes through all the pages of a process, which takes longer than all else
-/// that is asked about it. Who looks again and again keeps the meter: a process whose resident size
-/// has not changed is measured anew at every tenth look only, since others may have begun or ceased
-/// to share its pages.
+/// that is asked about it. Whoever looks again and again keeps the meter: a process whose resident
+/// size has not changed is measured anew at every tenth look only, since others may have begun or
+/// ceased to share its pages.
 class memory_meter final {
  public:
   void measure(const proc_dir& proc, std::vector<program_status>& programs);

@@ -41,8 +41,8 @@ void take_processes(program_status& status, const running_program& running) {
     status.cpu_seconds += static_cast<double>(one.cpu) / ticks_per_second();
 }
 
-/// Whether the daemon has ended so many programs' waits since it was started that one of them may
-/// be at the limit.
+/// Whether so many programs have ended since the daemon was started that one of them may be at the
+/// limit.
 bool may_have_given_up(const site& place) {
   std::error_code error;
   const auto size = std::filesystem::file_size(place.log_file(), error);
@@ -142,7 +142,7 @@ recent_starts read_recent_starts(const site& place) {
   // Compared as texts: to turn each time into a number takes longer than all the rest.
   const std::string since = format_local(static_cast<std::int64_t>(std::time(nullptr)) - kMinute);
   recent_starts found;
-  int ends = 0;  // That no later launch stands for.
+  int ends = 0;  // Without a later launch in their place.
   for (const log_event& event : read_last_events(place.log_file(), kLogOfMinute)) {
     switch (event.what) {
       case log_event::kind::supervisor_started:

@@ -149,7 +149,7 @@ void program_finder::append_orphaned_programs(const std::string& directory,
     const entries* const candidates = entries_for(what);
     if (candidates == nullptr || !candidates->front()->exepath.starts_with(directory + "/"))
       continue;
-    // In the place of the child stands the first that is left: the program, or its shell.
+    // The first process that is left, the program or its shell, takes the place of the child.
     what.found.child = one;
     for (const process* const below : table_.tree(one.pid))
       what.found.tree.push_back(*below);

@@ -35,7 +35,7 @@ config_watch look_at_watch(const proc_dir& proc, const process& daemon, const si
     const bool is_directory = directory && watched.id.inode == directory->inode;
     found.file = found.file || is_file;
     found.name = found.name || is_directory;
-    // What is written is told of the file alone; of directories, who comes and goes.
+    // Only files are watched for writes; directories are watched for names.
     found.other = found.other || (!is_file && watched.events == IN_MODIFY);
   }
   return found;

@@ -7,6 +7,7 @@
 #include <unordered_set>
 #include <utility>
 
+#include "control/proc/deadline.h"
 #include "control/proc/process_handle.h"
 
 namespace control {
@@ -14,10 +15,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
-
-milliseconds left_until(steady::time_point end) {
-  return std::max(std::chrono::duration_cast<milliseconds>(end - steady::now()), milliseconds(0));
-}
 
 /// The process whose end is waited for, beside that of the daemon's child.
 const process& awaited(const running_program& one) {
@@ -30,7 +27,7 @@ stopping::stopping(const proc_dir& proc, std::vector<running_program> programs)
     : proc_(proc), members_(std::move(programs)) {}
 
 void stopping::add(std::vector<running_program> programs) {
-  // A program that has lost the child above it since stands there in its place.
+  // A program that has lost the child above it since has taken that child's place.
   std::unordered_set<pid_t> known;
   for (const running_program& one : members_) {
     known.insert(one.child.pid);

@@ -141,7 +141,7 @@ TEST(config_watcher, a_file_that_is_moved_in_after_the_other_was_moved_away_is_l
   });
 }
 
-TEST(config_watcher, a_link_that_is_turned_is_a_save) {
+TEST(config_watcher, a_link_that_is_replaced_is_a_save) {
   in_child([] {
     watcher& watch = new_watcher();
     write_file("config/one", "[keelmond]\n");
@@ -160,7 +160,7 @@ TEST(config_watcher, a_link_that_is_turned_is_a_save) {
   });
 }
 
-TEST(config_watcher, a_link_on_the_way_that_is_turned_is_a_save) {
+TEST(config_watcher, a_link_on_the_way_that_is_replaced_is_a_save) {
   in_child([] {
     watcher& watch = new_watcher();
     const fs::path here = fs::current_path();

@@ -42,7 +42,7 @@ TEST_P(links, are_followed) {
 
 // To another file, while the old one stays as it is.
 INSTANTIATE_TEST_SUITE_P(
-    that_are_turned, links,
+    that_are_replaced, links,
     testing::Values(
         linked("by_ln", kFileLink,
                std::string(kNewVersion) + "ln -sfn ../versions/$NEW config/server.ini"),

@@ -11,8 +11,8 @@
 #include <ctime>
 #include <functional>
 
-/// Stands between the code under test and some calls of the system, so that a test can make them
-/// fail, count them or answer in their place. An empty function lets the call through.
+/// Replaces some system calls of the code under test, so that a test can make them fail, count them
+/// or answer in their place. An empty function lets the call through.
 ///
 /// The linker redirects these calls in every test binary (see `keelmond_add_tests`); the product
 /// knows nothing of it. Functions are set while no other thread is inside a call of the same name,
@@ -20,7 +20,7 @@
 struct system_calls {
   /// `fork` and `_Fork`.
   std::function<pid_t()> fork;
-  /// With which a child starts its shell, except in sanitizer builds.
+  /// By which a child starts its shell, except in sanitizer builds.
   std::function<pid_t()> clone;
   std::function<pid_t(pid_t, int*, int)> waitpid;
   /// Runs in the process that is to become a program.
@@ -41,7 +41,7 @@ struct system_calls {
   std::function<void*(void*, std::size_t, int, int, int, off_t)> mmap;
 };
 
-/// What stands in at the moment.
+/// What replaces them at the moment.
 extern system_calls faults;
 
 /// The calls themselves, for functions that let some of them through.

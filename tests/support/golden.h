@@ -2,8 +2,8 @@
 
 #include <string>
 
-/// The texts that the supervisor writes on its way up and down, as users and their scripts know
-/// them.
+/// The texts that the supervisor writes when it starts and shuts down, as users and their scripts
+/// know them.
 namespace golden {
 
 inline constexpr char kFirstLine[] =

@@ -16,7 +16,7 @@ struct child_end {
 /// Runs `body` in a forked process of its own: what is started, blocked, closed or left behind
 /// there cannot reach another test.
 ///
-/// Calls that are redirected stay so in it. It works in an empty directory that is removed
+/// The faults of the test hold in it. It works in an empty directory that is removed
 /// afterwards, leads its own process group and adopts orphans. Assertions in it, on any of its
 /// threads, are collected and handed back. When it ends, everything that is left of its group is
 /// killed; a body that started a new session ends that itself. A body that hangs is killed after

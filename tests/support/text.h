@@ -5,10 +5,10 @@
 #include <string_view>
 #include <vector>
 
-/// How often `part` stands in `text`, without overlaps.
+/// How often `part` occurs in `text`, without overlaps.
 std::size_t count(std::string_view text, std::string_view part);
 
-/// Whether `part` stands in `text`.
+/// Whether `part` occurs in `text`.
 bool contains(std::string_view text, std::string_view part);
 
 /// The lines of a text, without their ends.

@@ -15,8 +15,8 @@ bool wait_until(Condition condition, std::chrono::milliseconds limit = std::chro
   return true;
 }
 
-/// Whether `condition` goes on to hold for a while: for what must not happen, and has nothing to be
-/// waited for instead.
+/// Whether `condition` goes on holding for a while: for what must not happen, where there is
+/// nothing else to wait for.
 template <typename Condition>
 bool keeps(Condition condition,
            std::chrono::milliseconds duration = std::chrono::milliseconds(300)) {
