@@ -94,7 +94,7 @@ void signal_reload(int sig) {
 void signal_exit(int sig) {
   proc_stop();
   // Both calls come after their objects are gone, and both are static for that reason: the pid
-  // file has to be the last thing that goes.
+  // file has to be removed last of all.
   char path[256] = {};
   Tfun_misc::get_current_path(path, kPidFile);
   Tsys_daemon::signal_exit(sig, path);

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <chrono>
 
-/// What a monitor is about, from before its thread exists.
+/// The phase that a monitor is in, from before its thread exists.
 ///
 ///     none -> idle <-> launching -> running -> idle ... -> ended
 ///

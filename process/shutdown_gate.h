@@ -45,7 +45,7 @@ class shutdown_gate final {
   bool wait_until_empty(std::chrono::milliseconds limit) const noexcept;
 
   /// While it lives, the calling thread is outside: it touches no object that the shutdown deletes.
-  /// When it goes and the gate has been closed meanwhile, the thread parks.
+  /// When it is destroyed and the gate has been closed meanwhile, the thread parks.
   class outside final {
    public:
     explicit outside(shutdown_gate& gate) noexcept : gate_(gate) { gate_.dismiss(); }

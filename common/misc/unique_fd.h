@@ -4,7 +4,7 @@
 
 #include <utility>
 
-/// Owns one file descriptor and closes it when it goes. -1 stands for none.
+/// Owns one file descriptor and closes it in the end. -1 means none.
 class unique_fd final {
  public:
   unique_fd() = default;

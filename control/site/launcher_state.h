@@ -8,7 +8,7 @@
 
 namespace control {
 
-/// "waiting 4 s, attempt 5: exit 1": what a program is about that a launcher runs. Empty while
+/// "waiting 4 s, attempt 5: exit 1": what a program does that a launcher runs. Empty while
 /// there is nothing to explain.
 /// @param now in milliseconds since 1970.
 std::string describe_state(const runner::program_state& state, std::int64_t now);

@@ -7,7 +7,7 @@
 namespace control {
 
 /// Lets single keys through from the terminal on standard input, without showing them, and has the
-/// screen to itself, until the object goes.
+/// screen to itself, as long as the object lives.
 class raw_keyboard final {
  public:
   raw_keyboard();

@@ -16,7 +16,7 @@
 /// SIGPIPE ignored, the supervisor's signals blocked, a log, a directory for the liveness files,
 /// and the console caught.
 ///
-/// Monitors' threads use it until the process ends, so it is made once and never goes.
+/// Monitors' threads use it until the process ends, so it is made once and never deleted.
 class supervision final {
  public:
   static supervision& begin();

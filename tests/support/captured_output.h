@@ -4,8 +4,7 @@
 
 #include "common/misc/unique_fd.h"
 
-/// Sends standard output (or standard error) to a file until `text` is asked for or the object
-/// goes.
+/// Sends standard output (or standard error) to a file as long as the object lives.
 class captured_output final {
  public:
   /// @param fd the descriptor to capture: 1 or 2.

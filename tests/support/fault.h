@@ -70,7 +70,7 @@ int flock(int fd, int operation);
 /// forked.
 int without_pipes(int* ends, int flags);
 
-/// Lets all calls through again when it goes.
+/// Lets all calls through again when it is destroyed.
 class no_faults_afterwards final {
  public:
   no_faults_afterwards() = default;

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-/// An empty directory that is removed with all that is in it when the object goes.
+/// An empty directory that is removed, with all that is in it, with the object.
 class scratch_dir final {
  public:
   scratch_dir();

@@ -54,7 +54,7 @@ class held_thread final : public Tsys_thread {
   std::atomic<int> tickets_{0};
 };
 
-/// Notes every thread that is created and joins them all when it goes.
+/// Notes every thread that is created and joins them all in the end.
 class joined_at_the_end final {
  public:
   joined_at_the_end() {
