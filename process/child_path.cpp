@@ -88,8 +88,8 @@ int become_shell(void* start) noexcept {
 }
 
 /// Starts the shell's process. It borrows the child's memory, and the child waits meanwhile: a fork
-/// would copy page tables that the exec right after it throws away; docs/performance.md has what that
-/// costs.
+/// would copy page tables that the exec right after it throws away; docs/performance.md has what
+/// that costs.
 /// @return as `fork` in the parent.
 pid_t fork_shell(shell_start start) noexcept {
 #ifdef KEELMOND_SANITIZED

@@ -7,8 +7,8 @@
 
 /// Watches the names that lead to a file, beside a watch on the file itself.
 ///
-/// A watch on a file follows the file. A tool that moves the old one away as a backup, or replaces a
-/// link, takes the watch off the name, and nobody watches the file that has it then. So each
+/// A watch on a file follows the file. A tool that moves the old one away as a backup, or replaces
+/// a link, takes the watch off the name, and nobody watches the file that has it then. So each
 /// directory on the way is watched for the one name in it that matters: whether it is moved away,
 /// moved in or created there. A directory that cannot be watched is left out.
 class name_watch final {

@@ -90,7 +90,7 @@ def tools(root):
 
 
 def available_contenders(found_tools, contenders, only, say):
-    """Those of the contenders that can be run, in their order; of `only` these where it says any."""
+    """The contenders that can be run, in their order; where `only` names any, just those."""
     chosen = []
     for contender in contenders:
         if only and contender.name not in only:

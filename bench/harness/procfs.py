@@ -177,7 +177,7 @@ def _is_shell(pid):
 
 def _thread_work(directory):
     status = _fields(_read(f"{directory}/status"))
-    switches = status.get("voluntary_ctxt_switches", 0) + status.get("nonvoluntary_ctxt_switches", 0)
+    switches = sum(status.get(kind + "_ctxt_switches", 0) for kind in ("voluntary", "nonvoluntary"))
     scheduled = _read(f"{directory}/schedstat").split()
     if scheduled:
         return Work(int(scheduled[0]), switches)

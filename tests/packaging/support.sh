@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the checks of the packages share. They run in a system of their own, as root. Sourced, not run.
+# What the checks of the packages share, to be sourced. They run in a system of their own, as root.
 set -euo pipefail
 
 home=/var/lib/keelmond
