@@ -12,6 +12,7 @@
 #include <cstring>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include "common/misc/unique_fd.h"
 #include "control/proc/process_table.h"
@@ -23,11 +24,21 @@ namespace {
 
 constexpr std::chrono::seconds kLongestStart{10};
 
-std::string own_directory() {
+std::string directory_above(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  return path.substr(0, slash == std::string::npos ? 0 : slash);
+}
+
+/// Where the programs of this system are: all in one directory once they are installed, each in
+/// that of its part where they were built.
+std::vector<std::string> own_directories() {
   char path[4096];
   const ssize_t length = ::readlink("/proc/self/exe", path, sizeof path);
-  const std::string whole(path, length > 0 ? static_cast<std::size_t>(length) : 0);
-  return whole.substr(0, whole.rfind('/') == std::string::npos ? 0 : whole.rfind('/'));
+  const std::string own =
+      directory_above(std::string(path, length > 0 ? static_cast<std::size_t>(length) : 0));
+  if (!own.ends_with("/control")) return {own};
+  const std::string build = directory_above(own);
+  return {own, build + "/process", build + "/runner"};
 }
 
 [[noreturn]] void become_daemon(const std::string& program, const site& place, int output) {
@@ -67,12 +78,13 @@ unique_fd lock_starts(const site& place) {
 }  // namespace
 
 std::string find_installed_program(const std::string& name) {
-  std::string beside = own_directory() + "/" + name;
-  if (::access(beside.c_str(), X_OK) == 0) return beside;
+  std::vector<std::string> directories = own_directories();
   const char* const path = std::getenv("PATH");
-  std::istringstream directories(path == nullptr ? "" : path);
-  for (std::string directory; std::getline(directories, directory, ':');) {
-    std::string candidate = (directory.empty() ? "." : directory) + "/" + name;
+  std::istringstream listed(path == nullptr ? "" : path);
+  for (std::string directory; std::getline(listed, directory, ':');)
+    directories.push_back(directory.empty() ? "." : directory);
+  for (const std::string& directory : directories) {
+    std::string candidate = directory + "/" + name;
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   throw failure("there is no program " + name + " beside keelmondctl or in PATH: install it there");

@@ -6,7 +6,8 @@
 
 namespace control {
 
-/// A program of this system: the one installed beside keelmondctl, else the one in PATH.
+/// A program of this system: the one installed beside keelmondctl or built with it, else the one in
+/// PATH.
 /// @throws failure when there is none.
 std::string find_installed_program(const std::string& name);
 

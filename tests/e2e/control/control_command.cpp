@@ -27,10 +27,6 @@ constexpr std::chrono::seconds kLongest{300};
   ::closefrom(3);
   // What is started is found by this, and ended with the installation.
   ::setenv("KEELMOND_TEST_INSTALLATION", place.site().parent_path().c_str(), 1);
-  const char* const path = std::getenv("PATH");
-  const std::string daemon = fs::path(KEELMOND_BINARY).parent_path().string();
-  const std::string launcher = fs::path(KEELMOND_RUN_BINARY).parent_path().string();
-  ::setenv("PATH", (daemon + ":" + launcher + ":" + (path == nullptr ? "" : path)).c_str(), 1);
   arguments.insert(arguments.begin(), "keelmondctl");
   std::vector<char*> argv;
   for (std::string& argument : arguments)
