@@ -29,6 +29,7 @@
 #include "control/completion.h"
 #include "control/text/failure.h"
 #include "control/text/quantity.h"
+#include "runner/file/key_table.h"
 
 namespace control {
 namespace {
@@ -172,6 +173,11 @@ void add_editing(CLI::App& app, request& out) {
       ->type_name("NAME=VALUE")
       ->allow_extra_args(false);
   add_path(*command, "--log", add.text.log, "The file that takes its output")->type_name("FILE");
+  command
+      ->add_option("--set", add.text.settings,
+                   "Any other key of the program file, such as stop.timeout=30s")
+      ->type_name("SECTION.KEY=VALUE")
+      ->allow_extra_args(false);
   command->add_option("--exepath", add.exepath, "Its file (default: NAME in the directory)")
       ->type_name("PATH");
   command->add_flag("--stopped", add.stopped, "Do not start it yet");
@@ -234,6 +240,14 @@ void add_reporting(CLI::App& app, request& out) {
       ->type_name("TIME");
 }
 
+/// What --set can begin with.
+std::vector<std::string> beginnings_of_settings() {
+  std::vector<std::string> beginnings;
+  for (const runner::key_rule& rule : runner::key_table())
+    beginnings.push_back(std::string(rule.section) + "." + std::string(rule.key) + "=");
+  return beginnings;
+}
+
 /// What completions offer is what the parser takes.
 std::vector<completed_command> commands_of(CLI::App& app) {
   std::vector<completed_command> commands;
@@ -249,6 +263,7 @@ std::vector<completed_command> commands_of(CLI::App& app) {
         one.options.push_back("--" + name);
       one.takes_names = one.takes_names || option->get_name() == "NAME";
       one.takes_file = one.takes_file || option->get_name() == "FILE";
+      if (option->get_name() == "--set") one.settings = beginnings_of_settings();
     }
     commands.push_back(std::move(one));
   }

@@ -10,6 +10,14 @@ std::string joined(const std::vector<std::string>& words) {
   return text;
 }
 
+/// What the --set of one of them can begin with.
+std::vector<std::string> settings_of(const std::vector<completed_command>& commands) {
+  for (const completed_command& one : commands) {
+    if (!one.settings.empty()) return one.settings;
+  }
+  return {};
+}
+
 std::string bash_script(const std::vector<completed_command>& commands) {
   std::string names;
   std::string cases;
@@ -27,6 +35,12 @@ _keelmondctl() {
   COMPREPLY=()
   if [[ $previous == -C ]]; then
     mapfile -t COMPREPLY < <(compgen -d -- "$current")
+    return
+  fi
+  if [[ $previous == --set ]]; then
+    compopt -o nospace 2>/dev/null
+    mapfile -t COMPREPLY < <(compgen -W ")sh" +
+         joined(settings_of(commands)) + R"sh(" -- "$current")
     return
   fi
   for ((i = 1; i < COMP_CWORD; ++i)); do
@@ -90,6 +104,11 @@ _keelmondctl() {
     _files -/
     return
   fi
+  if [[ ${words[CURRENT-1]} == --set ]]; then
+    compadd -S '' -- )sh" +
+         joined(settings_of(commands)) + R"sh(
+    return
+  fi
   for ((i = 2; i < CURRENT; ++i)); do
     case ${words[i]} in
       -C) directory=(-C ${words[++i]}) ;;
@@ -147,7 +166,9 @@ complete -c keelmondctl -s C -x -a '(__fish_complete_directories)'
               quoted(one.description) + "'\n";
     for (const std::string& option : one.options) {
       const bool is_long = option.starts_with("--");
-      script += in_command + (is_long ? "-l " + option.substr(2) : "-s " + option.substr(1)) + "\n";
+      script += in_command + (is_long ? "-l " + option.substr(2) : "-s " + option.substr(1));
+      if (option == "--set") script += " -x -a '" + joined(one.settings) + "'";
+      script += "\n";
     }
     if (one.takes_names) script += in_command + "-a '(__keelmondctl_names)'\n";
     if (one.takes_file) script += in_command + "-F\n";

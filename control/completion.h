@@ -12,6 +12,7 @@ struct completed_command {
   std::vector<std::string> options;  ///< With their dashes.
   bool takes_names = false;          ///< Of programs.
   bool takes_file = false;
+  std::vector<std::string> settings{};  ///< What its --set can begin with, if it has one.
 };
 
 /// The script that makes a shell ("bash", "zsh" or "fish") complete these commands. The names of

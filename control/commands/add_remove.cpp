@@ -85,7 +85,7 @@ class new_file final {
 /// Writes the program file that the options describe, if they describe one.
 std::unique_ptr<new_file> write_program_file(const session& here, const add_options& options) {
   const program_text_options& wanted = options.text;
-  if (wanted.command.empty()) {
+  if (wanted.command.empty() && wanted.settings.empty()) {
     if (wanted.directory.empty() && wanted.user.empty() && wanted.environment.empty() &&
         wanted.log.empty()) {
       return nullptr;

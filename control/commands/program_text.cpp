@@ -6,9 +6,12 @@
 #include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
+#include "common/inifile/ini_line.h"
 #include "common/misc/small_file.h"
 #include "common/misc/unique_fd.h"
+#include "control/commands/session.h"
 #include "control/text/failure.h"
 #include "runner/file/program_file.h"
 
@@ -44,6 +47,68 @@ void append(std::string& out, const std::string& key, const std::string& value) 
   out.append(key).append(" = ").append(value).append("\n");
 }
 
+void append_variable(std::string& out, const std::string& variable) {
+  require_one_line(variable);
+  // Without blanks: a key of one letter must not have any.
+  out.append(variable).append("\n");
+}
+
+/// Sections with their lines, in the order of the file.
+class section_texts final {
+ public:
+  /// The lines of a section, which is begun if it is not there.
+  std::string& operator[](const std::string& name) {
+    for (auto& [known, lines] : all_) {
+      if (known == name) return lines;
+    }
+    return all_.emplace_back(name, "").second;
+  }
+  [[nodiscard]] std::string whole() const {
+    std::string text;
+    for (const auto& [name, lines] : all_)
+      text += (text.empty() ? "[" : "\n[") + name + "]\n" + lines;
+    return text;
+  }
+
+ private:
+  std::vector<std::pair<std::string, std::string>> all_;
+};
+
+/// A key that is to have a value.
+struct setting {
+  std::string section;
+  std::string key;
+  std::string value;
+};
+
+setting parse_setting(const std::string& text) {
+  const std::size_t dot = text.find('.');
+  const std::size_t equals = text.find('=');
+  if (dot == std::string::npos || equals == std::string::npos || dot == 0 || dot + 1 >= equals) {
+    throw failure("--set takes SECTION.KEY=VALUE, and " + text + " is none. Nothing was changed",
+                  exit_status::kUsage);
+  }
+  return {text.substr(0, dot), text.substr(dot + 1, equals - dot - 1), text.substr(equals + 1)};
+}
+
+void append(section_texts& out, const setting& one) {
+  require_one_line(one.section + one.key);
+  if (one.section == "environment") {
+    append_variable(out[one.section], one.key + "=" + one.value);
+  } else {
+    require_one_line(one.value);
+    out[one.section].append(one.key).append(" = ").append(one.value).append("\n");
+  }
+}
+
+/// @throws failure unless the file says that, and not something else that looks like it.
+void require_said(const runner::program_file& file, const setting& one) {
+  const auto* const said = file.find(one.section, one.key);
+  if (said != nullptr && said->value == ini_line::trim_func(one.value)) return;
+  throw failure("[" + one.section + "] of a program file can have no key " + one.key +
+                " with that value. Nothing was changed");
+}
+
 }  // namespace
 
 std::string program_text(const program_text_options& options, const std::string& launcher,
@@ -51,27 +116,30 @@ std::string program_text(const program_text_options& options, const std::string&
   std::string command;
   for (const std::string& word : options.command)
     command += (command.empty() ? "" : " ") + quoted_word(word);
-  std::string text = "#!" + launcher + "\n[program]\n";
-  append(text, "command", command);
-  append(text, "directory", options.directory);
-  append(text, "user", options.user);
-  if (!options.environment.empty()) text += "\n[environment]\n";
+  section_texts sections;
+  append(sections["program"], "command", command);
+  append(sections["program"], "directory", options.directory);
+  append(sections["program"], "user", options.user);
   for (const std::string& variable : options.environment) {
-    const std::size_t equals = variable.find('=');
-    if (equals == std::string::npos)
+    if (variable.find('=') == std::string::npos)
       throw failure("--env takes NAME=value, and " + variable + " is none. Nothing was changed");
-    require_one_line(variable);
-    // Without blanks: a key of one letter must not have any.
-    text += variable + "\n";
+    append_variable(sections["environment"], variable);
   }
-  if (!options.log.empty()) text += "\n[log]\n";
-  append(text, "file", options.log);
+  if (!options.log.empty()) append(sections["log"], "file", options.log);
+  std::vector<setting> settings;
+  for (const std::string& one : options.settings)
+    append(sections, settings.emplace_back(parse_setting(one)));
 
+  const std::string text = "#!" + launcher + "\n" + sections.whole();
   const runner::program_file_result read = runner::read_program_text(text, path);
-  if (read.findings.empty()) return text;
-  const runner::file_finding& first = read.findings.front();
-  throw failure((first.key.empty() ? "" : first.key + ": ") + first.text +
-                (first.remedy.empty() ? "" : "; " + first.remedy) + ". Nothing was changed");
+  if (!read.findings.empty()) {
+    const runner::file_finding& first = read.findings.front();
+    throw failure((first.key.empty() ? "" : first.key + ": ") + first.text +
+                  (first.remedy.empty() ? "" : "; " + first.remedy) + ". Nothing was changed");
+  }
+  for (const setting& one : settings)
+    require_said(read.settings, one);
+  return text;
 }
 
 void write_new_executable(const std::string& path, const std::string& text) {

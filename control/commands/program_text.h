@@ -12,6 +12,7 @@ struct program_text_options {
   std::string user{};
   std::vector<std::string> environment{};  ///< Each "NAME=value".
   std::string log{};                       ///< The file that takes the output.
+  std::vector<std::string> settings{};     ///< Any other keys, each "SECTION.KEY=VALUE".
 };
 
 /// The text of a program file.

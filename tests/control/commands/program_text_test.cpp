@@ -9,6 +9,7 @@
 #include "control/text/failure.h"
 #include "runner/file/program_file.h"
 #include "tests/support/scratch_dir.h"
+#include "tests/support/text.h"
 
 using control::program_text;
 using control::program_text_options;
@@ -32,6 +33,44 @@ TEST(program_text, says_what_was_asked_for_and_no_more) {
             "#!/usr/bin/keelmond-run\n[program]\ncommand = redis-server --save '3600 1'\n"
             "directory = /srv\nuser = 0\n\n[environment]\nA=1\nLONG=x = y\n\n[log]\n"
             "file = /var/log/web.log\n");
+}
+
+TEST(program_text, takes_any_key_and_puts_it_in_its_section) {
+  EXPECT_EQ(text_of({.command = {"sleep", "5"},
+                     .environment = {"A=1"},
+                     .log = "web.log",
+                     .settings = {"stop.timeout=30s", "program.nice=5", "environment.B=x = y",
+                                  "log.size=1M", "stop.signal=INT"}}),
+            "#!/usr/bin/keelmond-run\n[program]\ncommand = sleep 5\nnice = 5\n\n"
+            "[environment]\nA=1\nB=x = y\n\n[log]\nfile = web.log\nsize = 1M\n\n"
+            "[stop]\ntimeout = 30s\nsignal = INT\n");
+  EXPECT_EQ(text_of({.settings = {"program.command=echo $HOME; exit", "program.shell=yes"}}),
+            "#!/usr/bin/keelmond-run\n[program]\ncommand = echo $HOME; exit\nshell = yes\n");
+}
+
+TEST(program_text, refuses_keys_as_the_reader_of_the_file_does) {
+  const auto refusal = [](const char* setting) -> std::string {
+    try {
+      return text_of({.command = {"x"}, .user = "0", .settings = {setting}});
+    } catch (const control::failure& why) {
+      return why.what();
+    }
+  };
+  EXPECT_EQ(
+      refusal("stop.timeout=soon"),
+      "timeout: \"soon\" cannot be understood; write a duration such as 0.5, 500ms, 10s, 2m or "
+      "1h. Nothing was changed");
+  EXPECT_TRUE(contains(refusal("stop.time=1s"), "time: [stop] has no such key; its keys are "));
+  EXPECT_TRUE(contains(refusal("halt.timeout=1s"), "there is no section \"halt\"; "));
+  EXPECT_TRUE(contains(refusal("program.user=1"), "user: it stands in line 4 already"));
+  EXPECT_TRUE(contains(refusal("program.umask="), "umask: it has no value"));
+  for (const char* const none : {"timeout=1s", "stop.=1s", ".timeout=1s", "stop.timeout", "a=b.c"})
+    EXPECT_TRUE(contains(refusal(none), "--set takes SECTION.KEY=VALUE, and ")) << none;
+  EXPECT_TRUE(contains(refusal("stop.timeout=1s\nsignal = INT"), "line break"));
+  EXPECT_TRUE(contains(refusal("stop]\n[log.file=x"), "line break"));
+  // Lines that would be headers and remarks.
+  for (const char* const other : {"program.[log]=1", "program.#x=1", "program.;x=1"})
+    EXPECT_FALSE(contains(refusal(other), "keelmond-run")) << refusal(other);
 }
 
 TEST(program_text, gives_back_every_word_of_a_command) {

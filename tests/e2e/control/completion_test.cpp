@@ -55,8 +55,10 @@ TEST_F(control_completion, of_bash_knows_commands_options_and_programs) {
                 "try keelmondctl -C .. restart kmc_\n"
                 "try keelmondctl restart kmc_\n"
                 "try keelmondctl down --k\n"
-                "try keelmondctl -C ..\n"),
-            "status start\nkmc_alpha kmc_beta\n\n--kill\n..\n");
+                "try keelmondctl -C ..\n"
+                "try keelmondctl add x --set stop.\n"),
+            "status start\nkmc_alpha kmc_beta\n\n--kill\n..\n"
+            "stop.signal= stop.timeout= stop.command= stop.shell=\n");
 }
 
 TEST_F(control_completion, of_zsh_knows_commands_options_and_programs) {
@@ -73,14 +75,16 @@ TEST_F(control_completion, of_zsh_knows_commands_options_and_programs) {
                 "export ZDOTDIR=$PWD TERM=xterm\n"
                 "zpty shell zsh -d -i\n"
                 "zpty -r shell said '*ready*'\n"
-                "for line in 'statu' '-C .. restart kmc_a' '-C .. down --k' 'restart kmc_a'; do\n"
+                "for line in 'statu' '-C .. restart kmc_a' '-C .. down --k' 'restart kmc_a' \\\n"
+                "    'add x --set stop.t'; do\n"
                 "  zpty -w -n shell \"keelmondctl $line\"$'\\t\\x0f'\n"
                 "done\n"
                 "zpty -w -n shell $'exit\\n'\n"
                 "while zpty -r shell said; do :; done\n"
                 "true\n"),
             "keelmondctl status \nkeelmondctl -C .. restart kmc_alpha \n"
-            "keelmondctl -C .. down --kill \nkeelmondctl restart kmc_a\n");
+            "keelmondctl -C .. down --kill \nkeelmondctl restart kmc_a\n"
+            "keelmondctl add x --set stop.timeout=\n");
 }
 
 TEST_F(control_completion, of_fish_knows_commands_options_and_programs) {
@@ -93,8 +97,8 @@ TEST_F(control_completion, of_fish_knows_commands_options_and_programs) {
                 "  echo . >>out\n"
                 "end\n"
                 "try statu\ntry -C .. res\ntry -C .. restart kmc_\ntry restart kmc_\n"
-                "try -C .. down --k\ntry -C .. status down\n"),
-            "status\n.\nrestart\n.\nkmc_alpha\nkmc_beta\n.\n.\n--kill\n.\n.\n");
+                "try -C .. down --k\ntry -C .. status down\ntry add x --set stop.t\n"),
+            "status\n.\nrestart\n.\nkmc_alpha\nkmc_beta\n.\n.\n--kill\n.\n.\nstop.timeout=\n.\n");
 }
 
 TEST_F(control_completion, is_refused_for_other_shells) {

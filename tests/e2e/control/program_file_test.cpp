@@ -46,6 +46,17 @@ TEST(control_add, writes_a_program_file_for_a_command) {
   EXPECT_EQ(control(here.place, {"check"}).status, 0) << control(here.place, {"check"}).output;
 }
 
+TEST(control_add, takes_every_key_of_a_program_file) {
+  const empty_place here;
+  const control_result done = here.add(
+      {"--set", "program.umask=077", "--set", "environment.GREETING=a = b", "--set",
+       "stop.signal=INT", "--", "sh", "-c", "echo \"$GREETING $(umask)\" > out; exec sleep 1000"});
+  EXPECT_EQ(done.status, 0) << done.errors;
+  EXPECT_TRUE(wait_until([&] { return here.place.read("out") == "a = b 0077\n"; }))
+      << here.place.read("out");
+  EXPECT_TRUE(contains(here.place.read(here.name), "\n[stop]\nsignal = INT\n"));
+}
+
 TEST(control_add, leaves_no_file_behind_for_what_it_refuses) {
   const empty_place here;
   const auto is_refused = [&](const std::vector<std::string>& arguments, const std::string& why) {
@@ -56,6 +67,8 @@ TEST(control_add, leaves_no_file_behind_for_what_it_refuses) {
   };
   is_refused({"--user", "no_such_user_here", "--", "sleep", "5"}, "user: no user is called");
   is_refused({"--log", "out.log"}, "go with a command");
+  is_refused({"--set", "stop.timeout=soon", "--", "sleep", "5"}, "timeout: \"soon\"");
+  is_refused({"--set", "stop.timeout=1s"}, "command: there is no command");
   is_refused({"--exepath", "/nonexistent/file", "--", "sleep", "5"}, "cannot write");
   write_file(here.place.site() / here.name, "mine");
   EXPECT_TRUE(contains(here.add({"--", "sleep", "5"}).errors, "is there already"));
