@@ -28,18 +28,22 @@ bool write_text(const char* path, const std::string& text) {
 }
 
 /// Enters the namespaces; an ordinary user by way of a user namespace in which nobody changes.
-bool enter() {
-  if (::unshare(CLONE_NEWPID | CLONE_NEWNS) == 0) return true;
+bool enter(int namespaces) {
+  if (::unshare(namespaces) == 0) return true;
   const std::string user = std::to_string(::geteuid());
   const std::string group = std::to_string(::getegid());
-  return ::unshare(CLONE_NEWUSER | CLONE_NEWPID | CLONE_NEWNS) == 0 &&
-         write_text("/proc/self/setgroups", "deny") &&
+  return ::unshare(CLONE_NEWUSER | namespaces) == 0 && write_text("/proc/self/setgroups", "deny") &&
          write_text("/proc/self/uid_map", user + " " + user + " 1") &&
          write_text("/proc/self/gid_map", group + " " + group + " 1");
 }
 
+/// Keeps what is mounted from now on from everybody else.
+bool keep_mounts() {
+  return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
 bool mount_proc() {
-  return ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+  return keep_mounts() &&
          ::mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC, nullptr) == 0;
 }
 
@@ -71,7 +75,7 @@ int wait_for(pid_t child) {
   // A test that has no process id to signal may signal 0 instead, and a process group reaches out
   // of the namespace: to CTest, and to whoever runs it.
   ::setpgid(0, 0);
-  if (!enter()) ::_exit(kNotPermitted);
+  if (!enter(CLONE_NEWPID | CLONE_NEWNS)) ::_exit(kNotPermitted);
   const pid_t init = ::fork();
   if (init == 0) be_init(argv);
   ::_exit(init > 0 ? wait_for(init) : kNotPermitted);
@@ -81,6 +85,10 @@ int wait_for(pid_t child) {
 
 bool is_inside() {
   return std::getenv(kMark) != nullptr;
+}
+
+bool enter_own_mounts() {
+  return enter(CLONE_NEWNS) && keep_mounts();
 }
 
 std::optional<int> run_again(char** argv) {

@@ -17,6 +17,10 @@ namespace private_namespace {
 /// Whether this process was started by `run_again`.
 bool is_inside();
 
+/// Gives this process mounts of its own. Whoever calls this may mount there, an ordinary user too
+/// until something is executed. @return whether there can be such.
+bool enter_own_mounts();
+
 /// Runs this program again, with the same arguments, in a namespace of its own.
 /// @return its exit status; nothing when there can be no namespace here, and nothing has run.
 std::optional<int> run_again(char** argv);
