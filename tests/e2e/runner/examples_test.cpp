@@ -15,7 +15,7 @@
 
 #include "common/misc/unique_fd.h"
 #include "runner/file/program_file.h"
-#include "tests/e2e/runner/free_port.h"
+#include "tests/e2e/runner/http_server.h"
 #include "tests/e2e/runner/program_files.h"
 #include "tests/support/wait_until.h"
 

@@ -136,35 +136,6 @@ TEST(runner_keys, no_new_privileges_is_set_only_when_asked_for) {
   EXPECT_EQ(status_field(place.wait_phase(without, program_phase::running).pid, "NoNewPrivs"), "0");
 }
 
-TEST(runner_keys, limits_are_set_soft_and_hard) {
-  runner_place place;
-  add_shell(place, "ulimit -Sn; ulimit -Hn; ulimit -Sc; ulimit -Hc",
-            "[limits]\nnofile = 123:456\ncore = 1M:2M\n");
-  place.start();
-  EXPECT_EQ(output_of(place), "123\n456\n2048\n4096\n");
-}
-
-TEST(runner_keys, limits_of_a_group_need_one_that_is_delegated) {
-  runner_place place;
-  const std::string name = place.add_steady("[limits]\ntasks = 100000\n");
-  place.start();
-  // Where the machine lets this user make groups, the program runs in one; elsewhere a line says
-  // why it does not run.
-  ASSERT_TRUE(wait_until([&] {
-    const auto state = place.state(name);
-    return state &&
-           (state->phase == program_phase::running || state->phase == program_phase::waiting);
-  }));
-  const auto state = place.state(name);
-  if (state->phase == program_phase::waiting) {
-    EXPECT_NE(place.site().errors().find(":5: tasks: "), std::string::npos);
-    EXPECT_EQ(place.site().starts(name), 0U);
-  } else {
-    const std::string group = read_file("/proc/" + std::to_string(state->pid) + "/cgroup");
-    EXPECT_NE(group.find("keelmond." + name), std::string::npos);
-  }
-}
-
 TEST(runner_keys, the_environment_is_handed_on_changed_or_clean) {
   runner_place place;
   fs::create_directory(place.site().site() / "programs");
@@ -211,34 +182,38 @@ TEST(runner_keys, user_group_and_groups_are_dropped_for_good) {
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(state.pid); }));
 }
 
+TEST(runner_keys, whoever_is_that_user_already_may_be_named) {
+  runner_place place;
+  const std::string user = std::to_string(::getuid());
+  const std::string group = std::to_string(::getgid());
+  const std::string name =
+      place.add("[program]\ncommand = sleep 1000\nuser = " + user + "\ngroup = " + group + "\n");
+  place.start();
+  const program_state state = place.wait_phase(name, program_phase::running);
+  using process_table::status_field;
+  EXPECT_TRUE(status_field(state.pid, "Uid").starts_with(user + "\t" + user));
+  EXPECT_TRUE(status_field(state.pid, "Gid").starts_with(group + "\t" + group));
+}
+
 TEST(runner_keys, an_ordinary_user_may_not_become_another) {
   if (is_root()) GTEST_SKIP() << "root may";
   runner_place place;
-  const std::string name = place.add("[program]\ncommand = sleep 1000\nuser = root\n");
+  const std::string user = place.add("[program]\ncommand = sleep 1000\nuser = root\n");
+  const std::string group = place.add("[program]\ncommand = sleep 1000\ngroup = 0\n");
+  const std::string nice = place.add("[program]\ncommand = sleep 1000\nnice = -5\n");
+  const std::string score = place.add("[program]\ncommand = sleep 1000\noom_score = -500\n");
   place.start();
-  place.wait_phase(name, program_phase::waiting);
-  EXPECT_NE(place.site().errors().find("only a supervisor that runs as root may do that"),
-            std::string::npos);
-}
-
-TEST(runner_keys, what_cannot_be_started_is_told_in_one_line_with_its_place) {
-  runner_place place;
-  const std::string no_command = place.add("\n[program]\ncommand = /nonexistent/thing -x\n");
-  const std::string no_directory =
-      place.add("[program]\ncommand = sleep 1000\ndirectory = /nonexistent\n");
-  const std::string no_log =
-      place.add("[program]\ncommand = sleep 1000\n[log]\nfile = /nonexistent/log\n");
-  place.start();
-  for (const auto& name : {no_command, no_directory, no_log})
-    place.wait_phase(name, program_phase::waiting);
-  const auto tells = [&](const std::string& line) {
-    return wait_until([&] { return place.site().errors().find(line) != std::string::npos; });
+  const auto expect = [&](const std::string& name, const std::string& begin, const char* end) {
+    const std::string told = place.wait_phase(name, program_phase::waiting).status;
+    EXPECT_TRUE(told.starts_with(place.path_of(name) + begin)) << told;
+    EXPECT_TRUE(contains(told, end)) << told;
   };
-  EXPECT_TRUE(tells(place.path_of(no_command) +
-                    ":4: command: cannot execute /nonexistent/thing: No such file or directory\n"));
-  EXPECT_TRUE(tells(place.path_of(no_directory) +
-                    ":4: directory: cannot enter /nonexistent: No such file or directory\n"));
-  EXPECT_TRUE(tells(place.path_of(no_log) + ":5: file: "));
+  const char* const why =
+      ": Operation not permitted; only a supervisor that runs as root may do that";
+  expect(user, ":4: user: cannot ", why);
+  expect(group, ":4: group: cannot ", why);
+  expect(nice, ":4: nice: cannot set it", ": Permission denied");
+  expect(score, ":4: oom_score: cannot set it", ": Permission denied");
 }
 
 TEST(runner_keys, the_supervisor_can_be_named) {
@@ -251,77 +226,4 @@ TEST(runner_keys, the_supervisor_can_be_named) {
   EXPECT_TRUE(
       wait_until([&] { return place.site().read("elsewhere/notify/" + name + ".ready") == "1"; }));
   EXPECT_FALSE(place.site().has("notify/" + name + ".ready"));
-}
-
-TEST(runner_keys, before_and_after_run_around_the_program) {
-  runner_place place;
-  const std::string name = place.add(
-      "[program]\nshell = yes\nbefore = echo before >> steps\n"
-      "command = echo program >> steps; exec sleep 1000\nafter = echo after $SIGNAL >> steps\n");
-  place.start();
-  const program_state state = place.wait_phase(name, program_phase::running);
-  ASSERT_EQ(place.wait_text("steps", "before\nprogram\n"), "before\nprogram\n");
-  ::kill(state.pid, SIGKILL);
-  const std::string all = "before\nprogram\nafter KILL\nbefore\nprogram\n";
-  EXPECT_EQ(place.wait_text("steps", all), all);
-  place.stop(name);
-  EXPECT_EQ(place.read("steps"), all + "after TERM\n");
-}
-
-TEST(runner_keys, a_program_is_not_started_when_before_fails) {
-  runner_place place;
-  const std::string name =
-      place.add("[program]\nshell = yes\nbefore = exit 3\ncommand = echo > started\n");
-  place.start();
-  EXPECT_EQ(place.wait_phase(name, program_phase::waiting).status, "before: exit 3");
-  EXPECT_FALSE(place.site().has("programs/started"));
-}
-
-TEST(runner_keys, a_question_that_cannot_be_asked_is_told_once_and_is_no_failure_of_the_program) {
-  runner_place place;
-  const std::string name =
-      place.add_steady("[ready]\ncommand = /nonexistent/ask\n[on]\nready = /nonexistent/hook\n");
-  place.start();
-  place.wait_phase(name, program_phase::starting);
-  const std::string line = ": command: cannot execute /nonexistent/ask: No such file or directory";
-  EXPECT_TRUE(wait_until([&] { return count(place.site().errors(), line) == 1; }));
-  EXPECT_TRUE(keeps([&] { return count(place.site().errors(), line) == 1; }));
-  EXPECT_EQ(place.state(name)->status, "");
-}
-
-TEST(runner_keys, stop_has_its_own_signal) {
-  runner_place place;
-  const std::string program = place.site().add_script(
-      "for s in TERM QUIT; do trap \"echo $s > \\\"${0%/*}/got\\\"; exit\" $s; done\n" +
-      place.site().note_start() + "while :; do " + place.site().stay() + "done\n");
-  const std::string name = place.add("[program]\ncommand = " + place.path_of(program) +
-                                     "\n[stop]\nsignal = SIGQUIT\ntimeout = 1h\n");
-  place.start();
-  place.wait_phase(name, program_phase::running);
-  place.site().wait_running(program);
-  place.stop(name);
-  EXPECT_EQ(place.read("got"), "QUIT\n");
-}
-
-TEST(runner_keys, stop_can_be_a_command) {
-  runner_place place;
-  const std::string name =
-      place.add_steady("[stop]\nshell = yes\ncommand = echo $NAME > asked; kill -KILL $PID\n");
-  place.start();
-  const program_state state = place.wait_phase(name, program_phase::running);
-  place.stop(name);
-  EXPECT_EQ(place.read("asked"), name + "\n");
-  EXPECT_FALSE(process_table::is_alive(state.pid));
-}
-
-TEST(runner_keys, output_goes_to_a_log_file_that_the_launcher_writes_to_as_well) {
-  runner_place place;
-  const std::string name = place.add(
-      "[program]\nshell = yes\ncommand = echo out; echo err >&2; exit 3\n"
-      "[log]\nfile = the.log\n[restart]\ndelay = 1h\nlongest = 1h\n");
-  place.start();
-  const program_state state = place.wait_phase(name, program_phase::waiting);
-  EXPECT_EQ(state.log, place.path_of("the.log"));
-  const std::string all = "out\nerr\nkeelmond-run: ended: exit 3; next start in 3600 s\n";
-  EXPECT_EQ(place.wait_text("the.log", all), all);
 }

@@ -15,6 +15,10 @@ constexpr std::string_view kFirstLine = "#!" KEELMOND_RUN_BINARY "\n";
 
 }  // namespace
 
+std::string shell_text(const std::string& command, const std::string& more) {
+  return "[program]\nshell = yes\ncommand = " + command + "\n" + more;
+}
+
 std::string runner_place::add(std::string_view text) {
   const std::string name = place_.add_executable(std::string(kFirstLine) + std::string(text));
   programs_.push_back(place_.entry(name));
@@ -46,6 +50,10 @@ void runner_place::stop(const std::string& name) {
 std::string runner_place::wait_text(const std::string& file, const std::string& text) const {
   wait_until([&] { return read(file) == text; }, kLimit);
   return read(file);
+}
+
+bool runner_place::tells(const std::string& text) const {
+  return wait_until([&] { return contains(place_.errors(), text); }, kLimit);
 }
 
 std::optional<program_state> runner_place::state(const std::string& name) const {

@@ -10,6 +10,9 @@
 #include "runner/file/state_file.h"
 #include "tests/e2e/support/installation.h"
 
+/// The text of a program file that hands a command to the shell, and more lines behind that.
+std::string shell_text(const std::string& command, const std::string& more = "");
+
 /// An installation whose programs are program files.
 class runner_place final {
  public:
@@ -35,6 +38,8 @@ class runner_place final {
   }
   /// Waits until a file beside the program files has this text. @return the last that it had.
   [[nodiscard]] std::string wait_text(const std::string& file, const std::string& text) const;
+  /// Waits until standard error has this text. @return whether it has.
+  [[nodiscard]] bool tells(const std::string& text) const;
 
   [[nodiscard]] std::optional<runner::program_state> state(const std::string& name) const;
   /// Waits for a phase, and gives up with an exception. @return the state then.

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "common/misc/unique_fd.h"
-#include "tests/e2e/runner/free_port.h"
+#include "tests/e2e/runner/http_server.h"
 #include "tests/e2e/runner/program_files.h"
 #include "tests/support/wait_until.h"
 
@@ -19,23 +19,10 @@ namespace fs = std::filesystem;
 using runner::program_phase;
 using runner::program_state;
 
-namespace {
-
-/// A command of the shell as the program, and more of the file behind it.
-std::string shell(const std::string& command, const std::string& more = "") {
-  return "[program]\nshell = yes\ncommand = " + command + "\n" + more;
-}
-
-bool has_python() {
-  return fs::exists("/usr/bin/python3");
-}
-
-}  // namespace
-
 TEST(runner_restart, the_pause_grows_while_a_program_cannot_stay_up) {
   runner_place place;
   const std::string name =
-      place.add(shell("echo x >> starts; exit 3", "[restart]\ndelay = 10ms\nlongest = 1h\n"));
+      place.add(shell_text("echo x >> starts; exit 3", "[restart]\ndelay = 10ms\nlongest = 1h\n"));
   place.start();
   ASSERT_TRUE(wait_until([&] {
     const auto state = place.state(name);
@@ -63,9 +50,9 @@ TEST(runner_restart, a_program_that_was_up_long_enough_comes_back_after_the_firs
 TEST(runner_restart, gives_up_after_so_many_attempts_and_waits) {
   runner_place place;
   const std::string name =
-      place.add(shell("echo x >> starts; exit 3",
-                      "[restart]\ndelay = 1ms\ngive_up = 3\n[on]\nshell = yes\n"
-                      "give_up = echo \"$NAME $STATUS\" > given_up\n"));
+      place.add(shell_text("echo x >> starts; exit 3",
+                           "[restart]\ndelay = 1ms\ngive_up = 3\n[on]\nshell = yes\n"
+                           "give_up = echo \"$NAME $STATUS\" > given_up\n"));
   place.start();
   const program_state state = place.wait_phase(name, program_phase::given_up);
   EXPECT_EQ(state.attempt, 3U);
@@ -77,10 +64,11 @@ TEST(runner_restart, gives_up_after_so_many_attempts_and_waits) {
 
 TEST(runner_restart, on_failure_leaves_a_program_alone_that_ended_well) {
   runner_place place;
-  const std::string well = place.add(shell("echo x >> well", "[restart]\non = failure\n"));
+  const std::string well = place.add(shell_text("echo x >> well", "[restart]\non = failure\n"));
   const std::string badly =
-      place.add(shell("echo x >> badly; exit 3", "[restart]\non = failure\ndelay = 1ms\n"));
-  const std::string never = place.add(shell("echo x >> never; exit 3", "[restart]\non = never\n"));
+      place.add(shell_text("echo x >> badly; exit 3", "[restart]\non = failure\ndelay = 1ms\n"));
+  const std::string never =
+      place.add(shell_text("echo x >> never; exit 3", "[restart]\non = never\n"));
   place.start();
   place.wait_phase(well, program_phase::ended);
   EXPECT_EQ(place.wait_phase(never, program_phase::ended).status, "exit 3");
@@ -92,7 +80,7 @@ TEST(runner_restart, on_failure_leaves_a_program_alone_that_ended_well) {
 
 TEST(runner_restart, a_wrong_file_starts_nothing_and_is_read_again_after_a_growing_pause) {
   runner_place place;
-  const std::string name = place.add(shell("echo x > started", "[limits]\nnofile = many\n"));
+  const std::string name = place.add(shell_text("echo x > started", "[limits]\nnofile = many\n"));
   place.start();
   ASSERT_TRUE(wait_until([&] {
     const auto state = place.state(name);
@@ -102,7 +90,7 @@ TEST(runner_restart, a_wrong_file_starts_nothing_and_is_read_again_after_a_growi
   EXPECT_NE(place.site().errors().find(place.path_of(name) + ":6: nofile: \"many\""),
             std::string::npos);
   EXPECT_EQ(count(place.site().log(), "launched sub process"), 1U);
-  place.write(name, shell("echo x > started; exec sleep 1000"));
+  place.write(name, shell_text("echo x > started; exec sleep 1000"));
   place.wait_phase(name, program_phase::running);
   EXPECT_EQ(place.wait_text("started", "x\n"), "x\n");
 }
@@ -123,10 +111,10 @@ TEST(runner_restart, a_file_that_becomes_wrong_while_its_program_runs_counts_fro
 
 TEST(runner_restart, a_failure_runs_a_hook_that_is_told_of_it) {
   runner_place place;
-  const std::string name = place.add(
-      shell("test -e again && exec sleep 1000; touch again; kill -SEGV $$",
-            "[on]\nshell = yes\nfailure = echo \"$NAME|$STATUS|$SIGNAL|$LIVED\" > failed.new && mv "
-            "failed.new failed\nready = echo \"$NAME\" >> ready\n"));
+  const std::string name = place.add(shell_text(
+      "test -e again && exec sleep 1000; touch again; kill -SEGV $$",
+      "[on]\nshell = yes\nfailure = echo \"$NAME|$STATUS|$SIGNAL|$LIVED\" > failed.new && mv "
+      "failed.new failed\nready = echo \"$NAME\" >> ready\n"));
   place.start();
   ASSERT_TRUE(wait_until([&] { return place.site().has("programs/failed"); }));
   const std::string told = place.read("failed");
@@ -176,16 +164,8 @@ TEST(runner_ready, waits_for_a_socket_of_the_file_system) {
 TEST(runner_ready, waits_for_a_port_and_for_what_answers_there) {
   if (!has_python()) GTEST_SKIP() << "there is no python3";
   runner_place place;
-  const std::string server = place.site().add_executable(
-      "#!/usr/bin/python3\n"
-      "import http.server, os, sys\n"
-      "class handler(http.server.BaseHTTPRequestHandler):\n"
-      "    def do_GET(self):\n"
-      "        self.send_response(200 if os.path.exists('good') else 503)\n"
-      "        self.end_headers()\n"
-      "    def log_message(self, *words): pass\n"
-      "http.server.HTTPServer(('127.0.0.1', int(sys.argv[1])), handler).serve_forever()\n");
-  const std::string text = "[program]\ncommand = " + place.path_of(server) + " ";
+  const std::string text = "[program]\ncommand = " + add_http_server(place) + " ";
+  write_file(place.path_of("ill"), "");
   std::string port = free_port();
   const std::string tcp = place.add(text + port + "\n[ready]\ntcp = " + port + "\n");
   port = free_port();
@@ -194,7 +174,7 @@ TEST(runner_ready, waits_for_a_port_and_for_what_answers_there) {
   place.wait_phase(tcp, program_phase::running);
   place.wait_phase(http, program_phase::starting);
   EXPECT_TRUE(keeps([&] { return !place.is_ready(http); }));
-  write_file(place.path_of("good"), "");
+  fs::remove(place.path_of("ill"));
   place.wait_phase(http, program_phase::running);
 }
 
@@ -268,7 +248,7 @@ TEST(runner_needs, a_program_waits_for_those_that_it_needs) {
   runner_place place;
   const std::string first = place.add_steady("[ready]\nfile = up\n");
   const std::string second =
-      place.add(shell("echo x > second; exec sleep 1000", "needs = " + first));
+      place.add(shell_text("echo x > second; exec sleep 1000", "needs = " + first));
   place.start();
   place.wait_phase(second, program_phase::needs);
   place.wait_phase(first, program_phase::starting);
@@ -280,7 +260,7 @@ TEST(runner_needs, a_program_waits_for_those_that_it_needs) {
 TEST(runner_needs, a_program_whose_needs_are_not_met_in_time_tries_again) {
   runner_place place;
   const std::string name =
-      place.add(shell("echo x > started", "needs = kmd_missing\nneeds_timeout = 100ms\n"));
+      place.add(shell_text("echo x > started", "needs = kmd_missing\nneeds_timeout = 100ms\n"));
   place.start();
   EXPECT_NE(place.wait_phase(name, program_phase::waiting).status.find("kmd_missing is not ready"),
             std::string::npos);
@@ -290,7 +270,7 @@ TEST(runner_needs, a_program_whose_needs_are_not_met_in_time_tries_again) {
 TEST(runner_needs, a_ready_file_that_a_killed_launcher_left_does_not_count) {
   runner_place place;
   const std::string name = place.add(
-      shell("echo x > started; exec sleep 1000", "needs = kmd_gone\nneeds_timeout = 1h\n"));
+      shell_text("echo x > started; exec sleep 1000", "needs = kmd_gone\nneeds_timeout = 1h\n"));
   write_file(place.site().site() / "notify" / "kmd_gone.ready", "1");
   write_file(place.site().site() / "notify" / "kmd_gone.state",
              "phase running\nlauncher 1\nlauncher_started 1\n");
@@ -299,36 +279,11 @@ TEST(runner_needs, a_ready_file_that_a_killed_launcher_left_does_not_count) {
   EXPECT_TRUE(keeps([&] { return !place.site().has("programs/started"); }));
 }
 
-TEST(runner_health, a_program_that_is_not_well_is_ended_and_comes_back) {
-  runner_place place;
-  const std::string name = place.add_steady(
-      "[health]\nshell = yes\ncommand = echo x >> asked; test ! -e ill\nevery = 30ms\n"
-      "failures = 2\n[restart]\ndelay = 1ms\n");
-  place.start();
-  const program_state first = place.wait_phase(name, program_phase::running);
-  ASSERT_TRUE(wait_until([&] { return count(place.read("asked"), "\n") >= 3; }));
-  EXPECT_TRUE(process_table::is_alive(first.pid));
-  write_file(place.path_of("ill"), "");
-  ASSERT_TRUE(wait_until([&] { return !process_table::is_alive(first.pid); }));
-  fs::remove(place.path_of("ill"));
-  const program_state second = place.wait_again(name, first.pid);
-  EXPECT_NE(second.status.find("health checks failed"), std::string::npos);
-}
-
-TEST(runner_health, a_question_that_is_not_answered_counts_as_a_bad_answer) {
-  runner_place place;
-  const std::string name = place.add_steady(
-      "[health]\ncommand = sleep 1000\nevery = 10ms\ntimeout = 50ms\nfailures = 2\n");
-  place.start();
-  const program_state first = place.wait_phase(name, program_phase::running);
-  place.wait_again(name, first.pid);
-}
-
 TEST(runner_ready, what_a_killed_launcher_left_does_not_make_a_program_ready) {
   runner_place place;
   const std::string name = place.add_steady("[ready]\nfile = never\n");
   const std::string other =
-      place.add(shell("echo x > started; exec sleep 1000", "needs = " + name + "\n"));
+      place.add(shell_text("echo x > started; exec sleep 1000", "needs = " + name + "\n"));
   write_file(place.site().site() / "notify" / (name + ".ready"), "1");
   place.start();
   place.wait_phase(name, program_phase::starting);
