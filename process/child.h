@@ -17,9 +17,9 @@
 /// serves, and the child does nothing but what `child_path` shows.
 namespace child {
 
-/// Creates the thread that forks, if it does not exist. Called before the first monitor is started,
-/// and again with each load: by one thread at a time.
-/// @return whether it exists; without it nothing can be run.
+/// Creates the thread that forks, if it does not exist. Called once, by `proc_start`, before the
+/// first monitor is started.
+/// @return whether it exists. Without it nothing can be run, and a later call tries again.
 bool start() noexcept;
 
 /// Longest command in bytes with its terminator; a longer one is not run.

@@ -97,9 +97,9 @@ bool read_entry(const Tini_parser& config, int number, entry& out) {
   return out.exepath[0] != '\0' || take_own_path(out);
 }
 
-/// Whether the entry's program can be run. One that is missing is skipped without a word, one that
-/// may not be executed with a line in the log.
-bool is_executable(const entry& program) {
+/// Looks whether the entry's program can be run. One that is missing is skipped without a word, one
+/// that may not be executed with a line in the log.
+bool check_executable(const entry& program) {
   const obstacle found = server_entry::find_obstacle(program.exepath);
   const int error = errno;
   if (found != obstacle::not_executable) return found == obstacle::none;
@@ -180,7 +180,7 @@ void loadServerConfig(const char* path) {
   if (is_first) capacity::warn_before(count_wanted(config, numbers));
   for (const int number : numbers) {
     entry program;
-    if (read_entry(config, number, program) && is_executable(program)) {
+    if (read_entry(config, number, program) && check_executable(program)) {
       reconcile(monitors, program);
     }
   }

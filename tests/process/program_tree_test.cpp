@@ -40,7 +40,7 @@ std::string name_of(pid_t pid) {
 }
 
 /// Waits until the process `pid` has the name.
-bool has_name(pid_t pid, const std::string& name) {
+bool wait_named(pid_t pid, const std::string& name) {
   return wait_until([&] { return name_of(pid) == name; });
 }
 
@@ -92,7 +92,7 @@ TEST(program_tree, a_shell_without_a_child_is_not_the_program) {
         ::execl("/bin/sh", "sh", nullptr);
       });
     });
-    ASSERT_TRUE(has_name(child_of(child), "sh"));
+    ASSERT_TRUE(wait_named(child_of(child), "sh"));
     EXPECT_FALSE(program_tree::has_its_name(child));
   });
 }
@@ -101,8 +101,8 @@ TEST(program_tree, a_child_of_the_shell_is_the_program) {
   in_child([] {
     const pid_t child = start([] { start([] { run("/bin/sh", "sh", "-c"); }); });
     const pid_t shell = child_of(child);
-    ASSERT_TRUE(has_name(shell, "sh"));
-    ASSERT_TRUE(has_name(child_of(shell), "sleep"));
+    ASSERT_TRUE(wait_named(shell, "sh"));
+    ASSERT_TRUE(wait_named(child_of(shell), "sleep"));
     EXPECT_TRUE(program_tree::has_its_name(child));
   });
 }
@@ -111,7 +111,7 @@ TEST(program_tree, a_shell_that_has_become_the_program_is_the_program) {
   in_child([] {
     const std::string name = unique_name();
     const pid_t child = start([&] { start([&] { ::prctl(PR_SET_NAME, name.c_str()); }); });
-    ASSERT_TRUE(has_name(child_of(child), name));
+    ASSERT_TRUE(wait_named(child_of(child), name));
     EXPECT_TRUE(program_tree::has_its_name(child));
   });
 }
@@ -158,7 +158,7 @@ TEST(program_tree, the_signal_goes_to_every_descendant_of_that_name_and_to_no_ot
     }));
     const pid_t helper = child_of(child_of(shell));
     const pid_t deepest = child_of(helper);
-    ASSERT_TRUE(has_name(deepest, name));
+    ASSERT_TRUE(wait_named(deepest, name));
 
     EXPECT_EQ(program_tree::signal_by_name(child, name.c_str(), SIGUSR2), 3);
     EXPECT_TRUE(wait_until([&] { return state_of(deepest) == 'Z' || state_of(deepest) == '?'; }));

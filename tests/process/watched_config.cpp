@@ -74,7 +74,7 @@ void watcher::count_watches() {
   faults.ppoll = [this](pollfd* requests, nfds_t count, const timespec* limit,
                         const sigset_t* mask) {
     if (limit == nullptr) waits_at_ = watches_.load();
-    if (watch_pause::is_it(requests, limit)) {
+    if (watch_pause::matches(requests, limit)) {
       ++pauses;
       if (in_pause) in_pause();
       return 0;

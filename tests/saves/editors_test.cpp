@@ -38,7 +38,7 @@ class open_editor final {
       : place_(place),
         which_(which),
         session_(which.command, [&] { saving::use_defaults(place); }) {
-    if (!session_.shows("server.ini")) fail("does not show the file");
+    if (!session_.wait_shown("server.ini")) fail("does not show the file");
   }
 
   void save(const change& names) {
@@ -51,7 +51,7 @@ class open_editor final {
 
   void leave() {
     session_.type(which_.leave);
-    if (!session_.ends()) fail("does not end");
+    if (!session_.wait_ended()) fail("does not end");
   }
 
  private:

@@ -46,8 +46,8 @@ class hanging_stop_commands final {
   std::vector<listed_program> listed;
 };
 
-/// Whether no process below the installation is left.
-bool is_empty(const installation& place) {
+/// Waits until no process below the installation is left.
+bool wait_empty(const installation& place) {
   return wait_until([&] { return place.processes().empty(); });
 }
 
@@ -102,7 +102,7 @@ TEST(hangs, a_second_request_to_shut_down_waits_for_no_stop_command) {
     EXPECT_EQ(place.wait_end(), 0);
     EXPECT_LT(clock::now() - asked, std::chrono::seconds(9)) << "not even for one";
     EXPECT_FALSE(place.has("run.pid"));
-    EXPECT_TRUE(is_empty(place));
+    EXPECT_TRUE(wait_empty(place));
     EXPECT_EQ(stress::stopped_names(place).size(), 5U);
   }
 }
@@ -123,7 +123,7 @@ TEST(hangs, a_request_to_shut_down_does_not_wait_for_the_stop_commands_of_a_relo
   // Another than the first, which may still be pending.
   place.signal(SIGINT);
   EXPECT_EQ(place.wait_end(), 0) << place.console();
-  EXPECT_TRUE(is_empty(place));
+  EXPECT_TRUE(wait_empty(place));
 }
 
 TEST(hangs, a_pipe_in_place_of_a_liveness_file_holds_nobody_up) {
@@ -164,7 +164,7 @@ TEST(hangs, a_log_that_takes_nothing_holds_no_program_up) {
   const std::string text = log.drain([] { return true; });
   EXPECT_TRUE(wait_until([&] { return log.drain([] { return true; }).find("PID") != text.npos; }));
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
-  EXPECT_TRUE(is_empty(place));
+  EXPECT_TRUE(wait_empty(place));
 }
 
 TEST(limits, of_the_stack_do_not_matter) {
@@ -208,7 +208,7 @@ TEST(limits, a_log_that_has_reached_the_limit_for_files_ends_nothing) {
   }
   EXPECT_EQ(place.log(), log);
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
-  EXPECT_TRUE(is_empty(place));
+  EXPECT_TRUE(wait_empty(place));
 }
 
 TEST(limits, a_program_dies_of_a_file_that_is_too_large_as_it_would_anywhere) {

@@ -4,7 +4,7 @@
 
 namespace watch_pause {
 
-bool is_it(const pollfd* requests, const timespec* limit) noexcept {
+bool matches(const pollfd* requests, const timespec* limit) noexcept {
   return requests != nullptr && requests->fd == -1 && limit != nullptr && limit->tv_sec >= 1;
 }
 

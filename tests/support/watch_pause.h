@@ -13,7 +13,7 @@ using system_ppoll = int (*)(pollfd* requests, nfds_t count, const timespec* lim
                              const sigset_t* mask);
 
 /// Whether a `ppoll` with these arguments is the pause.
-bool is_it(const pollfd* requests, const timespec* limit) noexcept;
+bool matches(const pollfd* requests, const timespec* limit) noexcept;
 
 /// Pauses for a shorter time. Handlers run and do not make two pauses of it.
 void pause_for(std::chrono::milliseconds time, const sigset_t* mask, system_ppoll real) noexcept;

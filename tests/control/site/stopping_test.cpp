@@ -54,7 +54,7 @@ class telling_child final {
 
   [[nodiscard]] pid_t pid() const { return child_->pid(); }
   /// Waits for one more. @return whether one came before the end.
-  [[nodiscard]] bool is_told() const {
+  [[nodiscard]] bool wait_told() const {
     char byte = 0;
     return ::read(told_.get(), &byte, 1) == 1;
   }
@@ -72,15 +72,15 @@ TEST(stopping, asks_each_program_once_even_if_it_is_seen_again) {
   const telling_child first;
   stopping all(proc, {program_of(proc, child.pid(), first.pid())});
   all.ask(SIGUSR2);
-  ASSERT_TRUE(first.is_told());
+  ASSERT_TRUE(first.wait_told());
 
   const telling_child later;
   all.add({program_of(proc, child.pid(), first.pid()), program_of(proc, first.pid(), first.pid()),
            program_of(proc, later.pid(), later.pid())});
   all.ask(SIGUSR2);
-  EXPECT_TRUE(later.is_told());
+  EXPECT_TRUE(later.wait_told());
   ASSERT_EQ(::kill(first.pid(), SIGTERM), 0);
-  EXPECT_FALSE(first.is_told());
+  EXPECT_FALSE(first.wait_told());
 }
 
 TEST(stopping, waits_for_the_child_of_the_daemon_as_well_and_names_what_is_left) {

@@ -25,7 +25,7 @@ class limited_disk final {
       : settings_(place_.settings(size)), file_(place_.path(), settings_, nullptr, messages_) {}
 
   /// What is taken back frees nothing.
-  void has_room_for(std::size_t bytes, int reason = ENOSPC) {
+  void leave_room_for(std::size_t bytes, int reason = ENOSPC) {
     room_ = bytes;
     faults.write = [this, reason](int fd, const void* text, std::size_t size) -> ssize_t {
       const std::size_t count = std::min(size, room_);
@@ -37,7 +37,7 @@ class limited_disk final {
       return real::write(fd, text, count);
     };
   }
-  void has_room() { faults.write = nullptr; }
+  void make_room() { faults.write = nullptr; }
   void write(std::string_view text) { file_.write(text); }
 
   [[nodiscard]] std::string text() const { return place_.now(); }
@@ -58,11 +58,11 @@ class limited_disk final {
 TEST(full_disk, is_told_of_once_when_there_is_room_again) {
   limited_disk disk;
   disk.write("one\n");
-  disk.has_room_for(0);
+  disk.leave_room_for(0);
   disk.write("two\n");
   disk.write("three\nfour\n");
   EXPECT_EQ(disk.text(), "one\n");
-  disk.has_room();
+  disk.make_room();
   disk.write("five\n");
   disk.write("six\n");
   EXPECT_EQ(disk.text(), "one\nkeelmond-run: 3 lines lost: No space left on device\nfive\nsix\n");
@@ -70,20 +70,20 @@ TEST(full_disk, is_told_of_once_when_there_is_room_again) {
 
 TEST(full_disk, leaves_no_torn_line) {
   limited_disk disk;
-  disk.has_room_for(6);
+  disk.leave_room_for(6);
   disk.write("one\ntwo\nthree\n");
   EXPECT_EQ(disk.text(), "one\n");
-  disk.has_room();
+  disk.make_room();
   disk.write("four\n");
   EXPECT_EQ(disk.text(), "one\nkeelmond-run: 2 lines lost: No space left on device\nfour\n");
 }
 
 TEST(full_disk, loses_the_rest_of_a_line_with_its_beginning) {
   limited_disk disk;
-  disk.has_room_for(0);
+  disk.leave_room_for(0);
   disk.write("beginning");
   EXPECT_TRUE(disk.file().is_line_open());
-  disk.has_room();
+  disk.make_room();
   disk.write(" middle");
   EXPECT_TRUE(disk.file().is_line_open());
   disk.write(" end\nnext\n");
@@ -93,10 +93,10 @@ TEST(full_disk, loses_the_rest_of_a_line_with_its_beginning) {
 TEST(full_disk, ends_a_line_whose_beginning_is_written_already) {
   limited_disk disk;
   disk.write("begin");
-  disk.has_room_for(2);
+  disk.leave_room_for(2);
   disk.write("ning end\n");
   EXPECT_EQ(disk.text(), "begin");
-  disk.has_room();
+  disk.make_room();
   disk.write("next\n");
   EXPECT_EQ(disk.text(), "begin\nkeelmond-run: 1 line lost: No space left on device\nnext\n");
 }
@@ -104,38 +104,38 @@ TEST(full_disk, ends_a_line_whose_beginning_is_written_already) {
 TEST(full_disk, does_not_fill_the_last_room_with_reports) {
   limited_disk disk;
   const std::string report = "keelmond-run: 1 line lost: No space left on device\n";
-  disk.has_room_for(0);
+  disk.leave_room_for(0);
   disk.write("one\n");
-  disk.has_room_for(report.size() + 2);
+  disk.leave_room_for(report.size() + 2);
   disk.write("two\n");
   EXPECT_EQ(disk.text(), "");
-  disk.has_room_for(report.size() - 2);
+  disk.leave_room_for(report.size() - 2);
   disk.write("three\n");
   EXPECT_EQ(disk.text(), "");
-  disk.has_room();
+  disk.make_room();
   disk.write("four\n");
   EXPECT_EQ(disk.text(), "keelmond-run: 3 lines lost: No space left on device\nfour\n");
 }
 
 TEST(full_disk, begins_a_new_count_after_a_line_that_fitted) {
   limited_disk disk;
-  disk.has_room_for(0);
+  disk.leave_room_for(0);
   disk.write("one\n");
-  disk.has_room_for(60);
+  disk.leave_room_for(60);
   disk.write("two\n");
   const std::string first = "keelmond-run: 1 line lost: No space left on device\ntwo\n";
   ASSERT_EQ(disk.text(), first);
   disk.write("a line for which there is no room\nand another one\n");
-  disk.has_room();
+  disk.make_room();
   disk.write("four\n");
   EXPECT_EQ(disk.text(), first + "keelmond-run: 2 lines lost: No space left on device\nfour\n");
 }
 
 TEST(full_disk, is_not_the_only_reason) {
   limited_disk disk;
-  disk.has_room_for(0, EIO);
+  disk.leave_room_for(0, EIO);
   disk.write("one\n");
-  disk.has_room();
+  disk.make_room();
   disk.write("two\n");
   EXPECT_EQ(disk.text(), "keelmond-run: 1 line lost: Input/output error\ntwo\n");
 }
@@ -143,9 +143,9 @@ TEST(full_disk, is_not_the_only_reason) {
 TEST(full_disk, does_not_count_what_was_taken_back) {
   limited_disk disk(8);
   disk.write("aaa\n");
-  disk.has_room_for(2);
+  disk.leave_room_for(2);
   disk.write("bbb\n");
-  disk.has_room();
+  disk.make_room();
   disk.write("c\n");
   EXPECT_EQ(disk.place().everything(),
             "aaa\nkeelmond-run: 1 line lost: No space left on device\nc\n");

@@ -63,11 +63,11 @@ bool terminal_session::wait(const std::function<bool()>& condition) {
   });
 }
 
-bool terminal_session::shows(std::string_view text) {
+bool terminal_session::wait_shown(std::string_view text) {
   return wait([&] { return printed_.find(text) != std::string::npos; });
 }
 
-bool terminal_session::ends() {
+bool terminal_session::wait_ended() {
   return wait([this] { return children::status_of(program_).has_value(); });
 }
 

@@ -25,9 +25,9 @@ class terminal_session final {
   /// print does not go on.
   [[nodiscard]] bool wait(const std::function<bool()>& condition);
   /// Waits until the program has printed `text` since the session began.
-  [[nodiscard]] bool shows(std::string_view text);
+  [[nodiscard]] bool wait_shown(std::string_view text);
   /// Waits until the program has ended.
-  [[nodiscard]] bool ends();
+  [[nodiscard]] bool wait_ended();
   /// What the program has printed.
   [[nodiscard]] const std::string& printed() const { return printed_; }
 

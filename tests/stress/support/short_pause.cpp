@@ -44,7 +44,7 @@ int __wrap_inotify_rm_watch(int instance, int watch) {
 int __real_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask);
 
 int __wrap_ppoll(pollfd* requests, nfds_t count, const timespec* limit, const sigset_t* mask) {
-  if (!watch_pause::is_it(requests, limit)) return __real_ppoll(requests, count, limit, mask);
+  if (!watch_pause::matches(requests, limit)) return __real_ppoll(requests, count, limit, mask);
   note(removed != 0 ? removed : now());
   removed = 0;
   watch_pause::pause_for(std::chrono::milliseconds(10), mask, __real_ppoll);
