@@ -41,7 +41,7 @@ bool await_file(const char* path) {
   const auto end = steady::now() + kLongestAbsence;
   while (!file_version::of(path)) {
     if (steady::now() >= end) return false;
-    supervisor_signals::wait(-1, kLookEvery);
+    supervisor_signals::wait_and_deliver(-1, kLookEvery);
   }
   return true;
 }
@@ -56,7 +56,7 @@ bool await_whole_file(const char* path) {
   while (last) {
     const auto now = steady::now();
     if (now >= end || (now - quiet_since >= kQuiet && last->size > 0)) return true;
-    supervisor_signals::wait(-1, kLookEvery);
+    supervisor_signals::wait_and_deliver(-1, kLookEvery);
     const std::optional<file_version> current = file_version::of(path);
     if (current != last) quiet_since = steady::now();
     last = current;
@@ -146,7 +146,7 @@ std::optional<name_watch::finding> await_event(const char* path, const watches& 
   if (is_replaced(path, set)) return name_watch::finding::changed;
   alignas(inotify_event) char events[1024];
   for (;;) {
-    supervisor_signals::wait(set.instance.get(), std::nullopt);
+    supervisor_signals::wait_and_deliver(set.instance.get(), std::nullopt);
     std::memset(events, 0, sizeof events);
     const ssize_t got = ::read(set.instance.get(), events, sizeof events);
     if (got < 0) return std::nullopt;
@@ -186,7 +186,7 @@ bool watch_once(const char* path, bool is_first) {
 void* watch_file(void* argument) {
   const auto* const path = static_cast<const char*>(argument);
   for (bool is_first = true; watch_once(path, is_first); is_first = false)
-    supervisor_signals::wait(-1, kPause);
+    supervisor_signals::wait_and_deliver(-1, kPause);
   return nullptr;
 }
 

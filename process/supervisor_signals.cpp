@@ -53,7 +53,7 @@ void handle(int sig, void (*handler)(int)) noexcept {
   ::sigaction(sig, &action, nullptr);
 }
 
-bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
+bool wait_and_deliver(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
   using clock = std::chrono::steady_clock;
   const auto start = clock::now();
   pollfd request{fd, POLLIN, 0};

@@ -6,10 +6,10 @@
 
 /// When the supervisor's signals (SIGINT, SIGUSR1, SIGUSR2) reach their handlers.
 ///
-/// Every thread blocks them, always. They are let in only inside `wait` and `deliver`, which one
-/// thread at a time calls, at a point where it holds nothing: the handlers can therefore load a
-/// configuration, run commands, allocate and end the process as ordinary code does. A signal that
-/// arrives at any other time stays pending and is delivered by the next wait; none is lost.
+/// Every thread blocks them, always. They are let in only inside `wait_and_deliver` and `deliver`,
+/// which one thread at a time calls, at a point where it holds nothing: the handlers can therefore
+/// load a configuration, run commands, allocate and end the process as ordinary code does. A signal
+/// that arrives at any other time stays pending and is delivered by the next wait; none is lost.
 namespace supervisor_signals {
 
 /// Remembers the mask and the dispositions that the process was started with and blocks the
@@ -23,13 +23,13 @@ void block() noexcept;
 /// handler sees the second pending.
 void handle(int sig, void (*handler)(int)) noexcept;
 
-/// Waits until `fd` can be read, letting the signals in.
+/// Waits until `fd` can be read, and runs the handlers of the signals that come.
 /// @param fd a descriptor, or -1 to wait for the time alone.
 /// @param limit the longest wait; none waits for ever. Handlers that run do not shorten it.
 /// @return whether `fd` can be read (or is in error, so that reading it tells).
-bool wait(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept;
+bool wait_and_deliver(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept;
 
-/// Lets in what is pending and returns when its handlers have run.
+/// Runs the handlers of the signals that are pending.
 void deliver() noexcept;
 
 /// The mask, and what SIGQUIT did, when the process was started: what its programs begin with. Both

@@ -84,36 +84,36 @@ TEST(supervisor_signals, a_signal_outside_a_wait_stays_pending_until_the_next_on
     ::raise(SIGUSR1);
     ::kill(::getpid(), SIGUSR2);
     EXPECT_TRUE(handled.empty());
-    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(0)));
+    EXPECT_FALSE(supervisor_signals::wait_and_deliver(-1, milliseconds(0)));
     EXPECT_EQ(handled.size(), 2U);
     EXPECT_FALSE(is_pending(SIGUSR1) || is_pending(SIGUSR2));
     EXPECT_TRUE(is_blocked(SIGUSR1)) << "the mask is as before";
   });
 }
 
-TEST(supervisor_signals, wait_tells_whether_the_descriptor_can_be_read) {
+TEST(supervisor_signals, waiting_tells_whether_the_descriptor_can_be_read) {
   in_child([] {
     begin();
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
-    EXPECT_FALSE(supervisor_signals::wait(ends[0], milliseconds(1)));
+    EXPECT_FALSE(supervisor_signals::wait_and_deliver(ends[0], milliseconds(1)));
     ASSERT_EQ(::write(ends[1], "x", 1), 1);
-    EXPECT_TRUE(supervisor_signals::wait(ends[0], milliseconds(0)));
-    EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt));
+    EXPECT_TRUE(supervisor_signals::wait_and_deliver(ends[0], milliseconds(0)));
+    EXPECT_TRUE(supervisor_signals::wait_and_deliver(ends[0], std::nullopt));
     ::close(ends[0]);
-    EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt))
+    EXPECT_TRUE(supervisor_signals::wait_and_deliver(ends[0], std::nullopt))
         << "reading it tells what is wrong";
   });
 }
 
-TEST(supervisor_signals, wait_ends_at_once_when_it_cannot_wait) {
+TEST(supervisor_signals, waiting_ends_at_once_when_it_cannot_wait) {
   in_child([] {
     begin();
     faults.ppoll = [](auto...) {
       errno = EINVAL;
       return -1;
     };
-    EXPECT_TRUE(supervisor_signals::wait(-1, std::nullopt));
+    EXPECT_TRUE(supervisor_signals::wait_and_deliver(-1, std::nullopt));
   });
 }
 
@@ -122,7 +122,7 @@ TEST(supervisor_signals, a_handler_does_not_shorten_the_wait) {
     begin();
     ::raise(SIGUSR1);
     const auto start = steady::now();
-    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(30)));
+    EXPECT_FALSE(supervisor_signals::wait_and_deliver(-1, milliseconds(30)));
     EXPECT_GE(steady::now() - start, milliseconds(30));
     EXPECT_EQ(handled, std::vector<int>{SIGUSR1});
   });
@@ -133,8 +133,8 @@ TEST(supervisor_signals, a_handler_that_takes_longer_than_the_limit_ends_the_wai
     begin();
     supervisor_signals::handle(SIGUSR1, [](int) { std::this_thread::sleep_for(milliseconds(10)); });
     ::raise(SIGUSR1);
-    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(2)));
-    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(-5)));
+    EXPECT_FALSE(supervisor_signals::wait_and_deliver(-1, milliseconds(2)));
+    EXPECT_FALSE(supervisor_signals::wait_and_deliver(-1, milliseconds(-5)));
   });
 }
 
@@ -153,7 +153,7 @@ TEST(supervisor_signals, an_endless_wait_handles_signals_and_goes_on) {
         std::this_thread::yield();
       ::kill(::getpid(), SIGUSR2);
     });
-    EXPECT_TRUE(supervisor_signals::wait(ends[0], std::nullopt));
+    EXPECT_TRUE(supervisor_signals::wait_and_deliver(ends[0], std::nullopt));
     sender.join();
     EXPECT_EQ(handled, (std::vector<int>{SIGUSR1, SIGUSR2}));
   });
@@ -210,7 +210,7 @@ TEST(supervisor_signals, other_signals_of_the_caller_stay_blocked_in_a_wait) {
     ::signal(SIGTERM, note);
     ::raise(SIGTERM);
     supervisor_signals::deliver();
-    EXPECT_FALSE(supervisor_signals::wait(-1, milliseconds(0)));
+    EXPECT_FALSE(supervisor_signals::wait_and_deliver(-1, milliseconds(0)));
     EXPECT_TRUE(handled.empty());
   });
 }
