@@ -69,7 +69,12 @@ TEST_P(version_word, is_compared_whole_and_in_its_case) {
 
 INSTANTIATE_TEST_SUITE_P(all, version_word,
                          testing::Values("v", "-v", "--v", "ver", "-ver", "--ver", "version",
-                                         "-version", "--version"));
+                                         "-version", "--version"),
+                         [](const auto& instance) {
+                           std::string name = instance.param;
+                           std::replace(name.begin(), name.end(), '-', '_');
+                           return name;
+                         });
 
 TEST(fun_version, other_words_are_ignored) {
   for (const char* other : {"", "-", "--", "-V", "--Version", "VERSION", "-vv", "vers", "-vers",
