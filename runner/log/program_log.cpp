@@ -16,6 +16,7 @@
 #include "runner/log/message_sink.h"
 #include "runner/log/own_lines.h"
 #include "runner/log/page_buffer.h"
+#include "runner/log/standard_error.h"
 
 namespace runner {
 
@@ -205,10 +206,7 @@ void program_log::implementation::write_own_line(std::string_view text) {
     speak();
     return;
   }
-  const std::string lines = own_.take();
-  if (::write(STDERR_FILENO, lines.data(), lines.size()) < 0) {
-    // Nobody is left to be told.
-  }
+  write_standard_error(own_.take());
 }
 
 void program_log::implementation::on_program_end() {

@@ -63,7 +63,7 @@ class program_log final {
   ///
   /// What the program has written before comes first. While a line of the program is unfinished it
   /// waits for the end of that, though for no longer than a second. Where the output is inherited
-  /// it goes to descriptor 2.
+  /// it goes to standard error, unless nobody takes it there now.
   void write_own_line(std::string_view text);
   /// To be called when the program has ended: takes what is left in the pipes, and a line without
   /// an end gets one.

@@ -1,4 +1,3 @@
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +7,7 @@
 
 #include "runner/file/values.h"
 #include "runner/launch/environment.h"
+#include "runner/log/standard_error.h"
 #include "runner/supervise/supervision.h"
 
 namespace runner {
@@ -15,15 +15,6 @@ namespace {
 
 /// How long a hook may run.
 constexpr std::chrono::seconds kHookLimit{60};
-
-/// Writes to standard error where that does not make anybody wait.
-void write_error(const std::string& line) {
-  pollfd request{STDERR_FILENO, POLLOUT, 0};
-  if (::poll(&request, 1, 0) <= 0 || (request.revents & POLLOUT) == 0) return;
-  if (::write(STDERR_FILENO, line.data(), line.size()) < 0) {
-    // There is nobody to tell.
-  }
-}
 
 }  // namespace
 
@@ -124,7 +115,7 @@ void supervision::say(const std::string& text) {
   if (log_) {
     log_->write_own_line(text);
   } else {
-    write_error("keelmond-run: " + name_ + ": " + text + "\n");
+    write_standard_error("keelmond-run: " + name_ + ": " + text + "\n");
   }
 }
 
@@ -133,7 +124,7 @@ void supervision::tell(const file_finding& what) {
   // A question that cannot be asked is tried again and again.
   if (line == told_) return;
   told_ = line;
-  write_error("keelmond-run: " + line + "\n");
+  write_standard_error("keelmond-run: " + line + "\n");
   // What is inherited has just been written to.
   if (log_ && file_.log.target != log_target::inherit) log_->write_own_line(line);
 }

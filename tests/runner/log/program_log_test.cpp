@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -123,6 +124,35 @@ TEST(program_log, reads_nothing_where_the_output_is_inherited) {
     log.on_program_end();
     log.drain_and_close();
     EXPECT_EQ(place.now(), "keelmond-run: waits\n");
+  });
+}
+
+TEST(program_log, waits_for_nobody_who_does_not_read_what_is_inherited) {
+  in_child([] {
+    int ends[2] = {-1, -1};
+    ASSERT_EQ(::pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    ::fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    const std::string full(static_cast<std::size_t>(::fcntl(ends[1], F_GETPIPE_SZ)), '.');
+    ASSERT_EQ(::write(ends[1], full.data(), full.size()), static_cast<ssize_t>(full.size()));
+    // Whoever shares it waits there.
+    ::fcntl(ends[1], F_SETFL, 0);
+    ::dup2(ends[1], STDERR_FILENO);
+    // There was room when it was asked for, and the program has been faster.
+    faults.poll = [](pollfd* requests, nfds_t count, int) {
+      for (nfds_t i = 0; i < count; ++i)
+        requests[i].revents = requests[i].events;
+      return static_cast<int>(count);
+    };
+    program_log log({});
+    log.write_own_line("lost");
+    std::string text(2 * full.size(), ' ');
+    EXPECT_EQ(::read(ends[0], text.data(), text.size()), static_cast<ssize_t>(full.size()));
+    log.write_own_line("heard");
+    const ssize_t got = ::read(ends[0], text.data(), text.size());
+    EXPECT_EQ(text.substr(0, static_cast<std::size_t>(std::max(got, ssize_t{0}))),
+              "keelmond-run: heard\n");
+    // The way of the others waits as before.
+    EXPECT_EQ(::fcntl(ends[1], F_GETFL) & O_NONBLOCK, 0);
   });
 }
 
