@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <tuple>
 #include <utility>
 
 #include "runner/file/process_stat.h"
@@ -149,8 +150,8 @@ void supervision::await_needs() {
                         IN_MOVED_TO | IN_CREATE | IN_CLOSE_WRITE);
   } else {
     char events[4096];
-    while (::read(needs_watch_.get(), events, sizeof events) > 0) {
-    }
+    // What is left has the next turn.
+    std::ignore = ::read(needs_watch_.get(), events, sizeof events);
   }
   if (missing_need() != nullptr) return;
   needs_watch_.reset();

@@ -133,6 +133,8 @@ class supervision final {
   void add_request(int fd, short events = POLLIN);
   [[nodiscard]] deadline next_deadline() const;
   void look_at_deadlines(time_point now);
+  /// Handles one of the first `count` requests.
+  void handle_next(std::size_t count);
   void handle(int fd);
   void take_signals();
   void take_signal(int signal);
@@ -179,6 +181,8 @@ class supervision final {
 
   resting_place rest_;
   std::vector<pollfd> requests_;
+  std::size_t turn_ = 0;  ///< Which request is looked at first.
+  bool is_reap_due_ = false;
 };
 
 }  // namespace runner

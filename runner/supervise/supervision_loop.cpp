@@ -115,7 +115,7 @@ int supervision::sleep() {
     const auto left = std::chrono::ceil<milliseconds>(*next - steady_now()).count();
     return static_cast<int>(std::clamp<long>(left, 0, most < 0 ? long{INT_MAX} : most));
   };
-  const int calm = limit_until(kCalm.count());
+  const int calm = is_reap_due_ ? 0 : limit_until(kCalm.count());
   const int ready = ::poll(requests_.data(), requests_.size(), calm);
   if (ready != 0 || calm < kCalm.count()) return ready;
   return rest_.wait(requests_, limit_until(-1));
@@ -129,16 +129,24 @@ void supervision::wait() {
   requests_.insert(requests_.end(), log_requests.begin(),
                    log_requests.begin() + static_cast<std::ptrdiff_t>(logs));
   const int ready = sleep();
-  const time_point now = steady_now();
   for (std::size_t i = own; ready > 0 && i < requests_.size(); ++i) {
     if (requests_[i].revents != 0) log_->on_ready(requests_[i].fd);
   }
-  // One at a time: what one changes may be what the next one is about.
-  const auto end = requests_.begin() + static_cast<std::ptrdiff_t>(own);
-  const auto first =
-      std::find_if(requests_.begin(), end, [](const pollfd& one) { return one.revents != 0; });
-  if (ready > 0 && first != end) return handle(first->fd);
-  look_at_deadlines(now);
+  if (ready > 0) handle_next(own);
+  if (is_reap_due_ && !is_done_) reap();
+  // In each turn: there may be one without anything ready only when it is too late.
+  if (!is_done_) look_at_deadlines(steady_now());
+}
+
+void supervision::handle_next(std::size_t count) {
+  // One at a time: what one changes may be what the next one is about. And each in its turn, for
+  // one of them may be ready always.
+  for (std::size_t i = 0; i < count; ++i) {
+    const std::size_t at = (turn_ + i) % count;
+    if (requests_[at].revents == 0) continue;
+    turn_ = at + 1;
+    return handle(requests_[at].fd);
+  }
 }
 
 void supervision::handle(int fd) {
@@ -197,9 +205,12 @@ void supervision::look_at_needs_last() {
 }
 
 void supervision::take_signals() {
-  signalfd_siginfo info{};
-  while (::read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info))
-    take_signal(static_cast<int>(info.ssi_signo));
+  // As many as there are kinds of them; what comes meanwhile has the next turn.
+  std::array<signalfd_siginfo, 8> pending{};
+  const ssize_t got = ::read(signals_.get(), pending.data(), sizeof pending);
+  const auto count = static_cast<std::size_t>(std::max(got, ssize_t{0})) / sizeof pending[0];
+  for (std::size_t i = 0; i < count; ++i)
+    take_signal(static_cast<int>(pending[i].ssi_signo));
 }
 
 void supervision::take_signal(int signal) {
@@ -213,9 +224,13 @@ void supervision::take_signal(int signal) {
 }
 
 void supervision::reap() {
+  constexpr int kMostAtOnce = 64;
   int status = 0;
-  for (pid_t pid = 0; (pid = ::waitpid(-1, &status, WNOHANG)) > 0;)
+  pid_t pid = 0;
+  for (int i = 0; i < kMostAtOnce && (pid = ::waitpid(-1, &status, WNOHANG)) > 0; ++i)
     child_ended(pid, status);
+  // Whoever is left has the next turn, and no signal tells of it.
+  is_reap_due_ = pid > 0;
   if (state_.phase == program_phase::stopping) look_at_group();
   if (state_.phase == program_phase::clearing && !is_done_) go_on_clearing();
 }

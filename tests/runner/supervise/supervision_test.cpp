@@ -1,0 +1,73 @@
+#include "runner/supervise/supervision.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <csignal>
+
+#include "tests/runner/supervise/launcher_place.h"
+#include "tests/support/fault.h"
+
+using runner::program_phase;
+
+namespace {
+
+bool is_datagram_socket(int fd) {
+  int type = 0;
+  socklen_t size = sizeof type;
+  return ::getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_DGRAM;
+}
+
+/// From now on, whoever waits is told that there is something at each datagram socket.
+void have_sockets_always_ready() {
+  faults.poll = [](pollfd* requests, nfds_t count, int limit) {
+    bool any = false;
+    for (nfds_t i = 0; i < count; ++i)
+      any = any || is_datagram_socket(requests[i].fd);
+    int ready = real::poll(requests, count, any ? 0 : limit);
+    for (nfds_t i = 0; i < count; ++i) {
+      if (!is_datagram_socket(requests[i].fd) || requests[i].revents != 0) continue;
+      requests[i].revents = POLLIN;
+      ++ready;
+    }
+    return ready;
+  };
+}
+
+/// From now on, one child after the other has ended that nobody knows, but for each thousandth.
+void have_strangers_end() {
+  faults.waitpid = [asked = 0](pid_t pid, int* status, int options) mutable {
+    if (++asked % 1000 == 0) {
+      const pid_t ended = real::waitpid(pid, status, options);
+      if (ended > 0) return ended;
+    }
+    constexpr pid_t kNobody = 1 << 30;
+    if (status != nullptr) *status = 0;
+    return kNobody;
+  };
+}
+
+}  // namespace
+
+TEST(supervision, what_is_due_is_done_beside_a_descriptor_that_is_always_ready) {
+  launcher_place place;
+  place.write(
+      "command = sleep 1000\n[ready]\nnotify = yes\ntimeout = 100ms\n[restart]\ndelay = 1h\n"
+      "longest = 1h\n");
+  place.start(have_sockets_always_ready);
+  EXPECT_EQ(place.wait_phase(program_phase::waiting).status,
+            "not ready within 0.1 s (signal TERM)");
+}
+
+TEST(supervision, what_is_due_is_done_while_children_end_without_an_end) {
+  launcher_place place;
+  place.write(
+      "before = true\ncommand = sleep 1000\n[ready]\nfile = never\ntimeout = "
+      "100ms\n[restart]\ndelay = 1h\n"
+      "longest = 1h\n");
+  place.start(have_strangers_end);
+  EXPECT_EQ(place.wait_phase(program_phase::waiting).status,
+            "not ready within 0.1 s (signal TERM)");
+}
