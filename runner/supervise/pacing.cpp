@@ -4,10 +4,10 @@
 
 namespace runner {
 
-pacing::verdict pacing::ended(time_point now) {
+pacing::verdict pacing::ended(std::optional<milliseconds> lived) {
   // Without a first pause there is one from the second time on: nothing may turn into a hot loop.
   constexpr milliseconds kLeast{100};
-  if (now - started_ >= wanted_.steady) {
+  if (lived && *lived >= wanted_.steady) {
     failures_ = 0;
     return {false, wanted_.delay};
   }

@@ -54,7 +54,7 @@ void supervision::begin_attempt() {
   status_ = 0;
   was_launched_ = false;
   is_ready_ = false;
-  pacing_.started(steady_now());
+  lived_ = milliseconds(0);
   // Told to nobody: it takes no time, and the program is waited for.
   state_.phase = program_phase::reading;
   const bool is_right = read_file();
@@ -186,7 +186,7 @@ void supervision::start_program() {
   pid_ = session_ = started.pid;
   report_ = std::move(started.report);
   was_launched_ = true;
-  pacing_.started(steady_now());
+  launched_at_ = steady_now();
   // Told when the command has been executed: until then nothing is to take processor time.
   state_.phase = program_phase::starting;
 }
@@ -247,9 +247,8 @@ void supervision::finish_attempt() {
 }
 
 void supervision::pause(bool failed) {
-  const time_point now = steady_now();
-  lived_ = std::chrono::duration_cast<milliseconds>(now - pacing_.start());
-  const pacing::verdict verdict = pacing_.ended(now);
+  const pacing::verdict verdict =
+      pacing_.ended(was_launched_ ? std::optional(lived_) : std::nullopt);
   state_.attempt = pacing_.failures();
   if (failed) run_hook("failure");
   if (verdict.give_up) {
@@ -258,7 +257,7 @@ void supervision::pause(bool failed) {
     run_hook("give_up");
     return;
   }
-  phase_limit_ = now + verdict.pause;
+  phase_limit_ = steady_now() + verdict.pause;
   state_.next = wall_now() / 1000 + verdict.pause.count();
   say("ended: " + state_.status + "; next start in " + seconds_text(verdict.pause) + " s");
   set_phase(program_phase::waiting);

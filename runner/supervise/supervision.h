@@ -170,7 +170,8 @@ class supervision final {
   std::string told_;     ///< The last that was told in this attempt.
   int status_ = 0;       ///< As waitpid gave it.
   deadline phase_limit_;
-  milliseconds lived_{0};
+  time_point launched_at_;
+  milliseconds lived_{0};  ///< From the launch to the end; 0 before.
 
   probe probe_;
   bool is_asking_ = false;

@@ -76,11 +76,11 @@ void supervision::program_ended(int status) {
   if (report_.valid()) take_report();
   pid_ = 0;
   status_ = status;
-  lived_ = std::chrono::duration_cast<milliseconds>(steady_now() - pacing_.start());
   stop_asking();
   ready_limit_.reset();
   files_.set_ready(false);
   if (was_launched_) {
+    lived_ = std::chrono::duration_cast<milliseconds>(steady_now() - launched_at_);
     const std::string how = describe_status(status);
     state_.status = trouble_.empty() ? how : trouble_ + " (" + how + ")";
   }

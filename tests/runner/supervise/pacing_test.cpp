@@ -10,23 +10,17 @@ using runner::pacing;
 
 namespace {
 
-/// Lives after each other, and the pauses after them, on a clock that nobody waits for.
+/// Lives after each other.
 class lives final {
  public:
   explicit lives(const runner::restart_section& wanted) { pacing_.set(wanted); }
 
-  pacing::verdict live(milliseconds duration) {
-    pacing_.started(now_);
-    now_ += duration;
-    const pacing::verdict verdict = pacing_.ended(now_);
-    now_ += verdict.pause;
-    return verdict;
-  }
+  pacing::verdict live(milliseconds duration) { return pacing_.ended(duration); }
+  pacing::verdict fail() { return pacing_.ended({}); }
   [[nodiscard]] std::uint64_t failures() const { return pacing_.failures(); }
 
  private:
   pacing pacing_;
-  runner::time_point now_ = runner::time_point() + 1000h;
 };
 
 runner::restart_section wanted(milliseconds delay, milliseconds longest, milliseconds steady) {
@@ -90,4 +84,12 @@ TEST(pacing, gives_up_after_so_many_short_lives_in_a_row) {
   EXPECT_FALSE(program.live(0ms).give_up);
   EXPECT_FALSE(program.live(0ms).give_up);
   EXPECT_TRUE(program.live(0ms).give_up);
+}
+
+TEST(pacing, what_was_not_executed_has_not_lived_however_little_is_asked_for) {
+  lives program(wanted(1ms, 60s, 0ms));
+  program.fail();
+  EXPECT_EQ(program.fail().pause, 100ms);
+  EXPECT_EQ(program.fail().pause, 200ms);
+  EXPECT_EQ(program.live(0ms).pause, 1ms);
 }

@@ -9,6 +9,7 @@
 
 #include "tests/runner/supervise/launcher_place.h"
 #include "tests/support/fault.h"
+#include "tests/support/wait_until.h"
 
 using runner::program_phase;
 
@@ -70,4 +71,17 @@ TEST(supervision, what_is_due_is_done_while_children_end_without_an_end) {
   place.start(have_strangers_end);
   EXPECT_EQ(place.wait_phase(program_phase::waiting).status,
             "not ready within 0.1 s (signal TERM)");
+}
+
+TEST(supervision, what_comes_before_a_program_is_no_life_of_it) {
+  launcher_place place;
+  place.write(
+      "shell = yes\nbefore = sleep 0.3; false\ncommand = true\n[restart]\ndelay = 1ms\n"
+      "steady = 200ms\n[on]\nshell = yes\nfailure = echo $LIVED > lived\n");
+  place.start();
+  EXPECT_TRUE(wait_until([&] {
+    const auto state = place.state();
+    return state && state->attempt >= 2;
+  }));
+  EXPECT_EQ(place.wait_text("lived", "0\n"), "0\n");
 }
