@@ -46,6 +46,7 @@ bool take_line(std::string_view key, std::string_view value, program_state& out)
   if (key == "log") out.log = value;
   if (key == "launcher") take_number(value, out.launcher);
   if (key == "launcher_started") take_number(value, out.launcher_started);
+  if (key == "mark") out.mark = value;
   return true;
 }
 
@@ -76,6 +77,7 @@ std::string print_state(const program_state& state) {
   if (!state.log.empty()) text += "log " + state.log + "\n";
   add("launcher", static_cast<std::uint64_t>(state.launcher));
   add("launcher_started", state.launcher_started);
+  if (!state.mark.empty()) text += "mark " + state.mark + "\n";
   return text;
 }
 

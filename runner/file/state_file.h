@@ -13,7 +13,7 @@ namespace runner {
 
 /// Where a program stands.
 enum class program_phase {
-  reading,   ///< Its file is being read, or an earlier launcher has not ended yet.
+  reading,   ///< What a killed launcher left is being ended, before anything else.
   needs,     ///< It waits for other programs to be ready.
   before,    ///< The command `before` runs.
   starting,  ///< It runs and is not ready yet.
@@ -40,6 +40,7 @@ struct program_state {
   std::string log;                     ///< The log file; empty when there is none.
   pid_t launcher = 0;                  ///< Who wrote this.
   std::uint64_t launcher_started = 0;  ///< In clock ticks since boot.
+  std::string mark;                    ///< That the launcher's processes have.
 };
 
 /// As the file's text.

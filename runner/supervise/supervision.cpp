@@ -13,10 +13,15 @@
 
 #include "runner/file/process_stat.h"
 #include "runner/launch/environment.h"
-#include "runner/supervise/descendants.h"
+#include "runner/supervise/mark.h"
 
 namespace runner {
 namespace {
+
+/// How long what was killed is waited for. Then it hangs in the kernel, and nobody can end it.
+constexpr std::chrono::seconds kLeftoversLimit{5};
+constexpr milliseconds kFirstLeftoversPause{10};
+constexpr milliseconds kLongestLeftoversPause{200};
 
 /// The section `log`, as far as it says anything.
 std::string text_of_log(const program_file& file) {
@@ -49,13 +54,14 @@ int supervision::run() {
 
 void supervision::begin_attempt() {
   phase_limit_.reset();
+  if (left_ && end_leftovers()) return;
   trouble_.clear();
   told_.clear();
   status_ = 0;
   was_launched_ = false;
   is_ready_ = false;
   lived_ = milliseconds(0);
-  // Told to nobody: it takes no time, and the program is waited for.
+  // Usually told to nobody: it takes no time, and the program is waited for.
   state_.phase = program_phase::reading;
   const bool is_right = read_file();
   if (await_former_launcher()) return;
@@ -94,22 +100,46 @@ bool supervision::read_file() {
 bool supervision::await_former_launcher() {
   if (!is_first_) return false;
   const auto former = files_.read();
-  if (!former || former->launcher == ::getpid()) {
-    is_first_ = false;
-    files_.set_ready(false);
-    return false;
+  if (former) {
+    const auto launcher = read_process_stat(former->launcher);
+    if (launcher && launcher->started == former->launcher_started) {
+      former_.emplace(*launcher);
+      // It is ending its program: the supervisor would not have started this one otherwise.
+      if (!former_->has_ended()) return true;
+      former_.reset();
+    }
+    // It was killed, and the kernel has killed the program with it, but nobody else.
+    left_.emplace(*former);
+    left_limit_ = steady_now() + kLeftoversLimit;
+    left_pause_ = kFirstLeftoversPause;
   }
-  const auto launcher = read_process_stat(former->launcher);
-  if (launcher && launcher->started == former->launcher_started) {
-    former_ = open_process(former->launcher);
-    // It is ending its program: the supervisor would not have started this one otherwise.
-    if (former_.valid()) return true;
+  return end_leftovers();
+}
+
+bool supervision::end_leftovers() {
+  if (left_ && left_->kill()) {
+    if (steady_now() < left_limit_) {
+      if (left_pause_ == kFirstLeftoversPause) tell_of_leftovers();
+      phase_limit_ = steady_now() + left_pause_;
+      left_pause_ = std::min(left_pause_ * 2, kLongestLeftoversPause);
+      return true;
+    }
+    say("what an earlier keelmond-run left behind does not end");
   }
-  // It was killed, and the kernel has killed the program with it, but nobody else.
-  if (former->pid > 0) kill_session(former->pid, former->started);
+  left_.reset();
   is_first_ = false;
   files_.set_ready(false);
   return false;
+}
+
+void supervision::tell_of_leftovers() const {
+  program_state told = state_;
+  told.since = wall_now() / 1000;
+  // If this launcher is killed as well, the next one has to find the same.
+  told.pid = left_->former().pid;
+  told.started = left_->former().started;
+  told.mark = left_->former().mark;
+  files_.write(told);
 }
 
 bool supervision::open_log() {
@@ -167,7 +197,7 @@ void supervision::run_before() {
 }
 
 void supervision::start_program() {
-  environment_list more;
+  environment_list more{{kMarkVariable, state_.mark}};
   if (file_.ready.probe.how == probe_settings::kind::notify) {
     const std::string error = notify_.open();
     if (!error.empty()) {

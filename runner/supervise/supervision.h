@@ -16,6 +16,8 @@
 #include "runner/launch/launch.h"
 #include "runner/log/program_log.h"
 #include "runner/log/steady_time.h"
+#include "runner/supervise/known_process.h"
+#include "runner/supervise/leftovers.h"
 #include "runner/supervise/notify_socket.h"
 #include "runner/supervise/pacing.h"
 #include "runner/supervise/probe.h"
@@ -31,10 +33,10 @@ namespace runner {
 ///        |                            v     v     v
 ///     waiting <--- after <--------- clearing
 ///
-/// Reading stands for an attempt that failed before there was a process as well: what is wrong goes
-/// straight to `waiting`, with a pause that grows. `ended` and `given_up` are waits without an end.
-/// A request to end skips what has not begun, and leads through `stopping` and `clearing` out of
-/// the loop.
+/// Reading is where a launcher begins as well that has to wait for an earlier one, or for the end
+/// of what that left behind. What is wrong before there is a process goes straight to `waiting`,
+/// with a pause that grows. `ended` and `given_up` are waits without an end. A request to end skips
+/// what has not begun, and leads through `stopping` and `clearing` out of the loop.
 ///
 /// One thread, one loop, no handlers: signals, ends of processes and everything else are read from
 /// descriptors. While nothing happens it sleeps without a limit.
@@ -69,6 +71,9 @@ class supervision final {
   void begin_attempt();
   bool read_file();
   bool await_former_launcher();
+  /// @return whether there is something that has to be waited for.
+  bool end_leftovers();
+  void tell_of_leftovers() const;
   bool open_log();
   void close_log();
   void await_needs();
@@ -147,7 +152,12 @@ class supervision final {
   state_files files_;
   program_state state_;
   bool is_first_ = true;
-  unique_fd former_;  ///< An earlier launcher of the same program that has not ended yet.
+  /// An earlier launcher of the same program that has not ended yet.
+  std::optional<known_process> former_;
+  /// What one left that was killed.
+  std::optional<leftovers> left_;
+  time_point left_limit_;
+  milliseconds left_pause_{0};
 
   program_file file_;
   std::unique_ptr<program_log> log_;

@@ -8,6 +8,7 @@
 #include "runner/file/values.h"
 #include "runner/launch/environment.h"
 #include "runner/log/standard_error.h"
+#include "runner/supervise/mark.h"
 #include "runner/supervise/supervision.h"
 
 namespace runner {
@@ -86,6 +87,7 @@ environment_list supervision::told_variables() const {
   list.emplace_back("STATUS", was_killed ? "" : std::to_string(WEXITSTATUS(status_)));
   list.emplace_back("SIGNAL", was_killed ? signal_name(WTERMSIG(status_)) : "");
   if (pid_ > 0) list.emplace_back("PID", std::to_string(pid_));
+  list.emplace_back(kMarkVariable, state_.mark);
   return list;
 }
 

@@ -13,6 +13,7 @@
 #include <csignal>
 
 #include "runner/file/process_stat.h"
+#include "runner/supervise/mark.h"
 #include "runner/supervise/supervision.h"
 
 namespace runner {
@@ -75,6 +76,7 @@ void supervision::take_over_process() {
   state_.launcher = ::getpid();
   const auto own = read_process_stat(state_.launcher);
   state_.launcher_started = own ? own->started : 0;
+  state_.mark = make_mark();
 }
 
 void supervision::add_request(int fd, short events) {
@@ -84,9 +86,9 @@ void supervision::add_request(int fd, short events) {
 void supervision::collect_requests() {
   requests_.clear();
   add_request(signals_.get());
-  for (const unique_fd& link : chain_.links)
-    add_request(link.get());
-  add_request(former_.get());
+  for (const known_process& link : chain_.links)
+    add_request(link.fd());
+  if (former_) add_request(former_->fd());
   add_request(report_.get());
   add_request(needs_watch_.get());
   add_request(notify_.fd());
@@ -151,7 +153,7 @@ void supervision::handle_next(std::size_t count) {
 
 void supervision::handle(int fd) {
   if (fd == signals_.get()) return take_signals();
-  if (fd == former_.get()) {
+  if (former_ && fd == former_->fd()) {
     former_.reset();
     return begin_attempt();
   }
@@ -182,6 +184,7 @@ void supervision::look_at_deadlines(time_point now) {
   if (is_over(ask_at_)) return is_asking_ ? answered(probe_answer::no) : ask();
   if (!is_over(phase_limit_)) return;
   switch (state_.phase) {
+    case program_phase::reading:
     case program_phase::waiting:
       return begin_attempt();
     case program_phase::needs:

@@ -1,6 +1,5 @@
 #include "runner/supervise/supervisor_chain.h"
 
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "runner/file/process_stat.h"
@@ -35,18 +34,16 @@ bool was_supervised() {
 
 }  // namespace
 
-unique_fd open_process(pid_t pid) {
-  return unique_fd(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0)));
-}
-
 supervisor_chain find_supervisor() {
   supervisor_chain chain;
   pid_t below = ::getpid();
   pid_t parent = ::getppid();
-  std::vector<unique_fd> links;
+  std::vector<known_process> links;
   for (int height = 0; height < kHighest && parent > 1; ++height) {
-    unique_fd link = open_process(parent);
-    // Only a handle that was there before the question asked says of whom it is.
+    const auto above = read_process_stat(parent);
+    if (!above) break;
+    known_process link(*above);
+    // Only a handle that was there before the question says of whom it is.
     const auto still = read_process_stat(below);
     if (!still || still->parent != parent) break;
     chain.directory = supervised_directory(parent);
@@ -55,9 +52,8 @@ supervisor_chain find_supervisor() {
       return chain;
     }
     links.push_back(std::move(link));
-    const auto stat = read_process_stat(parent);
     below = parent;
-    parent = stat ? stat->parent : 0;
+    parent = above->parent;
   }
   chain.broken = was_supervised();
   return chain;

@@ -1,11 +1,9 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include <string>
 #include <vector>
 
-#include "common/misc/unique_fd.h"
+#include "runner/supervise/known_process.h"
 
 namespace runner {
 
@@ -18,15 +16,12 @@ namespace runner {
 struct supervisor_chain {
   /// The supervisor's directory; empty when this process was not started by one.
   std::string directory;
-  /// Handles on those in between, readable when one has ended.
-  std::vector<unique_fd> links;
+  /// Those in between.
+  std::vector<known_process> links;
   /// Whether a link was gone before it could be watched.
   bool broken = false;
 };
 
 supervisor_chain find_supervisor();
-
-/// A handle on a process that is readable when it has ended; not valid when it has already.
-unique_fd open_process(pid_t pid);
 
 }  // namespace runner

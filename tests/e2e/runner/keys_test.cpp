@@ -155,7 +155,7 @@ TEST(runner_keys, the_environment_is_handed_on_changed_or_clean) {
   const program_state state = place.wait_phase(clean, program_phase::running);
   EXPECT_EQ(environment_of(state.pid),
             std::string("PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin") +
-                '\0' + "ONLY=1" + '\0');
+                '\0' + "ONLY=1" + '\0' + "KEELMOND_RUN=" + state.mark + '\0');
   ::kill(state.launcher, SIGUSR2);
 }
 

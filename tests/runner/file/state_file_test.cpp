@@ -23,6 +23,7 @@ program_state sample() {
   state.next = 1763742004123;
   state.status = "exit 1";
   state.log = "/var/log/a b.log";
+  state.mark = "5f0a12bc-00000000deadbeef";
   state.launcher = ::getpid();
   state.launcher_started = runner::read_process_stat(::getpid())->started;
   return state;
@@ -37,6 +38,7 @@ TEST(state_file, says_what_it_was_told) {
   EXPECT_EQ(print_state(*read), print_state(state));
   EXPECT_EQ(read->phase, program_phase::waiting);
   EXPECT_EQ(read->log, "/var/log/a b.log");
+  EXPECT_EQ(read->mark, "5f0a12bc-00000000deadbeef");
 }
 
 TEST(state_file, what_is_not_known_is_skipped_and_what_has_no_phase_is_none) {

@@ -6,12 +6,17 @@
 #include <sys/wait.h>
 
 #include <csignal>
+#include <filesystem>
+#include <string>
 
+#include "runner/file/process_stat.h"
 #include "tests/runner/supervise/launcher_place.h"
 #include "tests/support/fault.h"
+#include "tests/support/in_child.h"
 #include "tests/support/wait_until.h"
 
 using runner::program_phase;
+using runner::program_state;
 
 namespace {
 
@@ -71,6 +76,29 @@ TEST(supervision, what_is_due_is_done_while_children_end_without_an_end) {
   place.start(have_strangers_end);
   EXPECT_EQ(place.wait_phase(program_phase::waiting).status,
             "not ready within 0.1 s (signal TERM)");
+}
+
+TEST(supervision, ends_what_a_killed_launcher_left_in_sessions_of_their_own) {
+  // What is left becomes a child of this process, which ends with the test.
+  in_child([] {
+    launcher_place place;
+    place.write(
+        "shell = yes\ncommand = setsid sh -c 'echo $$ > new && mv new left; exec sleep 1000'"
+        " & exec sleep 1000\n");
+    place.start();
+    const program_state first = place.wait_phase(program_phase::running);
+    ASSERT_TRUE(wait_until([&] { return place.directory().has("left"); }));
+    const pid_t left = std::stoi(place.directory().read("left"));
+    std::filesystem::remove(place.directory().file("left"));
+    place.send(SIGKILL);
+    ASSERT_TRUE(place.wait_end());
+    ASSERT_TRUE(wait_until([&] { return !runner::read_process_stat(first.pid); }));
+    ASSERT_TRUE(runner::read_process_stat(left));
+    place.start();
+    ASSERT_TRUE(wait_until([&] { return place.directory().has("left"); }));
+    EXPECT_FALSE(runner::read_process_stat(left));
+    EXPECT_NE(place.wait_phase(program_phase::running).mark, first.mark);
+  });
 }
 
 TEST(supervision, what_comes_before_a_program_is_no_life_of_it) {
