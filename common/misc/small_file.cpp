@@ -12,15 +12,18 @@ namespace {
 
 constexpr ssize_t kChunk = 4096;
 
-/// Appends what one read gives. @return its length, 0 at the end, -1 with errno set on failure.
-ssize_t append_chunk(int fd, std::string& out) {
+/// Appends what one read gives. @return its length, 0 at the end, -1 with errno set on failure, and
+/// EFBIG when `out` has come to be larger than `most`.
+ssize_t append_chunk(int fd, std::string& out, std::size_t most) {
   char chunk[kChunk];
   ssize_t got = 0;
   do {
     got = ::read(fd, chunk, sizeof chunk);
   } while (got < 0 && errno == EINTR);
   if (got > 0) out.append(chunk, static_cast<std::size_t>(got));
-  return got;
+  if (out.size() <= most) return got;
+  errno = EFBIG;
+  return -1;
 }
 
 }  // namespace
@@ -30,7 +33,7 @@ bool read_small_file(int dir, const char* path, std::string& out) {
   const unique_fd file(::openat(dir, path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
   if (!file.valid()) return false;
   for (;;) {
-    const ssize_t got = append_chunk(file.get(), out);
+    const ssize_t got = append_chunk(file.get(), out, kLargestSmallFile);
     // The kernel breaks a list between two items, so a read that does not fill the buffer need not
     // be the last.
     if (got > kChunk / 2) continue;
@@ -39,9 +42,9 @@ bool read_small_file(int dir, const char* path, std::string& out) {
   }
 }
 
-bool read_to_end(int fd, std::string& out) {
+bool read_to_end(int fd, std::string& out, std::size_t most) {
   for (;;) {
-    const ssize_t got = append_chunk(fd, out);
+    const ssize_t got = append_chunk(fd, out, most);
     if (got <= 0) return got == 0;
   }
 }

@@ -56,7 +56,9 @@ log_locations locate_logs(const snapshot& now, const site& place,
     if (program == nullptr) continue;
     const std::string& path = program->exepath;
     std::string text;
-    if (!read_small_file(AT_FDCWD, path.c_str(), text)) {
+    const bool is_read = read_small_file(AT_FDCWD, path.c_str(), text);
+    // One that is too large is any program.
+    if (!is_read && errno != EFBIG) {
       add_unreadable(name, "cannot read " + path + ": " + std::strerror(errno), place, found);
       continue;
     }

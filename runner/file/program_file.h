@@ -156,7 +156,7 @@ struct program_file_result {
   bool log_is_right = false;
 };
 
-/// The longest file that is read, in bytes.
+/// The longest program file or environment file that is read, in bytes.
 inline constexpr std::size_t kLargestProgramFile = std::size_t{1024} * 1024;
 
 /// Reads a file, and the environment file that it names.

@@ -1,17 +1,12 @@
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
-#include <cstring>
 
 #include "common/inifile/ini_line.h"
-#include "common/misc/small_file.h"
-#include "common/misc/unique_fd.h"
 #include "runner/file/key_table.h"
 #include "runner/file/program_file.h"
+#include "runner/file/text_file.h"
 #include "runner/file/words.h"
 
 namespace runner {
@@ -184,9 +179,8 @@ class meaning_reader final {
 
   void read_environment_file(const std::string& path) {
     std::string text;
-    if (!read_small_file(AT_FDCWD, path.c_str(), text)) {
-      fail("environment", "file", "cannot read " + path + ": " + std::strerror(errno),
-           "name a file with lines NAME=value");
+    if (const std::string error = read_text_file(path, kLargestProgramFile, text); !error.empty()) {
+      fail("environment", "file", path + ": " + error, "name a file with lines NAME=value");
       return;
     }
     const environment_fault fault = read_environment(text, out_.settings.environment.variables);
@@ -296,18 +290,11 @@ program_file_result read_program_text(std::string_view text, const std::string& 
 }
 
 program_file_result read_program_file(const std::string& path) {
-  // Read only: nobody who starts a program needs to be able to change how that is done.
-  struct stat status {};
-  if (::stat(path.c_str(), &status) != 0)
-    return refuse_whole(std::string("cannot read it: ") + std::strerror(errno), {});
-  if (!S_ISREG(status.st_mode)) return refuse_whole("it is no file", "name a program file");
   std::string text;
-  if (status.st_size <= static_cast<off_t>(kLargestProgramFile) &&
-      !read_small_file(AT_FDCWD, path.c_str(), text))
-    return refuse_whole(std::string("cannot read it: ") + std::strerror(errno), {});
-  if (status.st_size > static_cast<off_t>(kLargestProgramFile))
-    return refuse_whole("it is larger than 1M", "name a program file");
-  return read_program_text(text, path);
+  const std::string error = read_text_file(path, kLargestProgramFile, text);
+  if (error.empty()) return read_program_text(text, path);
+  const bool is_unreadable = error.starts_with("cannot");
+  return refuse_whole(error, is_unreadable ? "" : "name a program file");
 }
 
 }  // namespace runner

@@ -71,6 +71,26 @@ TEST(small_file, is_read_on_after_a_signal) {
   EXPECT_EQ(read, "text");
 }
 
+TEST(small_file, that_has_no_end_is_none) {
+  std::string read = "from before";
+  EXPECT_FALSE(read_small_file(AT_FDCWD, "/dev/zero", read));
+  EXPECT_EQ(errno, EFBIG);
+  EXPECT_EQ(read, "");
+}
+
+TEST(read_to_end, stops_at_more_than_is_wanted) {
+  const scratch_dir scratch;
+  const auto can_read = [&](std::size_t size, std::size_t most) {
+    scratch.write("file", std::string(size, 'x'));
+    const unique_fd file(::open(scratch.file("file").c_str(), O_RDONLY | O_CLOEXEC));
+    std::string read;
+    return read_to_end(file.get(), read, most) || errno != EFBIG;
+  };
+  EXPECT_TRUE(can_read(9999, 10000));
+  EXPECT_TRUE(can_read(10000, 10000));
+  EXPECT_FALSE(can_read(10001, 10000));
+}
+
 TEST(read_to_end, appends_what_is_there) {
   channel pipe = make_pipe();
   const std::string text(20000, 'x');
