@@ -192,8 +192,10 @@ void supervision::await_needs() {
 void supervision::run_before() {
   if (file_.program.before.empty()) return start_program();
   set_phase(program_phase::before);
-  if (!start_side(purpose::before, "program", "before", {}))
-    fail_attempt("before could not be started");
+  // Without a limit: to bring data up to date may take hours, and whoever knows better sets one.
+  if (start_side(purpose::before, "program", "before", {})) return;
+  trouble_ = state_.status = "before could not be started";
+  finish_attempt();
 }
 
 void supervision::start_program() {
@@ -250,11 +252,6 @@ void supervision::become_ready() {
   run_hook("ready");
   bad_answers_ = 0;
   ask_later();
-}
-
-void supervision::fail_attempt(const std::string& why) {
-  if (trouble_.empty()) trouble_ = why;
-  finish_attempt();
 }
 
 void supervision::finish_attempt() {

@@ -65,7 +65,17 @@ class supervision final {
     const char* key = "";
     unique_fd report;
     deadline limit = {};
+    std::string mark = {};
   };
+  /// What a command beside the program may have left behind.
+  struct remains {
+    pid_t session = 0;
+    std::string mark;
+    time_point until;  ///< From then on it is killed.
+    bool is_over = false;
+  };
+  /// What follows when nothing is left of the last step.
+  enum class next_step { none, after, start, finish };
 
   // supervision.cpp: an attempt, step by step
   void begin_attempt();
@@ -83,7 +93,6 @@ class supervision final {
   void start_program();
   void take_report();
   void become_ready();
-  void fail_attempt(const std::string& why);
   void finish_attempt();
   void pause(bool failed);
 
@@ -95,7 +104,10 @@ class supervision final {
   void program_ended(int status);
   void look_at_group();
   void begin_clearing();
+  void clear_then(next_step step);
   void go_on_clearing();
+  /// @return whether there was anybody.
+  bool kill_children();
   void run_after();
   void leave();
   void child_ended(pid_t pid, int status);
@@ -120,6 +132,9 @@ class supervision final {
   [[nodiscard]] environment_list told_variables() const;
   [[nodiscard]] bool has_side(purpose what) const;
   void end_side(side_command& one);
+  void leave_behind(const side_command& ended, time_point until);
+  void look_at_remains();
+  [[nodiscard]] bool is_of_hook(pid_t child) const;
   void set_phase(program_phase phase);
   void say(const std::string& text);
   /// Tells what is wrong on standard error and in the log; the same only once in an attempt.
@@ -171,6 +186,9 @@ class supervision final {
   notify_socket notify_;
   unique_fd needs_watch_;
   std::vector<side_command> sides_;
+  std::uint64_t side_count_ = 0;  ///< All that there have been.
+  std::vector<remains> remains_;
+  next_step when_clear_ = next_step::none;
 
   bool is_ending_ = false;  ///< For good.
   bool is_done_ = false;

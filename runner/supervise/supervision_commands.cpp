@@ -8,6 +8,7 @@
 #include "runner/file/values.h"
 #include "runner/launch/environment.h"
 #include "runner/log/standard_error.h"
+#include "runner/supervise/descendants.h"
 #include "runner/supervise/mark.h"
 #include "runner/supervise/supervision.h"
 
@@ -16,6 +17,11 @@ namespace {
 
 /// How long a hook may run.
 constexpr std::chrono::seconds kHookLimit{60};
+
+/// Whether a child of this process was started by the command that has that session and mark.
+bool is_child_of(pid_t child, pid_t session, const std::string& mark) {
+  return child == session || ::getsid(child) == session || read_mark(child) == mark;
+}
 
 }  // namespace
 
@@ -60,7 +66,10 @@ const command_words& supervision::command_of(const side_command& side) const {
 
 bool supervision::start_side(purpose what, const char* section, const char* key, deadline limit) {
   side_command side{0, what, section, key, {}, limit};
-  const auto environment = build_environment(file_, environ, told_variables());
+  side.mark = state_.mark + "." + std::to_string(++side_count_);
+  environment_list more = told_variables();
+  more.emplace_back(kMarkVariable, side.mark);
+  const auto environment = build_environment(file_, environ, more);
   launch_order order = order_for(command_of(side), environment);
   order.section = section;
   order.key = key;
@@ -87,7 +96,6 @@ environment_list supervision::told_variables() const {
   list.emplace_back("STATUS", was_killed ? "" : std::to_string(WEXITSTATUS(status_)));
   list.emplace_back("SIGNAL", was_killed ? signal_name(WTERMSIG(status_)) : "");
   if (pid_ > 0) list.emplace_back("PID", std::to_string(pid_));
-  list.emplace_back(kMarkVariable, state_.mark);
   return list;
 }
 
@@ -101,6 +109,38 @@ void supervision::end_side(side_command& one) {
   // It may not have got as far as leading its group.
   ::kill(-one.pid, SIGKILL);
   ::kill(one.pid, SIGKILL);
+}
+
+void supervision::leave_behind(const side_command& ended, time_point until) {
+  remains_.push_back({ended.pid, ended.mark, until});
+  look_at_remains();
+}
+
+void supervision::look_at_remains() {
+  if (remains_.empty()) return;
+  // Whoever has lost his parent is a child of this process now; what is below him has its turn when
+  // he has gone.
+  const std::vector<pid_t> children = own_children();
+  const time_point now = steady_now();
+  std::erase_if(remains_, [&](remains& one) {
+    one.is_over = one.until <= now;
+    bool is_any = false;
+    for (const pid_t child : children) {
+      if (child == pid_ || !is_child_of(child, one.session, one.mark)) continue;
+      is_any = true;
+      if (one.is_over) ::kill(child, SIGKILL);
+    }
+    return !is_any;
+  });
+}
+
+bool supervision::is_of_hook(pid_t child) const {
+  const bool is_running = std::any_of(sides_.begin(), sides_.end(), [&](const side_command& one) {
+    return one.what == purpose::hook && is_child_of(child, one.pid, one.mark);
+  });
+  return is_running || std::any_of(remains_.begin(), remains_.end(), [&](const remains& one) {
+           return !one.is_over && is_child_of(child, one.session, one.mark);
+         });
 }
 
 void supervision::set_phase(program_phase phase) {

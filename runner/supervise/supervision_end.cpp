@@ -102,22 +102,37 @@ void supervision::begin_clearing() {
   phase_limit_.reset();
   set_phase(program_phase::clearing);
   ::kill(-session_, SIGKILL);
+  clear_then(next_step::after);
+}
+
+void supervision::clear_then(next_step step) {
+  when_clear_ = step;
   go_on_clearing();
 }
 
 void supervision::go_on_clearing() {
+  if (kill_children()) return;
+  switch (std::exchange(when_clear_, next_step::none)) {
+    case next_step::after:
+      session_ = 0;
+      return run_after();
+    case next_step::start:
+      return is_ending_ ? finish_attempt() : start_program();
+    case next_step::finish:
+      return finish_attempt();
+    case next_step::none:
+      return;
+  }
+}
+
+bool supervision::kill_children() {
   // Those below them become children of this process when they have gone, and have their turn then.
   bool is_left = false;
   for (const pid_t child : own_children()) {
-    const bool is_side = std::any_of(sides_.begin(), sides_.end(), [&](const side_command& one) {
-      return one.pid == child && one.what == purpose::hook;
-    });
-    if (is_side || (log_ && log_->is_compressor(child))) continue;
+    if (is_of_hook(child) || (log_ && log_->is_compressor(child))) continue;
     is_left = ::kill(child, SIGKILL) == 0 || is_left;
   }
-  if (is_left) return;
-  session_ = 0;
-  run_after();
+  return is_left;
 }
 
 void supervision::run_after() {
@@ -157,12 +172,12 @@ void supervision::side_ended(side_command ended, int status) {
   }
   switch (ended.what) {
     case purpose::before:
-      if (is_good && !is_ending_) return start_program();
-      if (!is_good && trouble_.empty()) state_.status = how;
-      return fail_attempt(how);
+      if (is_good) return clear_then(next_step::start);
+      if (trouble_.empty()) trouble_ = state_.status = how;
+      return clear_then(next_step::finish);
     case purpose::after:
       if (!is_good) say(how);
-      return finish_attempt();
+      return clear_then(next_step::finish);
     case purpose::stop:
       if (!is_good) say("stop " + how);
       // What it did not end is asked the usual way.
@@ -170,9 +185,11 @@ void supervision::side_ended(side_command ended, int status) {
       if (state_.phase == program_phase::stopping) look_at_group();
       return;
     case purpose::question:
+      leave_behind(ended, steady_now());
       return answered(is_good ? probe_answer::yes : probe_answer::no);
     case purpose::hook:
       if (!is_good) say("on " + how);
+      leave_behind(ended, ended.limit.value_or(steady_now()));
       return;
   }
 }

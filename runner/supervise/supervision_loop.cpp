@@ -106,6 +106,9 @@ supervision::deadline supervision::next_deadline() const {
   consider(ask_at_);
   for (const side_command& one : sides_)
     consider(one.limit);
+  for (const remains& one : remains_) {
+    if (!one.is_over) consider(one.until);
+  }
   if (log_) consider(log_->next_deadline());
   return next;
 }
@@ -176,6 +179,10 @@ void supervision::look_at_deadlines(time_point now) {
   for (side_command& one : sides_) {
     if (is_over(one.limit)) end_side(one);
   }
+  const bool is_any_over = std::any_of(remains_.begin(), remains_.end(), [&](const remains& one) {
+    return !one.is_over && one.until <= now;
+  });
+  if (is_any_over) look_at_remains();
   if (is_over(ready_limit_)) {
     const std::string why = "not ready within " + seconds_text(file_.ready.timeout) + " s";
     say(why + ": it is ended");
@@ -235,7 +242,8 @@ void supervision::reap() {
   // Whoever is left has the next turn, and no signal tells of it.
   is_reap_due_ = pid > 0;
   if (state_.phase == program_phase::stopping) look_at_group();
-  if (state_.phase == program_phase::clearing && !is_done_) go_on_clearing();
+  if (when_clear_ != next_step::none && !is_done_) go_on_clearing();
+  look_at_remains();
 }
 
 }  // namespace runner
