@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "common/misc/small_file.h"
@@ -85,7 +88,22 @@ std::string set_limits(const std::string& directory, const group_limits& limits)
   return error;
 }
 
+void kill_all(const std::string& group) {
+  // Fails where the kernel is older than 5.14.
+  std::ignore = write_setting(group + "/cgroup.kill", "1");
+}
+
 }  // namespace
+
+std::string group_name(const std::string& program, const std::string& supervisor) {
+  // FNV-1a: short, and the same in each version.
+  std::uint32_t hash = 2166136261U;
+  for (const char c : supervisor)
+    hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+  char text[16];
+  std::snprintf(text, sizeof text, "%08x", hash);
+  return "keelmond." + program + "." + text;
+}
 
 group_place find_group_place() {
   group_place place;
@@ -109,9 +127,13 @@ std::string control_group::make(const group_limits& limits, const std::string& n
   for (const std::string& parent : parents) {
     if (!offer_controllers(parent, needed)) continue;
     std::string directory = parent;
-    directory.append("/keelmond.").append(name);
-    if (::mkdir(directory.c_str(), 0755) != 0 && errno != EEXIST) continue;
+    directory.append("/").append(name);
+    if (::mkdir(directory.c_str(), 0755) != 0) {
+      if (errno != EEXIST) continue;
+      kill_all(directory);
+    }
     directory_ = directory;
+    std::erase(left_, directory);
     std::string error = set_limits(directory, limits);
     if (!error.empty()) remove();
     return error;
@@ -124,12 +146,11 @@ std::string control_group::entrance() const {
 }
 
 void control_group::remove() {
-  if (directory_.empty()) return;
-  // Both fail where something is still in it, or where the kernel is older than 5.14. The group is
-  // used again then.
-  std::ignore = write_setting(directory_ + "/cgroup.kill", "1");
-  std::ignore = ::rmdir(directory_.c_str());
-  directory_.clear();
+  if (!directory_.empty()) left_.push_back(std::exchange(directory_, {}));
+  std::erase_if(left_, [](const std::string& one) {
+    kill_all(one);
+    return ::rmdir(one.c_str()) == 0 || (errno != EBUSY && errno != ENOTEMPTY);
+  });
 }
 
 }  // namespace runner

@@ -67,7 +67,8 @@ void supervision::begin_attempt() {
   if (await_former_launcher()) return;
   if (!is_right || !open_log()) return finish_attempt();
   if (!file_.limits.group.any()) return await_needs();
-  const std::string error = group_.make(file_.limits.group, name_, find_group_place());
+  const std::string error =
+      group_.make(file_.limits.group, group_name(name_, files_.directory()), find_group_place());
   if (error.empty()) return await_needs();
   for (const char* const key : {"memory", "cpu", "tasks"}) {
     if (file_.line_of("limits", key) == 0) continue;

@@ -73,6 +73,8 @@ bool supervision::start_side(purpose what, const char* section, const char* key,
   launch_order order = order_for(command_of(side), environment);
   order.section = section;
   order.key = key;
+  // A hook may outlive the program, whose group is removed with all that is in it.
+  if (what == purpose::hook) order.group_entrance.clear();
   launched started = launch(order);
   if (started.pid < 0) {
     tell(describe(started.failure, order));

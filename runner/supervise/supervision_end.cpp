@@ -205,6 +205,7 @@ void supervision::leave() {
       was_killed = ::kill(child, SIGKILL) == 0 || was_killed;
     if (!was_killed || (::waitpid(-1, nullptr, 0) < 0 && errno != EINTR)) break;
   }
+  group_.remove();
   // Those of a launcher that has not ended yet are its own.
   if (!is_first_) files_.remove();
 }

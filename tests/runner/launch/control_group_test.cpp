@@ -28,6 +28,12 @@ class imagined_groups final {
     for (const char* const file : {"memory.max", "cpu.max", "pids.max", "cgroup.kill"})
       root_.write(group + "/" + file, "");
   }
+  /// What there is of it goes, as it does in the kernel.
+  void empty(const std::string& group) {
+    for (const auto& file : fs::directory_iterator(root_.path() / group))
+      fs::remove(file.path());
+  }
+  [[nodiscard]] bool has(const std::string& group) const { return root_.has(group); }
   [[nodiscard]] std::string read(const std::string& file) const { return root_.read(file); }
   [[nodiscard]] runner::group_place place(const std::string& own) const {
     return {root_.path().string(), own};
@@ -46,7 +52,7 @@ TEST(control_group, is_made_below_the_own_one_with_its_limits) {
   groups.add("own", "cpu memory pids", "cpu memory pids");
   groups.expect("own/keelmond.kmd_x");
   control_group group;
-  EXPECT_EQ(group.make(kAll, "kmd_x", groups.place("/own")), "");
+  EXPECT_EQ(group.make(kAll, "keelmond.kmd_x", groups.place("/own")), "");
   EXPECT_EQ(groups.read("own/keelmond.kmd_x/memory.max"), "1073741824");
   EXPECT_EQ(groups.read("own/keelmond.kmd_x/cpu.max"), "150000 100000");
   EXPECT_EQ(groups.read("own/keelmond.kmd_x/pids.max"), "64");
@@ -62,7 +68,7 @@ TEST(control_group, is_made_beside_the_own_one_where_that_cannot_have_groups) {
   groups.add("service/supervisor", "", "");
   groups.expect("service/keelmond.kmd_x");
   control_group group;
-  EXPECT_EQ(group.make({0, 0, 5}, "kmd_x", groups.place("/service/supervisor")), "");
+  EXPECT_EQ(group.make({0, 0, 5}, "keelmond.kmd_x", groups.place("/service/supervisor")), "");
   EXPECT_EQ(groups.read("service/keelmond.kmd_x/pids.max"), "5");
 }
 
@@ -71,7 +77,7 @@ TEST(control_group, turns_controllers_on_that_are_there) {
   groups.add("own", "memory", "");
   groups.expect("own/keelmond.kmd_x");
   control_group group;
-  EXPECT_EQ(group.make({4096, 0, 0}, "kmd_x", groups.place("/own")), "");
+  EXPECT_EQ(group.make({4096, 0, 0}, "keelmond.kmd_x", groups.place("/own")), "");
   EXPECT_EQ(groups.read("own/cgroup.subtree_control"), "+memory");
 }
 
@@ -79,8 +85,8 @@ TEST(control_group, says_so_where_there_are_none_or_none_is_delegated) {
   imagined_groups groups;
   groups.add("own", "", "");
   control_group group;
-  EXPECT_EQ(group.make(kAll, "kmd_x", {}), "there are no control groups of version 2");
-  EXPECT_NE(group.make(kAll, "kmd_x", groups.place("/own")).find("/own is not delegated"),
+  EXPECT_EQ(group.make(kAll, "keelmond.kmd_x", {}), "there are no control groups of version 2");
+  EXPECT_NE(group.make(kAll, "keelmond.kmd_x", groups.place("/own")).find("/own is not delegated"),
             std::string::npos);
   EXPECT_EQ(group.entrance(), "");
 }
@@ -89,7 +95,48 @@ TEST(control_group, a_limit_that_cannot_be_set_is_told) {
   imagined_groups groups;
   groups.add("own", "memory", "memory");
   control_group group;
-  EXPECT_NE(group.make({4096, 0, 0}, "kmd_x", groups.place("/own")).find("memory.max: "),
+  EXPECT_NE(group.make({4096, 0, 0}, "keelmond.kmd_x", groups.place("/own")).find("memory.max: "),
             std::string::npos);
   EXPECT_EQ(group.entrance(), "");
+}
+
+TEST(control_group, has_a_name_of_its_own_below_each_supervisor) {
+  using runner::group_name;
+  EXPECT_EQ(group_name("kmd_x", ""), "keelmond.kmd_x.811c9dc5");
+  EXPECT_EQ(group_name("kmd_x", "/srv/a"), group_name("kmd_x", "/srv/a"));
+  EXPECT_NE(group_name("kmd_x", "/srv/a"), group_name("kmd_x", "/srv/b"));
+}
+
+TEST(control_group, what_an_earlier_launcher_left_in_it_is_killed) {
+  imagined_groups groups;
+  groups.add("own", "pids", "pids");
+  groups.expect("own/x");
+  control_group group;
+  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")), "");
+  EXPECT_EQ(groups.read("own/x/cgroup.kill"), "1");
+}
+
+TEST(control_group, one_that_is_busy_is_removed_later) {
+  imagined_groups groups;
+  groups.add("own", "pids", "pids");
+  groups.expect("own/x");
+  control_group group;
+  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")), "");
+  group.remove();
+  EXPECT_TRUE(groups.has("own/x"));
+  groups.empty("own/x");
+  group.remove();
+  EXPECT_FALSE(groups.has("own/x"));
+}
+
+TEST(control_group, one_that_was_busy_and_is_used_again_stays) {
+  imagined_groups groups;
+  groups.add("own", "pids", "pids");
+  groups.expect("own/x");
+  control_group group;
+  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")), "");
+  group.remove();
+  EXPECT_EQ(group.make({0, 0, 6}, "x", groups.place("/own")), "");
+  EXPECT_TRUE(group.entrance().ends_with("/own/x/cgroup.procs"));
+  EXPECT_EQ(groups.read("own/x/pids.max"), "6");
 }
