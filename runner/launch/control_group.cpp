@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -45,12 +46,26 @@ void for_each_line(std::string_view text, Handler handle) {
   }
 }
 
-std::vector<std::string> needed_controllers(const group_limits& limits) {
-  std::vector<std::string> needed;
-  if (limits.memory > 0) needed.emplace_back("memory");
-  if (limits.processors > 0) needed.emplace_back("cpu");
-  if (limits.tasks > 0) needed.emplace_back("pids");
-  return needed;
+/// A key of the section `limits`, and what holds it in a group.
+struct group_limit {
+  const char* key;
+  const char* controller;
+  const char* file;
+  std::string value;
+};
+
+std::vector<group_limit> wanted_limits(const group_limits& limits) {
+  std::vector<group_limit> wanted;
+  if (limits.memory > 0)
+    wanted.push_back({"memory", "memory", "memory.max", std::to_string(limits.memory)});
+  if (limits.processors > 0) {
+    const unsigned quota = limits.processors * (kPeriod / 100);
+    wanted.push_back(
+        {"cpu", "cpu", "cpu.max", std::to_string(quota) + " " + std::to_string(kPeriod)});
+  }
+  if (limits.tasks > 0)
+    wanted.push_back({"tasks", "pids", "pids.max", std::to_string(limits.tasks)});
+  return wanted;
 }
 
 bool lists(const std::string& text, const std::string& word) {
@@ -62,30 +77,25 @@ bool lists(const std::string& text, const std::string& word) {
   return found;
 }
 
-/// Whether groups below `parent` can have the controllers; turns them on where they are off.
-bool offer_controllers(const std::string& parent, const std::vector<std::string>& needed) {
-  for (const std::string& one : needed) {
-    const std::string offered = parent + "/cgroup.subtree_control";
-    if (lists(read_setting(offered), one)) continue;
-    if (!lists(read_setting(parent + "/cgroup.controllers"), one)) return false;
-    if (!write_setting(offered, "+" + one)) return false;
-  }
-  return true;
+/// Turns the controllers on that groups below `parent` need.
+/// @return how many of the limits they can have, up to the first one that they cannot.
+std::size_t offer_controllers(const std::string& parent, const std::vector<group_limit>& wanted) {
+  const std::string offered = parent + "/cgroup.subtree_control";
+  const auto refused = std::find_if(wanted.begin(), wanted.end(), [&](const group_limit& one) {
+    if (lists(read_setting(offered), one.controller)) return false;
+    return !lists(read_setting(parent + "/cgroup.controllers"), one.controller) ||
+           !write_setting(offered, std::string("+") + one.controller);
+  });
+  return static_cast<std::size_t>(refused - wanted.begin());
 }
 
-std::string set_limits(const std::string& directory, const group_limits& limits) {
-  const auto set = [&](const char* file, const std::string& value) -> std::string {
-    if (write_setting(directory + "/" + file, value)) return "";
-    return "cannot write " + directory + "/" + file + ": " + std::strerror(errno);
-  };
-  std::string error;
-  if (limits.memory > 0) error = set("memory.max", std::to_string(limits.memory));
-  if (error.empty() && limits.processors > 0) {
-    const unsigned quota = limits.processors * (kPeriod / 100);
-    error = set("cpu.max", std::to_string(quota) + " " + std::to_string(kPeriod));
+group_failure set_limits(const std::string& directory, const std::vector<group_limit>& wanted) {
+  for (const group_limit& one : wanted) {
+    const std::string path = directory + "/" + one.file;
+    if (!write_setting(path, one.value))
+      return {one.key, "cannot write " + path + ": " + std::strerror(errno)};
   }
-  if (error.empty() && limits.tasks > 0) error = set("pids.max", std::to_string(limits.tasks));
-  return error;
+  return {};
 }
 
 void kill_all(const std::string& group) {
@@ -116,29 +126,33 @@ group_place find_group_place() {
   return place;
 }
 
-std::string control_group::make(const group_limits& limits, const std::string& name,
-                                const group_place& place) {
+group_failure control_group::make(const group_limits& limits, const std::string& name,
+                                  const group_place& place) {
   remove();
-  if (place.mount.empty() || place.own.empty()) return "there are no control groups of version 2";
+  if (place.mount.empty() || place.own.empty())
+    return {"", "there are no control groups of version 2"};
   const std::string own = place.mount + (place.own == "/" ? "" : place.own);
   std::vector<std::string> parents{own};
   if (place.own != "/") parents.push_back(own.substr(0, own.rfind('/')));
-  const std::vector<std::string> needed = needed_controllers(limits);
+  const std::vector<group_limit> wanted = wanted_limits(limits);
+  std::size_t most_offered = 0;
   for (const std::string& parent : parents) {
-    if (!offer_controllers(parent, needed)) continue;
-    std::string directory = parent;
-    directory.append("/").append(name);
+    const std::size_t offered = offer_controllers(parent, wanted);
+    most_offered = std::max(most_offered, offered);
+    if (offered < wanted.size()) continue;
+    const std::string directory = parent + "/" + name;
     if (::mkdir(directory.c_str(), 0755) != 0) {
       if (errno != EEXIST) continue;
       kill_all(directory);
     }
     directory_ = directory;
     std::erase(left_, directory);
-    std::string error = set_limits(directory, limits);
-    if (!error.empty()) remove();
-    return error;
+    group_failure failure = set_limits(directory, wanted);
+    if (!failure.text.empty()) remove();
+    return failure;
   }
-  return "the control group " + own + " is not delegated to the supervisor";
+  return {most_offered < wanted.size() ? wanted[most_offered].key : "",
+          "the control group " + own + " is not delegated to the supervisor"};
 }
 
 std::string control_group::entrance() const {

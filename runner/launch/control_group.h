@@ -16,6 +16,13 @@ struct group_place {
 /// As the kernel tells it.
 group_place find_group_place();
 
+/// Why there is no group.
+struct group_failure {
+  /// Which of the limits is at fault, as its key is called; empty when none of them is.
+  std::string key;
+  std::string text;  ///< Empty when all is well.
+};
+
 /// What the group of a program is called: the same after each start, and another one for a program
 /// of the same name below another supervisor, whose group may stand beside it.
 /// @param supervisor its directory; empty where there is none.
@@ -35,8 +42,7 @@ class control_group final {
 
   /// Makes the group and sets its limits. What is in it, from an earlier launcher, is killed.
   /// @param name as `group_name` gives it.
-  /// @return why that is not possible; empty when all is well.
-  std::string make(const group_limits& limits, const std::string& name, const group_place& place);
+  group_failure make(const group_limits& limits, const std::string& name, const group_place& place);
   /// The file that a process writes "0" to in order to enter; empty when there is no group.
   [[nodiscard]] std::string entrance() const;
   /// Kills what is in the group, as far as the kernel can, and removes it. Where something is still

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "runner/launch/environment.h"
 
@@ -109,7 +110,7 @@ void set_identity(const identity& who, int report) {
   if (!who.uid && !who.gid) return;
   // Whoever is nobody else already, and not root, needs no power for it.
   if (::geteuid() != 0 && is_already(who)) return;
-  if (::setgroups(who.groups.size(), who.groups.data()) != 0) fail(report, launch_step::group);
+  if (::setgroups(who.groups.size(), who.groups.data()) != 0) fail(report, launch_step::groups);
   if (who.gid && ::setresgid(*who.gid, *who.gid, *who.gid) != 0) fail(report, launch_step::group);
   if (!who.uid) return;
   if (::setresuid(*who.uid, *who.uid, *who.uid) != 0) fail(report, launch_step::user);
@@ -141,7 +142,7 @@ void execute(const prepared& ready, int report) {
   if (::chdir(wanted.directory.c_str()) != 0) fail(report, launch_step::directory);
   set_identity(wanted.who, report);
   // After the user, whose change makes the kernel forget it.
-  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) fail(report, launch_step::privileges);
+  if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) fail(report, launch_step::death_signal);
   if (::getppid() != ready.launcher) ::_exit(127);
   if (wanted.no_new_privileges && ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0)
     fail(report, launch_step::privileges);
@@ -155,28 +156,53 @@ void execute(const prepared& ready, int report) {
 /// Where what is wrong stands in the file.
 struct place_in_file {
   const char* section;
-  const char* key;
-  const char* verb;
+  std::string key;
+  std::string text;
 };
 
-place_in_file place_of(launch_step step, const launch_order& order) {
-  switch (step) {
+/// The first of some keys that the file has; else the first of them.
+std::string first_key(const program_file& file, const char* section,
+                      std::initializer_list<const char*> keys) {
+  const auto* const found = std::find_if(
+      keys.begin(), keys.end(), [&](const char* key) { return file.line_of(section, key) > 0; });
+  return found == keys.end() ? *keys.begin() : *found;
+}
+
+std::string key_of_limit(const program_file& file, std::size_t number) {
+  const std::size_t line = file.limits.resources[number].line;
+  const auto found = std::find_if(file.entries.begin(), file.entries.end(),
+                                  [&](const program_file::entry& one) { return one.line == line; });
+  return found == file.entries.end() ? "" : found->key;
+}
+
+place_in_file place_of(const launch_failure& failure, const launch_order& order) {
+  const program_file& file = order.file;
+  switch (failure.step) {
     case launch_step::nice:
       return {"program", "nice", "cannot set it"};
     case launch_step::oom_score:
       return {"program", "oom_score", "cannot set it"};
     case launch_step::directory:
-      return {"program", "directory", "cannot enter "};
+      // Without a key it is where the file is, and nothing but the command says that it is needed.
+      if (file.line_of("program", "directory") == 0)
+        return {order.section, order.key, "cannot enter " + file.program.directory};
+      return {"program", "directory", "cannot enter " + file.program.directory};
+    case launch_step::groups:
+      return {"program", first_key(file, "program", {"groups", "group", "user"}),
+              "cannot have its groups"};
     case launch_step::group:
-      return {"program", "group", "cannot become that group"};
+      return {"program", first_key(file, "program", {"group", "user"}), "cannot become that group"};
     case launch_step::user:
       return {"program", "user", "cannot become that user"};
     case launch_step::privileges:
       return {"program", "no_new_privileges", "cannot set it"};
     case launch_step::limit:
-      return {"limits", "", "cannot set it"};
+      return {"limits", key_of_limit(file, failure.limit), "cannot set it"};
     case launch_step::control_group:
-      return {"limits", "memory", "cannot enter the control group"};
+      return {"limits", first_key(file, "limits", {"memory", "cpu", "tasks"}),
+              "cannot enter the control group"};
+    case launch_step::command:
+      return {order.section, order.key, "cannot execute " + order.words.front()};
     default:
       return {order.section, order.key, "cannot start it"};
   }
@@ -210,28 +236,13 @@ launch_failure read_report(int report) {
 }
 
 file_finding describe(const launch_failure& failure, const launch_order& order) {
-  const program_file& file = order.file;
-  const place_in_file place = place_of(failure.step, order);
-  file_finding finding{0, place.key, place.verb, {}};
-  const char* remedy = "";
-  if (failure.step == launch_step::command) {
-    finding.text = "cannot execute " + order.words.front();
-  } else if (failure.step == launch_step::directory) {
-    finding.text += file.program.directory;
-  } else if (failure.step == launch_step::limit) {
-    for (const program_file::entry& one : file.entries) {
-      if (one.line == file.limits.resources[failure.limit].line) finding.key = one.key;
-    }
-  }
-  // Whichever of two keys is there.
-  if (failure.step == launch_step::group && file.line_of("program", "group") == 0)
-    finding.key = file.line_of("program", "groups") > 0 ? "groups" : "user";
-  const bool needs_root = failure.error == EPERM && failure.step != launch_step::command;
-  if (needs_root) remedy = "only a supervisor that runs as root may do that";
-  finding.line = file.line_of(place.section, finding.key);
-  finding.text += std::string(": ") + std::strerror(failure.error);
-  finding.remedy = remedy;
-  return finding;
+  const place_in_file place = place_of(failure, order);
+  const bool is_power = failure.step == launch_step::nice || failure.step == launch_step::oom_score;
+  const bool needs_root = (failure.error == EPERM && failure.step != launch_step::command) ||
+                          (failure.error == EACCES && is_power);
+  return {order.file.line_of(place.section, place.key), place.key,
+          place.text + ": " + std::strerror(failure.error),
+          needs_root ? "only a supervisor that runs as root may do that" : ""};
 }
 
 }  // namespace runner

@@ -28,8 +28,10 @@ enum class launch_step : unsigned char {
   limit,
   control_group,
   directory,
+  groups,  ///< The supplementary ones.
   group,
   user,
+  death_signal,
   privileges,
   command,
 };

@@ -61,6 +61,7 @@ class program_log::implementation final {
   explicit implementation(const log_settings& settings);
 
   [[nodiscard]] const std::string& error() const { return error_; }
+  [[nodiscard]] const char* error_key() const { return error_key_; }
   [[nodiscard]] int end_of(std::size_t number, int inherited) const;
   std::size_t poll_requests(std::span<pollfd, kMostRequests> out) const;
   void on_ready(int fd);
@@ -73,7 +74,7 @@ class program_log::implementation final {
   void drain_and_close();
 
  private:
-  void add_file(const std::string& path, const log_settings& settings);
+  void add_file(const char* key, const std::string& path, const log_settings& settings);
   [[nodiscard]] std::span<stream> streams() { return {streams_.data(), count_}; }
   [[nodiscard]] std::span<const stream> streams() const { return {streams_.data(), count_}; }
   std::size_t read_some(stream& from);
@@ -90,6 +91,7 @@ class program_log::implementation final {
   std::array<stream, kMostRequests> streams_;
   std::size_t count_ = 0;
   std::string error_;
+  const char* error_key_ = "to";
   std::optional<time_point> give_back_at_;
 };
 
@@ -103,8 +105,9 @@ program_log::implementation::implementation(const log_settings& settings) {
     return;
   }
   if (settings.target == log_target::file) {
-    add_file(settings.file, settings);
-    if (!settings.stderr_file.empty()) add_file(settings.stderr_file, settings);
+    error_key_ = "file";
+    add_file("file", settings.file, settings);
+    if (!settings.stderr_file.empty()) add_file("stderr", settings.stderr_file, settings);
   } else {
     streams_[count_++].sink = std::make_unique<message_sink>(
         settings.target, settings.name, message_sink::usual_socket(settings.target));
@@ -115,9 +118,13 @@ program_log::implementation::implementation(const log_settings& settings) {
   }
 }
 
-void program_log::implementation::add_file(const std::string& path, const log_settings& settings) {
+void program_log::implementation::add_file(const char* key, const std::string& path,
+                                           const log_settings& settings) {
   auto sink = std::make_unique<file_sink>(path, settings, memory_.space().subspan(kChunk), own_);
-  if (error_.empty()) error_ = sink->error();
+  if (error_.empty() && !sink->error().empty()) {
+    error_ = sink->error();
+    error_key_ = key;
+  }
   streams_[count_++].sink = std::move(sink);
 }
 
@@ -259,6 +266,10 @@ program_log::~program_log() = default;
 
 const std::string& program_log::error() const {
   return inner_->error();
+}
+
+const char* program_log::error_key() const {
+  return inner_->error_key();
 }
 
 int program_log::stdout_end() const {

@@ -40,6 +40,8 @@ class program_log final {
   /// Why the log cannot be used, as in "cannot open /var/log/x.log: Permission denied"; empty when
   /// all is well. Nothing else may be called on one that failed.
   [[nodiscard]] const std::string& error() const;
+  /// Which key of the section `log` that is about: "file", "stderr" or "to".
+  [[nodiscard]] const char* error_key() const;
 
   /// What the program gets as its descriptors 1 and 2: the two may be the same one. They stay open
   /// here.

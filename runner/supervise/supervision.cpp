@@ -67,14 +67,15 @@ void supervision::begin_attempt() {
   if (await_former_launcher()) return;
   if (!is_right || !open_log()) return finish_attempt();
   if (!file_.limits.group.any()) return await_needs();
-  const std::string error =
+  const group_failure failure =
       group_.make(file_.limits.group, group_name(name_, files_.directory()), find_group_place());
-  if (error.empty()) return await_needs();
-  for (const char* const key : {"memory", "cpu", "tasks"}) {
-    if (file_.line_of("limits", key) == 0) continue;
-    complain({file_.line_of("limits", key), key, error, "leave it out, or delegate the group"});
-    break;
+  if (failure.text.empty()) return await_needs();
+  std::string key = failure.key;
+  for (const char* const any : {"memory", "cpu", "tasks"}) {
+    if (key.empty() && file_.line_of("limits", any) > 0) key = any;
   }
+  complain(
+      {file_.line_of("limits", key), key, failure.text, "leave it out, or delegate the group"});
   finish_attempt();
 }
 
@@ -151,9 +152,10 @@ bool supervision::open_log() {
   log_text_ = text;
   if (log_->error().empty()) return true;
   const std::string error = log_->error();
+  const char* const key = log_->error_key();
   log_.reset();
-  const char* const key = file_.line_of("log", "file") > 0 ? "file" : "to";
-  complain({file_.line_of("log", key), key, error, "name a file in a directory that is there"});
+  complain({file_.line_of("log", key), key, error,
+            error.starts_with("cannot open") ? "name a file that can be opened" : ""});
   return false;
 }
 

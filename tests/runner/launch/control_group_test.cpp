@@ -33,6 +33,7 @@ class imagined_groups final {
     for (const auto& file : fs::directory_iterator(root_.path() / group))
       fs::remove(file.path());
   }
+  void lose(const std::string& file) { fs::remove(root_.path() / file); }
   [[nodiscard]] bool has(const std::string& group) const { return root_.has(group); }
   [[nodiscard]] std::string read(const std::string& file) const { return root_.read(file); }
   [[nodiscard]] runner::group_place place(const std::string& own) const {
@@ -52,7 +53,7 @@ TEST(control_group, is_made_below_the_own_one_with_its_limits) {
   groups.add("own", "cpu memory pids", "cpu memory pids");
   groups.expect("own/keelmond.kmd_x");
   control_group group;
-  EXPECT_EQ(group.make(kAll, "keelmond.kmd_x", groups.place("/own")), "");
+  EXPECT_EQ(group.make(kAll, "keelmond.kmd_x", groups.place("/own")).text, "");
   EXPECT_EQ(groups.read("own/keelmond.kmd_x/memory.max"), "1073741824");
   EXPECT_EQ(groups.read("own/keelmond.kmd_x/cpu.max"), "150000 100000");
   EXPECT_EQ(groups.read("own/keelmond.kmd_x/pids.max"), "64");
@@ -68,7 +69,7 @@ TEST(control_group, is_made_beside_the_own_one_where_that_cannot_have_groups) {
   groups.add("service/supervisor", "", "");
   groups.expect("service/keelmond.kmd_x");
   control_group group;
-  EXPECT_EQ(group.make({0, 0, 5}, "keelmond.kmd_x", groups.place("/service/supervisor")), "");
+  EXPECT_EQ(group.make({0, 0, 5}, "keelmond.kmd_x", groups.place("/service/supervisor")).text, "");
   EXPECT_EQ(groups.read("service/keelmond.kmd_x/pids.max"), "5");
 }
 
@@ -77,7 +78,7 @@ TEST(control_group, turns_controllers_on_that_are_there) {
   groups.add("own", "memory", "");
   groups.expect("own/keelmond.kmd_x");
   control_group group;
-  EXPECT_EQ(group.make({4096, 0, 0}, "keelmond.kmd_x", groups.place("/own")), "");
+  EXPECT_EQ(group.make({4096, 0, 0}, "keelmond.kmd_x", groups.place("/own")).text, "");
   EXPECT_EQ(groups.read("own/cgroup.subtree_control"), "+memory");
 }
 
@@ -85,18 +86,31 @@ TEST(control_group, says_so_where_there_are_none_or_none_is_delegated) {
   imagined_groups groups;
   groups.add("own", "", "");
   control_group group;
-  EXPECT_EQ(group.make(kAll, "keelmond.kmd_x", {}), "there are no control groups of version 2");
-  EXPECT_NE(group.make(kAll, "keelmond.kmd_x", groups.place("/own")).find("/own is not delegated"),
-            std::string::npos);
+  EXPECT_EQ(group.make(kAll, "x", {}).text, "there are no control groups of version 2");
+  const runner::group_failure failure = group.make(kAll, "x", groups.place("/own"));
+  EXPECT_NE(failure.text.find("/own is not delegated"), std::string::npos);
   EXPECT_EQ(group.entrance(), "");
+}
+
+TEST(control_group, names_the_limit_that_it_cannot_hold) {
+  imagined_groups groups;
+  groups.add("own", "memory", "memory");
+  groups.expect("own/x");
+  control_group group;
+  EXPECT_EQ(group.make({4096, 150, 5}, "x", groups.place("/own")).key, "cpu");
+  EXPECT_EQ(group.make({4096, 0, 5}, "x", groups.place("/own")).key, "tasks");
+  EXPECT_EQ(group.make({4096, 0, 0}, "x", groups.place("/own")).key, "");
 }
 
 TEST(control_group, a_limit_that_cannot_be_set_is_told) {
   imagined_groups groups;
-  groups.add("own", "memory", "memory");
+  groups.add("own", "memory cpu", "memory cpu");
+  groups.expect("own/x");
+  groups.lose("own/x/cpu.max");
   control_group group;
-  EXPECT_NE(group.make({4096, 0, 0}, "keelmond.kmd_x", groups.place("/own")).find("memory.max: "),
-            std::string::npos);
+  const runner::group_failure failure = group.make({4096, 150, 0}, "x", groups.place("/own"));
+  EXPECT_EQ(failure.key, "cpu");
+  EXPECT_NE(failure.text.find("cpu.max: "), std::string::npos);
   EXPECT_EQ(group.entrance(), "");
 }
 
@@ -112,7 +126,7 @@ TEST(control_group, what_an_earlier_launcher_left_in_it_is_killed) {
   groups.add("own", "pids", "pids");
   groups.expect("own/x");
   control_group group;
-  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")), "");
+  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")).text, "");
   EXPECT_EQ(groups.read("own/x/cgroup.kill"), "1");
 }
 
@@ -121,7 +135,7 @@ TEST(control_group, one_that_is_busy_is_removed_later) {
   groups.add("own", "pids", "pids");
   groups.expect("own/x");
   control_group group;
-  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")), "");
+  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")).text, "");
   group.remove();
   EXPECT_TRUE(groups.has("own/x"));
   groups.empty("own/x");
@@ -134,9 +148,9 @@ TEST(control_group, one_that_was_busy_and_is_used_again_stays) {
   groups.add("own", "pids", "pids");
   groups.expect("own/x");
   control_group group;
-  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")), "");
+  EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")).text, "");
   group.remove();
-  EXPECT_EQ(group.make({0, 0, 6}, "x", groups.place("/own")), "");
+  EXPECT_EQ(group.make({0, 0, 6}, "x", groups.place("/own")).text, "");
   EXPECT_TRUE(group.entrance().ends_with("/own/x/cgroup.procs"));
   EXPECT_EQ(groups.read("own/x/pids.max"), "6");
 }

@@ -109,6 +109,15 @@ TEST(program_log, says_that_there_is_no_pipe_or_no_memory) {
   EXPECT_EQ(error, "cannot allocate memory for the log: Cannot allocate memory");
 }
 
+TEST(program_log, says_which_key_an_error_is_about) {
+  const log_place place;
+  log_settings settings = place.settings(0);
+  settings.stderr_file = "/nowhere/x";
+  EXPECT_STREQ(program_log(settings).error_key(), "stderr");
+  settings.file = "/nowhere/y";
+  EXPECT_STREQ(program_log(settings).error_key(), "file");
+}
+
 TEST(program_log, reads_nothing_where_the_output_is_inherited) {
   in_child([] {
     const log_place place;
