@@ -11,6 +11,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "common/misc/duration.h"
 #include "common/version/version.h"
 #include "control/commands/add_remove.h"
 #include "control/commands/check.h"
@@ -56,7 +57,8 @@ Options& add_command(CLI::App& app, request& out, const std::string& name, const
 
 std::chrono::milliseconds to_duration(const std::string& text) {
   const auto duration = parse_duration(text);
-  if (!duration) throw CLI::ValidationError("--timeout", text + " is no duration");
+  if (!duration)
+    throw CLI::ValidationError("--timeout", text + " is no duration of at most 100 years");
   return *duration;
 }
 

@@ -1,11 +1,10 @@
 #include "control/text/quantity.h"
 
-#include <cmath>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
-#include <string_view>
+
+#include "common/misc/duration.h"
 
 namespace control {
 namespace {
@@ -17,16 +16,6 @@ namespace {
   std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
   return text;
-}
-
-/// Seconds in a unit of time; 0 for what is none.
-double seconds_in(std::string_view unit) {
-  if (unit.empty() || unit == "s") return 1;
-  if (unit == "ms") return 0.001;
-  if (unit == "m" || unit == "min") return 60;
-  if (unit == "h") return 3600;
-  if (unit == "d") return 86400;
-  return 0;
 }
 
 /// Fills in what a local time text gives. @return false when it has another form.
@@ -86,16 +75,6 @@ std::string format_local(std::int64_t seconds) {
   char text[64];
   std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
   return text;
-}
-
-std::optional<std::chrono::milliseconds> parse_duration(const std::string& text) {
-  if (text.empty() || text.front() == '-' || text.front() == ' ') return {};
-  char* end = nullptr;
-  const double number = std::strtod(text.c_str(), &end);
-  const double unit = seconds_in(end);
-  // More than a thousand years is a mistake.
-  if (end == text.c_str() || unit <= 0 || !(number * unit <= 3.2e10)) return {};
-  return std::chrono::milliseconds(std::llround(number * unit * 1000));
 }
 
 std::optional<std::int64_t> parse_moment(const std::string& text, std::int64_t now) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -18,8 +17,6 @@ std::string format_utc(std::int64_t seconds);
 /// "2026-11-15 10:02:03" in local time, as the log has it.
 std::string format_local(std::int64_t seconds);
 
-/// A duration as people write it: "500ms", "10s", "1.5m", "2h", "3d"; a bare number is seconds.
-std::optional<std::chrono::milliseconds> parse_duration(const std::string& text);
 /// A moment: a duration ago, or a local "YYYY-MM-DD", "YYYY-MM-DD HH:MM[:SS]" or "HH:MM[:SS]" of
 /// today. @return seconds since 1970.
 std::optional<std::int64_t> parse_moment(const std::string& text, std::int64_t now);

@@ -4,6 +4,7 @@
 #include <charconv>
 #include <string>
 
+#include "common/misc/duration.h"
 #include "runner/file/addresses.h"
 #include "runner/file/values.h"
 #include "runner/file/words.h"
@@ -16,7 +17,8 @@ using reading = key_reading;
 
 constexpr std::string_view kCommand = "a command, with quotes around words that hold blanks";
 constexpr std::string_view kTruth = "yes or no";
-constexpr std::string_view kDuration = "a duration such as 0.5, 500ms, 10s, 2m or 1h";
+constexpr std::string_view kDuration =
+    "a duration such as 0.5, 500ms, 10s, 2m or 1h, at most 100 years";
 constexpr std::string_view kSize = "a size such as 4096, 64K, 10M or 1G";
 constexpr std::string_view kCount = "a number";
 constexpr std::string_view kPath = "a path";
@@ -247,7 +249,7 @@ constexpr key_rule kRules[] = {
   {"log", "file", "(none)", kPath, take_log_file},
   {"log", "size", "10M", kSize,
    [](reading& r, const entry& e) { return put(parse_size(e.value), r.file.log.size); }},
-  {"log", "age", "(any)", "a duration of a second or more, such as 1d", take_age},
+  {"log", "age", "(any)", "a duration from a second to 100 years, such as 1d", take_age},
   {"log", "keep", "5", kCount, take_keep},
   {"log", "compress", "no", kTruth,
    [](reading& r, const entry& e) { return put(parse_truth(e.value), r.file.log.compress); }},
@@ -299,10 +301,10 @@ constexpr key_rule kRules[] = {
    [](reading& r, const entry& e) { return take_tcp(r, e, r.file.health.probe); }},
   {"health", "http", "(none)", kUrl,
    [](reading& r, const entry& e) { return take_http(r, e, r.file.health.probe); }},
-  {"health", "every", "30s", "a duration above 0 such as 30s",
+  {"health", "every", "30s", "a duration above 0, at most 100 years, such as 30s",
    [](reading& r, const entry& e) {
      return put(parse_duration(e.value), r.file.health.every) && r.file.health.every.count() > 0; }},
-  {"health", "timeout", "5s", "a duration above 0 such as 5s",
+  {"health", "timeout", "5s", "a duration above 0, at most 100 years, such as 5s",
    [](reading& r, const entry& e) {
      return put(parse_duration(e.value), r.file.health.timeout) &&
             r.file.health.timeout.count() > 0; }},

@@ -4,50 +4,12 @@
 #include <iterator>
 #include <limits>
 
+#include "common/misc/decimal.h"
+
 namespace runner {
 namespace {
 
 constexpr std::uint64_t kMost = std::numeric_limits<std::uint64_t>::max();
-
-bool is_digit(char c) {
-  return c >= '0' && c <= '9';
-}
-
-/// Takes the digits at the beginning away. @return nothing when there are none or too many.
-std::optional<std::uint64_t> take_digits(std::string_view& text) {
-  if (text.empty() || !is_digit(text.front())) return {};
-  std::uint64_t number = 0;
-  while (!text.empty() && is_digit(text.front())) {
-    const auto digit = static_cast<std::uint64_t>(text.front() - '0');
-    if (number > (kMost - digit) / 10) return {};
-    number = number * 10 + digit;
-    text.remove_prefix(1);
-  }
-  return number;
-}
-
-/// Takes a number with a fraction away, in thousandths; further digits are cut off.
-std::optional<std::uint64_t> take_thousandths(std::string_view& text) {
-  std::uint64_t whole = 0;
-  const bool has_whole = !text.empty() && is_digit(text.front());
-  if (has_whole) {
-    const auto digits = take_digits(text);
-    if (!digits || *digits > kMost / 1000 - 1) return {};
-    whole = *digits;
-  }
-  std::uint64_t fraction = 0;
-  if (!text.empty() && text.front() == '.') {
-    text.remove_prefix(1);
-    if (text.empty() || !is_digit(text.front())) return {};
-    for (std::uint64_t weight = 100; !text.empty() && is_digit(text.front()); weight /= 10) {
-      fraction += static_cast<std::uint64_t>(text.front() - '0') * weight;
-      text.remove_prefix(1);
-    }
-  } else if (!has_whole) {
-    return {};
-  }
-  return whole * 1000 + fraction;
-}
 
 struct named_number {
   std::string_view name;
@@ -77,12 +39,6 @@ constexpr named_number kSizeUnits[] = {
     {"T", 1ULL << 40},
     {"TB", 1ULL << 40},
     {"TiB", 1ULL << 40},
-};
-
-/// In milliseconds.
-constexpr named_number kTimeUnits[] = {
-    {"", 1000},     {"s", 1000},    {"ms", 1},       {"m", 60000},
-    {"min", 60000}, {"h", 3600000}, {"d", 86400000},
 };
 
 constexpr named_number kSignals[] = {
@@ -145,14 +101,6 @@ std::optional<std::uint64_t> parse_size(std::string_view text) {
   const auto unit = find_number(kSizeUnits, text);
   if (!number || !unit || *number > kMost / *unit) return {};
   return *number * *unit;
-}
-
-std::optional<std::chrono::milliseconds> parse_duration(std::string_view text) {
-  constexpr std::uint64_t kLongest = 1000ULL * 366 * 86400 * 1000;
-  const auto thousandths = take_thousandths(text);
-  const auto unit = find_number(kTimeUnits, text);
-  if (!thousandths || !unit || *thousandths > kLongest / *unit * 1000) return {};
-  return std::chrono::milliseconds(*thousandths * *unit / 1000);
 }
 
 std::optional<int> parse_signal(std::string_view text) {

@@ -2,7 +2,6 @@
 
 #include <sys/resource.h>
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,8 +21,6 @@ std::optional<int> parse_integer(std::string_view text, int least, int most);
 std::optional<unsigned> parse_mode(std::string_view text);
 /// Bytes: digits, then K, M, G or T for powers of 1024, if anything, with or without a "B" or "iB".
 std::optional<std::uint64_t> parse_size(std::string_view text);
-/// "0.2", "500ms", "10s", "1.5m", "2h", "3d"; a bare number is seconds. At most a thousand years.
-std::optional<std::chrono::milliseconds> parse_duration(std::string_view text);
 /// "TERM", "SIGTERM" or a number from 1 to 64.
 std::optional<int> parse_signal(std::string_view text);
 /// "TERM"; the number for one that has no name.

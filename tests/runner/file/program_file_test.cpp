@@ -125,6 +125,9 @@ TEST(program_file, unknown_sections_and_keys_are_refused) {
 
 TEST(program_file, every_value_that_cannot_be_understood_is_told_with_what_would_be_right) {
   const std::vector<std::pair<std::string, std::string>> cases = {
+      {"[restart]\nlongest = 36526d",
+       "longest: \"36526d\" cannot be understood; write a duration "
+       "such as 0.5, 500ms, 10s, 2m or 1h, at most 100 years"},
       {"[restart]\ndelay = soon", "delay: \"soon\" cannot be understood; write a duration"},
       {"[log]\nfile = x\nsize = 10Q", "size: \"10Q\" cannot be understood; write a size"},
       {"[log]\nfile = x\nkeep = many", "keep: \"many\" cannot be understood; write a number"},
@@ -186,7 +189,7 @@ TEST(program_file, everything_that_is_wrong_is_told_in_the_order_of_the_lines) {
             "that hold blanks\n"
             ":3: umask: \"9\" cannot be understood; write an octal number from 000 to 777\n"
             ":5: timeout: \"x\" cannot be understood; write a duration such as 0.5, 500ms, 10s, "
-            "2m or 1h\n");
+            "2m or 1h, at most 100 years\n");
 }
 
 TEST(program_file, an_explanation_is_a_program_file_that_says_the_same) {

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <limits>
 
-using namespace std::chrono_literals;
 using namespace runner;
 
 TEST(values, truth_has_four_words_for_each) {
@@ -47,20 +46,6 @@ TEST(values, sizes_have_binary_units) {
   EXPECT_EQ(parse_size("2TB"), 2ULL << 40);
   for (const char* const none : {"", "K", "10Q", "1.5M", "10 M", "10k", "-1K", "16777216T"})
     EXPECT_FALSE(parse_size(none)) << none;
-}
-
-TEST(values, durations_are_seconds_unless_they_say_otherwise) {
-  EXPECT_EQ(parse_duration("0"), 0ms);
-  EXPECT_EQ(parse_duration("0.2"), 200ms);
-  EXPECT_EQ(parse_duration(".25s"), 250ms);
-  EXPECT_EQ(parse_duration("500ms"), 500ms);
-  EXPECT_EQ(parse_duration("1.5m"), 90s);
-  EXPECT_EQ(parse_duration("2h"), 2h);
-  EXPECT_EQ(parse_duration("1d"), 24h);
-  EXPECT_EQ(parse_duration("0.0009999"), 0ms);
-  for (const char* const none :
-       {"", "s", "-1", "1 s", "1.", "1e3", "10y", "99999999999999999999", "99999999999d"})
-    EXPECT_FALSE(parse_duration(none)) << none;
 }
 
 TEST(values, signals_have_names_and_numbers) {
