@@ -54,7 +54,10 @@ bool take_line(std::string_view key, std::string_view value, program_state& out)
 void replace_file(const std::string& path, std::string_view text) {
   const std::string draft = path + ".new";
   const unique_fd file(::open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
-  if (file.valid() && write_whole(file.get(), text)) ::rename(draft.c_str(), path.c_str());
+  if (!file.valid()) return;
+  const bool is_whole = write_whole(file.get(), text);
+  // A full disk is no reason to leave something on it.
+  if (!is_whole || ::rename(draft.c_str(), path.c_str()) != 0) ::unlink(draft.c_str());
 }
 
 }  // namespace

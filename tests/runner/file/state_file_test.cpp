@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <filesystem>
 
 #include "runner/file/process_stat.h"
+#include "tests/support/fault.h"
 #include "tests/support/scratch_dir.h"
 
 using runner::parse_state;
@@ -78,4 +80,27 @@ TEST(state_file, without_a_supervisor_there_is_none) {
   files.set_ready(true);
   EXPECT_FALSE(files.read());
   EXPECT_FALSE(files.is_ready());
+}
+
+TEST(state_file, on_a_full_disk_the_old_one_stays_and_nothing_else) {
+  const no_faults_afterwards restore;
+  const scratch_dir scratch;
+  std::filesystem::create_directory(scratch.path() / "notify");
+  const state_files files(scratch.path().string(), "kmd_x");
+  files.write(sample());
+  const std::string before = scratch.read("notify/kmd_x.state");
+  faults.write = [](int, const void*, std::size_t) -> ssize_t {
+    errno = ENOSPC;
+    return -1;
+  };
+  program_state other = sample();
+  other.attempt = 77;
+  files.write(other);
+  files.set_ready(true);
+  EXPECT_EQ(scratch.read("notify/kmd_x.state"), before);
+  std::size_t count = 0;
+  for ([[maybe_unused]] const auto& one :
+       std::filesystem::directory_iterator(scratch.path() / "notify"))
+    ++count;
+  EXPECT_EQ(count, 1U);
 }
