@@ -1,8 +1,6 @@
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -13,6 +11,7 @@
 #include <csignal>
 
 #include "runner/file/process_stat.h"
+#include "runner/supervise/descriptors.h"
 #include "runner/supervise/mark.h"
 #include "runner/supervise/supervision.h"
 
@@ -27,24 +26,6 @@ constexpr milliseconds kCalm{1000};
 
 bool is_among(int signal, const int (&list)[3]) {
   return std::find(std::begin(list), std::end(list), signal) != std::end(list);
-}
-
-/// Closes what this process was started with beyond 0, 1 and 2, and fills gaps among those.
-void settle_descriptors() {
-  constexpr unsigned kFirst = STDERR_FILENO + 1;
-  if (::syscall(SYS_close_range, kFirst, ~0U, 0U) != 0) {
-    // Where the kernel is older than 5.9, or a sandbox forbids the call.
-    constexpr int kMostByHand = 4096;
-    for (int fd = kFirst; fd < kMostByHand; ++fd)
-      ::close(fd);
-  }
-  int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  while (fd >= 0 && fd <= STDERR_FILENO) {
-    // One that stays, for the program would get it as well.
-    ::fcntl(fd, F_SETFD, 0);
-    fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-  }
-  ::close(fd);
 }
 
 unique_fd take_signals_over() {
