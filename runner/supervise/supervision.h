@@ -66,6 +66,7 @@ class supervision final {
     unique_fd report;
     deadline limit = {};
     std::string mark = {};
+    bool is_over = false;  ///< It is being ended, and what it answers counts no more.
   };
   /// What a command beside the program may have left behind.
   struct remains {

@@ -108,6 +108,7 @@ bool supervision::has_side(purpose what) const {
 
 void supervision::end_side(side_command& one) {
   one.limit.reset();
+  one.is_over = true;
   // It may not have got as far as leading its group.
   ::kill(-one.pid, SIGKILL);
   ::kill(one.pid, SIGKILL);

@@ -186,6 +186,7 @@ void supervision::side_ended(side_command ended, int status) {
       return;
     case purpose::question:
       leave_behind(ended, steady_now());
+      if (ended.is_over) return;
       return answered(is_good ? probe_answer::yes : probe_answer::no);
     case purpose::hook:
       if (!is_good) say("on " + how);

@@ -8,6 +8,7 @@
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <utility>
 
 #include "runner/file/process_stat.h"
 #include "tests/runner/supervise/launcher_place.h"
@@ -52,6 +53,33 @@ void have_strangers_end() {
     constexpr pid_t kNobody = 1 << 30;
     if (status != nullptr) *status = 0;
     return kNobody;
+  };
+}
+
+/// From now on, the end of a child that was killed is told with that of the next one, and before
+/// it.
+void have_killed_children_end_late() {
+  struct end {
+    pid_t pid = 0;
+    int status = 0;
+  };
+  faults.waitpid = [is_first = true, held = end{}, next = end{}](pid_t pid, int* status,
+                                                                 int options) mutable {
+    if (status == nullptr) return real::waitpid(pid, status, options);
+    if (const end ready = std::exchange(next, {}); ready.pid > 0) {
+      *status = ready.status;
+      return ready.pid;
+    }
+    const pid_t ended = real::waitpid(pid, status, options);
+    if (ended <= 0) return ended;
+    if (WIFSIGNALED(*status) && std::exchange(is_first, false)) {
+      held = {ended, *status};
+      return 0;
+    }
+    if (held.pid == 0) return ended;
+    next = {ended, *status};
+    *status = held.status;
+    return std::exchange(held, {}).pid;
   };
 }
 
@@ -112,4 +140,16 @@ TEST(supervision, what_comes_before_a_program_is_no_life_of_it) {
     return state && state->attempt >= 2;
   }));
   EXPECT_EQ(place.wait_text("lived", "0\n"), "0\n");
+}
+
+TEST(supervision, what_a_killed_question_says_is_no_answer_to_the_next_one) {
+  launcher_place place;
+  place.write(
+      "command = sleep 1000\n[health]\nshell = yes\nevery = 10ms\ntimeout = 2s\nfailures = 2\n"
+      "command = test -e first && { echo >> good; exit 0; }; touch first; exec sleep 1000\n");
+  place.start(have_killed_children_end_late);
+  const program_state state = place.wait_phase(program_phase::running);
+  ASSERT_TRUE(wait_until([&] { return place.directory().read("good").size() >= 2; }));
+  EXPECT_EQ(place.state()->pid, state.pid);
+  EXPECT_EQ(place.state()->phase, program_phase::running);
 }
