@@ -42,8 +42,10 @@ supervision::~supervision() = default;
 int supervision::run() {
   take_over_process();
   chain_ = find_supervisor();
-  // Whoever started this has gone, and is starting another one.
-  if (chain_.broken) return 0;
+  if (chain_.broken) {
+    say("what had started it has ended, and another one is started");
+    return 0;
+  }
   files_ = state_files(chain_.directory, name_);
   begin_attempt();
   while (!is_done_)

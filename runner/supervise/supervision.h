@@ -157,6 +157,10 @@ class supervision final {
   /// Handles one of the first `count` requests.
   void handle_next(std::size_t count);
   void handle(int fd);
+  void link_ended();
+  void former_ended();
+  [[nodiscard]] bool has_process_without_handle() const;
+  void look_at_processes();
   void take_signals();
   void take_signal(int signal);
   void reap();
@@ -213,6 +217,7 @@ class supervision final {
   std::vector<pollfd> requests_;
   std::size_t turn_ = 0;  ///< Which request is looked at first.
   bool is_reap_due_ = false;
+  time_point looked_at_processes_;
 };
 
 }  // namespace runner

@@ -24,6 +24,9 @@ constexpr int kHandedOn[] = {SIGHUP, SIGUSR1, SIGWINCH};
 /// How long nothing has to happen before what is not needed is given back.
 constexpr milliseconds kCalm{1000};
 
+/// How often a process is looked at that there is no handle on.
+constexpr milliseconds kLook{1000};
+
 bool is_among(int signal, const int (&list)[3]) {
   return std::find(std::begin(list), std::end(list), signal) != std::end(list);
 }
@@ -85,6 +88,7 @@ supervision::deadline supervision::next_deadline() const {
   consider(phase_limit_);
   consider(ready_limit_);
   consider(ask_at_);
+  if (has_process_without_handle()) consider(looked_at_processes_ + kLook);
   for (const side_command& one : sides_)
     consider(one.limit);
   for (const remains& one : remains_) {
@@ -137,10 +141,7 @@ void supervision::handle_next(std::size_t count) {
 
 void supervision::handle(int fd) {
   if (fd == signals_.get()) return take_signals();
-  if (former_ && fd == former_->fd()) {
-    former_.reset();
-    return begin_attempt();
-  }
+  if (former_ && fd == former_->fd()) return former_ended();
   if (fd == report_.get()) return take_report();
   if (fd == needs_watch_.get()) return await_needs();
   if (fd == notify_.fd()) {
@@ -149,14 +150,39 @@ void supervision::handle(int fd) {
     return;
   }
   if (fd == probe_.request().fd) return answered(probe_.go_on());
-  // A link of the chain: the supervisor is starting another one already.
+  link_ended();
+}
+
+void supervision::link_ended() {
+  // The supervisor is starting another one already.
   chain_.links.clear();
   request_end();
+}
+
+void supervision::former_ended() {
+  former_.reset();
+  begin_attempt();
+}
+
+bool supervision::has_process_without_handle() const {
+  return (former_ && former_->fd() < 0) ||
+         std::any_of(chain_.links.begin(), chain_.links.end(),
+                     [](const known_process& link) { return link.fd() < 0; });
+}
+
+void supervision::look_at_processes() {
+  looked_at_processes_ = steady_now();
+  if (std::any_of(chain_.links.begin(), chain_.links.end(),
+                  [](const known_process& link) { return link.has_ended(); }))
+    return link_ended();
+  if (former_ && former_->has_ended()) former_ended();
 }
 
 void supervision::look_at_deadlines(time_point now) {
   const auto is_over = [&](const deadline& one) { return one && *one <= now; };
   if (log_) log_->on_deadline();
+  if (has_process_without_handle() && looked_at_processes_ + kLook <= now) look_at_processes();
+  if (is_done_) return;
   for (side_command& one : sides_) {
     if (is_over(one.limit)) end_side(one);
   }

@@ -10,6 +10,9 @@
 #include "runner/file/state_file.h"
 #include "tests/support/scratch_dir.h"
 
+/// From now on, the kernel gives this process, and those that it starts, no handles on processes.
+void have_no_process_handles();
+
 /// A directory with one program file and the files of its state, and a launcher for it in a forked
 /// process, below no supervisor. Calls that are redirected there stay so in it.
 class launcher_place final {
