@@ -49,7 +49,7 @@ std::string describe_state(const runner::program_state& state, std::int64_t now)
     case program_phase::before:
       return "the command that comes before it runs";
     case program_phase::starting:
-      return "not ready yet";
+      return "not ready yet" + (state.says.empty() ? "" : ": " + state.says);
     case program_phase::clearing:
       return "what it left running is being ended";
     case program_phase::after:

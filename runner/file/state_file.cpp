@@ -43,6 +43,7 @@ bool take_line(std::string_view key, std::string_view value, program_state& out)
   if (key == "attempt") take_number(value, out.attempt);
   if (key == "next") take_number(value, out.next);
   if (key == "status") out.status = value;
+  if (key == "says") out.says = value;
   if (key == "log") out.log = value;
   if (key == "launcher") take_number(value, out.launcher);
   if (key == "launcher_started") take_number(value, out.launcher_started);
@@ -77,6 +78,7 @@ std::string print_state(const program_state& state) {
   add("attempt", state.attempt);
   add("next", static_cast<std::uint64_t>(state.next));
   if (!state.status.empty()) text += "status " + state.status + "\n";
+  if (!state.says.empty()) text += "says " + state.says + "\n";
   if (!state.log.empty()) text += "log " + state.log + "\n";
   add("launcher", static_cast<std::uint64_t>(state.launcher));
   add("launcher_started", state.launcher_started);

@@ -37,6 +37,7 @@ struct program_state {
   std::uint64_t attempt = 0;           ///< Starts in a row that did not last, this one included.
   std::int64_t next = 0;               ///< The next start, in milliseconds since 1970; 0 for none.
   std::string status;                  ///< How it last ended: "exit 1", "signal KILL", or in words.
+  std::string says;                    ///< What it says itself of its start; empty for nothing.
   std::string log;                     ///< The log file; empty when there is none.
   pid_t launcher = 0;                  ///< Who wrote this.
   std::uint64_t launcher_started = 0;  ///< In clock ticks since boot.

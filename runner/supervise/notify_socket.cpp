@@ -5,13 +5,17 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
 #include <tuple>
 
+#include "common/misc/decimal.h"
+#include "common/misc/duration.h"
 #include "runner/file/process_stat.h"
 
 namespace runner {
@@ -30,14 +34,22 @@ bool is_of_program(pid_t sender, pid_t program) {
   return false;
 }
 
-bool says_ready(std::string_view text) {
-  while (!text.empty()) {
-    const std::size_t end = text.find('\n');
-    if (text.substr(0, end) == "READY=1") return true;
-    if (end == std::string_view::npos) return false;
-    text.remove_prefix(end + 1);
+/// One line for a terminal, of a length that somebody reads.
+std::string readable(std::string_view text) {
+  constexpr std::size_t kShown = 200;
+  std::string line(text.substr(0, kShown));
+  for (char& c : line) {
+    if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') c = '?';
   }
-  return false;
+  return line;
+}
+
+std::optional<std::chrono::milliseconds> read_microseconds(std::string_view text) {
+  const auto count = take_digits(text);
+  if (!count || !text.empty()) return {};
+  constexpr auto kMost = static_cast<std::uint64_t>(kLongestDuration.count());
+  const std::uint64_t rounded_up = *count / 1000 + (*count % 1000 == 0 ? 0 : 1);
+  return std::chrono::milliseconds(std::min(rounded_up, kMost));
 }
 
 /// Who sent a datagram; 0 when the kernel does not say.
@@ -52,6 +64,20 @@ pid_t sender_of(msghdr& message) {
 }
 
 }  // namespace
+
+void read_notice(std::string_view message, notice& out) {
+  constexpr std::string_view kStatus = "STATUS=";
+  constexpr std::string_view kMoreTime = "EXTEND_TIMEOUT_USEC=";
+  while (!message.empty()) {
+    const std::size_t end = std::min(message.find('\n'), message.size());
+    const std::string_view line = message.substr(0, end);
+    message.remove_prefix(std::min(end + 1, message.size()));
+    if (line == "READY=1") out.is_ready = true;
+    if (line.starts_with(kStatus)) out.status = readable(line.substr(kStatus.size()));
+    if (!line.starts_with(kMoreTime)) continue;
+    if (const auto time = read_microseconds(line.substr(kMoreTime.size()))) out.more_time = time;
+  }
+}
 
 std::string notify_socket::open() {
   unsigned random = 0;
@@ -74,10 +100,10 @@ std::string notify_socket::open() {
   return std::string("cannot make a socket for it: ") + std::strerror(errno);
 }
 
-bool notify_socket::is_ready(pid_t program) {
+notice notify_socket::take(pid_t program) {
   // Anybody may send here; what is left has its turn when everything else has had one.
   constexpr int kMostAtOnce = 16;
-  bool ready = false;
+  notice said;
   for (int taken = 0; taken < kMostAtOnce; ++taken) {
     char text[4096];
     // Room for the sender and nothing else: descriptors that somebody sends along are dropped.
@@ -90,12 +116,12 @@ bool notify_socket::is_ready(pid_t program) {
     message.msg_controllen = sizeof control;
     const ssize_t got = ::recvmsg(socket_.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return ready;
+    if (got < 0) return said;
     const pid_t sender = sender_of(message);
     if (sender > 0 && is_of_program(sender, program))
-      ready = says_ready({text, static_cast<std::size_t>(got)}) || ready;
+      read_notice({text, static_cast<std::size_t>(got)}, said);
   }
-  return ready;
+  return said;
 }
 
 }  // namespace runner

@@ -252,6 +252,7 @@ void supervision::become_ready() {
   ready_limit_.reset();
   is_ready_ = true;
   notify_.close();
+  state_.says.clear();
   set_phase(program_phase::running);
   files_.set_ready(true);
   run_hook("ready");
@@ -260,6 +261,7 @@ void supervision::become_ready() {
 }
 
 void supervision::finish_attempt() {
+  state_.says.clear();
   group_.remove();
   notify_.close();
   needs_watch_.reset();

@@ -120,6 +120,7 @@ class supervision final {
   void answered(probe_answer answer);
   void ready_answered(bool good);
   void health_answered(bool good);
+  void hear(const notice& said);
   [[nodiscard]] bool is_asking_for_readiness() const;
   [[nodiscard]] const probe_settings& question() const;
   void stop_asking();

@@ -144,11 +144,7 @@ void supervision::handle(int fd) {
   if (former_ && fd == former_->fd()) return former_ended();
   if (fd == report_.get()) return take_report();
   if (fd == needs_watch_.get()) return await_needs();
-  if (fd == notify_.fd()) {
-    // One that is told to end may say so late; its end goes on.
-    if (notify_.is_ready(pid_) && state_.phase == program_phase::starting) become_ready();
-    return;
-  }
+  if (fd == notify_.fd()) return hear(notify_.take(pid_));
   if (fd == probe_.request().fd) return answered(probe_.go_on());
   link_ended();
 }

@@ -64,6 +64,20 @@ void supervision::ready_answered(bool good) {
   ask_later();
 }
 
+void supervision::hear(const notice& said) {
+  if (!said.is_ready && !said.status && !said.more_time) return;
+  // Who says something has been executed.
+  if (report_.valid()) take_report();
+  // One that is told to end may say so late; its end goes on.
+  if (state_.phase != program_phase::starting) return;
+  if (said.is_ready) return become_ready();
+  if (said.more_time)
+    ready_limit_ = std::max(ready_limit_, deadline(steady_now() + *said.more_time));
+  if (!said.status || *said.status == state_.says) return;
+  state_.says = *said.status;
+  files_.write(state_);
+}
+
 void supervision::health_answered(bool good) {
   bad_answers_ = good ? 0 : bad_answers_ + 1;
   if (bad_answers_ < file_.health.failures) return ask_later();

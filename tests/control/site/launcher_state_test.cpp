@@ -46,6 +46,13 @@ TEST(launcher_state, tells_why_a_program_waits) {
   EXPECT_EQ(control::describe_state(told(program_phase::running), 0), "");
 }
 
+TEST(launcher_state, tells_what_a_program_says_of_its_start) {
+  program_state state = told(program_phase::starting);
+  EXPECT_EQ(control::describe_state(state, 0), "not ready yet");
+  state.says = "reading 3 of 5";
+  EXPECT_EQ(control::describe_state(state, 0), "not ready yet: reading 3 of 5");
+}
+
 TEST(launcher_state, shows_the_program_behind_the_launcher) {
   program_status status = seen_from_outside();
   program_state state = told(program_phase::running);

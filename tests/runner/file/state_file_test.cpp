@@ -24,6 +24,7 @@ program_state sample() {
   state.attempt = 5;
   state.next = 1763742004123;
   state.status = "exit 1";
+  state.says = "reading 3 of 5";
   state.log = "/var/log/a b.log";
   state.mark = "5f0a12bc-00000000deadbeef";
   state.launcher = ::getpid();
@@ -39,6 +40,7 @@ TEST(state_file, says_what_it_was_told) {
   ASSERT_TRUE(read);
   EXPECT_EQ(print_state(*read), print_state(state));
   EXPECT_EQ(read->phase, program_phase::waiting);
+  EXPECT_EQ(read->says, "reading 3 of 5");
   EXPECT_EQ(read->log, "/var/log/a b.log");
   EXPECT_EQ(read->mark, "5f0a12bc-00000000deadbeef");
 }

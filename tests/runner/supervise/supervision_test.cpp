@@ -153,3 +153,26 @@ TEST(supervision, what_a_killed_question_says_is_no_answer_to_the_next_one) {
   EXPECT_EQ(place.state()->pid, state.pid);
   EXPECT_EQ(place.state()->phase, program_phase::running);
 }
+
+TEST(supervision, a_program_that_asks_for_more_time_has_it_and_says_why) {
+  if (!std::filesystem::exists("/usr/bin/python3")) GTEST_SKIP() << "there is no python3";
+  launcher_place place;
+  place.directory().write("program.py",
+                          "import os, socket, time\n"
+                          "s = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)\n"
+                          "s.connect('\\0' + os.environ['NOTIFY_SOCKET'][1:])\n"
+                          "s.send(b'STATUS=reading\\nEXTEND_TIMEOUT_USEC=3600000000')\n"
+                          "time.sleep(6)\n"
+                          "s.send(b'READY=1')\n"
+                          "time.sleep(1000)\n");
+  place.write("command = python3 program.py\n[ready]\nnotify = yes\ntimeout = 5s\n");
+  place.start();
+  ASSERT_TRUE(wait_until([&] {
+    const auto state = place.state();
+    return state && state->says == "reading";
+  }));
+  EXPECT_EQ(place.state()->phase, program_phase::starting);
+  const program_state state = place.wait_phase(program_phase::running);
+  EXPECT_EQ(state.attempt, 0U);
+  EXPECT_EQ(state.says, "");
+}
