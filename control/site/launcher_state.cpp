@@ -44,6 +44,8 @@ actual actual_of(program_phase phase) {
 std::string describe_state(const runner::program_state& state, std::int64_t now) {
   const std::string status = state.status.empty() ? "" : ": " + state.status;
   switch (state.phase) {
+    case program_phase::reading:
+      return "what an earlier keelmond-run left running is being ended";
     case program_phase::needs:
       return "waiting for programs that it needs to be ready";
     case program_phase::before:

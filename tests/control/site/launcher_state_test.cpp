@@ -53,6 +53,15 @@ TEST(launcher_state, tells_what_a_program_says_of_its_start) {
   EXPECT_EQ(control::describe_state(state, 0), "not ready yet: reading 3 of 5");
 }
 
+TEST(launcher_state, tells_that_a_launcher_clears_up_first) {
+  const program_state state = told(program_phase::reading);
+  EXPECT_EQ(control::describe_state(state, 0),
+            "what an earlier keelmond-run left running is being ended");
+  program_status status = seen_from_outside();
+  EXPECT_TRUE(apply_state(state, 0, status));
+  EXPECT_EQ(status.now, actual::starting);
+}
+
 TEST(launcher_state, shows_the_program_behind_the_launcher) {
   program_status status = seen_from_outside();
   program_state state = told(program_phase::running);

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include <utility>
 
 #include "runner/file/process_stat.h"
+#include "runner/supervise/mark.h"
 #include "tests/runner/supervise/launcher_place.h"
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
@@ -126,6 +128,39 @@ TEST(supervision, ends_what_a_killed_launcher_left_in_sessions_of_their_own) {
     ASSERT_TRUE(wait_until([&] { return place.directory().has("left"); }));
     EXPECT_FALSE(runner::read_process_stat(left));
     EXPECT_NE(place.wait_phase(program_phase::running).mark, first.mark);
+  });
+}
+
+TEST(supervision, tells_that_it_clears_up_and_leaves_the_traces_to_the_next_one) {
+  in_child([] {
+    launcher_place place;
+    place.write("command = sleep 1000\n");
+    const pid_t left = real::fork();
+    if (left == 0) {
+      ::setsid();
+      ::execlp("sleep", "sleep", "1000", nullptr);
+      ::_exit(127);
+    }
+    ASSERT_TRUE(wait_until([&] { return ::getsid(left) == left; }));
+    program_state former;
+    former.phase = program_phase::running;
+    former.mark = runner::make_mark();
+    former.pid = left;
+    former.started = runner::read_process_stat(left)->started;
+    runner::state_files(place.directory().path().string(), place.name()).write(former);
+    // It does not end, until the test ends it.
+    place.start([left] {
+      have_no_process_handles();
+      faults.kill = [left](pid_t pid, int signal) {
+        return pid == left ? 0 : real::kill(pid, signal);
+      };
+    });
+    const program_state state = place.wait_phase(program_phase::reading);
+    EXPECT_EQ(state.mark, former.mark);
+    EXPECT_EQ(state.pid, left);
+    EXPECT_NE(state.launcher, 0);
+    real::kill(left, SIGKILL);
+    EXPECT_NE(place.wait_phase(program_phase::running).mark, former.mark);
   });
 }
 
