@@ -199,6 +199,7 @@ TEST(limits, a_log_that_has_reached_the_limit_for_files_ends_nothing) {
   installation place;
   const std::string name = place.add_steady();
   place.start_with(name);
+  ASSERT_TRUE(wait_until([&] { return contains(place.log(), "launched sub process"); }));
   const std::string log = place.log();
   // The programs, which inherit it, write less.
   stress::limit(place.daemon(), RLIMIT_FSIZE, log.size());
