@@ -179,8 +179,9 @@ class meaning_reader final {
 
   void read_environment_file(const std::string& path) {
     std::string text;
-    if (const std::string error = read_text_file(path, kLargestProgramFile, text); !error.empty()) {
-      fail("environment", "file", path + ": " + error, "name a file with lines NAME=value");
+    if (const std::string error = read_text_file(path, path, kLargestProgramFile, text);
+        !error.empty()) {
+      fail("environment", "file", error, "name a file with lines NAME=value");
       return;
     }
     const environment_fault fault = read_environment(text, out_.settings.environment.variables);
@@ -291,7 +292,7 @@ program_file_result read_program_text(std::string_view text, const std::string& 
 
 program_file_result read_program_file(const std::string& path) {
   std::string text;
-  const std::string error = read_text_file(path, kLargestProgramFile, text);
+  const std::string error = read_text_file(path, "it", kLargestProgramFile, text);
   if (error.empty()) return read_program_text(text, path);
   const bool is_unreadable = error.starts_with("cannot");
   return refuse_whole(error, is_unreadable ? "" : "name a program file");

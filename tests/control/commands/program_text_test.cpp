@@ -59,7 +59,7 @@ TEST(program_text, refuses_keys_as_the_reader_of_the_file_does) {
   EXPECT_EQ(
       refusal("stop.timeout=soon"),
       "timeout: \"soon\" cannot be understood; write a duration such as 0.5, 500ms, 10s, 2m or "
-      "1h. Nothing was changed");
+      "1h, at most 100 years. Nothing was changed");
   EXPECT_TRUE(contains(refusal("stop.time=1s"), "time: [stop] has no such key; its keys are "));
   EXPECT_TRUE(contains(refusal("halt.timeout=1s"), "there is no section \"halt\"; "));
   EXPECT_TRUE(contains(refusal("program.user=1"), "user: it stands in line 4 already"));

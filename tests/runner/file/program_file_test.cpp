@@ -145,7 +145,7 @@ TEST(program_file, every_value_that_cannot_be_understood_is_told_with_what_would
       {"[program]\ngroup = none-here", "group: no group is called \"none-here\""},
       {"[program]\nneeds = ../x", "needs: \"../x\" cannot be understood; write names"},
       {"[environment]\n1A = x", "1A: no variable can be called that; write NAME = value"},
-      {"[environment]\nfile = /nonexistent", "file: /nonexistent: cannot read it: No such file"},
+      {"[environment]\nfile = /nonexistent", "file: cannot read /nonexistent: No such file"},
       {"[restart]\ndelay = 2m", "delay: delay is above longest"},
       {"[log]\nsize = 10M", "size: it needs a file; add file = PATH to [log]"},
       {"[log]\nto = syslog\nfile = x", "file: it means nothing with to = syslog"},
@@ -230,14 +230,14 @@ TEST(program_file, an_environment_file_that_is_none_is_refused) {
     return wrong(kCommand + "[environment]\nfile = " + path + "\n");
   };
   const std::string remedy = "; name a file with lines NAME=value\n";
-  EXPECT_EQ(refusal("/dev/zero"), ":4: file: /dev/zero: it is no file" + remedy);
+  EXPECT_EQ(refusal("/dev/zero"), ":4: file: /dev/zero is no file" + remedy);
   // Its size is told as 0.
   EXPECT_EQ(refusal("/proc/self/pagemap"),
-            ":4: file: /proc/self/pagemap: it is larger than 1M" + remedy);
+            ":4: file: /proc/self/pagemap is larger than 1M" + remedy);
   EXPECT_EQ(refusal(scratch.file("large")),
-            ":4: file: " + scratch.file("large") + ": it is larger than 1M" + remedy);
+            ":4: file: " + scratch.file("large") + " is larger than 1M" + remedy);
   EXPECT_EQ(refusal("/nowhere"),
-            ":4: file: /nowhere: cannot read it: No such file or directory" + remedy);
+            ":4: file: cannot read /nowhere: No such file or directory" + remedy);
 }
 
 TEST(program_file, is_known_by_its_first_line) {
