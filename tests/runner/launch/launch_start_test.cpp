@@ -1,0 +1,164 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "runner/launch/launch.h"
+#include "tests/support/channel.h"
+#include "tests/support/fault.h"
+#include "tests/support/in_child.h"
+#include "tests/support/scratch_dir.h"
+
+using runner::command_words;
+using runner::launch_failure;
+using runner::launch_step;
+using runner::launched;
+using runner::program_file;
+
+namespace {
+
+/// What came of a start.
+struct started {
+  launch_failure failure;
+  int status = -1;  ///< As waitpid tells it.
+};
+
+/// Starts a command and waits for its end.
+started run(const command_words& words, const program_file& file = {}, int output = 1,
+            int errors = 2, const std::vector<std::string>& environment = {"PATH=/usr/bin:/bin"}) {
+  runner::launch_order order{words, file, environment};
+  order.output = output;
+  order.errors = errors;
+  const launched one = runner::launch(order);
+  if (one.pid < 0) return {one.failure, -1};
+  pollfd request{one.report.get(), POLLIN, 0};
+  EXPECT_EQ(::poll(&request, 1, 30'000), 1);
+  started result{runner::read_report(one.report.get()), -1};
+  EXPECT_EQ(::waitpid(one.pid, &result.status, 0), one.pid);
+  return result;
+}
+
+program_file in_root() {
+  program_file file;
+  file.program.directory = "/";
+  return file;
+}
+
+/// The step that a start fails in, and errno.
+std::pair<launch_step, int> failure_of(const command_words& words, const program_file& file,
+                                       const std::string& path = "/usr/bin:/bin") {
+  const started result = run(words, file, 1, 2, {"PATH=" + path});
+  return {result.failure.step, result.failure.error};
+}
+
+void make_ordinary() {
+  if (::geteuid() != 0) return;
+  ASSERT_EQ(::setresgid(54321, 54321, 54321), 0);
+  ASSERT_EQ(::setresuid(54321, 54321, 54321), 0);
+}
+
+}  // namespace
+
+TEST(launch, executes_a_command_that_is_found_in_the_programs_path) {
+  in_child([] {
+    const started result = run({"sh", "-c", "exit 3"}, in_root());
+    EXPECT_EQ(result.failure.step, launch_step::none);
+    EXPECT_EQ(result.status, 3 << 8);
+  });
+}
+
+TEST(launch, gives_each_output_its_place_also_when_they_are_the_other_way_round) {
+  in_child([] {
+    const channel out = make_pipe();
+    const channel err = make_pipe();
+    ASSERT_EQ(::dup2(err.writer.get(), STDOUT_FILENO), STDOUT_FILENO);
+    ASSERT_EQ(::dup2(out.writer.get(), STDERR_FILENO), STDERR_FILENO);
+    run({"sh", "-c", "echo out; echo err >&2; readlink /proc/self/fd/0"}, in_root(), STDERR_FILENO,
+        STDOUT_FILENO);
+    EXPECT_EQ(read_all(out), "out\n/dev/null\n");
+    EXPECT_EQ(read_all(err), "err\n");
+  });
+}
+
+TEST(launch, prefers_what_is_there_and_cannot_be_executed_to_what_is_not_there) {
+  in_child([] {
+    const scratch_dir place;
+    place.write("thing", "#!/bin/sh\n");
+    const std::string here = place.path().string();
+    EXPECT_EQ(failure_of({"thing"}, in_root(), here + ":/nonexistent"),
+              std::pair(launch_step::command, EACCES));
+    EXPECT_EQ(failure_of({"thing"}, in_root(), "/nonexistent"),
+              std::pair(launch_step::command, ENOENT));
+    EXPECT_EQ(failure_of({place.file("thing") + "/below"}, in_root()),
+              std::pair(launch_step::command, ENOENT));
+    EXPECT_EQ(failure_of({"thing"}, in_root(), ""), std::pair(launch_step::command, ENOENT));
+  });
+}
+
+TEST(launch, says_what_it_failed_in) {
+  in_child([] {
+    make_ordinary();
+    program_file file = in_root();
+    file.program.directory = "/nonexistent";
+    EXPECT_EQ(failure_of({"true"}, file), std::pair(launch_step::directory, ENOENT));
+    file = in_root();
+    file.program.oom_score = 5000;
+    EXPECT_EQ(failure_of({"true"}, file).first, launch_step::oom_score);
+    file = in_root();
+    file.program.nice = -20;
+    EXPECT_EQ(failure_of({"true"}, file).first, launch_step::nice);
+    file = in_root();
+    file.program.who.uid = 0;
+    file.program.who.gid = 0;
+    const launch_step step = failure_of({"true"}, file).first;
+    EXPECT_TRUE(step != launch_step::none && step != launch_step::command);
+  });
+}
+
+TEST(launch, says_which_limit_cannot_be_set) {
+  in_child([] {
+    make_ordinary();
+    rlimit now{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &now), 0);
+    program_file file = in_root();
+    file.limits.resources.push_back({RLIMIT_CORE, {0, 0}, 4});
+    file.limits.resources.push_back({RLIMIT_NOFILE, {now.rlim_max + 1, now.rlim_max + 1}, 5});
+    const started result = run({"true"}, file);
+    EXPECT_EQ(result.failure.step, launch_step::limit);
+    EXPECT_EQ(result.failure.limit, 1);
+  });
+}
+
+TEST(launch, does_not_start_what_cannot_enter_its_control_group) {
+  in_child([] {
+    const command_words words{"true"};
+    const program_file file = in_root();
+    const std::vector<std::string> environment{"PATH=/bin"};
+    runner::launch_order order{words, file, environment};
+    order.group_entrance = "/nonexistent/cgroup.procs";
+    const launched one = runner::launch(order);
+    ASSERT_GT(one.pid, 0);
+    EXPECT_EQ(::waitpid(one.pid, nullptr, 0), one.pid);
+    EXPECT_EQ(runner::read_report(one.report.get()).step, launch_step::control_group);
+  });
+}
+
+TEST(launch, says_that_there_is_no_process_or_no_pipe) {
+  const no_faults_afterwards restore;
+  faults.fork = [] {
+    errno = EAGAIN;
+    return -1;
+  };
+  EXPECT_EQ(failure_of({"true"}, in_root()), std::pair(launch_step::process, EAGAIN));
+  faults.pipe2 = [](int*, int) {
+    errno = EMFILE;
+    return -1;
+  };
+  EXPECT_EQ(failure_of({"true"}, in_root()), std::pair(launch_step::process, EMFILE));
+}
