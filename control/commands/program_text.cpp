@@ -66,7 +66,7 @@ class section_texts final {
   [[nodiscard]] std::string whole() const {
     std::string text;
     for (const auto& [name, lines] : all_)
-      text += (text.empty() ? "[" : "\n[") + name + "]\n" + lines;
+      text.append(text.empty() ? "[" : "\n[").append(name).append("]\n").append(lines);
     return text;
   }
 
@@ -130,7 +130,7 @@ std::string program_text(const program_text_options& options, const std::string&
   for (const std::string& one : options.settings)
     append(sections, settings.emplace_back(parse_setting(one)));
 
-  const std::string text = "#!" + launcher + "\n" + sections.whole();
+  std::string text = "#!" + launcher + "\n" + sections.whole();
   const runner::program_file_result read = runner::read_program_text(text, path);
   if (!read.findings.empty()) {
     const runner::file_finding& first = read.findings.front();

@@ -78,13 +78,13 @@ unique_fd lock_starts(const site& place) {
 }  // namespace
 
 std::string find_installed_program(const std::string& name) {
-  std::vector<std::string> directories = own_directories();
+  std::vector<std::string> candidates = own_directories();
   const char* const path = std::getenv("PATH");
   std::istringstream listed(path == nullptr ? "" : path);
   for (std::string directory; std::getline(listed, directory, ':');)
-    directories.push_back(directory.empty() ? "." : directory);
-  for (const std::string& directory : directories) {
-    std::string candidate = directory + "/" + name;
+    candidates.push_back(directory.empty() ? "." : directory);
+  for (std::string& candidate : candidates) {
+    candidate.append("/").append(name);
     if (::access(candidate.c_str(), X_OK) == 0) return candidate;
   }
   throw failure("there is no program " + name + " beside keelmondctl or in PATH: install it there");
