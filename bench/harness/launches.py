@@ -1,8 +1,8 @@
 """Measures what stands between a fork and a program, and stays beside it, launcher by launcher.
 
-Each sets a limit on open files and executes a program, which says when it has come to its first
-instruction. Those of other supervisors become the program; keelmond-run stays, and so does a shell
-that waits.
+Each sets a limit on open files, or becomes another user, and executes a program, which says when
+it has come to its first instruction. Those of other supervisors become the program; keelmond-run
+stays, and so does a shell that waits.
 """
 
 import os
@@ -23,6 +23,11 @@ from results import median, values_of
 OWN = "keelmond-run"
 FLOOR = "fork and exec"
 FILES = "256"
+USER = "nobody"
+# What is behind the name of a launcher that becomes that user; only root has those.
+AS_USER = f" as {USER}"
+LIMITING = (("chpst", ["-o", FILES]), ("s6-softlimit", ["-o", FILES]), ("softlimit", ["-o", FILES]))
+BECOMING = (("chpst", ["-u", USER]), ("s6-setuidgid", [USER]), ("setuidgid", [USER]))
 # How long after a start a launcher has come to rest.
 REST = 3
 
@@ -50,11 +55,11 @@ class Launchers:
     def find(self, name):
         return shutil.which(name, path=self.tools["PATH"])
 
-    def program_file(self, name, words):
+    def program_file(self, name, words, more=f"[limits]\nnofile = {FILES}\n"):
         return write_executable(
             os.path.join(self.directory, name),
-            f"#!{self.tools['KEELMOND_RUN']}\n[program]\ncommand = {' '.join(words)}\n"
-            f"[limits]\nnofile = {FILES}\n[restart]\non = never\n")
+            f"#!{self.tools['KEELMOND_RUN']}\n[program]\ncommand = {' '.join(words)}\n{more}"
+            "[restart]\non = never\n")
 
     def script(self, name, words):
         return write_executable(
@@ -67,18 +72,24 @@ class Launchers:
         known = {FLOOR: stamp,
                  "sh, waiting": [self.script("waiting", stamp)],
                  OWN: [self.program_file("kmd_stamp", stamp)]}
-        for name, options in (("chpst", ["-o", FILES]), ("s6-softlimit", ["-o", FILES]),
-                              ("s6-setuidgid", ["root"]), ("softlimit", ["-o", FILES])):
-            path = self.find(name)
-            if path is not None and self.works([path, *options, "true"]):
-                known[name] = [path, *options, *stamp]
+        self.add_others(known, LIMITING, "", stamp)
+        if os.geteuid() == 0:
+            known[OWN + AS_USER] = [self.program_file("kmd_user", stamp, f"user = {USER}\n")]
+            self.add_others(known, BECOMING, AS_USER, stamp)
         return known
+
+    def add_others(self, known, others, what, stamp):
+        for name, options in others:
+            path = self.find(name)
+            if path is not None and self.works([path, *options, *stamp]):
+                known[name + what] = [path, *options, *stamp]
 
     def environment(self):
         return {**os.environ, "LD_LIBRARY_PATH": self.tools["LD_LIBRARY_PATH"]}
 
     def works(self, words):
-        return subprocess.run(words, check=False, stderr=subprocess.DEVNULL,
+        return subprocess.run(words, check=False, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL,
                               env=self.environment()).returncode == 0
 
 
