@@ -19,7 +19,7 @@ class Plan(NamedTuple):
     counts: list  # numbers of programs, ascending
     kill_rounds: int
     reloads: int
-    end_seconds: float  # for how long the end of all is watched
+    end_seconds: float  # for how long the shutdown is watched
     settle_seconds: float
     realtime: bool
 
@@ -133,13 +133,13 @@ def gap_of(key):
 
 
 def one_end(run, contender, count):
-    """From one program's end to that of the next, in milliseconds, while all are being ended."""
+    """From one program's end to that of the next, in milliseconds, while all are being stopped."""
     ends = figures(run, contender, count).get("ends_ns", [])
     return (ends[-1] - ends[0]) / (len(ends) - 1) / 1e6 if len(ends) > 1 else None
 
 
-def end_of_all(counts):
-    """The time to end all, in seconds: measured, or added up from what one end takes with so many
+def shutdown_time(counts):
+    """The time to shut down, in seconds: measured, or added up from what one end takes with so many
     programs and with the numbers that were measured below.
     """
     def metric(run, contender, count):
@@ -181,8 +181,8 @@ def _rows(results):
         yield f"of which {kind}", share(["page_tables"], [kind])
     yield "Memory (PSS and page tables), kB per program", share(["pss", "page_tables"])
     yield "of which daemon and children", share(["pss", "page_tables"], own)
-    yield "From one program's end to the next in the end of all, ms", one_end
-    yield "Time to end all, s", end_of_all(results.counts)
+    yield "From one program's end to the next in the shutdown, ms", one_end
+    yield "Time to shut down, s", shutdown_time(results.counts)
 
 
 def _goals(results):
@@ -217,7 +217,7 @@ def tables(results, with_goals):
                  if results.values(time_of("end_ns"), contender, count)]
         if whole != results.counts:
             measured = ", ".join(f"{count:,}" for count in whole) or "no number of"
-            lines += [f"The time to end all was measured with {measured} programs; beyond that it "
+            lines += [f"The time to shut down was measured with {measured} programs; beyond that it "
                       "is added up from what one end takes.", ""]
         if with_goals and issubclass(BY_NAME[contender], Keelmond):
             rows = []

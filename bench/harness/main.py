@@ -39,7 +39,7 @@ def parse_arguments():
     parser.add_argument("--only", type=_words, default=[],
                         help="some contenders: " + ",".join(one.name for one in ALL))
     parser.add_argument("--parts", type=_words, default=plan.PARTS,
-                        help="scale: start, memory, saves; end: the end of all; gaps: restarts and "
+                        help="scale: start, memory, saves; end: the shutdown; gaps: restarts and "
                              "idleness")
     parser.add_argument("--also", metavar="LABEL=FILE", action="append", default=[],
                         help="another build of keelmond, to be measured beside this tree's")

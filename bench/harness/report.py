@@ -83,7 +83,7 @@ def _scale_tables(results):
     for title, metric in (
             ("Time until all programs run, ms", START),
             ("Time until all programs run, in relation to fork, system, wait", to_floor(START)),
-            ("Time to end them all, ms", time_of("end_ns")),
+            ("Time to shut down, ms", time_of("end_ns")),
             ("Time from a save by rename to the new program's first instruction: median, ms",
              time_of("save_ns")),
             ("Memory (PSS and page tables) of all supervising processes, kB per program", MEMORY),

@@ -175,7 +175,7 @@ class WorldInit(ControlPhases):
         return time.monotonic_ns() - begin
 
     def measure_part_of_end(self, seconds):
-        """Asks for the end of all and watches it for some seconds at most.
+        """Asks for the shutdown and watches it for some seconds at most.
 
         @return the times since then at which programs ended, and the time until nothing was left
         or None.

@@ -47,7 +47,7 @@ std::int64_t launch(char** command) {
   std::int64_t end = 0;
   const bool has_come = child > 0 && ::read(ends[0], &end, sizeof end) == sizeof end;
   ::close(ends[0]);
-  // A launcher stays, and is told to end; the others have ended or are about to.
+  // A launcher stays, and is told to stop; the others have ended or are about to.
   ::kill(child, SIGUSR2);
   while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
   }
