@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::chrono::seconds kLimit{30};
 
-bool has_gone(pid_t pid) {
+bool wait_gone(pid_t pid) {
   return wait_until([&] { return !process_table::is_alive(pid); }, kLimit);
 }
 
@@ -80,8 +80,8 @@ TEST(runner_life, ends_on_term_and_int_as_well) {
   program_state state = place.wait_phase(name, program_phase::running);
   for (const int signal : {SIGTERM, SIGINT}) {
     ::kill(state.launcher, signal);
-    EXPECT_TRUE(has_gone(state.pid));
-    EXPECT_TRUE(has_gone(state.launcher));
+    EXPECT_TRUE(wait_gone(state.pid));
+    EXPECT_TRUE(wait_gone(state.launcher));
     // The supervisor starts it anew.
     state = place.wait_again(name, state.pid);
   }
@@ -150,7 +150,7 @@ TEST(runner_life, a_second_request_to_end_changes_nothing) {
   EXPECT_TRUE(keeps([&] { return process_table::is_alive(state.pid); }));
   EXPECT_EQ(place.read("asked"), "asked\n");
   write_file(place.path_of("enough"), "");
-  EXPECT_TRUE(has_gone(state.launcher));
+  EXPECT_TRUE(wait_gone(state.launcher));
   EXPECT_FALSE(process_table::is_alive(state.pid));
 }
 
@@ -183,7 +183,7 @@ TEST(runner_life, a_killed_launcher_takes_its_program_along) {
   const program_state first = place.wait_phase(name, program_phase::running);
   const pid_t child = place.site().wait_running(worker);
   ::kill(first.launcher, SIGKILL);
-  EXPECT_TRUE(has_gone(first.pid));
+  EXPECT_TRUE(wait_gone(first.pid));
   const program_state second = place.wait_again(name, first.pid);
   EXPECT_NE(second.launcher, first.launcher);
   // The next launcher has ended what the kernel does not.
@@ -202,7 +202,7 @@ TEST(runner_life, ends_when_the_supervisors_child_above_it_is_killed) {
       return children.size() == 1;
     }));
     ::kill(children.front(), SIGKILL);
-    EXPECT_TRUE(has_gone(state.launcher));
+    EXPECT_TRUE(wait_gone(state.launcher));
     EXPECT_FALSE(process_table::is_alive(state.pid));
     // One program at any time: the next one waits for the end of this one.
     state = place.wait_again(name, state.pid);
@@ -218,7 +218,7 @@ TEST(runner_life, runs_on_when_the_supervisor_itself_is_killed) {
   place.site().shut_down_by(SIGKILL);
   EXPECT_TRUE(keeps([&] { return process_table::is_alive(state.pid); }));
   ::kill(state.launcher, SIGUSR2);
-  EXPECT_TRUE(has_gone(state.pid));
+  EXPECT_TRUE(wait_gone(state.pid));
 }
 
 TEST(runner_life, ends_with_the_supervisor) {
@@ -227,6 +227,6 @@ TEST(runner_life, ends_with_the_supervisor) {
   place.start();
   const program_state state = place.wait_phase(name, program_phase::running);
   EXPECT_EQ(place.site().shut_down_by(SIGUSR2), 0);
-  EXPECT_TRUE(has_gone(state.launcher));
+  EXPECT_TRUE(wait_gone(state.launcher));
   EXPECT_FALSE(process_table::is_alive(state.pid));
 }
