@@ -87,15 +87,11 @@ class installation final {
 
   // Configuration -------------------------------------------------------------------------------
 
-  /// The text of a server.ini that lists the programs as svr1, svr2, ...
-  static std::string ini(const std::vector<listed_program>& programs) {
-    return server_ini(programs);
-  }
   /// Puts a new server.ini in the place of the old one, by renaming.
   void save(std::string_view text) const;
-  void save(const std::vector<listed_program>& programs) const { save(ini(programs)); }
+  void save(const std::vector<listed_program>& programs) const { save(server_ini(programs)); }
   /// Waits for the watch, saves, and waits until the reload is over and the pause has begun.
-  void edit(const std::vector<listed_program>& programs) const { edit(ini(programs)); }
+  void edit(const std::vector<listed_program>& programs) const { edit(server_ini(programs)); }
   void edit(std::string_view text) const;
   /// The same for any other way of modifying the file.
   void edit_by(const std::function<void()>& modify) const;
