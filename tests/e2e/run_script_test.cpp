@@ -57,7 +57,7 @@ class tree final {
 
 }  // namespace
 
-TEST(run_script, takes_a_directory_without_a_configuration_for_a_slip) {
+TEST(run_script, refuses_a_directory_without_a_configuration) {
   const tree place;
   EXPECT_EQ(place.run(place.directory()), "There is no " + place.directory() +
                                               "/config/server.ini. To have the example there:\n"

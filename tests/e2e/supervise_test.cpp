@@ -168,7 +168,7 @@ TEST(supervise, reads_nothing_without_a_count) {
   }
 }
 
-TEST(supervise, is_not_held_up_by_an_absurd_count) {
+TEST(supervise, is_not_held_up_by_a_huge_count) {
   installation place;
   const std::string name = place.add_steady();
   std::string text = server_ini({place.entry(name)});

@@ -28,12 +28,12 @@ std::string warning_before(long programs) {
   return errors.text();
 }
 
-TEST(capacity, what_fits_is_not_worth_a_word) {
+TEST(capacity, says_nothing_of_what_fits) {
   EXPECT_EQ(warning_before(0), "");
   EXPECT_EQ(warning_before(1), "");
 }
 
-TEST(capacity, more_than_the_machine_can_number_is_said_in_one_line) {
+TEST(capacity, warns_in_one_line_when_the_machine_cannot_number_the_processes) {
   const long too_many = pid_max() / 4 + 1;
   const std::string warning = warning_before(too_many);
   EXPECT_TRUE(warning.starts_with("keelmond: " + std::to_string(too_many) +

@@ -168,7 +168,7 @@ TEST(shutdown_gate, nobody_is_inside_once_it_is_closed_and_empty) {
   });
 }
 
-TEST(shutdown_gate, a_thread_can_be_counted_out_after_the_last_that_it_does) {
+TEST(shutdown_gate, a_thread_can_be_counted_out_after_all_else_that_it_does) {
   static shutdown_gate gate;
   static std::atomic<bool> over{false};
   gate.admit();

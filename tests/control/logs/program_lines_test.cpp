@@ -219,7 +219,7 @@ TEST(program_lines, repeats_and_omits_nothing_between_the_past_and_what_follows)
   }
 }
 
-TEST(program_lines, have_the_time_that_stands_in_front_of_them) {
+TEST(program_lines, have_the_time_in_front_of_them) {
   written_log log;
   log.append(
       "1970-01-01T00:00:05.000001+00:00 one\n  a part of it\n"

@@ -94,7 +94,7 @@ TEST(launcher_state, of_another_launcher_tells_nothing) {
   EXPECT_FALSE(status.launcher);
 }
 
-TEST(launcher_state, leaves_a_program_stopping_that_was_told_to_end) {
+TEST(launcher_state, leaves_a_program_stopping_that_was_told_to_stop) {
   program_status status = seen_from_outside();
   status.now = actual::stopping;
   status.why = "it has been told to stop and still runs";
