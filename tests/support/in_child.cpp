@@ -52,7 +52,7 @@ constexpr char kReturned = '+';
 
 [[noreturn]] void run(const std::function<void()>& body, pid_t parent,
                       const std::filesystem::path& directory, int report) {
-  ::setpgid(0, 0);
+  ::setsid();
   ::prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (::getppid() != parent) ::_exit(1);
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);

@@ -17,10 +17,10 @@ struct child_end {
 /// there cannot reach another test.
 ///
 /// The faults of the test hold in it. It works in an empty directory that is removed
-/// afterwards, leads its own process group and adopts orphans. Assertions in it, on any of its
-/// threads, are collected and handed back. When it ends, everything that is left of its group is
-/// killed; a body that started a new session ends that itself. A body that hangs is killed after
-/// 100 seconds.
+/// afterwards, leads its own session and process group and adopts orphans. Assertions in it, on any
+/// of its threads, are collected and handed back. When it ends, everything that is left of its
+/// group is killed; a body that started a new session ends that itself. A body that hangs is killed
+/// after 100 seconds.
 child_end run_in_child(const std::function<void()>& body);
 
 /// The same for a body that returns. What fails in it fails the calling test.

@@ -200,7 +200,7 @@ TEST(runner_keys, an_ordinary_user_may_not_become_another) {
   runner_place place;
   const std::string user = place.add("[program]\ncommand = sleep 1000\nuser = root\n");
   const std::string group = place.add("[program]\ncommand = sleep 1000\ngroup = 0\n");
-  const std::string nice = place.add("[program]\ncommand = sleep 1000\nnice = -5\n");
+  const std::string nice = place.add("[program]\ncommand = sleep 1000\nnice = -20\n");
   const std::string score = place.add("[program]\ncommand = sleep 1000\noom_score = -500\n");
   place.start();
   const auto expect = [&](const std::string& name, const std::string& begin, const char* end) {
