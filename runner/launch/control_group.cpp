@@ -140,7 +140,8 @@ group_failure control_group::make(const group_limits& limits, const std::string&
     const std::size_t offered = offer_controllers(parent, wanted);
     most_offered = std::max(most_offered, offered);
     if (offered < wanted.size()) continue;
-    const std::string directory = parent + "/" + name;
+    std::string directory = parent;
+    directory.append("/").append(name);
     if (::mkdir(directory.c_str(), 0755) != 0) {
       if (errno != EEXIST) continue;
       kill_all(directory);

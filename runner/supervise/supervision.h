@@ -76,7 +76,7 @@ class supervision final {
     bool is_over = false;
   };
   /// What follows when nothing is left of the last step.
-  enum class next_step { none, after, start, finish };
+  enum class next_step : unsigned char { none, after, start, finish };
 
   // supervision.cpp: an attempt, step by step
   void begin_attempt();
@@ -172,7 +172,6 @@ class supervision final {
   supervisor_chain chain_;
   state_files files_;
   program_state state_;
-  bool is_first_ = true;
   /// An earlier launcher of the same program that has not ended yet.
   std::optional<known_process> former_;
   /// What one left that was killed.
@@ -194,21 +193,23 @@ class supervision final {
   std::vector<side_command> sides_;
   std::uint64_t side_count_ = 0;  ///< All that there have been.
   std::vector<remains> remains_;
-  next_step when_clear_ = next_step::none;
 
+  bool is_first_ = true;    ///< No earlier launcher has been looked for yet, or one is waited for.
   bool is_ending_ = false;  ///< For good.
   bool is_done_ = false;
   bool was_launched_ = false;
   bool is_ready_ = false;
+  bool is_asking_ = false;
+  bool is_reap_due_ = false;
+  next_step when_clear_ = next_step::none;
+  int status_ = 0;       ///< As waitpid gave it.
   std::string trouble_;  ///< Why the attempt counts as failed, when its exit status does not say.
   std::string told_;     ///< The last that was told in this attempt.
-  int status_ = 0;       ///< As waitpid gave it.
   deadline phase_limit_;
   time_point launched_at_;
   milliseconds lived_{0};  ///< From the launch to the end; 0 before.
 
   probe probe_;
-  bool is_asking_ = false;
   deadline ask_at_;  ///< The next question, or the end of one that is not answered.
   deadline ready_limit_;
   milliseconds ask_pause_{0};
@@ -217,7 +218,6 @@ class supervision final {
   resting_place rest_;
   std::vector<pollfd> requests_;
   std::size_t turn_ = 0;  ///< Which request is looked at first.
-  bool is_reap_due_ = false;
   time_point looked_at_processes_;
 };
 

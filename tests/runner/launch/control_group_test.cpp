@@ -28,6 +28,11 @@ class imagined_groups final {
     for (const char* const file : {"memory.max", "cpu.max", "pids.max", "cgroup.kill"})
       root_.write(group + "/" + file, "");
   }
+  /// A group "own" that may give out places for processes, and the files of "own/x".
+  void expect_usual() {
+    add("own", "pids", "pids");
+    expect("own/x");
+  }
   /// What there is of it goes, as it does in the kernel.
   void empty(const std::string& group) {
     for (const auto& file : fs::directory_iterator(root_.path() / group))
@@ -123,8 +128,7 @@ TEST(control_group, has_a_name_of_its_own_below_each_supervisor) {
 
 TEST(control_group, what_an_earlier_launcher_left_in_it_is_killed) {
   imagined_groups groups;
-  groups.add("own", "pids", "pids");
-  groups.expect("own/x");
+  groups.expect_usual();
   control_group group;
   EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")).text, "");
   EXPECT_EQ(groups.read("own/x/cgroup.kill"), "1");
@@ -132,8 +136,7 @@ TEST(control_group, what_an_earlier_launcher_left_in_it_is_killed) {
 
 TEST(control_group, one_that_is_busy_is_removed_later) {
   imagined_groups groups;
-  groups.add("own", "pids", "pids");
-  groups.expect("own/x");
+  groups.expect_usual();
   control_group group;
   EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")).text, "");
   group.remove();
@@ -145,8 +148,7 @@ TEST(control_group, one_that_is_busy_is_removed_later) {
 
 TEST(control_group, one_that_was_busy_and_is_used_again_stays) {
   imagined_groups groups;
-  groups.add("own", "pids", "pids");
-  groups.expect("own/x");
+  groups.expect_usual();
   control_group group;
   EXPECT_EQ(group.make({0, 0, 5}, "x", groups.place("/own")).text, "");
   group.remove();
