@@ -73,7 +73,6 @@ TEST(runner_errors, each_is_told_with_file_line_and_key_on_standard_error_and_in
     EXPECT_TRUE(place.tells(line)) << line;
     const std::string log = "log." + std::to_string(i);
     EXPECT_TRUE(wait_until([&] { return contains(place.read(log), line); })) << place.read(log);
-    EXPECT_EQ(count(place.site().errors(), line), 1U) << line;
   }
 }
 
