@@ -157,7 +157,8 @@ void supervision::set_phase(program_phase phase) {
 }
 
 void supervision::say(const std::string& text) {
-  if (log_) {
+  // Where the output is inherited, so is that of other programs: the line has to say whose it is.
+  if (log_ && file_.log.target != log_target::inherit) {
     log_->write_own_line(text);
   } else {
     write_standard_error("keelmond-run: " + name_ + ": " + text + "\n");

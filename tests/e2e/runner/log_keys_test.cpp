@@ -126,6 +126,16 @@ TEST_F(runner_log_messages, are_lost_where_nobody_listens_and_the_program_runs_o
   EXPECT_TRUE(place_.site().has("programs/through"));
 }
 
+TEST(runner_log, that_is_inherited_says_of_whom_a_line_of_the_launcher_is) {
+  runner_place place;
+  const std::string unset =
+      place.add(shell_text("exit 3", "[restart]\nlongest = 1h\ndelay = 1h\n"));
+  const std::string inherited = add_talker(place, "to = inherit\n");
+  place.start();
+  for (const std::string& name : {unset, inherited})
+    EXPECT_TRUE(place.tells("keelmond-run: " + name + ": ended: exit 3; next start in 3600 s\n"));
+}
+
 TEST(runner_log, goes_where_the_supervisors_output_goes_unless_set_and_when_inherited) {
   runner_place place;
   place.add(shell_text("echo out 1; echo err 1 >&2; exec sleep 1000"));
