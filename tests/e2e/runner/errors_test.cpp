@@ -60,9 +60,9 @@ TEST(runner_errors, each_is_told_with_file_line_and_key_on_standard_error_and_in
   write_file(place.path_of("plain"), "#!/bin/sh\n");
   std::vector<std::string> names;
   for (const wrong_file& one : kWrong) {
-    const std::string log = "log." + std::to_string(names.size());
-    names.push_back(place.add("[program]\n" + with_directory(one.text, directory) +
-                              "[log]\nfile = " + log + "\n[restart]\ndelay = 1h\nlongest = 1h\n"));
+    std::string text = "[program]\n" + with_directory(one.text, directory);
+    text.append("[log]\nfile = log.").append(std::to_string(names.size())).append("\n");
+    names.push_back(place.add(text));
   }
   place.start();
   for (std::size_t i = 0; i < names.size(); ++i) {

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -89,7 +89,7 @@ std::optional<reply> ask(const std::string& port, const std::string& request) {
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(std::atoi(port.c_str())));
+  address.sin_port = htons(static_cast<std::uint16_t>(std::stoul(port)));
   auto* const any = reinterpret_cast<sockaddr*>(&address);
   socklen_t size = sizeof address;
   if (::connect(connection.get(), any, size) != 0) return std::nullopt;
@@ -223,6 +223,7 @@ class runner_examples : public testing::TestWithParam<example> {
       }
     };
     std::vector<std::thread> sides;
+    sides.reserve(kSides);
     for (int side = 0; side < kSides; ++side)
       sides.emplace_back(ask_on, 1000 * (side + 1));
     for (std::thread& side : sides)

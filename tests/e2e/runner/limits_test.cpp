@@ -62,7 +62,7 @@ std::string limit_line(pid_t pid, const std::string& title) {
     std::string soft;
     std::string hard;
     words >> soft >> hard;
-    return soft + " " + hard;
+    return soft.append(" ").append(hard);
   }
   return "";
 }
