@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-/// Programs that are not there, in the process of a test (see `in_child`): `fork` answers a number,
+/// Programs that do not exist, in the process of a test (see `in_child`): `fork` answers a number,
 /// and the program is over when `end_one` has been called. An idle monitor's second takes a
 /// millisecond.
 ///

@@ -22,7 +22,8 @@ std::optional<int> status_of(pid_t pid);
 std::optional<int> wait_for_end(pid_t pid,
                                 std::chrono::milliseconds limit = std::chrono::seconds(20));
 
-/// Takes note that `pid` is a new child: whatever is known of an earlier one with that number goes.
+/// Takes note that `pid` is a new child: whatever is known of an earlier one with that number is
+/// forgotten.
 void announce(pid_t pid);
 
 }  // namespace children

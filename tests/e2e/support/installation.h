@@ -80,8 +80,8 @@ class installation final {
   [[nodiscard]] std::vector<std::string> notes(const std::string& name) const;
   /// Process ids of the program, each time that it runs.
   [[nodiscard]] std::vector<pid_t> running(const std::string& name) const;
-  /// Waits until the program has noted `starts` starts and runs exactly once. Throws
-  /// when that does not happen, for there is no process to go on with.
+  /// Waits until the program has noted `starts` starts and runs exactly once. Throws when that does
+  /// not happen, for there is no process to go on with.
   /// @return its process id.
   pid_t wait_running(const std::string& name, std::size_t starts = 1) const;
 

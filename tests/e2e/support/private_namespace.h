@@ -4,13 +4,13 @@
 
 /// A PID namespace and a /proc of their own for a test program.
 ///
-/// The supervisor ends programs by name, machine-wide; in here nothing but the test's own processes
-/// can be met. And when the test is over, or is killed, the kernel ends whatever it has left
-/// behind.
+/// The supervisor stops programs by name, machine-wide; in here nothing but the test's own
+/// processes can be met. And when the test is over, or is killed, the kernel kills whatever it has
+/// left behind.
 ///
-/// Three processes stand between the caller and the tests: one that enters the namespace, the first
-/// process in it, which reaps, and the test program, executed anew. That it is executed anew makes
-/// an ordinary user lose the powers that the namespace gave: permissions mean what they mean
+/// There are three processes between the caller and the tests: one that enters the namespace, the
+/// first process in it, which reaps, and the test program, executed anew. That it is executed anew
+/// makes an ordinary user lose the powers that the namespace gave: permissions mean what they mean
 /// outside.
 namespace private_namespace {
 

@@ -27,7 +27,7 @@ bool is_below(pid_t pid, pid_t ancestor);
 /// All processes that have not ended.
 std::vector<process> all();
 
-/// All processes in whose environment `setting`, as "NAME=value", stands.
+/// All processes that have `setting`, as "NAME=value", in their environment.
 std::vector<process> all_with(std::string_view setting);
 
 /// One line of /proc/PID/status, for instance of "SigBlk", without its name and blanks.
@@ -37,8 +37,7 @@ std::string status_field(pid_t pid, std::string_view field);
 int count_threads(pid_t pid);
 
 /// How many inotify instances the process has open, and how many watches on what is written to a
-/// file these have. A watch goes as soon as its file does, and its instance only when the process
-/// closes it.
+/// file these have. A watch ends with its file, and its instance only when the process closes it.
 int count_inotifies(pid_t pid);
 int count_watches(pid_t pid);
 

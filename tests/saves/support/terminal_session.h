@@ -9,8 +9,8 @@
 
 #include "common/misc/unique_fd.h"
 
-/// A program that is used at a terminal of its own, by keys that a test types. Killed when the
-/// object goes. Written for one thread; throws std::runtime_error where the machine is to blame.
+/// A program that is used at a terminal of its own, by keys that a test types. Killed with the
+/// object. Written for one thread; throws std::runtime_error where the machine is to blame.
 class terminal_session final {
  public:
   /// @param command the program, looked for in PATH, and its arguments.

@@ -90,15 +90,15 @@ std::vector<std::string> running_names(const installation& place,
 bool settles(const installation& place, const std::vector<std::string>& all,
              std::vector<std::string> wanted);
 
-/// Kills the program, after it has been started `starts` times. Throws when
-/// there is none: process id 0 would stand for everything that runs this test.
+/// Kills the program, after it has been started `starts` times. Throws when there is none: process
+/// id 0 would be everything that runs this test.
 void kill_running(const installation& place, const std::string& name, std::size_t starts = 1);
 
 /// Asks for a reload and waits until it, or a later one, is over.
 bool reload(const installation& place);
 
-/// Ends the supervisor by SIGUSR2 and checks what always holds then: it has ended with status 0,
-/// nothing of the installation is left, the log is closed and the pid file is gone.
+/// Shuts the supervisor down by SIGUSR2 and checks what always holds then: it has ended with status
+/// 0, nothing of the installation is left, the log is closed and the pid file is gone.
 void expect_clean_end(const installation& place);
 
 /// Sets a limit of a running process; the one that nobody can raise again stays.
