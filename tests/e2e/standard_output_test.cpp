@@ -20,7 +20,7 @@ channel make_file(const installation& place) {
   return {unique_fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)), std::move(writer)};
 }
 
-/// Starts a program, ends it once, ends the supervisor, and compares all that was written.
+/// Starts a program, ends it once, shuts the supervisor down, and compares all that was written.
 void expect_each_line_once(installation& place, const channel& output) {
   const std::string name = place.add_steady();
   place.save({place.entry(name)});
