@@ -63,12 +63,8 @@ void serve(request& wanted) noexcept {
   wanted.served.advance();
 }
 
-void* serve_for_ever(void* /*unused*/) {
-  for (;;) {
-    // The next one is read first: a request is gone as soon as it is served.
-    for (request* list = g_requests.take_all(); list != nullptr;)
-      serve(*std::exchange(list, list->next));
-  }
+void* serve_all(void* /*unused*/) {
+  g_requests.serve_for_ever(serve);
 }
 
 /// Has the thread that forks make a child.
@@ -134,7 +130,7 @@ void kill_with_all_it_started(pid_t child) noexcept {
 }  // namespace
 
 bool start() noexcept {
-  if (!running.load()) running.store(start_detached_thread(serve_for_ever, kLargeStack));
+  if (!running.load()) running.store(start_detached_thread(serve_all, kLargeStack));
   return running.load();
 }
 

@@ -6,12 +6,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <exception>
-#include <thread>
 
 #include "common/daemon/sys_daemon.h"
 #include "common/log/console.h"
 #include "common/log/log_file.h"
 #include "common/misc/fun_misc.h"
+#include "common/misc/poll_until.h"
 #include "common/thread/stack_size.h"
 #include "process/child.h"
 #include "process/config_watcher.h"
@@ -31,10 +31,7 @@ constexpr milliseconds kGrace{1000};
 constexpr milliseconds kLastLines{1000};
 
 void await_program_ends() {
-  const auto end = std::chrono::steady_clock::now() + kGrace;
-  while (Tfun_monitor::programs_alive() > 0 && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(milliseconds(1));
-  }
+  poll_until(kGrace, milliseconds(1), [] { return Tfun_monitor::programs_alive() == 0; });
 }
 
 template <typename T>

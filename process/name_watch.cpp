@@ -64,8 +64,7 @@ void name_watch::follow(std::string_view path) {
       directory += name + "/";
     } else if (++links <= kMostLinks) {
       put_first(parts, target);
-      // g++ 12 is wrong about an overlap when a literal is assigned here.
-      if (target.front() == '/') directory.assign(1, '/');
+      if (target.front() == '/') directory = "/";
     } else {
       return;
     }

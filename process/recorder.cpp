@@ -1,13 +1,13 @@
 #include "process/recorder.h"
 
 #include <ctime>
-#include <thread>
 #include <utility>
 
 #include "common/log/console.h"
 #include "common/log/log_file.h"
 #include "common/misc/bounded_text.h"
 #include "common/misc/fun_misc.h"
+#include "common/misc/poll_until.h"
 #include "common/thread/detached_thread.h"
 #include "common/thread/inbox.h"
 #include "common/thread/stack_size.h"
@@ -73,11 +73,8 @@ void serve(record& wanted) {
   unwritten.fetch_sub(1);
 }
 
-void* serve_for_ever(void* /*unused*/) {
-  for (;;) {
-    for (record* list = g_records.take_all(); list != nullptr;)
-      serve(*std::exchange(list, list->next));
-  }
+void* serve_all(void* /*unused*/) {
+  g_records.serve_for_ever(serve);
 }
 
 /// @return whether it has been written.
@@ -103,7 +100,7 @@ bool hand_over(record& own, record::kind what, const char* program, const char* 
 }  // namespace
 
 bool start() noexcept {
-  if (!running.load()) running.store(start_detached_thread(serve_for_ever, kSmallStack));
+  if (!running.load()) running.store(start_detached_thread(serve_all, kSmallStack));
   return running.load();
 }
 
@@ -127,12 +124,7 @@ void follow_time_zone() noexcept {
 }
 
 bool wait_until_idle(std::chrono::milliseconds limit) noexcept {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (unwritten.load() != 0) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+  return poll_until(limit, std::chrono::milliseconds(1), [] { return unwritten.load() == 0; });
 }
 
 bool close_log() noexcept {

@@ -52,7 +52,7 @@ std::size_t count_wanted(const Tini_parser& config, const std::vector<int>& numb
 }
 
 void log_refusal(const entry& refused, const char* key, std::size_t limit) {
-  char message[768] = {};
+  char message[recorder::kLineSize] = {};
   std::snprintf(message, sizeof message,
                 "server.ini: entry svr%d (%s) refused: %s is longer than %zu bytes or holds a NUL "
                 "byte.\r\n",
@@ -68,7 +68,7 @@ bool take_own_path(entry& out) {
     log_refusal(out, server_entry::kExepathKey, server_entry::kLongestExepath);
     return false;
   }
-  char message[768] = {};
+  char message[recorder::kLineSize] = {};
   std::snprintf(message, sizeof message,
                 "server.ini: entry svr%d (%s) refused: the working directory has no path (%s).\r\n",
                 out.number, out.name, std::strerror(errno));
@@ -103,7 +103,7 @@ bool check_executable(const entry& program) {
   const obstacle found = server_entry::find_obstacle(program.exepath);
   const int error = errno;
   if (found != obstacle::not_executable) return found == obstacle::none;
-  char message[768] = {};
+  char message[recorder::kLineSize] = {};
   std::snprintf(message, sizeof message, "access(X_OK) .errno:%d error:%s (%s)\n", error,
                 std::strerror(error), program.exepath);
   recorder::append(message);

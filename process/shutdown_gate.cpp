@@ -3,7 +3,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
-#include <thread>
+#include "common/misc/poll_until.h"
 
 constinit shutdown_gate g_shutdown_gate;
 
@@ -35,12 +35,7 @@ void shutdown_gate::forbid_launches() noexcept {
 }
 
 bool shutdown_gate::wait_until_empty(std::chrono::milliseconds limit) const noexcept {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (inside_.load() != 0) {
-    if (std::chrono::steady_clock::now() >= end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+  return poll_until(limit, std::chrono::milliseconds(1), [this] { return inside_.load() == 0; });
 }
 
 void shutdown_gate::step_in() noexcept {

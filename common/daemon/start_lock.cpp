@@ -4,16 +4,14 @@
 #include <sys/file.h>
 
 #include <chrono>
-#include <thread>
+
+#include "common/misc/poll_until.h"
 
 void start_lock::acquire() {
   directory_.reset(::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!directory_.valid()) return;
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (::flock(directory_.get(), LOCK_EX | LOCK_NB) != 0 &&
-         std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
+  poll_until(std::chrono::seconds(10), std::chrono::milliseconds(2),
+             [this] { return ::flock(directory_.get(), LOCK_EX | LOCK_NB) == 0; });
 }
 
 void start_lock::release() {

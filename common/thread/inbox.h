@@ -27,6 +27,16 @@ class inbox final {
     pushed_.advance();
   }
 
+  /// Serves each item, the oldest first. From one thread only. An item may be gone as soon as it is
+  /// served.
+  template <typename Serve>
+  [[noreturn]] void serve_for_ever(Serve serve) {
+    for (;;) {
+      for (Item* list = take_all(); list != nullptr;)
+        serve(*std::exchange(list, list->next));
+    }
+  }
+
   /// Waits until there is something. From one thread only.
   /// @return all of it as a list, the oldest first.
   Item* take_all() noexcept {

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <thread>
 
+#include "common/misc/poll_until.h"
 #include "common/misc/unique_fd.h"
 #include "control/commands/down.h"
 #include "control/commands/reload.h"
@@ -119,9 +120,10 @@ void watch_over::reap() {
 /// A daemon that was killed counts as ended before its last thread is gone, and until then that
 /// thread's children count as its own: what it left running would not be found.
 void watch_over::await_last_thread() {
-  const auto end = steady::now() + kGrace;
-  for (reap(); !status_ && ::kill(daemon_.pid, 0) == 0 && steady::now() < end; reap())
-    std::this_thread::sleep_for(milliseconds(1));
+  poll_until(kGrace, milliseconds(1), [this] {
+    reap();
+    return status_ || ::kill(daemon_.pid, 0) != 0;
+  });
 }
 
 watch_over::event watch_over::next() {

@@ -7,6 +7,7 @@
 #include <csignal>
 #include <thread>
 
+#include "common/misc/poll_until.h"
 #include "control/commands/foreground.h"
 #include "control/config/config_save.h"
 #include "control/site/daemon_start.h"
@@ -51,12 +52,12 @@ bool is_pending(const program_status& one) {
 }
 
 process await_daemon(const session& here, milliseconds limit) {
-  const auto end = steady::now() + limit;
-  do {
-    const daemon_search search = find_daemon(here.proc, process_table(here.proc), here.place);
-    if (search.daemon) return *search.daemon;
-    std::this_thread::sleep_for(kLookEvery);
-  } while (steady::now() < end);
+  daemon_search search;
+  const auto is_there = [&] {
+    search = find_daemon(here.proc, process_table(here.proc), here.place);
+    return search.daemon.has_value();
+  };
+  if (poll_until(limit, kLookEvery, is_there)) return *search.daemon;
   throw failure("keelmond was started and did not stay: what it said is in " +
                 here.place.directory + "/console.txt and keelmond.log");
 }

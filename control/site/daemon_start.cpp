@@ -11,9 +11,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <sstream>
-#include <thread>
 #include <vector>
 
+#include "common/misc/poll_until.h"
 #include "common/misc/unique_fd.h"
 #include "control/proc/process_table.h"
 #include "control/site/daemon_search.h"
@@ -67,11 +67,9 @@ int wait_for(pid_t child) {
 /// The lock that every start of the supervisor takes, too.
 unique_fd lock_starts(const site& place) {
   unique_fd directory(::open(place.directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const auto end = std::chrono::steady_clock::now() + kLongestStart;
-  while (directory.valid() && ::flock(directory.get(), LOCK_EX | LOCK_NB) != 0 &&
-         std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  poll_until(kLongestStart, std::chrono::milliseconds(5), [&] {
+    return !directory.valid() || ::flock(directory.get(), LOCK_EX | LOCK_NB) == 0;
+  });
   return directory;
 }
 
