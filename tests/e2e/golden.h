@@ -21,8 +21,8 @@ inline std::string console_start(const installation& place) {
 /// Waits for the log (as `masked` shows it) or the console to be exactly the wanted text: the
 /// threads of the daemon write when they get to it.
 inline void expect_log(const installation& place, const std::string& wanted) {
-  wait_until([&] { return masked(place.log()) == wanted; });
-  EXPECT_EQ(masked(place.log()), wanted);
+  wait_until([&] { return with_times_and_pids_masked(place.log()) == wanted; });
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), wanted);
 }
 
 inline void expect_console(const installation& place, const std::string& wanted) {

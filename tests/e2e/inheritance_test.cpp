@@ -207,7 +207,8 @@ TEST(children, outlive_every_signal_that_is_sent_to_the_supervisor_by_name) {
   EXPECT_EQ(place.wait_running(name), program);
   EXPECT_EQ(place.children(), children);
   EXPECT_EQ(place.loads(), 1U);
-  EXPECT_EQ(masked(place.log()), std::string(golden::kLogStart) + golden::kLaunched);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()),
+            std::string(golden::kLogStart) + golden::kLaunched);
 }
 
 TEST(children, end_with_their_programs_when_the_shutdown_signal_goes_to_all_of_that_name) {
@@ -219,6 +220,6 @@ TEST(children, end_with_their_programs_when_the_shutdown_signal_goes_to_all_of_t
     ::kill(child, SIGUSR2);
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
-  EXPECT_EQ(masked(place.log()),
+  EXPECT_EQ(with_times_and_pids_masked(place.log()),
             std::string(golden::kLogStart) + golden::kLaunched + golden::kExited + golden::kClosed);
 }

@@ -60,7 +60,7 @@ TEST(shutdown_by_usr2, stops_the_programs_removes_the_pid_file_and_closes_the_lo
 
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
   EXPECT_FALSE(process_table::is_alive(program));
-  EXPECT_EQ(masked(place.log()), kOneRun);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun);
   EXPECT_FALSE(place.has("notify/" + name + ".dat"));
   EXPECT_FALSE(place.has("run.pid"));
   expect_last_lines(place, console, name);
@@ -104,7 +104,7 @@ TEST(shutdown_by_usr2, records_the_end_of_a_program_that_cleans_up_first) {
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   ASSERT_EQ(place.notes(name).size(), 2U);
   EXPECT_TRUE(place.notes(name)[1].ends_with(" stop"));
-  EXPECT_EQ(masked(place.log()), kOneRun);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun);
 }
 
 TEST(shutdown_by_usr2, removes_the_pid_file_only_when_the_programs_have_been_told) {
@@ -124,7 +124,7 @@ TEST(shutdown_by_usr2, does_not_wait_for_a_program_that_ignores_the_stop_command
   const pid_t program = place.running(name).at(0);
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(process_table::is_alive(program));
-  EXPECT_EQ(masked(place.log()),
+  EXPECT_EQ(with_times_and_pids_masked(place.log()),
             std::string(golden::kLogStart) + golden::kLaunched + golden::kClosed);
   EXPECT_FALSE(place.has("run.pid"));
 }
@@ -141,7 +141,7 @@ TEST(shutdown_by_usr2, stops_a_program_that_is_only_just_being_launched) {
     ASSERT_EQ(::kill(daemon, SIGUSR2), 0);
     EXPECT_EQ(children::wait_for_end(daemon), 0);
     EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
-    EXPECT_EQ(masked(place.log()), kOneRun);
+    EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun);
   }
 }
 
@@ -163,7 +163,7 @@ TEST(shutdown_by_usr2, happens_within_the_pause_after_a_reload) {
   start_one(place, name);
   place.edit({place.entry(name)});
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
-  EXPECT_EQ(masked(place.log()), kOneRun);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun);
   EXPECT_FALSE(place.has("run.pid"));
 }
 
@@ -174,7 +174,7 @@ TEST(shutdown_by_usr2, happens_once_when_asked_for_several_times) {
   for (const int number : {SIGUSR2, SIGUSR1, SIGUSR2, SIGUSR2})
     ::kill(place.daemon(), number);
   EXPECT_EQ(place.wait_end(), 0);
-  EXPECT_EQ(masked(place.log()), kOneRun);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun);
   EXPECT_EQ(count(place.console(), golden::stop_result(name)), 1U);
 }
 
@@ -197,7 +197,7 @@ TEST(shutdown_by_int, stops_the_programs_and_leaves_the_pid_file_which_blocks_th
   EXPECT_EQ(place.shut_down_by(SIGINT), 0);
 
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
-  EXPECT_EQ(masked(place.log()), kOneRun);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun);
   EXPECT_FALSE(place.has("notify/" + name + ".dat"));
   expect_last_lines(place, console, name);
   ASSERT_TRUE(place.has("run.pid"));
@@ -206,7 +206,7 @@ TEST(shutdown_by_int, stops_the_programs_and_leaves_the_pid_file_which_blocks_th
   const std::string before = place.console();
   EXPECT_EQ(place.run(), 0);
   EXPECT_EQ(place.console(), before + golden::console_start(place) + golden::kAnotherInstance);
-  EXPECT_EQ(masked(place.log()), kOneRun + golden::kLogStart + golden::kClosed);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun + golden::kLogStart + golden::kClosed);
 }
 
 TEST(shutdown_without_configuration, follows_when_the_file_is_deleted) {
@@ -224,7 +224,7 @@ TEST(shutdown_without_configuration, follows_when_the_file_is_deleted) {
   EXPECT_EQ(place.read("run.pid"), std::to_string(place.daemon()));
   EXPECT_TRUE(place.notes(name).back().ends_with(" stop"));
   EXPECT_TRUE(wait_until([&] { return place.processes().empty(); }));
-  EXPECT_EQ(masked(place.log()), kOneRun);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kOneRun);
   EXPECT_FALSE(place.has("notify/" + name + ".dat"));
   expect_last_lines(place, console + golden::kLoad + golden::kDaemonEnds, name);
 }
@@ -262,7 +262,8 @@ TEST(shutdown_without_configuration, follows_at_once_when_there_is_no_file_at_th
   EXPECT_TRUE(place.errors().starts_with("inotify_add_watch: No such file or directory\n"));
   EXPECT_NE(place.errors().find("\nkeelmond: ./config/server.ini cannot be watched"),
             std::string::npos);
-  EXPECT_EQ(masked(place.log()), std::string(golden::kLogStart) + golden::kClosed);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()),
+            std::string(golden::kLogStart) + golden::kClosed);
   const std::string digits = place.read("run.pid");
   ASSERT_FALSE(digits.empty());
   ASSERT_TRUE(std::all_of(digits.begin(), digits.end(), [](char c) {

@@ -142,7 +142,7 @@ TEST(start, appends_to_the_log_of_earlier_runs) {
   const std::string first = place.log();
   place.start();
   EXPECT_TRUE(place.log().starts_with(first));
-  EXPECT_EQ(masked(place.log()), kRefusedStart + golden::kLogStart);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kRefusedStart + golden::kLogStart);
 }
 
 TEST(start, is_refused_while_a_daemon_runs) {
@@ -158,7 +158,7 @@ TEST(start, is_refused_while_a_daemon_runs) {
 
   EXPECT_EQ(place.console(), console + refused_console(place));
   ASSERT_TRUE(place.log().starts_with(log));
-  EXPECT_EQ(masked(place.log().substr(log.size())), kRefusedStart);
+  EXPECT_EQ(with_times_and_pids_masked(place.log().substr(log.size())), kRefusedStart);
   EXPECT_EQ(place.daemons(), std::vector<pid_t>{place.daemon()});
   EXPECT_EQ(place.loads(), 1U) << "an empty pid file signals nobody";
   EXPECT_TRUE(place.is_live(name));
@@ -193,7 +193,7 @@ TEST(start, signals_the_process_whose_number_a_left_pid_file_holds_and_gives_up)
   EXPECT_EQ(children::wait_for_end(starter), 0);
   EXPECT_EQ(signal.take(), starter);
   EXPECT_EQ(place.console(), refused_console(place));
-  EXPECT_EQ(masked(place.log()), kRefusedStart);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kRefusedStart);
   EXPECT_EQ(place.read("run.pid"), std::to_string(::getpid()));
   EXPECT_TRUE(place.processes().empty());
 }
@@ -290,7 +290,7 @@ TEST(start, is_given_up_in_order_when_it_is_interrupted_before_the_check) {
   EXPECT_EQ(children::wait_for_end(starter), 0);
   EXPECT_TRUE(place.processes().empty());
   EXPECT_EQ(place.console(), golden::console_start(place));
-  EXPECT_EQ(masked(place.log()), kRefusedStart);
+  EXPECT_EQ(with_times_and_pids_masked(place.log()), kRefusedStart);
   EXPECT_FALSE(place.has("run.pid"));
 }
 

@@ -84,7 +84,7 @@ std::vector<std::string> broken_lines(const installation& place) {
   std::string log = place.log();
   log.erase(log.rfind('\n') + 1);
   std::vector<std::string> broken;
-  for (const std::string& line : lines_of(masked(log))) {
+  for (const std::string& line : lines_of(with_times_and_pids_masked(log))) {
     if (!is_whole(line)) broken.push_back(line);
   }
   return broken;

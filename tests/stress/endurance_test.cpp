@@ -146,7 +146,7 @@ TEST(endurance, writes_every_line_once_and_whole) {
   EXPECT_LE(noted, stress::launches(place));
   EXPECT_GE(noted + programs.size(), stress::launches(place));
 
-  const auto lines = lines_of(masked(place.log()));
+  const auto lines = lines_of(with_times_and_pids_masked(place.log()));
   std::size_t others = 0;
   for (const std::string& line : lines) {
     others += line != "launched sub process PID: <pid> " && line != "<time>" &&

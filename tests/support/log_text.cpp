@@ -47,6 +47,6 @@ std::string with_times_masked(std::string_view log) {
   return with_lines_changed(log, with_time_masked);
 }
 
-std::string masked(std::string_view log) {
+std::string with_times_and_pids_masked(std::string_view log) {
   return with_lines_changed(with_times_masked(log), with_pid_masked);
 }

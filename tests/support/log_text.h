@@ -10,4 +10,4 @@ bool is_time_line(std::string_view text);
 std::string with_times_masked(std::string_view log);
 
 /// The same with "<pid>" in place of the process id in each line of a start or launch, too.
-std::string masked(std::string_view log);
+std::string with_times_and_pids_masked(std::string_view log);
