@@ -106,8 +106,9 @@ std::optional<program_state> parse_state(std::string_view text) {
 state_files::state_files(const std::string& directory, const std::string& name)
     : directory_(directory) {
   if (directory.empty()) return;
-  state_ = notify_directory() + "/" + name + ".state";
-  ready_ = notify_directory() + "/" + name + ".ready";
+  const std::string begin = directory + "/notify/" + name;
+  state_ = begin + ".state";
+  ready_ = begin + ".ready";
 }
 
 void state_files::write(const program_state& state) const {

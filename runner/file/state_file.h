@@ -57,8 +57,6 @@ class state_files final {
 
   /// Of the supervisor.
   [[nodiscard]] const std::string& directory() const { return directory_; }
-  /// Where the files are.
-  [[nodiscard]] std::string notify_directory() const { return directory_ + "/notify"; }
   /// Replaces the state in one step. Failures are silent, as with liveness files.
   void write(const program_state& state) const;
   void set_ready(bool ready) const;

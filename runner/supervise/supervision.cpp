@@ -1,6 +1,5 @@
 #include "runner/supervise/supervision.h"
 
-#include <sys/inotify.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,7 +7,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <tuple>
 #include <utility>
 
 #include "runner/file/process_stat.h"
@@ -22,6 +20,11 @@ namespace {
 constexpr std::chrono::seconds kLeftoversLimit{5};
 constexpr milliseconds kFirstLeftoversPause{10};
 constexpr milliseconds kLongestLeftoversPause{200};
+
+/// How often it is looked whether what is needed is ready. Without a watch: inotify instances are
+/// few for each user, and the supervisor, which cannot do without one, takes them from the same.
+constexpr milliseconds kFirstNeedsPause{10};
+constexpr milliseconds kLongestNeedsPause{500};
 
 /// The section `log`, as far as it says anything.
 std::string text_of_log(const program_file& file) {
@@ -176,22 +179,27 @@ const std::string* supervision::missing_need() const {
 
 void supervision::await_needs() {
   if (file_.program.needs.empty()) return run_before();
-  if (!needs_watch_.valid()) {
-    set_phase(program_phase::needs);
-    phase_limit_ = steady_now() + file_.program.needs_timeout;
-    // First the watch, then the look: what comes in between is seen.
-    needs_watch_.reset(::inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
-    ::inotify_add_watch(needs_watch_.get(), files_.notify_directory().c_str(),
-                        IN_MOVED_TO | IN_CREATE | IN_CLOSE_WRITE);
-  } else {
-    char events[4096];
-    // What is left has the next turn.
-    std::ignore = ::read(needs_watch_.get(), events, sizeof events);
-  }
-  if (missing_need() != nullptr) return;
-  needs_watch_.reset();
+  set_phase(program_phase::needs);
+  needs_limit_ = steady_now() + file_.program.needs_timeout;
+  needs_pause_ = kFirstNeedsPause;
+  look_at_needs();
+}
+
+void supervision::look_at_needs() {
   phase_limit_.reset();
-  run_before();
+  const std::string* const missing = missing_need();
+  if (missing == nullptr) return run_before();
+  const time_point now = steady_now();
+  if (now < needs_limit_) {
+    phase_limit_ = std::min(needs_limit_, now + needs_pause_);
+    needs_pause_ = std::min(needs_pause_ * 2, kLongestNeedsPause);
+    return;
+  }
+  complain({file_.line_of("program", "needs"),
+            "needs",
+            *missing + " is not ready within " + seconds_text(file_.program.needs_timeout) + " s",
+            {}});
+  finish_attempt();
 }
 
 void supervision::run_before() {
@@ -264,7 +272,6 @@ void supervision::finish_attempt() {
   state_.says.clear();
   group_.remove();
   notify_.close();
-  needs_watch_.reset();
   phase_limit_.reset();
   if (is_ending_) {
     is_done_ = true;

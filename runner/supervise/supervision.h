@@ -39,7 +39,7 @@ namespace runner {
 /// what has not begun, and leads through `stopping` and `clearing` out of the loop.
 ///
 /// One thread, one loop, no handlers: signals, ends of processes and everything else are read from
-/// descriptors. While nothing happens it sleeps without a limit.
+/// descriptors. While nothing happens it sleeps without a limit, except in `needs`.
 class supervision final {
  public:
   /// @param path of the program file.
@@ -88,7 +88,7 @@ class supervision final {
   bool open_log();
   void close_log();
   void await_needs();
-  void look_at_needs_last();
+  void look_at_needs();
   [[nodiscard]] const std::string* missing_need() const;
   void run_before();
   void start_program();
@@ -189,7 +189,8 @@ class supervision final {
   pid_t session_ = 0;  ///< The program's, which may outlive it; 0 when that is over.
   unique_fd report_;
   notify_socket notify_;
-  unique_fd needs_watch_;
+  time_point needs_limit_;
+  milliseconds needs_pause_{0};
   std::vector<side_command> sides_;
   std::uint64_t side_count_ = 0;  ///< All that there have been.
   std::vector<remains> remains_;

@@ -74,7 +74,6 @@ void supervision::collect_requests() {
     add_request(link.fd());
   if (former_) add_request(former_->fd());
   add_request(report_.get());
-  add_request(needs_watch_.get());
   add_request(notify_.fd());
   const pollfd question = probe_.request();
   add_request(question.fd, question.events);
@@ -143,7 +142,6 @@ void supervision::handle(int fd) {
   if (fd == signals_.get()) return take_signals();
   if (former_ && fd == former_->fd()) return former_ended();
   if (fd == report_.get()) return take_report();
-  if (fd == needs_watch_.get()) return await_needs();
   if (fd == notify_.fd()) return hear(notify_.take(pid_));
   if (fd == probe_.request().fd) return answered(probe_.go_on());
   link_ended();
@@ -198,23 +196,12 @@ void supervision::look_at_deadlines(time_point now) {
     case program_phase::waiting:
       return begin_attempt();
     case program_phase::needs:
-      return look_at_needs_last();
+      return look_at_needs();
     case program_phase::stopping:
       return stop_took_too_long();
     default:
       phase_limit_.reset();
   }
-}
-
-void supervision::look_at_needs_last() {
-  const std::string* missing = missing_need();
-  // It may have become ready unseen.
-  if (missing == nullptr) return await_needs();
-  complain({file_.line_of("program", "needs"),
-            "needs",
-            *missing + " is not ready within " + seconds_text(file_.program.needs_timeout) + " s",
-            {}});
-  finish_attempt();
 }
 
 void supervision::take_signals() {

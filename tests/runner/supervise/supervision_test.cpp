@@ -6,10 +6,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <utility>
 
 #include "runner/file/process_stat.h"
@@ -86,7 +88,34 @@ void have_killed_children_end_late() {
   };
 }
 
+/// Whether a process has an inotify instance.
+bool has_watch(pid_t pid) {
+  const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
+  return std::any_of(begin(all), end(all), [](const auto& one) {
+    std::error_code gone;
+    return std::filesystem::read_symlink(one, gone) == "anon_inode:inotify";
+  });
+}
+
 }  // namespace
+
+TEST(supervision, waits_for_what_is_needed_without_a_watch_that_others_could_lack) {
+  launcher_place place;
+  place.write("needs = other\nneeds_timeout = 1h\ncommand = sleep 1000\n");
+  place.start();
+  (void)place.wait_phase(program_phase::needs);
+  // What it holds while it waits, it holds by then.
+  ASSERT_TRUE(wait_until([&] { return runner::read_process_stat(place.pid())->state == 'S'; }));
+  EXPECT_FALSE(has_watch(place.pid()));
+  const runner::state_files other(place.directory().path().string(), "other");
+  program_state state;
+  state.phase = program_phase::running;
+  state.launcher = ::getpid();
+  state.launcher_started = runner::read_process_stat(state.launcher)->started;
+  other.write(state);
+  other.set_ready(true);
+  EXPECT_NE(place.wait_phase(program_phase::running).pid, 0);
+}
 
 TEST(supervision, what_is_due_is_done_beside_a_descriptor_that_is_always_ready) {
   launcher_place place;
