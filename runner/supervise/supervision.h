@@ -101,6 +101,9 @@ class supervision final {
   void request_end();
   void end_program(const std::string& why);
   void ask_to_end();
+  /// To all of the program's group, if there is one. @return as `kill`: whether anybody was there.
+  bool signal_group(int signal) const;
+  void look_whether_group_is_over();
   void stop_took_too_long();
   void program_ended(int status);
   void look_at_group();

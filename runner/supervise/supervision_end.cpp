@@ -52,19 +52,29 @@ void supervision::end_program(const std::string& why) {
   if (!file_.stop.command.empty() && start_side(purpose::stop, "stop", "command", limit)) return;
   ask_to_end();
   // One that is stopped could not end.
-  ::kill(-session_, SIGCONT);
+  signal_group(SIGCONT);
+}
+
+bool supervision::signal_group(int signal) const {
+  // Group 0 would be the launcher's own.
+  return session_ > 0 && ::kill(-session_, signal) == 0;
+}
+
+void supervision::look_whether_group_is_over() {
+  // Its number is another's as soon as nobody has it, and a stop command may go on for long.
+  if (pid_ == 0 && session_ > 0 && ::kill(-session_, 0) != 0 && errno == ESRCH) session_ = 0;
 }
 
 void supervision::ask_to_end() {
   // Between its fork and its own session the program has no group. It is not asked twice: many
   // take the second time for a demand to end at once.
-  if (::kill(-session_, file_.stop.signal) != 0 && pid_ > 0) ::kill(pid_, file_.stop.signal);
+  if (!signal_group(file_.stop.signal) && pid_ > 0) ::kill(pid_, file_.stop.signal);
 }
 
 void supervision::stop_took_too_long() {
   phase_limit_.reset();
   say("not ended within " + seconds_text(file_.stop.timeout) + " s: killed");
-  ::kill(-session_, SIGKILL);
+  signal_group(SIGKILL);
   if (pid_ > 0) {
     ::kill(pid_, SIGKILL);
   } else {
@@ -94,14 +104,14 @@ void supervision::program_ended(int status) {
 void supervision::look_at_group() {
   if (pid_ > 0 || has_side(purpose::stop)) return;
   // Whoever is left of the group has been asked to end as well, and gets the same time for it.
-  if (phase_limit_ && ::kill(-session_, 0) == 0) return;
+  if (phase_limit_ && signal_group(0)) return;
   begin_clearing();
 }
 
 void supervision::begin_clearing() {
   phase_limit_.reset();
   set_phase(program_phase::clearing);
-  ::kill(-session_, SIGKILL);
+  signal_group(SIGKILL);
   clear_then(next_step::after);
 }
 

@@ -227,8 +227,10 @@ void supervision::reap() {
   constexpr int kMostAtOnce = 64;
   int status = 0;
   pid_t pid = 0;
-  for (int i = 0; i < kMostAtOnce && (pid = ::waitpid(-1, &status, WNOHANG)) > 0; ++i)
+  for (int i = 0; i < kMostAtOnce && (pid = ::waitpid(-1, &status, WNOHANG)) > 0; ++i) {
     child_ended(pid, status);
+    look_whether_group_is_over();
+  }
   // Whoever is left has the next turn, and no signal tells of it.
   is_reap_due_ = pid > 0;
   if (state_.phase == program_phase::stopping) look_at_group();

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
@@ -85,6 +86,22 @@ void have_killed_children_end_late() {
     next = {ended, *status};
     *status = held.status;
     return std::exchange(held, {}).pid;
+  };
+}
+
+/// From now on, files say that a process group has been found to be over, and that one was
+/// signalled that had been.
+void have_groups_watched(const scratch_dir& place) {
+  faults.kill = [&place, over = pid_t{0}](pid_t pid, int signal) mutable {
+    const int result = real::kill(pid, signal);
+    const int reason = errno;
+    if (pid < -1 && pid == over) place.write("signalled", std::to_string(signal));
+    if (pid < -1 && result != 0 && reason == ESRCH) {
+      over = pid;
+      place.write("over", std::to_string(pid));
+    }
+    errno = reason;
+    return result;
   };
 }
 
@@ -205,6 +222,20 @@ TEST(supervision, what_comes_before_a_program_is_no_life_of_it) {
     return state && state->attempt >= 2;
   }));
   EXPECT_EQ(place.wait_text("lived", "0\n"), "0\n");
+}
+
+TEST(supervision, a_group_that_is_over_is_not_signalled_though_the_stop_command_goes_on) {
+  launcher_place place;
+  place.write(
+      "command = sleep 1000\n[stop]\nshell = yes\ntimeout = 1h\n"
+      "command = kill $PID; until test -e go; do sleep 0.01; done\n");
+  place.start([&] { have_groups_watched(place.directory()); });
+  const program_state state = place.wait_phase(program_phase::running);
+  place.send(SIGUSR2);
+  EXPECT_EQ(place.wait_text("over", std::to_string(-state.pid)), std::to_string(-state.pid));
+  place.directory().write("go", "");
+  ASSERT_TRUE(place.wait_end());
+  EXPECT_EQ(place.directory().read("signalled"), "");
 }
 
 TEST(supervision, what_a_killed_question_says_is_no_answer_to_the_next_one) {
