@@ -46,10 +46,12 @@ bool rotated_files::add() {
   const std::int64_t moment = std::max(wall_now(), last + 1);
   if (std::rename(path_.c_str(), file(moment).c_str()) != 0) return false;
   entries_.push_back({moment, true});
+  is_newest_written_ = true;
   return true;
 }
 
 void rotated_files::tidy() {
+  is_newest_written_ = false;
   while (entries_.size() > keep_) {
     ::unlink(file(entries_.front().moment).c_str());
     ::unlink(compressed(entries_.front().moment).c_str());
@@ -61,7 +63,7 @@ void rotated_files::tidy() {
 void rotated_files::compress_next() {
   if (!compress_ || compressor_ != 0) return;
   for (auto one = entries_.rbegin(); one != entries_.rend(); ++one) {
-    if (!one->to_compress) continue;
+    if (!one->to_compress || (is_newest_written_ && one == entries_.rbegin())) continue;
     one->to_compress = false;
     if (compress(one->moment) && compressor_ != 0) return;
   }

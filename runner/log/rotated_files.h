@@ -26,10 +26,11 @@ class rotated_files final {
 
   /// Finds those of earlier runs and finishes what was left half done.
   void find();
-  /// Gives the file at the log's path, which is there, a name of a rotated one.
+  /// Gives the file at the log's path, which is there, a name of a rotated one. Until `tidy` it may
+  /// be written on.
   /// @return false when that fails; the error number says why.
   [[nodiscard]] bool add();
-  /// Removes those that are too many and begins to compress.
+  /// Removes those that are too many and begins to compress. None of them is written any more.
   void tidy();
 
   [[nodiscard]] pid_t compressor() const { return compressor_; }
@@ -57,6 +58,7 @@ class rotated_files final {
   bool compress_;
   own_lines& messages_;
   std::vector<entry> entries_;  ///< Oldest first.
+  bool is_newest_written_ = false;
   pid_t compressor_ = 0;
   std::int64_t compressing_ = 0;  ///< The moment of the file that it compresses.
 };

@@ -141,12 +141,13 @@ void rotating_file::rotate() {
     return;
   }
   reopen();
-  rotated_.tidy();
 }
 
 void rotating_file::reopen() {
   if (open()) {
     has_complained_ = false;
+    // Only now: until there is another file, the newest of them is written on.
+    rotated_.tidy();
     return;
   }
   // What was open stays so: better a file of another name than none.

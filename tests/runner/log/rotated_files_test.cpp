@@ -134,6 +134,22 @@ TEST(rotated_files, compresses_one_at_a_time_and_all_in_the_end) {
   EXPECT_EQ(log.place.rotated_texts(), (texts{"1", "2", "3"}));
 }
 
+TEST(rotated_files, leaves_the_newest_as_it_is_until_it_is_not_written_any_more) {
+  rotation log(10, true);
+  log.add("1");
+  log.place.directory().write("x.log", "2");
+  ASSERT_TRUE(log.files.add());
+  log.finish();
+  const auto rotated = log.place.rotated();
+  ASSERT_EQ(rotated.size(), 2U);
+  EXPECT_EQ(rotated[0].what, kind::compressed);
+  EXPECT_EQ(rotated[1].what, kind::plain);
+  log.files.tidy();
+  log.finish();
+  EXPECT_EQ(log.place.rotated().back().what, kind::compressed);
+  EXPECT_EQ(log.place.rotated_texts(), (texts{"1", "2"}));
+}
+
 TEST(rotated_files, does_not_bring_back_what_was_removed_while_it_was_compressed) {
   rotation log(1, true);
   log.add("1");

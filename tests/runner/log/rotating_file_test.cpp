@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <optional>
 
+#include "tests/common/misc/process_state.h"
 #include "tests/runner/log/log_place.h"
 #include "tests/runner/log/moved_clock.h"
 #include "tests/support/in_child.h"
@@ -246,6 +247,24 @@ TEST(rotating_file, writes_on_to_what_it_has_when_the_directory_goes) {
   log.write("eee\n");
   EXPECT_EQ(log.place.everything(), "aaa\nbbb\nccc\nddd\neee\n");
   EXPECT_TRUE(log.messages.empty());
+}
+
+TEST(rotating_file, keeps_what_it_writes_on_while_no_new_file_can_be_opened) {
+  moved_clock clock;
+  log_under_test log(8);
+  log.settings.keep = 0;
+  log.open();
+  log.write("aaa\nbbb\n");
+  {
+    const no_more_descriptors limit;
+    log.write("ccc\n");
+  }
+  EXPECT_FALSE(log.place.directory().has("x.log"));
+  EXPECT_EQ(log.place.rotated_texts(), texts{"aaa\nbbb\nccc\n"});
+  clock.advance(kAWhile);
+  log.write("ddd\n");
+  EXPECT_TRUE(log.place.rotated().empty());
+  EXPECT_EQ(log.place.now(), "ddd\n");
 }
 
 TEST(rotating_file, says_once_that_it_cannot_be_rotated_and_grows) {
