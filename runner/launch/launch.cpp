@@ -26,6 +26,7 @@ struct prepared {
   std::vector<std::string> candidates;  ///< Where the command may be.
   std::vector<char*> arguments;
   std::vector<char*> environment;
+  const char* name;  ///< That the process is to have, without directories.
   pid_t launcher;
 };
 
@@ -49,6 +50,12 @@ std::vector<std::string> find_candidates(const std::string& command, const std::
     at = end + 1;
   }
   return candidates;
+}
+
+/// The end of the command's path, which lives as long as that.
+const char* name_of(const std::string& command) {
+  // All of it, when there is no "/".
+  return command.c_str() + (command.rfind('/') + 1);
 }
 
 [[noreturn]] void fail(int report, launch_step step, std::size_t limit = 0) {
@@ -134,6 +141,8 @@ void execute(const prepared& ready, int report) {
 
 [[noreturn]] void become_program(const prepared& ready, int report) {
   const program_section& wanted = ready.order.file.program;
+  // Before all else: with the launcher's name it would be found, and signalled, in its place.
+  ::prctl(PR_SET_NAME, ready.name);
   ::setsid();
   reset_signals();
   set_descriptors(ready.order, report);
@@ -213,7 +222,10 @@ place_in_file place_of(const launch_failure& failure, const launch_order& order)
 launched launch(const launch_order& order) {
   const prepared ready{order,
                        find_candidates(order.words.front(), variable_of(order.environment, "PATH")),
-                       pointers_to(order.words), pointers_to(order.environment), ::getpid()};
+                       pointers_to(order.words),
+                       pointers_to(order.environment),
+                       name_of(order.words.front()),
+                       ::getpid()};
   launched result;
   int ends[2] = {-1, -1};
   if (::pipe2(ends, O_CLOEXEC) != 0) {

@@ -1,11 +1,13 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -70,6 +72,24 @@ TEST(launch, executes_a_command_that_is_found_in_the_programs_path) {
     const started result = run({"sh", "-c", "exit 3"}, in_root());
     EXPECT_EQ(result.failure.step, launch_step::none);
     EXPECT_EQ(result.status, 3 << 8);
+  });
+}
+
+TEST(launch, what_is_started_has_the_launchers_name_at_no_time) {
+  in_child([] {
+    ::prctl(PR_SET_NAME, "kmd_launcher");
+    // All that is written is the OOM score, in the new process and before the command.
+    faults.write = [](int fd, const void* text, std::size_t size) {
+      std::ofstream("name") << read_file("/proc/self/comm");
+      return real::write(fd, text, size);
+    };
+    program_file file = in_root();
+    file.program.oom_score = 1000;
+    EXPECT_EQ(run({"true"}, file).failure.step, launch_step::none);
+    EXPECT_EQ(read_file("name"), "true\n");
+    EXPECT_EQ(run({"/usr/bin/sleep", "0"}, file).failure.step, launch_step::none);
+    EXPECT_EQ(read_file("name"), "sleep\n");
+    EXPECT_EQ(read_file("/proc/self/comm"), "kmd_launcher\n");
   });
 }
 
