@@ -5,11 +5,12 @@
 namespace runner {
 
 pacing::verdict pacing::ended(std::optional<milliseconds> lived) {
-  // Without a first pause there is one from the second time on: nothing may turn into a hot loop.
+  // Without a first pause there is one from the second time on, and however short a steady life may
+  // be, the next start is not nearer than that to the last: nothing may turn into a hot loop.
   constexpr milliseconds kLeast{100};
   if (lived && *lived >= wanted_.steady) {
     failures_ = 0;
-    return {false, wanted_.delay};
+    return {false, std::max(wanted_.delay, kLeast - *lived)};
   }
   ++failures_;
   if (wanted_.give_up > 0 && failures_ >= wanted_.give_up) return {true, milliseconds(0)};

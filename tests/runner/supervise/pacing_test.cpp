@@ -91,5 +91,14 @@ TEST(pacing, what_was_not_executed_has_not_lived_however_little_is_asked_for) {
   program.fail();
   EXPECT_EQ(program.fail().pause, 100ms);
   EXPECT_EQ(program.fail().pause, 200ms);
-  EXPECT_EQ(program.live(0ms).pause, 1ms);
+  EXPECT_EQ(program.live(100ms).pause, 1ms);
+}
+
+TEST(pacing, lives_that_are_steady_however_short_they_are_do_not_begin_in_a_hot_loop) {
+  lives program(wanted(0ms, 60s, 0ms));
+  EXPECT_EQ(program.live(0ms).pause, 100ms);
+  EXPECT_EQ(program.live(30ms).pause, 70ms);
+  EXPECT_EQ(program.live(100ms).pause, 0ms);
+  EXPECT_EQ(program.live(1h).pause, 0ms);
+  EXPECT_EQ(program.failures(), 0U);
 }
