@@ -33,6 +33,7 @@ struct identity {
   std::string name;  ///< The user's, if he has one.
   std::string home;
   std::string shell;
+  bool are_groups_named = false;  ///< The file lists the groups; else they are the account's.
 };
 
 struct resource_limit {

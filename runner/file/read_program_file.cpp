@@ -207,6 +207,7 @@ class meaning_reader final {
     who.groups = known_.groups_of(who.name, *who.gid);
     const auto* const groups = out_.settings.find("program", "groups");
     if (groups == nullptr) return;
+    who.are_groups_named = true;
     who.groups = {*who.gid};
     for (const std::string& name : split_names(groups->value)) {
       if (const auto gid = known_.find_group(name)) who.groups.push_back(*gid);

@@ -27,6 +27,7 @@ struct prepared {
   std::vector<char*> arguments;
   std::vector<char*> environment;
   const char* name;  ///< That the process is to have, without directories.
+  bool changes_identity;
   pid_t launcher;
 };
 
@@ -56,6 +57,37 @@ std::vector<std::string> find_candidates(const std::string& command, const std::
 const char* name_of(const std::string& command) {
   // All of it, when there is no "/".
   return command.c_str() + (command.rfind('/') + 1);
+}
+
+/// The effective group of this process and its supplementary ones.
+std::vector<gid_t> own_groups() {
+  std::vector<gid_t> groups(static_cast<std::size_t>(std::max(::getgroups(0, nullptr), 0)));
+  const int count = ::getgroups(static_cast<int>(groups.size()), groups.data());
+  groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+  groups.push_back(::getegid());
+  return groups;
+}
+
+/// Whether this process has all groups that the file lists. One that comes with the account may
+/// have been given to that later, and is not asked for.
+bool has_named_groups(const identity& who) {
+  if (!who.are_groups_named) return true;
+  const std::vector<gid_t> own = own_groups();
+  return std::all_of(who.groups.begin(), who.groups.end(), [&](gid_t wanted) {
+    return std::find(own.begin(), own.end(), wanted) != own.end();
+  });
+}
+
+bool is_already(const identity& who) {
+  const bool same_user = !who.uid || (*who.uid == ::getuid() && *who.uid == ::geteuid());
+  const bool same_group = !who.gid || (*who.gid == ::getgid() && *who.gid == ::getegid());
+  return same_user && same_group && has_named_groups(who);
+}
+
+bool has_to_change(const identity& who) {
+  if (!who.uid && !who.gid) return false;
+  // Whoever is nobody else already, and not root, needs no power for it.
+  return ::geteuid() == 0 || !is_already(who);
 }
 
 [[noreturn]] void fail(int report, launch_step step, std::size_t limit = 0) {
@@ -107,16 +139,7 @@ void set_power(const launch_order& order, int report) {
   }
 }
 
-bool is_already(const identity& who) {
-  const bool same_user = !who.uid || (*who.uid == ::getuid() && *who.uid == ::geteuid());
-  const bool same_group = !who.gid || (*who.gid == ::getgid() && *who.gid == ::getegid());
-  return same_user && same_group;
-}
-
 void set_identity(const identity& who, int report) {
-  if (!who.uid && !who.gid) return;
-  // Whoever is nobody else already, and not root, needs no power for it.
-  if (::geteuid() != 0 && is_already(who)) return;
   if (::setgroups(who.groups.size(), who.groups.data()) != 0) fail(report, launch_step::groups);
   if (who.gid && ::setresgid(*who.gid, *who.gid, *who.gid) != 0) fail(report, launch_step::group);
   if (!who.uid) return;
@@ -149,7 +172,7 @@ void execute(const prepared& ready, int report) {
   ::umask(wanted.umask);
   set_power(ready.order, report);
   if (::chdir(wanted.directory.c_str()) != 0) fail(report, launch_step::directory);
-  set_identity(wanted.who, report);
+  if (ready.changes_identity) set_identity(wanted.who, report);
   // After the user, whose change makes the kernel forget it.
   if (::prctl(PR_SET_PDEATHSIG, SIGKILL) != 0) fail(report, launch_step::death_signal);
   if (::getppid() != ready.launcher) ::_exit(127);
@@ -225,6 +248,7 @@ launched launch(const launch_order& order) {
                        pointers_to(order.words),
                        pointers_to(order.environment),
                        name_of(order.words.front()),
+                       has_to_change(order.file.program.who),
                        ::getpid()};
   launched result;
   int ends[2] = {-1, -1};

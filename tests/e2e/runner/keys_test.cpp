@@ -200,6 +200,9 @@ TEST(runner_keys, an_ordinary_user_may_not_become_another) {
   runner_place place;
   const std::string user = place.add("[program]\ncommand = sleep 1000\nuser = root\n");
   const std::string group = place.add("[program]\ncommand = sleep 1000\ngroup = 0\n");
+  const std::string self =
+      place.add("[program]\ncommand = sleep 1000\nuser = " + std::to_string(::getuid()) +
+                "\ngroup = " + std::to_string(::getgid()) + "\ngroups = 0\n");
   const std::string nice = place.add("[program]\ncommand = sleep 1000\nnice = -20\n");
   const std::string score = place.add("[program]\ncommand = sleep 1000\noom_score = -500\n");
   place.start();
@@ -212,6 +215,7 @@ TEST(runner_keys, an_ordinary_user_may_not_become_another) {
       ": Operation not permitted; only a supervisor that runs as root may do that";
   expect(user, ":4: user: cannot ", why);
   expect(group, ":4: group: cannot ", why);
+  expect(self, ":6: groups: cannot have its groups", why);
   expect(nice, ":4: nice: cannot set it", ": Permission denied");
   expect(score, ":4: oom_score: cannot set it", ": Permission denied");
 }

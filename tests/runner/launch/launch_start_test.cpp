@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <grp.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/prctl.h>
@@ -138,6 +139,34 @@ TEST(launch, says_what_it_failed_in) {
     file.program.who.gid = 0;
     const launch_step step = failure_of({"true"}, file).first;
     EXPECT_TRUE(step != launch_step::none && step != launch_step::command);
+  });
+}
+
+TEST(launch, an_ordinary_user_who_is_named_gets_no_groups_that_he_has_not) {
+  in_child([] {
+    const gid_t other[] = {54323};
+    if (::geteuid() == 0) {
+      ASSERT_EQ(::setgroups(1, other), 0);
+    }
+    make_ordinary();
+    const std::string user = std::to_string(::geteuid());
+    const std::string group = std::to_string(::getegid());
+    std::vector<gid_t> own(static_cast<std::size_t>(::getgroups(0, nullptr)));
+    ASSERT_GE(::getgroups(static_cast<int>(own.size()), own.data()), 0);
+    own.push_back(::getegid());
+    const auto failure_with = [&](const std::string& groups) {
+      const auto read =
+          runner::read_program_text("[program]\ncommand = true\ndirectory = /\nuser = " + user +
+                                        "\ngroup = " + group + "\n" + groups,
+                                    "/srv/programs/kmd_x");
+      EXPECT_TRUE(read.findings.empty());
+      return failure_of({"true"}, read.settings);
+    };
+    const auto nothing = std::pair(launch_step::none, 0);
+    EXPECT_EQ(failure_with(""), nothing);
+    for (const gid_t one : own)
+      EXPECT_EQ(failure_with("groups = " + std::to_string(one) + "\n"), nothing);
+    EXPECT_EQ(failure_with("groups = 54324\n"), std::pair(launch_step::groups, EPERM));
   });
 }
 
