@@ -11,6 +11,7 @@
 #include "control/config/program_list.h"
 #include "control/proc/process_table.h"
 #include "control/site/snapshot.h"
+#include "runner/file/program_file.h"
 
 namespace control {
 
@@ -47,6 +48,11 @@ std::size_t line_of(const ini_document& document, const std::string& section,
 /// Whether `name`, as the pattern that `pgrep` takes it for, matches a process of that name.
 /// Nothing matches a pattern that is none.
 bool matches_as_pattern(const std::string& name, const std::string& process_name);
+/// Why "stop" would signal what a program file runs, and not keelmond-run alone. Empty when the
+/// name of its entry does not fit its command.
+std::string why_command_is_hit(const std::string& name, const runner::program_file& file);
+/// The first line of a script, as far as the kernel reads it; empty when nobody may read the file.
+std::string first_line_of(const std::string& path);
 /// Whether the shell takes the text as one word and leaves it as it is.
 bool is_plain_word(std::string_view text);
 

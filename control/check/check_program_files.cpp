@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "control/check/check_config.h"
+#include "control/site/running_programs.h"
 #include "runner/file/program_file.h"
 
 namespace control {
@@ -14,14 +15,6 @@ namespace {
 
 /// The longest first line of a script that the kernel reads.
 constexpr std::size_t kLongestFirstLine = 256;
-
-std::string first_line_of(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::string line(kLongestFirstLine, '\0');
-  file.read(line.data(), static_cast<std::streamsize>(line.size()));
-  line.resize(static_cast<std::size_t>(std::max<std::streamsize>(file.gcount(), 0)));
-  return line.substr(0, line.find_first_of("\r\n"));
-}
 
 /// The path behind "#!".
 std::string interpreter_of(const std::string& line) {
@@ -53,7 +46,29 @@ void check_needs(const check_subject& subject, const listed_program& program,
   }
 }
 
+void check_command(const listed_program& program, const runner::program_file& file, findings& out) {
+  const std::string why = why_command_is_hit(program.name, file);
+  if (why.empty()) return;
+  out.fail_in(program.exepath, file.line_of("program", "command"), why,
+              "give this file and its entry another name");
+}
+
 }  // namespace
+
+std::string first_line_of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string line(kLongestFirstLine, '\0');
+  file.read(line.data(), static_cast<std::streamsize>(line.size()));
+  line.resize(static_cast<std::size_t>(std::max<std::streamsize>(file.gcount(), 0)));
+  return line.substr(0, line.find_first_of("\r\n"));
+}
+
+std::string why_command_is_hit(const std::string& name, const runner::program_file& file) {
+  const std::string seen = process_name_of(file.program.command.front());
+  if (!matches_as_pattern(name, seen)) return "";
+  return "the name " + name + " fits its own command " + seen +
+         ": \"stop\" would hit it past keelmond-run";
+}
 
 void check_program_files(const check_subject& subject, findings& out) {
   std::set<std::string> seen;
@@ -70,7 +85,9 @@ void check_program_files(const check_subject& subject, findings& out) {
       out.fail_in(program.exepath, one.line, (one.key.empty() ? "" : one.key + ": ") + one.text,
                   one.remedy);
     }
-    if (read.findings.empty()) check_needs(subject, program, read.settings, out);
+    if (!read.findings.empty()) continue;
+    check_command(program, read.settings, out);
+    check_needs(subject, program, read.settings, out);
   }
 }
 

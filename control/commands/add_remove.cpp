@@ -30,6 +30,16 @@ std::string path_of(const session& here, const add_options& options) {
   return options.exepath.empty() ? here.place.directory + "/" + options.name : options.exepath;
 }
 
+/// What a program file runs must not be signalled in the place of keelmond-run.
+void require_out_of_reach(const listed_program& program) {
+  if (!runner::is_program_file(first_line_of(program.exepath))) return;
+  const runner::program_file_result read = runner::read_program_file(program.exepath);
+  if (!read.findings.empty()) return;
+  const std::string why = why_command_is_hit(program.name, read.settings);
+  if (why.empty()) return;
+  throw failure(why + ": give the file and the entry another name. Nothing was changed");
+}
+
 void require_runnable(const session& here, const add_options& options) {
   listed_program program;
   program.name = options.name;
@@ -46,10 +56,12 @@ void require_runnable(const session& here, const add_options& options) {
         "Nothing was changed");
   }
   const std::string seen = process_name_of(program.exepath);
-  if (matches_as_pattern(program.name, seen)) return;
-  throw failure("pgrep would see the program as " + seen +
-                ", so that keelmond could not stop it as " + options.name +
-                ": name the entry like the file. Nothing was changed");
+  if (!matches_as_pattern(program.name, seen)) {
+    throw failure("pgrep would see the program as " + seen +
+                  ", so that keelmond could not stop it as " + options.name +
+                  ": name the entry like the file. Nothing was changed");
+  }
+  require_out_of_reach(program);
 }
 
 void require_unrelated(const session& here, const snapshot& now, const std::string& name) {

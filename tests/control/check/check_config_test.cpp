@@ -169,6 +169,19 @@ TEST_F(check_config, finds_names_that_reach_somebody_else) {
   EXPECT_EQ(place_of(kClean, "(PID 77)"), "none");
 }
 
+TEST_F(check_config, finds_program_files_whose_command_stop_would_hit) {
+  const auto place_with = [&](const std::string& command) {
+    scratch_.write("kmd_web", "#!/usr/bin/keelmond-run\n[program]\n" + command + "\n");
+    return place_of(kClean, "fits its own command");
+  };
+  EXPECT_EQ(place_with("command = /opt/kmd_web.py --port 80"), "3e");
+  EXPECT_EQ(place_with("umask = 022\ncommand = my_kmd_web"), "4e");
+  // pgrep sees 15 characters of a name, and no arguments.
+  EXPECT_EQ(place_with("command = /opt/one_long_name_kmd_web"), "none");
+  EXPECT_EQ(place_with("command = /opt/kmd_web/server kmd_web"), "none");
+  EXPECT_EQ(place_with("shell = yes\ncommand = exec kmd_web.py"), "none");
+}
+
 TEST_F(check_config, finds_programs_that_cannot_be_run) {
   const auto path = [&](const std::string& exepath) {
     return with(kClean, "state = run", "exepath = " + exepath + "\nstate = run");

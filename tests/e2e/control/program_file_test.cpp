@@ -69,6 +69,7 @@ TEST(control_add, leaves_no_file_behind_for_what_it_refuses) {
   is_refused({"--log", "out.log"}, "go with a command");
   is_refused({"--set", "stop.timeout=soon", "--", "sleep", "5"}, "timeout: \"soon\"");
   is_refused({"--set", "stop.timeout=1s"}, "command: there is no command");
+  is_refused({"--", "./" + here.name + ".py"}, "fits its own command " + here.name + ".py");
   is_refused({"--exepath", "/nonexistent/file", "--", "sleep", "5"}, "cannot write");
   write_file(here.place.site() / here.name, "mine");
   EXPECT_TRUE(contains(here.add({"--", "sleep", "5"}).errors, "is there already"));
