@@ -60,7 +60,6 @@ class environment_reader final {
     if (at_end() || here() != '=') return fail(first_line, "there is no \"=\" in it");
     if (!is_variable_name(name)) return fail(first_line, "no variable can be called that");
     step();
-    skip_blanks();
     take_value(first_line);
     if (value_.find('\0') != std::string::npos) fail(first_line, "a value holds a zero byte");
     if (fault_.line == 0) out_.emplace_back(name, value_);
@@ -69,14 +68,12 @@ class environment_reader final {
   void take_value(std::size_t first_line) {
     value_.clear();
     kept_ = 0;
+    take_quoted_parts(first_line);
+    // From here on a quote is a character like any other, as in {"a": 1}.
     while (!at_end()) {
       const char c = step();
       if (c == '\n') break;
-      if (c == '\'') {
-        take_single_quoted(first_line);
-      } else if (c == '"') {
-        take_double_quoted(first_line);
-      } else if (c == '\\') {
+      if (c == '\\') {
         take_escaped();
       } else {
         value_ += c;
@@ -84,6 +81,17 @@ class environment_reader final {
       }
     }
     value_.resize(kept_);
+  }
+
+  /// What a value begins with, one quoted part after another.
+  void take_quoted_parts(std::size_t first_line) {
+    for (skip_blanks(); !at_end() && (here() == '\'' || here() == '"'); skip_blanks()) {
+      if (step() == '"') {
+        take_double_quoted(first_line);
+      } else {
+        take_single_quoted(first_line);
+      }
+    }
   }
 
   void take_single_quoted(std::size_t first_line) {
@@ -117,8 +125,7 @@ class environment_reader final {
   void take_escaped() {
     if (at_end()) return;
     const char c = step();
-    if (c == '\n') return;
-    value_ += c;
+    if (c != '\n') value_ += c;
     kept_ = value_.size();
   }
 

@@ -36,13 +36,23 @@ TEST(environment_file, comments_and_empty_lines_do_not_count) {
 }
 
 TEST(environment_file, quotes_keep_blanks_and_lines) {
-  EXPECT_EQ(variables_of("A=\" x \"\nB='y\nz'\nC=a'b c'\"d\"  \n"),
-            (environment_list{{"A", " x "}, {"B", "y\nz"}, {"C", "ab cd"}}));
+  EXPECT_EQ(variables_of("A=\" x \"\nB='y\nz'\nC= 'b c' \"d\"  \nD=''\n"),
+            (environment_list{{"A", " x "}, {"B", "y\nz"}, {"C", "b cd"}, {"D", ""}}));
+}
+
+TEST(environment_file, quotes_count_only_where_a_value_begins) {
+  EXPECT_EQ(variables_of("A={\"a\": \"it's\"}\nB=--title=\"x y\"\nC=a'b c'\"d\"  \nD='b'c\"d\""),
+            (environment_list{{"A", "{\"a\": \"it's\"}"},
+                              {"B", "--title=\"x y\""},
+                              {"C", "a'b c'\"d\""},
+                              {"D", "bc\"d\""}}));
 }
 
 TEST(environment_file, backslashes_join_lines_and_quote) {
   EXPECT_EQ(variables_of("A=one\\\ntwo\nB=a\\ \nC=\"\\\"\\$\\x\"\nD='\\x'\n"),
             (environment_list{{"A", "onetwo"}, {"B", "a "}, {"C", "\"$\\x"}, {"D", "\\x"}}));
+  EXPECT_EQ(variables_of("A=\\'a b\\'\nB=\\\n 'x y'\nC=a \\\n"),
+            (environment_list{{"A", "'a b'"}, {"B", " 'x y'"}, {"C", "a "}}));
 }
 
 TEST(environment_file, nothing_is_expanded) {
