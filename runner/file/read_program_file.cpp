@@ -238,6 +238,10 @@ class meaning_reader final {
       // Whichever of the two came last has won so far.
       log_is_wrong_ = log_is_wrong_ || !log.file.empty();
       fail_log_keys("it means nothing with to = " + target->value, "leave it out");
+    } else if (!log.file.empty() && log.stderr_file == log.file) {
+      // Two who rotate one file would take it from each other.
+      log_is_wrong_ = true;
+      fail("log", "stderr", "it is the log itself", "write stderr = same");
     }
   }
 

@@ -149,6 +149,7 @@ TEST(program_file, every_value_that_cannot_be_understood_is_told_with_what_would
       {"[restart]\ndelay = 2m", "delay: delay is above longest"},
       {"[log]\nsize = 10M", "size: it needs a file; add file = PATH to [log]"},
       {"[log]\nto = syslog\nfile = x", "file: it means nothing with to = syslog"},
+      {"[log]\nfile = x\nstderr = /srv/x", "stderr: it is the log itself; write stderr = same"},
       {"[ready]\ntimeout = 3", "timeout: nothing in [ready] says how to ask; add tcp"},
       {"[ready]\ntcp = 1\nfile = x", "file: there is another way to ask in this section"},
   };
