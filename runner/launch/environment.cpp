@@ -28,6 +28,11 @@ bool concerns_launcher(std::string_view name) {
          name == "LISTEN_FDS" || name == "LISTEN_PID" || name == "LISTEN_FDNAMES";
 }
 
+/// What says who the user is.
+bool says_who(std::string_view name) {
+  return name == "USER" || name == "LOGNAME" || name == "HOME" || name == "SHELL";
+}
+
 }  // namespace
 
 std::vector<std::string> build_environment(const program_file& file, const char* const* inherited,
@@ -47,6 +52,9 @@ std::vector<std::string> build_environment(const program_file& file, const char*
     set(list, "LOGNAME", who.name);
     set(list, "HOME", who.home);
     set(list, "SHELL", who.shell.empty() ? "/bin/sh" : who.shell);
+  } else if (who.uid) {
+    // Nothing says what he is called and where he lives, and the supervisor's own is wrong.
+    std::erase_if(list, [](const std::string& one) { return says_who(name_of(one)); });
   }
   for (const auto& [name, value] : file.environment.variables)
     set(list, name, value);

@@ -43,6 +43,19 @@ TEST(environment, another_user_has_a_home_of_his_own) {
                    "SHELL=/bin/sh"}));
 }
 
+TEST(environment, a_user_without_a_name_has_not_that_of_another) {
+  constexpr const char* kOfRoot[] = {"HOME=/root", "PATH=/bin",    "USER=root", "SHELL=/bin/bash",
+                                     "A=1",        "LOGNAME=root", nullptr};
+  program_file file;
+  file.program.who.uid = 4711;
+  file.program.who.gid = 4711;
+  EXPECT_EQ(build_environment(file, kOfRoot), (texts{"PATH=/bin", "A=1"}));
+  file.environment.variables = {{"HOME", "/srv/shop"}};
+  EXPECT_EQ(build_environment(file, kOfRoot), (texts{"PATH=/bin", "A=1", "HOME=/srv/shop"}));
+  file.program.who.uid.reset();
+  EXPECT_EQ(build_environment(file, kOfRoot).size(), 6U);
+}
+
 TEST(environment, names_are_compared_whole) {
   EXPECT_EQ(runner::variable_of({"AB=1", "A=2"}, "A"), "2");
   EXPECT_EQ(runner::variable_of({"AB=1"}, "A"), "");
