@@ -274,8 +274,10 @@ launch_failure read_report(int report) {
 file_finding describe(const launch_failure& failure, const launch_order& order) {
   const place_in_file place = place_of(failure, order);
   const bool is_power = failure.step == launch_step::nice || failure.step == launch_step::oom_score;
-  const bool needs_root = (failure.error == EPERM && failure.step != launch_step::command) ||
-                          (failure.error == EACCES && is_power);
+  // Root itself is refused what nobody may do, such as a limit above that of the kernel.
+  const bool needs_root =
+      ::geteuid() != 0 && ((failure.error == EPERM && failure.step != launch_step::command) ||
+                           (failure.error == EACCES && is_power));
   return {order.file.line_of(place.section, place.key), place.key,
           place.text + ": " + std::strerror(failure.error),
           needs_root ? "only a supervisor that runs as root may do that" : ""};

@@ -60,6 +60,15 @@ std::pair<launch_step, int> failure_of(const command_words& words, const program
   return {result.failure.step, result.failure.error};
 }
 
+/// What is advised after a failure.
+std::string remedy_of(const launch_failure& failure) {
+  const command_words words{"true"};
+  program_file file;
+  file.limits.resources.push_back({RLIMIT_NOFILE, {1U << 31, 1U << 31}, 4});
+  const std::vector<std::string> environment;
+  return runner::describe(failure, {words, file, environment}).remedy;
+}
+
 void make_ordinary() {
   if (::geteuid() != 0) return;
   ASSERT_EQ(::setresgid(54321, 54321, 54321), 0);
@@ -182,6 +191,22 @@ TEST(launch, says_which_limit_cannot_be_set) {
     EXPECT_EQ(result.failure.step, launch_step::limit);
     EXPECT_EQ(result.failure.limit, 1);
   });
+}
+
+TEST(launch, tells_who_is_not_root_what_only_root_may_do) {
+  in_child([] {
+    make_ordinary();
+    const std::string told = "only a supervisor that runs as root may do that";
+    EXPECT_EQ(remedy_of({launch_step::nice, EACCES, 0}), told);
+    EXPECT_EQ(remedy_of({launch_step::user, EPERM, 0}), told);
+    EXPECT_EQ(remedy_of({launch_step::limit, EPERM, 0}), told);
+    EXPECT_EQ(remedy_of({launch_step::command, EACCES, 0}), "");
+  });
+}
+
+TEST(launch, does_not_tell_root_to_be_root) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root is refused what nobody may do";
+  EXPECT_EQ(remedy_of({launch_step::limit, EPERM, 0}), "");
 }
 
 TEST(launch, does_not_start_what_cannot_enter_its_control_group) {

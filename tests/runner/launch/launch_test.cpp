@@ -69,10 +69,3 @@ TEST(launch, a_failure_of_another_command_names_that) {
   EXPECT_EQ(runner::in_one_line("f", finding),
             "f:4: command: cannot execute missing: No such file or directory");
 }
-
-TEST(launch, what_only_root_may_do_is_told) {
-  const std::string told = "only a supervisor that runs as root may do that";
-  EXPECT_EQ(describe("nice = -5\n", {launch_step::nice, EACCES, 0}).remedy, told);
-  EXPECT_EQ(describe("user = 1\ngroup = 1\n", {launch_step::user, EPERM, 0}).remedy, told);
-  EXPECT_EQ(describe("", {launch_step::command, EACCES, 0}).remedy, "");
-}
