@@ -47,7 +47,8 @@ bool is_program_file(std::string_view text) {
   constexpr std::string_view kInterpreter = "keelmond-run";
   const std::string_view first = text.substr(0, text.find('\n'));
   if (!first.starts_with("#!")) return false;
-  const std::size_t at = first.find(kInterpreter);
+  // The directory may have the name as well, with a version behind it.
+  const std::size_t at = first.rfind(kInterpreter);
   if (at == std::string_view::npos) return false;
   const char before = first[at - 1];
   const std::string_view rest = first.substr(at + kInterpreter.size());

@@ -243,7 +243,8 @@ TEST(program_file, an_environment_file_that_is_none_is_refused) {
 
 TEST(program_file, is_known_by_its_first_line) {
   for (const char* const yes : {"#!/usr/bin/keelmond-run\n[program]", "#! /opt/keelmond-run",
-                                "#!/usr/bin/env keelmond-run\n", "#!/usr/bin/keelmond-run\r\n"})
+                                "#!/usr/bin/env keelmond-run\n", "#!/usr/bin/keelmond-run\r\n",
+                                "#!/opt/keelmond-run-1.0/bin/keelmond-run\n"})
     EXPECT_TRUE(runner::is_program_file(yes)) << yes;
   for (const char* const no : {"", "#!/bin/sh\n# keelmond-run", "/usr/bin/keelmond-run",
                                "#!/usr/bin/keelmond-runner\n", "#!/usr/bin/my-keelmond-run2"})
