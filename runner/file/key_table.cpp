@@ -88,6 +88,10 @@ bool take_needs(reading& into, const entry& given) {
     return name.find('/') == std::string::npos && name.front() != '.';
   };
   const auto& needs = into.file.program.needs;
+  if (std::find(needs.begin(), needs.end(), into.file.log.name) != needs.end()) {
+    into.error = into.file.log.name + " waits for itself";
+    return false;
+  }
   return !needs.empty() && std::all_of(needs.begin(), needs.end(), is_name);
 }
 

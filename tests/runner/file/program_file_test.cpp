@@ -144,6 +144,7 @@ TEST(program_file, every_value_that_cannot_be_understood_is_told_with_what_would
       {"[program]\nuser = 4711", "user: nothing says which group the user has; add group"},
       {"[program]\ngroup = none-here", "group: no group is called \"none-here\""},
       {"[program]\nneeds = ../x", "needs: \"../x\" cannot be understood; write names"},
+      {"[program]\nneeds = kmd_a kmd_redis", "needs: kmd_redis waits for itself; write names"},
       {"[environment]\n1A = x", "1A: no variable can be called that; write NAME = value"},
       {"[environment]\nfile = /nonexistent", "file: cannot read /nonexistent: No such file"},
       {"[restart]\ndelay = 2m", "delay: delay is above longest"},
