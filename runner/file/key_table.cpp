@@ -307,7 +307,8 @@ constexpr key_rule kRules[] = {
    [](reading& r, const entry& e) { return take_http(r, e, r.file.health.probe); }},
   {"health", "every", "30s", "a duration above 0, at most 100 years, such as 30s",
    [](reading& r, const entry& e) {
-     return put(parse_duration(e.value), r.file.health.every) && r.file.health.every.count() > 0; }},
+     return put(parse_duration(e.value), r.file.health.every) &&
+            r.file.health.every.count() > 0; }},
   {"health", "timeout", "5s", "a duration above 0, at most 100 years, such as 5s",
    [](reading& r, const entry& e) {
      return put(parse_duration(e.value), r.file.health.timeout) &&
