@@ -66,6 +66,8 @@ class supervision final {
     unique_fd report;
     deadline limit = {};
     std::string mark = {};
+    /// A copy: when it ends, the file may have been read again, and have the command no more.
+    command_words words = {};
     bool is_over = false;  ///< It is being ended, and what it answers counts no more.
   };
   /// What a command beside the program may have left behind.

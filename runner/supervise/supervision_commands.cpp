@@ -70,7 +70,8 @@ bool supervision::start_side(purpose what, const char* section, const char* key,
   environment_list more = told_variables();
   more.emplace_back(kMarkVariable, side.mark);
   const auto environment = build_environment(file_, environ, more);
-  launch_order order = order_for(command_of(side), environment);
+  side.words = command_of(side);
+  launch_order order = order_for(side.words, environment);
   order.section = section;
   order.key = key;
   // A hook may outlive the program, whose group is removed with all that is in it.

@@ -170,7 +170,7 @@ void supervision::side_ended(side_command ended, int status) {
   const std::vector<std::string> environment;
   const launch_failure failure = read_report(ended.report.get());
   if (failure.step != launch_step::none) {
-    launch_order order = order_for(command_of(ended), environment);
+    launch_order order = order_for(ended.words, environment);
     order.section = ended.section;
     order.key = ended.key;
     const file_finding what = describe(failure, order);

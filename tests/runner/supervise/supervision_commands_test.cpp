@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
@@ -8,6 +9,7 @@
 #include "runner/file/process_stat.h"
 #include "runner/supervise/supervision.h"
 #include "tests/runner/supervise/launcher_place.h"
+#include "tests/support/fault.h"
 #include "tests/support/text.h"
 #include "tests/support/wait_until.h"
 
@@ -90,6 +92,31 @@ TEST(supervision_commands, what_a_hook_leaves_outlives_the_next_run_and_not_the_
   place.send(SIGUSR2);
   EXPECT_TRUE(place.wait_end());
   EXPECT_FALSE(is_alive(mail));
+}
+
+TEST(supervision_commands, a_hook_that_cannot_be_executed_is_told_when_the_file_has_it_no_more) {
+  launcher_place place;
+  place.write("command = sleep 1000\n[restart]\ndelay = 1ms\n[on]\nfailure = /nonexistent/hook\n");
+  // The second process that it starts is the hook, which takes until there is such a file.
+  place.start([go = place.directory().file("go")] {
+    faults.fork = [go, started = 0]() mutable {
+      const bool is_hook = ++started == 2;
+      const pid_t pid = real::fork();
+      if (pid == 0 && is_hook) wait_until([&] { return ::access(go.c_str(), F_OK) == 0; });
+      return pid;
+    };
+  });
+  const auto first = place.wait_phase(program_phase::running);
+  place.write("command = sleep 1000\n");
+  ::kill(first.pid, SIGKILL);
+  ASSERT_TRUE(wait_until([&] {
+    const auto state = place.state();
+    return state && state->phase == program_phase::running && state->pid != first.pid;
+  }));
+  place.directory().write("go", "");
+  EXPECT_TRUE(wait_until([&] {
+    return place.errors().find("failure: cannot execute /nonexistent/hook: ") != std::string::npos;
+  })) << place.errors();
 }
 
 TEST(supervision_commands, a_request_to_end_ends_what_comes_before_at_once) {
