@@ -190,6 +190,23 @@ TEST(runner_life, a_killed_launcher_takes_its_program_along) {
   EXPECT_FALSE(process_table::is_alive(child));
 }
 
+TEST(runner_life, the_next_launcher_ends_a_program_that_has_changed_its_user) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may become somebody else";
+  runner_place place;
+  const std::string name = place.add(
+      "[program]\ncommand = setpriv --reuid 65534 --regid 65534 --clear-groups sleep 1000\n");
+  place.start();
+  const program_state first = place.wait_phase(name, program_phase::running);
+  ASSERT_TRUE(wait_until([&] {
+    const auto program = process_table::find(first.pid);
+    return program && program->name == "sleep";
+  }));
+  ::kill(first.launcher, SIGKILL);
+  // With its user it has lost what makes the kernel kill it with the launcher.
+  place.wait_again(name, first.pid);
+  EXPECT_FALSE(process_table::is_alive(first.pid));
+}
+
 TEST(runner_life, ends_when_the_supervisors_child_above_it_is_killed) {
   runner_place place;
   const std::string name = place.add_steady();
