@@ -36,11 +36,16 @@ bool wait_shutdown_begun(const session& here, const process_handle& daemon,
   return true;
 }
 
-int report(const session& here, const std::vector<std::string>& left, bool daemon_left) {
+/// @param was_killed all of it, so that nothing more can be done than wait for the kernel.
+int report(const session& here, const std::vector<std::string>& left, bool daemon_left,
+           bool was_killed) {
+  const std::string waits = " was killed and has not ended: it waits for the kernel";
   for (const std::string& one : left)
-    warn(here, one + " has not ended: `keelmondctl down --kill` kills it");
+    warn(here, one + (was_killed ? waits : " has not ended: `keelmondctl down --kill` kills it"));
   if (daemon_left) {
-    warn(here, "keelmond itself is still shutting down: ask again with `keelmondctl status`");
+    warn(here,
+         "keelmond itself" +
+             (was_killed ? waits : " is still shutting down: ask again with `keelmondctl status`"));
   }
   if (!left.empty() || daemon_left) return exit_status::kFailed;
   say("keelmond and its programs have ended in " + here.place.directory);
@@ -60,7 +65,7 @@ int kill_rest(const session& here, const stopping& programs, const process_handl
   }
   programs.kill();
   const bool ended = programs.wait(kKilled) && (!daemon.valid() || daemon.wait_end(kKilled));
-  return report(here, programs.left(), !ended && daemon.valid() && !daemon.has_ended());
+  return report(here, programs.left(), !ended && daemon.valid() && !daemon.has_ended(), true);
 }
 
 }  // namespace
@@ -89,8 +94,9 @@ int run_down(const session& here, const down_options& options) {
 
   const bool daemon_ended = daemon.wait_end(left_until(end));
   const bool ended = all.wait(left_until(end));
-  if (ended && daemon_ended) return report(here, {}, false);
-  return options.kill ? kill_rest(here, all, daemon) : report(here, all.left(), !daemon_ended);
+  if (ended && daemon_ended) return report(here, {}, false, false);
+  return options.kill ? kill_rest(here, all, daemon)
+                      : report(here, all.left(), !daemon_ended, false);
 }
 
 }  // namespace control
