@@ -25,7 +25,8 @@ source "$root/tools/archive.sh"
 
 base=$root/build/package/base
 
-# OpenRC is only put there, to be installed where it is tried: it changes what maintainer scripts do.
+# OpenRC is only put there, to be installed where it is tried: it changes what maintainer scripts
+# do.
 make_base() {
   [[ ! -e $base.done ]] || return 0
   local archive

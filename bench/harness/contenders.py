@@ -152,11 +152,12 @@ class Keelmond(Contender):
         self._write("server.ini.new")
 
     def add(self):
-        os.rename(self.path("k", "config", "server.ini.new"), self.path("k", "config", "server.ini"))
+        listed = self.path("k", "config", "server.ini")
+        os.rename(listed + ".new", listed)
 
     def daemon(self):
-        # Looked for once more only if the first find was on its way to become one: a look takes time
-        # among ten thousand processes.
+        # Looked for once more only if the first find was on its way to become one: a look takes
+        # time among ten thousand processes.
         if self.known_daemon is None or procfs.is_zombie(self.known_daemon):
             self.known_daemon = self._find_daemon()
         return self.known_daemon

@@ -217,8 +217,8 @@ def tables(results, with_goals):
                  if results.values(time_of("end_ns"), contender, count)]
         if whole != results.counts:
             measured = ", ".join(f"{count:,}" for count in whole) or "no number of"
-            lines += [f"The time to shut down was measured with {measured} programs; beyond that it "
-                      "is added up from what one end takes.", ""]
+            lines += [f"The time to shut down was measured with {measured} programs; beyond that "
+                      "it is added up from what one end takes.", ""]
         if with_goals and issubclass(BY_NAME[contender], Keelmond):
             rows = []
             for what, metric, most in _goals(results):
