@@ -32,10 +32,15 @@ void lower(limit& lowest, const std::string& name, std::optional<long> most) {
   if (most && *most < lowest.most) lowest = {name, *most};
 }
 
-/// The limits of a control group and of those that it lies in.
+/// The limits of a control group and of those that it lies in. The topmost has one, too, where it
+/// is only the topmost of a container.
 void lower_by_groups(limit& lowest, const std::string& mount, std::string group) {
-  for (; group.size() > 1; group.erase(group.rfind('/')))
-    lower(lowest, mount + group + "/pids.max", number_in(mount + group + "/pids.max"));
+  for (;; group.erase(group.rfind('/'))) {
+    if (group == "/") group.clear();
+    const std::string path = mount + group + "/pids.max";
+    lower(lowest, path, number_in(path));
+    if (group.empty()) return;
+  }
 }
 
 void lower_by_control_groups(limit& lowest) {

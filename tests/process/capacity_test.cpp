@@ -1,8 +1,11 @@
 #include "process/capacity.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -54,6 +57,28 @@ TEST(capacity, a_limit_of_the_user_counts_for_all_but_root) {
     EXPECT_EQ(warning_before(10), "");
     EXPECT_NE(warning_before(11).find("and ulimit -u allows 40."), std::string::npos);
   });
+}
+
+/// Puts a directory of our own in the place of the control groups, for this process alone.
+bool replace_control_groups() {
+  return ::unshare(CLONE_NEWNS) == 0 &&
+         ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         ::mount("none", "/sys/fs/cgroup", "tmpfs", 0, nullptr) == 0;
+}
+
+TEST(capacity, the_limit_of_a_container_stands_at_the_top_of_what_it_sees) {
+  const child_end end = run_in_child([] {
+    if (!replace_control_groups()) ::_exit(77);
+    ASSERT_EQ(::mkdir("/sys/fs/cgroup/pids", 0755), 0);
+    for (const char* top : {"/sys/fs/cgroup", "/sys/fs/cgroup/pids"})
+      write_file(std::string(top) + "/pids.max", "40\n");
+    EXPECT_EQ(warning_before(10), "");
+    EXPECT_NE(warning_before(11).find("/pids.max allows 40."), std::string::npos);
+  });
+  if (WIFEXITED(end.status) && WEXITSTATUS(end.status) == 77)
+    GTEST_SKIP() << "no mount namespace of its own";
+  EXPECT_TRUE(end.returned);
+  EXPECT_EQ(end.failures, "");
 }
 
 TEST(capacity, is_looked_at_when_the_first_configuration_is_loaded) {
