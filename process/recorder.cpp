@@ -100,7 +100,7 @@ bool hand_over(record& own, record::kind what, const char* program, const char* 
 }  // namespace
 
 bool start() noexcept {
-  if (!running.load()) running.store(start_detached_thread(serve_all, kSmallStack));
+  if (!running.load()) running.store(start_detached_thread(serve_all, small_stack_size()));
   return running.load();
 }
 

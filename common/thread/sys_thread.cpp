@@ -25,19 +25,20 @@ void Tsys_thread::Start() {
 
 void Tsys_thread::create_thread() {
   // Never given back: nobody knows when a thread that is not joined has left its stack.
-  void* const stack = unforked_memory::allocate(kSmallStack);
+  const std::size_t size = small_stack_size();
+  void* const stack = unforked_memory::allocate(size);
   if (stack == nullptr) return;
   pthread_attr_t attributes;
   ::pthread_attr_init(&attributes);
   ::pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
-  ::pthread_attr_setstack(&attributes, stack, kSmallStack);
   pthread_t created{};
-  const int error = ::pthread_create(&created, &attributes, &Tsys_thread::ThreadProc, this);
+  int error = ::pthread_attr_setstack(&attributes, stack, size);
+  if (error == 0) error = ::pthread_create(&created, &attributes, &Tsys_thread::ThreadProc, this);
   ::pthread_attr_destroy(&attributes);
   if (error == 0) {
     thread_id = created;
   } else {
-    unforked_memory::release(stack, kSmallStack);
+    unforked_memory::release(stack, size);
   }
 }
 
