@@ -19,6 +19,7 @@
 #include "common/thread/event_count.h"
 #include "common/thread/inbox.h"
 #include "common/thread/stack_size.h"
+#include "process/program_tree.h"
 #include "process/supervisor_signals.h"
 
 namespace child {
@@ -45,22 +46,35 @@ constinit inbox<request> g_requests;
 /// Written by `start`, read by every thread; whoever reads it was started later.
 std::atomic<bool> running{false};
 
+std::atomic<bool> refuses_programs{false};
+
+/// The thread that waits goes on as soon as the count has changed, and the request is gone.
+void answer(request& served, pid_t child, int error = 0) noexcept {
+  served.error = error;
+  served.child = child;
+  served.served.advance();
+}
+
 /// Forks, from the thread whose stack the child gets. Everything that it needs is put there first.
 void serve(request& wanted) noexcept {
   char command[kCommandSize];
   copy_bounded(command, wanted.command);
   char directory[kCommandSize] = {};
   const bool is_program = wanted.report < 0;
+  if (is_program && refuses_programs.load()) {
+    answer(wanted, 0);
+    return;
+  }
   if (is_program) Tfun_misc::get_filename_path(command, directory, true);
   const child_path::plan plan{command, directory,
                               is_program ? &supervisor_signals::start_mask() : nullptr,
                               &supervisor_signals::start_quit(), wanted.report};
   const pid_t child = child_path::fork_bare();
   if (child == 0) child_path::run(plan);
-  wanted.error = errno;
-  wanted.child = child;
-  // The thread that waits goes on as soon as the count has changed, and the request is gone.
-  wanted.served.advance();
+  const int error = errno;
+  // The child does the same. Whoever comes first, it can be killed with its group from here on.
+  if (!is_program && child > 0) ::setpgid(child, child);
+  answer(wanted, child, error);
 }
 
 void* serve_all(void* /*unused*/) {
@@ -121,10 +135,11 @@ bool take_report(int fd, child_path::shell_end& report, milliseconds limit,
 }
 
 /// Nobody but the child holds the other end of the pipe, so while that is open the process id is
-/// the child's. It may not lead its group yet.
+/// the child's. Stopped first: a shell whose `pgrep` is killed would go on with half of its output.
 void kill_with_all_it_started(pid_t child) noexcept {
+  ::kill(-child, SIGSTOP);
+  program_tree::signal_by_name(child, ".", SIGKILL);
   ::kill(-child, SIGKILL);
-  ::kill(child, SIGKILL);
 }
 
 }  // namespace
@@ -138,8 +153,13 @@ pid_t start_program(const char* command) noexcept {
   return fork_child(command, -1);
 }
 
+void refuse_programs() noexcept {
+  refuses_programs.store(true);
+}
+
 command_end run_command(const char* command, milliseconds limit, bool (*must_hurry)()) noexcept {
   constexpr command_end kNotStarted{outcome::not_started, -1, -1};
+  if (must_hurry()) return kNotStarted;
   pipe_ends report = make_pipe();
   if (!report.read.valid()) return kNotStarted;
   const pid_t child = fork_child(command, report.write.get());

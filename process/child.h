@@ -29,9 +29,13 @@ inline constexpr unsigned kCommandSize = 1024;
 /// (its text up to the last "/"; a failure is ignored), through the shell, with the descriptors 0,
 /// 1 and 2 and the signal mask that the supervisor was started with. The child ends with status 0
 /// when the command has ended. Called from any thread.
-/// @return the child's process id, or -1 with errno set: EAGAIN also when there is no thread that
-///         forks, E2BIG when the command is too long.
+/// @return the child's process id; -1 with errno set: EAGAIN also when there is no thread that
+///         forks, E2BIG when the command is too long; 0 after `refuse_programs`.
 pid_t start_program(const char* command) noexcept;
+
+/// No program is started from now on, also none whose thread already waits for its fork: a
+/// thousand may, when the shutdown begins. Commands are run as before. Called from any thread.
+void refuse_programs() noexcept;
 
 /// How much of a command was run.
 enum class outcome {
@@ -51,9 +55,10 @@ struct command_end {
 /// Runs `command` through the shell in a child of its own and waits for it. The supervisor's
 /// signals stay blocked in it: one that is sent to the supervisor by name must not hit the shell
 /// before its first instruction, and lose the command.
-/// @param limit after which it is killed, with everything that it has started.
-/// @param must_hurry asked a few times a second; a command that is not over when it says yes is
-///        killed at once.
+/// @param limit after which it is killed, with everything that it has started: its process group,
+///        and what runs below its child in groups of its own.
+/// @param must_hurry asked before the command is run, which it then is not, and every 50 ms while
+///        it runs; a command that is not over when it says yes is killed at once.
 command_end run_command(const char* command, std::chrono::milliseconds limit,
                         bool (*must_hurry)()) noexcept;
 

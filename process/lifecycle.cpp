@@ -34,6 +34,16 @@ void await_program_ends() {
   poll_until(kGrace, milliseconds(1), [] { return Tfun_monitor::programs_alive() == 0; });
 }
 
+/// Nothing can be run without the thread that forks, so the load waits for it. A request to shut
+/// down is granted meanwhile.
+void start_forking() {
+  constexpr std::chrono::seconds kPause{1};
+  if (child::start()) return;
+  console::report_failure("keelmond", "no thread for starting programs; tried again every second");
+  while (!child::start())
+    supervisor_signals::wait_and_deliver(-1, kPause);
+}
+
 template <typename T>
 void delete_global(T*& object) {
   delete object;
@@ -44,7 +54,7 @@ void delete_global(T*& object) {
 
 void proc_start() {
   set_default_stack_size(kLargeStack);
-  child::start();
+  start_forking();
   recorder::start();
   // A request to shut down that has come by now is granted before any program is started.
   supervisor_signals::deliver();
@@ -62,6 +72,7 @@ void proc_start() {
 void proc_stop() {
   // A thread that has already asked whether it may launch is waited for; the others are told no.
   g_shutdown_gate.forbid_launches();
+  child::refuse_programs();
   g_shutdown_gate.wait_until_empty(kLastLines);
   for (Tfun_monitor* monitor : monitor_list)
     monitor->stop_process();

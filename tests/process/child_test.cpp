@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -11,6 +12,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <string>
+#include <thread>
 
 #include "process/supervisor_signals.h"
 #include "tests/process/supervision.h"
@@ -112,6 +114,34 @@ TEST(start_program, refuses_a_command_of_1024_bytes) {
     errno = 0;
     EXPECT_EQ(child::start_program(std::string(1024, 'x').c_str()), -1);
     EXPECT_EQ(errno, E2BIG);
+  });
+}
+
+TEST(start_program, is_refused_also_where_it_already_waits_for_its_fork) {
+  in_child([] {
+    child::start();
+    static std::atomic<bool> forking{false};
+    static std::atomic<bool> may_go_on{false};
+    faults.fork = [] {
+      forking = true;
+      wait_until([] { return may_go_on.load(); });
+      return real::fork_bare();
+    };
+    pid_t first = -1;
+    pid_t second = -1;
+    std::thread one([&] { first = child::start_program("true"); });
+    ASSERT_TRUE(wait_until([] { return forking.load(); }));
+    std::thread other([&] { second = child::start_program("echo > second"); });
+    child::refuse_programs();
+    may_go_on = true;
+    one.join();
+    other.join();
+    EXPECT_GT(first, 0);
+    EXPECT_EQ(second, 0);
+    EXPECT_EQ(child::start_program("echo > third"), 0);
+    // The thread that forks serves one after the other, so nothing comes later.
+    EXPECT_EQ(run_to_its_end("true").what, child::outcome::ended) << "commands are run";
+    EXPECT_FALSE(exists("second") || exists("third"));
   });
 }
 
@@ -395,12 +425,13 @@ TEST(run_command, kills_a_command_that_takes_too_long_with_all_that_it_has_start
       wait_until([] { return read_file("shell").ends_with('\n'); });
       return real::poll(requests, count, milliseconds);
     };
-    const child::command_end end =
-        child::run_command("sleep 60 & echo $! > below; echo $$ > shell; wait",
-                           std::chrono::milliseconds(300), never_in_a_hurry);
+    const child::command_end end = child::run_command(
+        "sleep 60 & echo $! > below; setsid sleep 60 & echo $! > apart; "
+        "echo $$ > shell; wait",
+        std::chrono::milliseconds(300), never_in_a_hurry);
     EXPECT_EQ(end.what, child::outcome::given_up);
     EXPECT_EQ(end.result, -1);
-    for (const char* file : {"below", "shell"}) {
+    for (const char* file : {"below", "apart", "shell"}) {
       const pid_t pid = std::stoi(read_file(file));
       // This process adopts orphans and does not wait for them.
       EXPECT_TRUE(wait_until([&] { return state_of(pid) == 'Z' || state_of(pid) == '?'; })) << file;
@@ -418,6 +449,27 @@ TEST(run_command, is_over_at_once_when_there_is_a_hurry) {
     EXPECT_EQ(end.what, child::outcome::given_up);
     EXPECT_EQ(asked, 2);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+  });
+}
+
+TEST(run_command, is_not_begun_when_there_is_a_hurry_already) {
+  in_child([] {
+    child::start();
+    expect_not_started(
+        child::run_command("echo > done", std::chrono::minutes(1), [] { return true; }));
+    EXPECT_FALSE(exists("done"));
+  });
+}
+
+TEST(run_command, leads_a_group_before_its_first_step) {
+  in_child([] {
+    faults.fork = [] {
+      const pid_t child = real::fork_bare();
+      if (child == 0 && wait_until([] { return ::getpgrp() == ::getpid(); })) write_file("led", "");
+      return child;
+    };
+    EXPECT_EQ(run_to_its_end("true").result, 0);
+    EXPECT_TRUE(exists("led"));
   });
 }
 
