@@ -12,6 +12,7 @@
 #include "common/log/log_file.h"
 #include "common/misc/fun_misc.h"
 #include "common/misc/poll_until.h"
+#include "common/thread/event_count.h"
 #include "common/thread/stack_size.h"
 #include "process/child.h"
 #include "process/config_watcher.h"
@@ -54,6 +55,7 @@ void delete_global(T*& object) {
 
 void proc_start() {
   set_default_stack_size(kLargeStack);
+  event_count::use_common_table();
   start_forking();
   recorder::start();
   // A request to shut down that has come by now is granted before any program is started.

@@ -1,6 +1,7 @@
 #include "common/thread/event_count.h"
 
 #include <linux/futex.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -9,6 +10,13 @@
 // The kernel reads and compares 32 bits at the address that it is given.
 static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t));
 static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
+
+void event_count::use_common_table() noexcept {
+  // <linux/prctl.h> has the names since Linux 6.16. No lists at all stand for the common table.
+  constexpr int kFutexHash = 78;
+  constexpr unsigned long kSetSlots = 1;
+  ::prctl(kFutexHash, kSetSlots, 0UL, 0UL, 0UL);
+}
 
 void event_count::advance() noexcept {
   const std::atomic<std::uint32_t>* const address = &count_;

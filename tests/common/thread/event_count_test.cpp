@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +11,7 @@
 #include <string>
 #include <thread>
 
+#include "tests/support/in_child.h"
 #include "tests/support/wait_until.h"
 
 namespace {
@@ -65,6 +67,18 @@ TEST(event_count, a_waiter_sleeps_until_the_event_and_sees_what_was_written_befo
   one.events.advance();
   one.thread.join();
   EXPECT_EQ(one.seen, 7);
+}
+
+TEST(event_count, sleepers_are_in_the_table_of_the_machine_where_the_kernel_has_others) {
+  in_child([] {
+    event_count::use_common_table();
+    // With its second thread a process gets a table of its own.
+    std::thread([] {}).join();
+    constexpr int kFutexHash = 78;
+    constexpr unsigned long kGetSlots = 2;
+    const int lists = ::prctl(kFutexHash, kGetSlots, 0UL, 0UL, 0UL);
+    EXPECT_LE(lists, 0) << "-1: the kernel is older and has no others";
+  });
 }
 
 TEST(event_count, a_signal_does_not_end_the_wait) {
