@@ -161,16 +161,21 @@ TEST(poor_machine, may_have_no_process_to_spare_for_a_while) {
 
 TEST(poor_machine, ends_its_programs_without_a_process_for_the_stop_command) {
   installation place;
-  const std::string name = place.add_steady();
-  place.save({place.entry(name)});
+  std::vector<listed_program> listed;
+  for (int i = 0; i < 10; ++i)
+    listed.push_back(place.entry(place.add_steady()));
+  place.save(listed);
   place.start(stress::by_ordinary_user(place, stress::without_leak_check()));
-  const pid_t program = place.wait_running(name);
+  std::vector<pid_t> programs;
+  for (const listed_program& one : listed)
+    programs.push_back(place.wait_running(one.name));
   stress::limit(place.daemon(), RLIMIT_NPROC, 1);
   EXPECT_EQ(place.shut_down_by(SIGUSR2), 0);
   EXPECT_TRUE(place.log().ends_with(golden::kClosed));
   EXPECT_FALSE(place.has("run.pid"));
-  EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(program); }));
-  EXPECT_EQ(count(place.console(), "`, -1 \r\n"), 1U);
+  for (const pid_t program : programs)
+    EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(program); }));
+  EXPECT_EQ(count(place.console(), "`, -1 \r\n"), programs.size());
 }
 
 TEST(poor_machine, starts_the_monitor_that_got_no_thread_with_the_next_reload) {
