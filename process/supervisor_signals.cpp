@@ -55,6 +55,7 @@ void handle(int sig, void (*handler)(int)) noexcept {
 
 bool wait_and_deliver(int fd, std::optional<std::chrono::nanoseconds> limit) noexcept {
   using clock = std::chrono::steady_clock;
+  constexpr timespec kRest{0, 100'000'000};
   const auto start = clock::now();
   pollfd request{fd, POLLIN, 0};
   for (;;) {
@@ -67,7 +68,11 @@ bool wait_and_deliver(int fd, std::optional<std::chrono::nanoseconds> limit) noe
     const int ready = ::ppoll(&request, 1, limit ? &left : nullptr, &mask);
     if (ready > 0) return true;
     if (ready == 0) return false;
-    if (errno != EINTR) return true;
+    if (errno == EINTR) continue;
+    // RLIMIT_NOFILE is 0, most likely, and the time alone can be waited for. Whoever read the
+    // descriptor now would wait with the signals blocked.
+    if (limit && clock::now() - start >= *limit) return false;
+    ::ppoll(nullptr, 0, &kRest, &mask);
   }
 }
 

@@ -23,7 +23,8 @@ void block() noexcept;
 /// handler sees the second pending.
 void handle(int sig, void (*handler)(int)) noexcept;
 
-/// Waits until `fd` can be read, and runs the handlers of the signals that come.
+/// Waits until `fd` can be read, and runs the handlers of the signals that come. They run also
+/// while the descriptor cannot be asked for, which is tried again ten times a second.
 /// @param fd a descriptor, or -1 to wait for the time alone.
 /// @param limit the longest wait; none waits for ever. Handlers that run do not shorten it.
 /// @return whether `fd` can be read (or is in error, so that reading it tells).

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <array>
@@ -14,7 +15,6 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 
 namespace {
@@ -106,14 +106,43 @@ TEST(supervisor_signals, waiting_tells_whether_the_descriptor_can_be_read) {
   });
 }
 
-TEST(supervisor_signals, waiting_ends_at_once_when_it_cannot_wait) {
+/// Lets the process have `most` descriptors; those that are open stay so.
+void limit_descriptors(rlim_t most) {
+  rlimit limits{};
+  ::getrlimit(RLIMIT_NOFILE, &limits);
+  limits.rlim_cur = most;
+  EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limits), 0);
+}
+
+TEST(supervisor_signals, signals_are_handled_while_no_descriptor_may_be_waited_for) {
   in_child([] {
     begin();
-    faults.ppoll = [](auto...) {
-      errno = EINVAL;
-      return -1;
-    };
-    EXPECT_TRUE(supervisor_signals::wait_and_deliver(-1, std::nullopt));
+    static std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    supervisor_signals::handle(SIGUSR2, [](int sig) {
+      note(sig);
+      limit_descriptors(64);
+      if (::write(ends[1], "x", 1) != 1) handled.clear();
+    });
+    limit_descriptors(0);
+    std::thread sender([] { ::kill(::getpid(), SIGUSR2); });
+    EXPECT_TRUE(supervisor_signals::wait_and_deliver(ends[0], std::nullopt));
+    sender.join();
+    EXPECT_EQ(handled, std::vector<int>{SIGUSR2});
+  });
+}
+
+TEST(supervisor_signals, a_time_is_waited_for_while_no_descriptor_may_be) {
+  in_child([] {
+    begin();
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe2(ends.data(), O_CLOEXEC), 0);
+    limit_descriptors(0);
+    for (const int fd : {-1, ends[0]}) {
+      const auto start = steady::now();
+      EXPECT_FALSE(supervisor_signals::wait_and_deliver(fd, milliseconds(30)));
+      EXPECT_GE(steady::now() - start, milliseconds(30));
+    }
   });
 }
 
