@@ -34,6 +34,15 @@ constexpr milliseconds kLongestSave{1000};
 /// How long a tool may take between removing the file and making it anew.
 constexpr milliseconds kLongestAbsence{500};
 constexpr milliseconds kLookEvery{5};
+/// Until then a second write may leave a file with the time of the first: the kernel's clock for
+/// files ticks, every 10 milliseconds at most.
+constexpr milliseconds kTicked{20};
+/// How often a save that does not end is loaded before the pause comes all the same.
+constexpr int kMostLoads = 60;
+
+/// Whether the file had changed when the last load was over. The watcher's thread alone uses it,
+/// the handler on it included.
+bool g_is_outdated = true;
 
 /// Waits for a file that is absent. One that stays away has been deleted.
 /// @return whether it is there.
@@ -65,13 +74,26 @@ bool await_whole_file(const char* path) {
 }
 
 /// Waits until a save is complete, however it is made: in place, by removing the file and making it
-/// anew, or by moving the old one away first.
+/// anew, or by moving the old one away first. One that comes and goes is not waited for without
+/// end.
 /// @return false when the file has been deleted.
 bool await_save(const char* path) {
+  const auto end = steady::now() + kLongestAbsence + kLongestSave;
   while (await_file(path)) {
-    if (await_whole_file(path)) return true;
+    if (await_whole_file(path) || steady::now() >= end) return true;
   }
   return false;
+}
+
+/// Waits until a file that was moved in is old enough to be told from what is written to it next.
+/// @return whether it is there, and the same.
+bool await_tick(const char* path) {
+  const std::optional<file_version> moved_in = file_version::of(path);
+  if (!moved_in) return false;
+  const auto left = moved_in->left_of(kTicked);
+  if (left.count() == 0) return true;
+  supervisor_signals::wait_and_deliver(-1, left);
+  return file_version::of(path) == moved_in;
 }
 
 /// A reload, in the handler of SIGUSR1 on this thread.
@@ -82,33 +104,74 @@ void reload() {
 
 /// Reloads again for what was saved during the last load, which may have read the old content: no
 /// event will tell.
-void catch_up(const char* path) {
-  while (has_changed_since_load(path)) {
-    if (!await_save(path) || !has_changed_since_load(path)) return;
+/// @param is_there whether the file has been there. If it has gone since, it is waited for.
+/// @return false when the file has been deleted.
+bool catch_up(const char* path, bool is_there) {
+  for (int loads = 0; loads < kMostLoads; ++loads) {
+    if (is_there && !await_file(path)) return false;
+    if (!has_changed_since_load(path)) return is_there;
+    is_there = await_save(path);
+    if (!is_there || !has_changed_since_load(path)) return is_there;
     reload();
   }
+  return is_there;
 }
 
 /// Says what the supervisor would have needed to go on. The line before, which is part of the
 /// interface, only names a call.
-void explain_end(const char* path, int error) {
-  char reason[256];
-  std::snprintf(
-      reason, sizeof reason,
-      "%s cannot be watched, so everything ends. It has to be there, and user %u has to be "
-      "able to read and write it and to enter its directory (%s). run.pid stays and "
-      "blocks the next start",
-      path == nullptr ? "(null)" : path, ::geteuid(), std::strerror(error));
+void explain_end(const char* path, const char* need, int error) {
+  char reason[512];
+  std::snprintf(reason, sizeof reason,
+                "%s cannot be watched, so everything ends. %s (%s). run.pid stays and blocks the "
+                "next start",
+                path == nullptr ? "(null)" : path, need, std::strerror(error));
   console::report_failure("keelmond", reason);
+}
+
+void report_no_watch(const char* path, int error) {
+  errno = error;
+  console::report_error("inotify_add_watch");
+  char need[160];
+  std::snprintf(need, sizeof need,
+                "It has to be there, and user %u has to be able to read and write it and to enter "
+                "its directory",
+                ::geteuid());
+  explain_end(path, need, error);
+}
+
+/// The watch on the file itself.
+struct file_watch {
+  /// -1 when there is none, because of `error`.
+  int number = -1;
+  int error = 0;
+  /// A save had removed the file and was completed after the pause.
+  bool had_to_wait = false;
+  std::optional<file_version> watched{};
+};
+
+/// A file that is being made anew is absent at first, and then perhaps not its user's yet.
+bool may_pass(int error) {
+  return error == ENOENT || error == EACCES;
+}
+
+file_watch watch_itself(int instance, const char* path) {
+  const auto end = steady::now() + kLongestAbsence;
+  file_watch set;
+  for (;;) {
+    set.watched = file_version::of(path);
+    set.number = ::inotify_add_watch(instance, path, IN_MODIFY);
+    set.error = errno;
+    if (!set.watched) set.had_to_wait = true;
+    if (set.number != -1 || !may_pass(set.error) || steady::now() >= end) return set;
+    set.had_to_wait = true;
+    supervisor_signals::wait_and_deliver(-1, kLookEvery);
+  }
 }
 
 /// The watch on the file, and beside it those on its name, on one instance.
 struct watches {
   unique_fd instance;
-  int file;
-  /// A save had removed the file and was completed after the pause.
-  bool had_to_wait;
-  std::optional<file_version> watched;
+  file_watch file;
   name_watch names;
 };
 
@@ -119,24 +182,19 @@ std::optional<watches> set_watches(const char* path) {
     console::report_error("inotify_init");
     return std::nullopt;
   }
-  const bool is_absent = !file_version::of(path);
-  const bool had_to_wait = is_absent && await_file(path);
-  std::optional<file_version> watched = file_version::of(path);
-  const int file = ::inotify_add_watch(instance.get(), path, IN_MODIFY);
-  if (file == -1) {
-    const int error = errno;
-    console::report_error("inotify_add_watch");
-    explain_end(path, error);
+  const file_watch file = watch_itself(instance.get(), path);
+  if (file.number == -1) {
+    report_no_watch(path, file.error);
     return std::nullopt;
   }
   name_watch names(instance.get(), path);
-  return watches{std::move(instance), file, had_to_wait, watched, std::move(names)};
+  return watches{std::move(instance), file, std::move(names)};
 }
 
 /// Whether another file than the watched one has the name now.
 bool is_replaced(const char* path, const watches& set) {
   const std::optional<file_version> current = file_version::of(path);
-  return current && set.watched && !current->is_same_file_as(*set.watched);
+  return current && set.file.watched && !current->is_same_file_as(*set.file.watched);
 }
 
 /// Waits for something that concerns the file.
@@ -156,7 +214,7 @@ std::optional<name_watch::finding> await_event(const char* path, const watches& 
 }
 
 /// Whether the file that has the name now was moved there, so that it is whole.
-bool is_whole(const char* path, const watches& set, name_watch::finding found) {
+bool is_moved_in(const char* path, const watches& set, name_watch::finding found) {
   return set.names.sees_the_name() ? found == name_watch::finding::replaced
                                    : is_replaced(path, set);
 }
@@ -164,20 +222,23 @@ bool is_whole(const char* path, const watches& set, name_watch::finding found) {
 /// One round of the watch. Any event counts: one modification may be several, and a file that is
 /// deleted or replaced may report only that its watch is gone.
 /// @return false when the watcher has to give up.
-bool watch_once(const char* path, bool is_first) {
+bool watch_once(const char* path) {
   const std::optional<watches> set = set_watches(path);
   if (!set) return false;
-  if (is_first || set->had_to_wait) catch_up(path);
+  if (g_is_outdated || set->file.had_to_wait) catch_up(path, true);
   const auto found = await_event(path, *set);
   if (!found) {
     console::report_error("read");
     return true;
   }
-  if (!is_whole(path, *set, *found)) await_save(path);
+  // A link that was moved in may lead to a file that is yet to be made.
+  bool is_there = (is_moved_in(path, *set, *found) && await_tick(path)) || await_save(path);
   reload();
   // Before the watch goes: whoever sees no watch takes it for the pause.
-  catch_up(path);
-  ::inotify_rm_watch(set->instance.get(), set->file);
+  is_there = catch_up(path, is_there);
+  ::inotify_rm_watch(set->instance.get(), set->file.number);
+  // For what came between the last look and the removal.
+  catch_up(path, is_there);
   return true;
 }
 
@@ -185,8 +246,12 @@ bool watch_once(const char* path, bool is_first) {
 
 void* watch_file(void* argument) {
   const auto* const path = static_cast<const char*>(argument);
-  for (bool is_first = true; watch_once(path, is_first); is_first = false)
+  // The first load had no watch, and one in the pause has none: what is saved meanwhile is found by
+  // comparing. The rest of the pause is blind.
+  for (g_is_outdated = true; watch_once(path);) {
+    g_is_outdated = false;
     supervisor_signals::wait_and_deliver(-1, kPause);
+  }
   return nullptr;
 }
 
@@ -199,6 +264,7 @@ void server_config_changed(int sig) {
     // Out of memory, most likely. The programs run on, and the next reload tries again.
     console::report_failure("loadServerConfig", failure.what());
   }
+  g_is_outdated = has_changed_since_load(kConfigPath);
   errno = errno_before;
 }
 

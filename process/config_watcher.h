@@ -11,7 +11,7 @@ inline constexpr char kConfigPath[] = "./config/server.ini";
 /// leads to it. A read of its events, whatever they are, causes one reload, unless they are all
 /// about other names in the directory. The save that made them is given time to be completed first,
 /// and one that was made during the reload causes another. Then comes a pause of two seconds, in
-/// which nothing is seen.
+/// which nothing is seen but what is saved during a reload by SIGUSR1.
 /// @param path the file's name, NUL-terminated.
 /// @return null, and only when there is no inotify instance left or the file cannot be watched;
 ///         lines on standard error say which.

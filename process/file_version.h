@@ -2,11 +2,13 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <ctime>
 #include <optional>
 
 /// What tells one content of a file from the next: the file itself, its size, and when it was last
-/// written to. Not when its owner or mode changed.
+/// written to. Not when its owner or mode changed. A write of the same length that gives the file
+/// back the time it had, or comes within the same tick of the clock, makes no difference.
 struct file_version {
   dev_t device;
   ino_t inode;
@@ -15,6 +17,10 @@ struct file_version {
 
   [[nodiscard]] bool is_same_file_as(const file_version& other) const noexcept;
   bool operator==(const file_version& other) const noexcept;
+
+  /// What is left of `time`, a second at most, since the last write; zero when it has passed, or
+  /// the write lies in the future.
+  [[nodiscard]] std::chrono::nanoseconds left_of(std::chrono::nanoseconds time) const noexcept;
 
   /// @return none when there is no such file, or it cannot be looked at.
   static std::optional<file_version> of(const char* path) noexcept;

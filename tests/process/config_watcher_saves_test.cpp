@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <sstream>
@@ -12,7 +13,6 @@
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
-#include "tests/support/server_ini.h"
 #include "tests/support/wait_until.h"
 
 // What becomes of saves that do not simply write the file, or put another in its place.
@@ -22,15 +22,6 @@ namespace {
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using steady = std::chrono::steady_clock;
-
-/// A configuration whose load prints a line with the name.
-std::string naming(const std::string& name) {
-  return server_ini({{name, "/bin/true", "stop"}});
-}
-
-std::string load_of(const std::string& name) {
-  return golden::kLoad + golden::read_entry(name) + "monitor " + name + " stopped 333.\r\n";
-}
 
 TEST(config_watcher, a_save_in_pieces_is_one_load_of_the_whole_file) {
   in_child([] {
@@ -117,6 +108,97 @@ TEST(config_watcher, a_file_that_is_absent_when_the_pause_ends_is_waited_for) {
   });
 }
 
+/// Calls `before` before each watch on the file is set.
+void before_each_watch(const std::function<void()>& before) {
+  const auto watched = faults.inotify_add_watch;
+  faults.inotify_add_watch = [=](int fd, const char* path, std::uint32_t events) {
+    if ((events & IN_MODIFY) != 0) before();
+    return watched(fd, path, events);
+  };
+}
+
+TEST(config_watcher, a_file_that_goes_right_before_it_is_watched_is_waited_for_and_loaded) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    loadServerConfig(kConfigPath);
+    before_each_watch([] {
+      static int watches = 0;
+      if (++watches == 1) fs::remove(kConfigPath);
+    });
+    in_look = [](int look) {
+      if (look == 5) write_file(kConfigPath, naming("anew"));
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    EXPECT_EQ(watch.printed(), golden::kLoad + load_of("anew"));
+    EXPECT_EQ(watch.complaints(), "");
+  });
+}
+
+TEST(config_watcher, a_file_that_comes_right_before_it_is_watched_is_loaded) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    in_pause = [] {
+      if (pauses == 1) fs::remove(kConfigPath);
+    };
+    before_each_watch([] {
+      if (!exists(kConfigPath)) write_file(kConfigPath, naming("back"));
+    });
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    modify();
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), golden::kLoad + load_of("back"));
+  });
+}
+
+TEST(config_watcher, a_file_that_is_not_its_user_s_yet_is_waited_for) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    const auto watched = faults.inotify_add_watch;
+    faults.inotify_add_watch = [=](int fd, const char* path, std::uint32_t events) {
+      static int refused = 0;
+      if ((events & IN_MODIFY) == 0 || ++refused > 3) return watched(fd, path, events);
+      errno = EACCES;
+      return -1;
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    EXPECT_EQ(watch.complaints(), "");
+  });
+}
+
+TEST(config_watcher, a_file_that_stays_another_user_s_is_the_end) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    faults.inotify_add_watch = [](auto...) {
+      errno = EACCES;
+      return -1;
+    };
+    const auto start = steady::now();
+    watch_file(const_cast<char*>(kConfigPath));
+    EXPECT_GE(steady::now() - start, milliseconds(450));
+    EXPECT_EQ(watch.complaints(), cannot_watch("Permission denied"));
+  });
+}
+
+TEST(config_watcher, a_file_that_comes_and_goes_is_loaded_all_the_same) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    in_look = [&](int look) {
+      if (watch.loads() > 0 || look % 2 == 0) {
+        if (!exists(kConfigPath)) write_file(kConfigPath, "[keelmond]\n");
+      } else {
+        fs::remove(kConfigPath);
+      }
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    modify();
+    EXPECT_TRUE(watch.watches(2));
+  });
+}
+
 TEST(config_watcher, a_file_that_is_moved_away_as_a_backup_does_not_take_the_watch_along) {
   in_child([] {
     watcher& watch = new_watcher();
@@ -157,6 +239,21 @@ TEST(config_watcher, a_link_that_is_replaced_is_a_save) {
     write_file("config/two", naming("again"));
     ASSERT_TRUE(watch.watches(3));
     EXPECT_EQ(watch.printed(), load_of("two") + load_of("again")) << "what it leads to is watched";
+  });
+}
+
+TEST(config_watcher, a_link_to_a_file_that_is_not_there_yet_is_waited_for) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    in_look = [](int look) {
+      if (look == 5) write_file("config/next", naming("next"));
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(1));
+    fs::create_symlink("next", "config/new");
+    fs::rename("config/new", kConfigPath);
+    ASSERT_TRUE(watch.watches(2));
+    EXPECT_EQ(watch.printed(), load_of("next"));
   });
 }
 
@@ -233,73 +330,6 @@ TEST(config_watcher, a_file_that_is_moved_away_before_its_name_is_watched_is_not
     watch.start();
     ASSERT_TRUE(watch.watches(2));
     EXPECT_EQ(watch.printed(), load_of("between"));
-  });
-}
-
-TEST(config_watcher, what_was_saved_during_the_first_load_is_loaded_when_the_first_watch_is_set) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    loadServerConfig(kConfigPath);
-    replace(naming("meanwhile"));
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
-    EXPECT_EQ(watch.printed(), golden::kLoad + load_of("meanwhile"));
-    EXPECT_EQ(pauses, 0) << "the watch that was set goes on";
-    EXPECT_TRUE(never([&] { return watch.loads() > 2; }));
-  });
-}
-
-TEST(config_watcher, what_was_loaded_first_and_stands_there_still_is_not_loaded_again) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    loadServerConfig(kConfigPath);
-    ASSERT_EQ(::chmod(kConfigPath, 0600), 0);
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
-    EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
-  });
-}
-
-/// Saves while the first load of a test's watcher reads what was there before.
-void save_during_the_next_load(const std::function<void()>& save) {
-  faults.pipe2 = [=](int* ends, int flags) {
-    const auto once = save;
-    faults.pipe2 = nullptr;
-    once();
-    return without_pipes(ends, flags);
-  };
-}
-
-TEST(config_watcher, what_was_saved_during_a_reload_is_loaded_before_the_pause) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    Tfun_monitor& known = new_monitor("/bin/true", "known", "stop");
-    monitor_list.push_back(&known);
-    static std::size_t loads_at_pause = 0;
-    in_pause = [&] { loads_at_pause = watch.loads(); };
-    // Its stop command is where the load can be met.
-    save_during_the_next_load([] { replace(naming("meanwhile")); });
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
-    replace(naming("known"));
-    ASSERT_TRUE(watch.watches(2));
-    EXPECT_EQ(watch.loads(), 2U);
-    EXPECT_EQ(loads_at_pause, 2U);
-    EXPECT_TRUE(watch.printed().ends_with(load_of("meanwhile")));
-  });
-}
-
-TEST(config_watcher, a_file_that_was_deleted_during_a_reload_is_not_loaded_again) {
-  in_child([] {
-    watcher& watch = new_watcher();
-    monitor_list.push_back(&new_monitor("/bin/true", "known", "stop"));
-    save_during_the_next_load([] { fs::remove(kConfigPath); });
-    watch.start();
-    ASSERT_TRUE(watch.watches(1));
-    replace(naming("known"));
-    ASSERT_TRUE(wait_until([&] { return !watch.complaints().empty(); }));
-    EXPECT_TRUE(watch.end());
-    EXPECT_EQ(watch.loads(), 1U);
   });
 }
 

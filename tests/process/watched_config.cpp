@@ -11,6 +11,7 @@
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
+#include "tests/support/server_ini.h"
 #include "tests/support/wait_until.h"
 #include "tests/support/watch_pause.h"
 
@@ -120,4 +121,12 @@ void modify() {
 void replace(const std::string& text) {
   write_file("config/new", text);
   std::filesystem::rename("config/new", kConfigPath);
+}
+
+std::string naming(const std::string& name) {
+  return server_ini({{name, "/bin/true", "stop"}});
+}
+
+std::string load_of(const std::string& name) {
+  return golden::kLoad + golden::read_entry(name) + "monitor " + name + " stopped 333.\r\n";
 }

@@ -73,3 +73,8 @@ void append(std::string_view text);
 void modify();
 /// Puts another file in its place, by renaming.
 void replace(const std::string& text);
+
+/// A configuration whose load prints a line with the name.
+std::string naming(const std::string& name);
+/// What its load prints.
+std::string load_of(const std::string& name);

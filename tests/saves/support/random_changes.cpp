@@ -115,7 +115,7 @@ random_changes::path random_changes::draft_beside(const path& target) {
 
 void random_changes::move() {
   const path file = config("server.ini");
-  switch (random(0, 9)) {
+  switch (random(0, 10)) {
     case 0:
       return write(file, "server.ini");
     case 1:
@@ -133,6 +133,8 @@ void random_changes::move() {
       return turn_directory_link();
     case 8:
       return write_by_other_name();
+    case 9:
+      return turn_link_ahead();
     default:
       return disturb();
   }
@@ -185,9 +187,6 @@ void random_changes::take_away() {
 
 void random_changes::put_there(bool old_is_kept) {
   const path file = config("server.ini");
-  const auto there = [this] {
-    longest_absence_ = std::max(longest_absence_, clock::now() - absent_since_);
-  };
   switch (random(0, old_is_kept ? 4 : 3)) {
     case 0:
       write(file, "server.ini");
@@ -209,7 +208,11 @@ void random_changes::put_there(bool old_is_kept) {
     default:
       step("rename server.ini~ back", true, [&] { fs::rename(config("server.ini~"), file); });
   }
-  there();
+  note_absence();
+}
+
+void random_changes::note_absence() {
+  longest_absence_ = std::max(longest_absence_, clock::now() - absent_since_);
 }
 
 void random_changes::turn_file_link() {
@@ -217,6 +220,18 @@ void random_changes::turn_file_link() {
   const path link = config("next");
   step("symlink another name to it", false, [&] { fs::create_symlink(draft, link); });
   step("rename that to server.ini", true, [&] { fs::rename(link, config("server.ini")); });
+}
+
+/// Turns the link first, and then makes the file that it leads to.
+void random_changes::turn_link_ahead() {
+  const std::string target = "ahead" + std::to_string(files_ + 1);
+  const path link = config("next");
+  step("symlink another name to " + target, false,
+       [&] { fs::create_symlink(site_ / "versions" / target, link); });
+  absent_since_ = clock::now();
+  step("rename that to server.ini", true, [&] { fs::rename(link, config("server.ini")); });
+  write(site_ / "versions" / target, target);
+  note_absence();
 }
 
 /// Turns the link to a directory on the way to the file, where there is one.

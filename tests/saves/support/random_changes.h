@@ -51,7 +51,9 @@ class random_changes final {
   void replace(const path& target);
   void take_away();
   void put_there(bool old_is_kept);
+  void note_absence();
   void turn_file_link();
+  void turn_link_ahead();
   void turn_directory_link();
   void write_by_other_name();
   void disturb();

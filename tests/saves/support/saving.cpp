@@ -114,7 +114,7 @@ class series final {
  public:
   series(const way& how, int saves) : how_(how), left_(saves) {}
 
-  [[nodiscard]] bool is_over() const { return left_ == 0; }
+  [[nodiscard]] bool is_over() const { return left_ == 0 && !site_; }
   [[nodiscard]] int missed() const { return missed_; }
 
   /// Does what can be done without waiting.
@@ -123,7 +123,9 @@ class series final {
       site_ = std::make_unique<save_site>(how_);
       pause_over_ = true;
     }
-    if (saved_) {
+    if (left_ == 0) {
+      save_at_the_end_of_the_pause(random);
+    } else if (saved_) {
       if (site_->has_taken()) {
         over(true);
       } else if (steady::now() - *saved_ > kLongestReload) {
@@ -153,7 +155,25 @@ class series final {
       site_->expect_no_harm();
     }
     // After a save that was missed nothing can be said of the next one.
-    if (!taken || left_ == 0) site_.reset();
+    if (!taken || (left_ == 0 && stress::rounds(0, 1) == 1)) site_.reset();
+  }
+
+  /// One more save that may fall into the pause or not, or have its steps on both sides of its end.
+  /// It need not be taken, and must not be the end of everything.
+  void save_at_the_end_of_the_pause(std::mt19937& random) {
+    const auto now = steady::now();
+    if (saved_) {
+      const bool watches = site_->is_watching();
+      if (!watches && now - *saved_ < kLongestReload) return;
+      EXPECT_TRUE(watches) << "after a save at the end of a pause: " << site_->state();
+      site_.reset();
+    } else if (!due_) {
+      if (site_->is_pausing() || now - taken_ > kPauseOver)
+        due_ = now + milliseconds(stress::between(random, 1800, 2050));
+    } else if (now >= *due_) {
+      site_->save();
+      saved_ = steady::now();
+    }
   }
 
   const way& how_;
