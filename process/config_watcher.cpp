@@ -128,6 +128,17 @@ void explain_end(const char* path, const char* need, int error) {
   console::report_failure("keelmond", reason);
 }
 
+void report_no_instance(const char* path) {
+  const int error = errno;
+  console::report_error("inotify_init");
+  char need[160];
+  std::snprintf(need, sizeof need,
+                "User %u has to have an inotify instance left (fs.inotify.max_user_instances), and "
+                "keelmond a descriptor (ulimit -n)",
+                ::geteuid());
+  explain_end(path, need, error);
+}
+
 void report_no_watch(const char* path, int error) {
   errno = error;
   console::report_error("inotify_add_watch");
@@ -179,7 +190,7 @@ struct watches {
 std::optional<watches> set_watches(const char* path) {
   unique_fd instance(::inotify_init1(IN_CLOEXEC));
   if (!instance.valid()) {
-    console::report_error("inotify_init");
+    report_no_instance(path);
     return std::nullopt;
   }
   const file_watch file = watch_itself(instance.get(), path);

@@ -32,7 +32,13 @@ TEST(config_watcher, gives_up_without_an_inotify_instance) {
     };
     char path[] = "./config/server.ini";
     EXPECT_EQ(watch_file(path), nullptr);
-    EXPECT_EQ(watch.complaints(), "inotify_init: Too many open files\n");
+    EXPECT_EQ(watch.complaints(),
+              "inotify_init: Too many open files\n"
+              "keelmond: ./config/server.ini cannot be watched, so everything ends. User " +
+                  std::to_string(::geteuid()) +
+                  " has to have an inotify instance left (fs.inotify.max_user_instances), and "
+                  "keelmond a descriptor (ulimit -n) (Too many open files). run.pid stays and "
+                  "blocks the next start\n");
     EXPECT_EQ(watch.watches_ + watch.removed_ + pauses, 0);
     EXPECT_EQ(watch.loads(), 0U);
   });
