@@ -4,11 +4,13 @@
 #include <algorithm>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 
 #include "control/check/check_config.h"
 #include "control/site/daemon_search.h"
 #include "control/site/running_programs.h"
+#include "runner/file/program_file.h"
 
 namespace control {
 namespace {
@@ -83,6 +85,30 @@ void check_pattern(const check_subject& subject, const listed_program& program,
   }
 }
 
+/// The name of the process that a script becomes when `env` looks for its interpreter; empty when
+/// it does not.
+std::string name_after_env(const std::string& path) {
+  const std::string line = first_line_of(path);
+  // What runs a program file keeps its name.
+  if (!line.starts_with("#!") || runner::is_program_file(line)) return "";
+  std::istringstream words(line.substr(2));
+  std::string word;
+  if (!(words >> word) || process_name_of(word) != "env") return "";
+  while (words >> word) {
+    if (word.front() != '-' && word.find('=') == std::string::npos) return process_name_of(word);
+  }
+  return "";
+}
+
+void check_interpreter(const listed_program& program, std::size_t line, findings& out) {
+  const std::string seen = name_after_env(program.exepath);
+  if (seen.empty() || matches_as_pattern(program.name, seen)) return;
+  out.warn(line,
+           "env makes the process " + seen + " of " + program.exepath + ", which " + program.name +
+               " does not match: \"stop\" cannot reach it",
+           "write the full path of " + seen + " behind #! in its first line, without env");
+}
+
 /// @param line that of the path, or else that of the entry.
 void check_file(const listed_program& program, std::size_t line, findings& out) {
   const std::string who = "entry svr" + std::to_string(program.number) + " is skipped: ";
@@ -105,6 +131,7 @@ void check_file(const listed_program& program, std::size_t line, findings& out) 
     out.warn(line, "every user may write " + program.exepath + ", and keelmond runs it",
              "chmod o-w " + program.exepath);
   }
+  if (S_ISREG(status.st_mode)) check_interpreter(program, line, out);
 }
 
 void check_path(const check_subject& subject, const listed_program& program, findings& out) {

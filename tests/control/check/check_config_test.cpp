@@ -150,6 +150,21 @@ TEST_F(check_config, finds_names_that_stop_cannot_reach) {
   EXPECT_EQ(place_of("[keelmond]\nlinux=1\nsvr1=-x\n", "not one plain word"), "3e");
 }
 
+TEST_F(check_config, finds_interpreters_that_take_the_name_of_the_script) {
+  const auto place_with = [&](const std::string& first_line) {
+    scratch_.write("kmd_web", first_line + "\nprint(1)\n");
+    return place_of(kClean, "env makes the process python3 of");
+  };
+  EXPECT_EQ(place_with("#!/usr/bin/env python3"), "3w");
+  EXPECT_EQ(place_with("#! /usr/bin/env -S A=1 python3 -u"), "3w");
+  EXPECT_EQ(place_with("#!/usr/bin/python3"), "none");
+  EXPECT_EQ(place_with("#!/usr/bin/env"), "none");
+  EXPECT_EQ(place_with("#!/usr/bin/env my_kmd_web"), "none");
+  scratch_.write("kmd_web", "#!/usr/bin/env keelmond-run\n[program]\ncommand = sleep 5\n");
+  EXPECT_EQ(place_of(kClean, "env makes"), "none");
+  EXPECT_EQ(place_with("/usr/bin/env python3"), "none");
+}
+
 TEST_F(check_config, finds_names_that_reach_somebody_else) {
   EXPECT_EQ(place_of(with(kClean, "svr2 = kmd_db", "svr2 = kmd_"), "fits the program kmd_web"),
             "4e");
