@@ -66,6 +66,22 @@ TEST(run_script, refuses_a_directory_without_a_configuration) {
   EXPECT_FALSE(fs::exists(place.directory()));
 }
 
+TEST(run_script, starts_what_the_configuration_of_a_directory_lists) {
+  const tree place;
+  constexpr char kNothing[] = "[keelmond]\nlinux = 0\n";
+  fs::create_directories(place.directory() + "/config");
+  write_file(place.directory() + "/config/server.ini", kNothing);
+  const std::string printed = place.run(place.directory());
+  const std::string head = "keelmond runs in " + place.directory() + " (PID ";
+  ASSERT_NE(printed.find(head), std::string::npos) << printed;
+  EXPECT_TRUE(printed.ends_with("exit status: 0\n")) << printed;
+  EXPECT_EQ(read_file(place.directory() + "/config/server.ini"), kNothing);
+  const pid_t daemon = std::atoi(printed.c_str() + printed.find(head) + head.size());
+  ASSERT_GT(daemon, 1);
+  ::kill(daemon, SIGUSR2);
+  EXPECT_EQ(children::wait_for_end(daemon), 0);
+}
+
 TEST(run_script, starts_the_example_in_a_directory_that_it_makes) {
   if (!private_namespace::is_inside()) GTEST_SKIP() << "the names of the example may be in use";
   const tree place;
@@ -83,9 +99,11 @@ TEST(run_script, starts_the_example_in_a_directory_that_it_makes) {
   EXPECT_EQ(children::wait_for_end(daemon), 0);
 }
 
-TEST(run_script, tells_who_may_not_build) {
+TEST(run_script, tells_who_may_not_build_before_it_asks_for_packages) {
   if (::geteuid() == 0) GTEST_SKIP() << "root may write everywhere";
   const tree place;
+  const fs::path packages = place.root() / "tools" / "packages.sh";
+  write_file(packages, read_file(packages) + "install_needed() { echo asks for packages; }\n");
   fs::create_directories(place.root() / "build" / "release");
   write_file(place.root() / "build" / "run.log", "What an earlier build has said.\n");
   fs::permissions(place.root() / "build" / "release",
