@@ -34,6 +34,31 @@ TEST(supervise, starts_a_killed_program_again) {
   EXPECT_TRUE(wait_until([&] { return place.is_live(name); }));
 }
 
+TEST(supervise, sleeps_while_nothing_happens) {
+#ifdef __SANITIZE_THREAD__
+  GTEST_SKIP() << "ThreadSanitizer has a thread of its own that does not";
+#endif
+  installation place;
+  place.start_with(place.add_steady());
+  // Of every thread, those of the daemon's children included.
+  const auto switches = [&] {
+    std::string all;
+    std::vector<pid_t> processes = place.children();
+    processes.push_back(place.daemon());
+    for (const pid_t pid : processes) {
+      for (const auto& task : fs::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
+        const pid_t thread = std::stoi(task.path().filename().string());
+        all += process_table::status_field(thread, "voluntary_ctxt_switches") + " ";
+      }
+    }
+    return all;
+  };
+  EXPECT_TRUE(wait_until([&] {
+    const std::string before = switches();
+    return keeps([&] { return switches() == before; }, std::chrono::seconds(2));
+  }));
+}
+
 TEST(supervise, leaves_other_programs_alone_when_one_ends) {
   installation place;
   const std::string ending = place.add_steady();
