@@ -34,9 +34,8 @@ constexpr milliseconds kLongestSave{1000};
 /// How long a tool may take between removing the file and making it anew.
 constexpr milliseconds kLongestAbsence{500};
 constexpr milliseconds kLookEvery{5};
-/// Until then a second write may leave a file with the time of the first: the kernel's clock for
-/// files ticks, every 10 milliseconds at most.
-constexpr milliseconds kTicked{20};
+/// Longer than a tick of the kernel's clock for files.
+constexpr milliseconds kLongestTick{20};
 /// How often a save that does not end is loaded before the pause comes all the same.
 constexpr int kMostLoads = 60;
 
@@ -85,15 +84,15 @@ bool await_save(const char* path) {
   return false;
 }
 
-/// Waits until a file that was moved in is old enough to be told from what is written to it next.
+/// Waits until a file that was moved in can be told from what is written to it next.
 /// @return whether it is there, and the same.
 bool await_tick(const char* path) {
   const std::optional<file_version> moved_in = file_version::of(path);
-  if (!moved_in) return false;
-  const auto left = moved_in->left_of(kTicked);
-  if (left.count() == 0) return true;
-  supervisor_signals::wait_and_deliver(-1, left);
-  return file_version::of(path) == moved_in;
+  // One from the future never can.
+  const auto end = steady::now() + kLongestTick;
+  while (moved_in && moved_in->is_of_this_tick() && steady::now() < end)
+    supervisor_signals::wait_and_deliver(-1, milliseconds(1));
+  return moved_in && file_version::of(path) == moved_in;
 }
 
 /// A reload, in the handler of SIGUSR1 on this thread.

@@ -2,8 +2,6 @@
 
 #include <sys/stat.h>
 
-#include <algorithm>
-
 bool file_version::is_same_file_as(const file_version& other) const noexcept {
   return device == other.device && inode == other.inode;
 }
@@ -13,16 +11,11 @@ bool file_version::operator==(const file_version& other) const noexcept {
          modified.tv_nsec == other.modified.tv_nsec;
 }
 
-std::chrono::nanoseconds file_version::left_of(std::chrono::nanoseconds time) const noexcept {
-  using std::chrono::nanoseconds;
+bool file_version::is_of_this_tick() const noexcept {
   timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
-  // Only then does the difference fit: files may have any time.
-  if (modified.tv_sec > now.tv_sec || modified.tv_sec < now.tv_sec - 1) return nanoseconds::zero();
-  const nanoseconds age = std::chrono::seconds(now.tv_sec - modified.tv_sec) +
-                          nanoseconds(now.tv_nsec - modified.tv_nsec);
-  return age < nanoseconds::zero() ? nanoseconds::zero()
-                                   : std::max(time - age, nanoseconds::zero());
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  return modified.tv_sec == now.tv_sec ? modified.tv_nsec >= now.tv_nsec
+                                       : modified.tv_sec > now.tv_sec;
 }
 
 std::optional<file_version> file_version::of(const char* path) noexcept {

@@ -2,7 +2,6 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <ctime>
 #include <optional>
 
@@ -18,9 +17,9 @@ struct file_version {
   [[nodiscard]] bool is_same_file_as(const file_version& other) const noexcept;
   bool operator==(const file_version& other) const noexcept;
 
-  /// What is left of `time`, a second at most, since the last write; zero when it has passed, or
-  /// the write lies in the future.
-  [[nodiscard]] std::chrono::nanoseconds left_of(std::chrono::nanoseconds time) const noexcept;
+  /// Whether a write at this moment might leave the file with the time that it has: the kernel's
+  /// clock for files ticks, a hundred to a thousand times a second.
+  [[nodiscard]] bool is_of_this_tick() const noexcept;
 
   /// @return none when there is no such file, or it cannot be looked at.
   static std::optional<file_version> of(const char* path) noexcept;

@@ -129,12 +129,20 @@ TEST(config_watcher, what_was_saved_right_before_the_watch_goes_is_loaded) {
   });
 }
 
-/// Writes a file as a kernel does whose clock for files ticks every 10 milliseconds.
-void write_by_a_slow_clock(const std::string& path, const std::string& text) {
-  write_file(path, text);
+/// The next tick of a clock with a hundred of them in a second.
+timespec next_tick() {
+  constexpr long kTick = 10'000'000;
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
-  now.tv_nsec -= now.tv_nsec % 10'000'000;
+  now.tv_nsec += kTick - now.tv_nsec % kTick;
+  if (now.tv_nsec < 1'000'000'000) return now;
+  return {now.tv_sec + 1, 0};
+}
+
+/// Writes a file as a kernel does that knows the time no better.
+void write_by_a_slow_clock(const std::string& path, const std::string& text) {
+  write_file(path, text);
+  const timespec now = next_tick();
   const std::array<timespec, 2> times{now, now};
   EXPECT_EQ(::utimensat(AT_FDCWD, path.c_str(), times.data(), 0), 0);
 }
@@ -146,6 +154,10 @@ TEST(config_watcher, what_is_written_into_a_file_that_was_just_moved_in_is_told_
     save_during_the_next_load([] { write_by_a_slow_clock(kConfigPath, naming("again")); });
     watch.start();
     ASSERT_TRUE(watch.watches(1));
+    // Right after a tick, so that the load would come before the next.
+    const timespec last = next_tick();
+    while (next_tick().tv_nsec == last.tv_nsec) {
+    }
     write_by_a_slow_clock("config/new", naming("known"));
     fs::rename("config/new", kConfigPath);
     ASSERT_TRUE(watch.watches(2));

@@ -2,35 +2,29 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <ctime>
 #include <limits>
 
-using std::chrono::milliseconds;
+#include "tests/support/wait_until.h"
 
 namespace {
 
-/// What is left of `time` for a file that was written to so many seconds from now.
-std::chrono::nanoseconds left_of(milliseconds time, time_t seconds) {
+TEST(file_version, knows_until_when_a_write_may_leave_the_same_time) {
   file_version version{};
-  ::clock_gettime(CLOCK_REALTIME, &version.modified);
-  version.modified.tv_sec += seconds;
-  return version.left_of(time);
-}
-
-}  // namespace
-
-TEST(file_version, tells_what_is_left_of_the_time_since_the_last_write) {
-  EXPECT_LE(left_of(milliseconds(900), 0), milliseconds(900));
-  EXPECT_EQ(left_of(milliseconds(900), -1).count(), 0);
-  EXPECT_EQ(left_of(milliseconds(900), -2).count(), 0);
-  EXPECT_EQ(left_of(milliseconds(900), 60).count(), 0) << "a time to come says nothing";
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &version.modified);
+  EXPECT_TRUE(wait_until([&] { return !version.is_of_this_tick(); }));
+  version.modified.tv_sec += 60;
+  EXPECT_TRUE(version.is_of_this_tick()) << "a time to come";
+  version.modified.tv_sec -= 120;
+  EXPECT_FALSE(version.is_of_this_tick());
 }
 
 TEST(file_version, takes_any_time_that_a_file_may_have) {
   file_version version{};
-  for (const time_t odd :
-       {std::numeric_limits<time_t>::min(), std::numeric_limits<time_t>::max()}) {
-    version.modified.tv_sec = odd;
-    EXPECT_EQ(version.left_of(milliseconds(20)).count(), 0);
-  }
+  version.modified.tv_sec = std::numeric_limits<time_t>::min();
+  EXPECT_FALSE(version.is_of_this_tick());
+  version.modified.tv_sec = std::numeric_limits<time_t>::max();
+  EXPECT_TRUE(version.is_of_this_tick());
 }
+
+}  // namespace
