@@ -52,6 +52,11 @@ runs_times() {
   equal "$(count "$1")" "$2"
 }
 
+# Whether the program $1 has the variable $2 in its environment: NAME, or NAME=VALUE.
+has_variable() {
+  grep -qzE "^$2(=|\$)" "/proc/$(pgrep -x "$1")/environ"
+}
+
 # As operating.md says: a directory of the user keelmond's with the example in it.
 make_site() {
   install -d -o keelmond -g keelmond -m 0750 "$home/$1"
