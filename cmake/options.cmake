@@ -9,8 +9,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND CMAKE_CXX_COMPILER_VERSION VERSION_L
   target_compile_options(keelmond_options INTERFACE -Wno-restrict)
 endif()
 
-# What is installed checks its stack and its copies, and has the linker's tables read-only. It is not
-# position-independent where it is static: its relocations would cost 6 kB for each program that runs.
+# What is installed checks its stack and its copies, and has the linker's tables read-only. It is
+# not position-independent where it is static: its relocations would cost 6 kB for each program that
+# runs.
 set(installed $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
 target_compile_options(keelmond_options INTERFACE
   $<${installed}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
