@@ -54,7 +54,7 @@ runs_times() {
 
 # Whether the program $1 has the variable $2 in its environment: NAME, or NAME=VALUE.
 has_variable() {
-  grep -qzE "^$2(=|\$)" "/proc/$(pgrep -x "$1")/environ"
+  grep -qzE "^$2(=|\$)" "/proc/$(pgrep -ox "$1")/environ"
 }
 
 # As operating.md says: a directory of the user keelmond's with the example in it.
