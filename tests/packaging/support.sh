@@ -43,7 +43,7 @@ equal() {
   [[ $1 == "$2" ]]
 }
 
-# The number of processes of the program $1.
+# The number of processes of the program $1. One that forks has another for a moment.
 count() {
   pgrep -xc "$1" || true
 }
