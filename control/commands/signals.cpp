@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <csignal>
 #include <cstring>
 #include <thread>
 
 #include "control/commands/program_names.h"
 #include "control/proc/process_handle.h"
 #include "control/text/failure.h"
+#include "runner/file/values.h"
 
 namespace control {
 namespace {
@@ -81,15 +80,7 @@ void require_supervised(const snapshot& now, const std::string& name) {
 }  // namespace
 
 int parse_signal(const std::string& text) {
-  int number = 0;
-  const char* const last = text.data() + text.size();
-  const auto [end, error] = std::from_chars(text.data(), last, number);
-  if (error == std::errc{} && end == last && number > 0 && number <= SIGRTMAX) return number;
-  const std::string name = text.starts_with("SIG") ? text.substr(3) : text;
-  for (int signal = 1; signal < SIGRTMIN; ++signal) {
-    const char* const known = ::sigabbrev_np(signal);
-    if (known != nullptr && name == known) return signal;
-  }
+  if (const auto number = runner::parse_signal(text)) return *number;
   throw failure(
       "there is no signal " + text + ": give a name such as USR1, TERM or HUP, or a number",
       exit_status::kUsage);

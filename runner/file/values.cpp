@@ -41,15 +41,19 @@ constexpr named_number kSizeUnits[] = {
     {"TiB", 1ULL << 40},
 };
 
+/// Of two names for one signal the first is the one that is shown.
 constexpr named_number kSignals[] = {
-    {"HUP", SIGHUP},   {"INT", SIGINT},       {"QUIT", SIGQUIT},   {"ILL", SIGILL},
-    {"TRAP", SIGTRAP}, {"ABRT", SIGABRT},     {"BUS", SIGBUS},     {"FPE", SIGFPE},
-    {"KILL", SIGKILL}, {"USR1", SIGUSR1},     {"SEGV", SIGSEGV},   {"USR2", SIGUSR2},
-    {"PIPE", SIGPIPE}, {"ALRM", SIGALRM},     {"TERM", SIGTERM},   {"CHLD", SIGCHLD},
-    {"CONT", SIGCONT}, {"STOP", SIGSTOP},     {"TSTP", SIGTSTP},   {"TTIN", SIGTTIN},
-    {"TTOU", SIGTTOU}, {"URG", SIGURG},       {"XCPU", SIGXCPU},   {"XFSZ", SIGXFSZ},
-    {"PROF", SIGPROF}, {"VTALRM", SIGVTALRM}, {"WINCH", SIGWINCH}, {"IO", SIGIO},
-    {"PWR", SIGPWR},   {"SYS", SIGSYS},
+    {"HUP", SIGHUP},       {"INT", SIGINT},       {"QUIT", SIGQUIT},   {"ILL", SIGILL},
+    {"TRAP", SIGTRAP},     {"ABRT", SIGABRT},     {"BUS", SIGBUS},     {"FPE", SIGFPE},
+    {"KILL", SIGKILL},     {"USR1", SIGUSR1},     {"SEGV", SIGSEGV},   {"USR2", SIGUSR2},
+    {"PIPE", SIGPIPE},     {"ALRM", SIGALRM},     {"TERM", SIGTERM},   {"CHLD", SIGCHLD},
+    {"CONT", SIGCONT},     {"STOP", SIGSTOP},     {"TSTP", SIGTSTP},   {"TTIN", SIGTTIN},
+    {"TTOU", SIGTTOU},     {"URG", SIGURG},       {"XCPU", SIGXCPU},   {"XFSZ", SIGXFSZ},
+    {"PROF", SIGPROF},     {"VTALRM", SIGVTALRM}, {"WINCH", SIGWINCH}, {"IO", SIGIO},
+    {"PWR", SIGPWR},       {"SYS", SIGSYS},       {"POLL", SIGPOLL},
+#ifdef SIGSTKFLT
+    {"STKFLT", SIGSTKFLT},
+#endif
 };
 
 std::optional<rlim_t> parse_one_limit(std::string_view text, limit_unit unit) {

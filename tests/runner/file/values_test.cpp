@@ -55,7 +55,11 @@ TEST(values, signals_have_names_and_numbers) {
   EXPECT_EQ(parse_signal("64"), 64);
   for (const char* const none : {"", "0", "65", "term", "SIG", "SIGSIGTERM"})
     EXPECT_FALSE(parse_signal(none)) << none;
+  EXPECT_EQ(parse_signal("IO"), SIGIO);
+  EXPECT_EQ(parse_signal("POLL"), SIGIO) << "its other name";
+  EXPECT_EQ(parse_signal("STKFLT"), SIGSTKFLT);
   EXPECT_EQ(signal_name(SIGKILL), "KILL");
+  EXPECT_EQ(signal_name(SIGIO), "IO");
   EXPECT_EQ(signal_name(40), "40");
 }
 
