@@ -70,7 +70,8 @@ bool take_own_path(entry& out) {
   }
   char message[recorder::kLineSize] = {};
   std::snprintf(message, sizeof message,
-                "server.ini: entry svr%d (%s) refused: the working directory has no path (%s).\r\n",
+                "server.ini: entry svr%d (%s) refused: the path of the working directory cannot be "
+                "read (%s).\r\n",
                 out.number, out.name, std::strerror(errno));
   recorder::append(message);
   return false;
