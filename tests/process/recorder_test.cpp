@@ -195,7 +195,7 @@ TEST(recorder, cuts_a_line_and_a_name_that_are_too_long) {
   });
 }
 
-TEST(recorder, follows_a_time_zone_that_changes_with_the_next_load) {
+TEST(recorder, reads_the_time_zone_again_when_it_is_told_to) {
   in_child([] {
     supervision::begin();
     const auto hour = [] {

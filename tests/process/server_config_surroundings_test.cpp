@@ -2,10 +2,12 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <string>
 
+#include "process/recorder.h"
 #include "process/server_config.h"
 #include "tests/process/supervision.h"
 #include "tests/support/golden.h"
@@ -54,6 +56,21 @@ TEST(server_config_surroundings, an_entry_without_exepath_is_refused_where_the_p
     EXPECT_EQ(logged_in(deep, false), refusal_for(ERANGE));
     EXPECT_TRUE(contains(world.printed(), golden::read_entry("aa") + golden::read_entry("bb")))
         << "the next one is read";
+  });
+}
+
+TEST(server_config_surroundings, each_load_has_the_log_follow_a_change_of_the_time_zone) {
+  in_child([] {
+    supervision::begin();
+    const auto hour_after_a_load = [](const char* zone) {
+      ::setenv("TZ", zone, 1);
+      loadServerConfig("server.ini");
+      const std::string before = read_file("keelmond.log");
+      recorder::append("a line\r\n");
+      return std::stoi(read_file("keelmond.log").substr(before.size() + 8 + 11, 2));
+    };
+    const int here = hour_after_a_load("UTC0");
+    EXPECT_NEAR((hour_after_a_load("XXX-5") - here + 24) % 24, 5, 1);
   });
 }
 
