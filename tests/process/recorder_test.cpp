@@ -191,7 +191,9 @@ TEST(recorder, cuts_a_line_and_a_name_that_are_too_long) {
     recorder::append(std::string(768, 'y').c_str());
     EXPECT_EQ(count(world.log(), "x"), 767U);
     EXPECT_EQ(count(world.log(), "y"), 767U);
-    recorder::record_launch(new_record(), std::string(600, 'n').c_str(), "");
+    recorder::record& own = new_record();
+    recorder::record_launch(own, std::string(600, 'n').c_str(), "");
+    EXPECT_EQ(std::string(own.program), std::string(511, 'n'));
   });
 }
 
