@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
+#include <tuple>
 
 #include "common/misc/unique_fd.h"
 #include "tests/support/scratch_dir.h"
@@ -111,7 +112,7 @@ class http_question final {
   }
   void close() {
     // What has not been read would be answered by a reset.
-    static_cast<void>(request());
+    std::ignore = request();
     connection_.reset();
   }
   probe_answer next() { return go_on(question_); }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <csignal>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "runner/file/process_stat.h"
@@ -43,7 +44,7 @@ TEST(supervision_commands, what_comes_before_leaves_nothing_behind) {
   launcher_place place;
   place.write("shell = yes\nbefore = " + leave("left") + "\ncommand = exec sleep 1000\n");
   place.start();
-  (void)place.wait_phase(program_phase::running);
+  std::ignore = place.wait_phase(program_phase::running);
   const auto left = numbers_in(place, "left");
   ASSERT_EQ(left.size(), 1U);
   EXPECT_FALSE(is_alive(left.front()));
@@ -54,7 +55,7 @@ TEST(supervision_commands, what_comes_after_leaves_nothing_behind) {
   place.write("shell = yes\nafter = " + leave("left") +
               "\ncommand = true\n[restart]\ndelay = 1h\nlongest = 1h\n");
   place.start();
-  (void)place.wait_phase(program_phase::waiting);
+  std::ignore = place.wait_phase(program_phase::waiting);
   const auto left = numbers_in(place, "left");
   ASSERT_EQ(left.size(), 1U);
   EXPECT_FALSE(is_alive(left.front()));
@@ -124,7 +125,7 @@ TEST(supervision_commands, a_request_to_end_ends_what_comes_before_at_once) {
     launcher_place place;
     place.write("before = sleep 1000\ncommand = touch started\n");
     place.start();
-    (void)place.wait_phase(program_phase::before);
+    std::ignore = place.wait_phase(program_phase::before);
     place.send(signal);
     EXPECT_TRUE(place.wait_end());
     EXPECT_FALSE(place.directory().has("started"));

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <tuple>
 #include <utility>
 
 #include "runner/file/process_stat.h"
@@ -120,7 +121,7 @@ TEST(supervision, waits_for_what_is_needed_without_a_watch_that_others_could_lac
   launcher_place place;
   place.write("needs = other\nneeds_timeout = 1h\ncommand = sleep 1000\n");
   place.start();
-  (void)place.wait_phase(program_phase::needs);
+  std::ignore = place.wait_phase(program_phase::needs);
   // What it holds while it waits, it holds by then.
   ASSERT_TRUE(wait_until([&] { return runner::read_process_stat(place.pid())->state == 'S'; }));
   EXPECT_FALSE(has_watch(place.pid()));
