@@ -12,7 +12,7 @@
 namespace runner {
 namespace {
 
-using entry = program_file::entry;
+using setting = program_file::setting;
 using reading = key_reading;
 
 constexpr std::string_view kCommand = "a command, with quotes around words that hold blanks";
@@ -34,7 +34,7 @@ bool put(const std::optional<Value>& value, Place& place) {
   return value.has_value();
 }
 
-bool put_command(reading& into, const entry& given, command_words& place) {
+bool put_command(reading& into, const setting& given, command_words& place) {
   if (into.wants_shell(given.section)) {
     place = {"/bin/sh", "-c", given.value};
     return true;
@@ -43,19 +43,19 @@ bool put_command(reading& into, const entry& given, command_words& place) {
   return into.error.empty();
 }
 
-bool put_path(const reading& into, const entry& given, std::string& place) {
+bool put_path(const reading& into, const setting& given, std::string& place) {
   place = into.absolute(given.value);
   return true;
 }
 
 template <int Resource, limit_unit Unit>
-bool take_limit(reading& into, const entry& given) {
+bool take_limit(reading& into, const setting& given) {
   const auto limit = parse_limit(given.value, Unit);
   if (limit) into.file.limits.resources.push_back({Resource, *limit, given.line});
   return limit.has_value();
 }
 
-bool take_user(reading& into, const entry& given) {
+bool take_user(reading& into, const setting& given) {
   const auto user = into.known.find_user(given.value);
   if (!user) {
     into.error = "no user is called \"" + given.value + "\"";
@@ -76,13 +76,13 @@ bool check_group(reading& into, const std::string& name) {
   return false;
 }
 
-bool check_groups(reading& into, const entry& given) {
+bool check_groups(reading& into, const setting& given) {
   const std::vector<std::string> names = split_names(given.value);
   return std::all_of(names.begin(), names.end(),
                      [&](const std::string& name) { return check_group(into, name); });
 }
 
-bool take_needs(reading& into, const entry& given) {
+bool take_needs(reading& into, const setting& given) {
   into.file.program.needs = split_names(given.value);
   const auto is_name = [](const std::string& name) {
     return name.find('/') == std::string::npos && name.front() != '.';
@@ -95,7 +95,7 @@ bool take_needs(reading& into, const entry& given) {
   return !needs.empty() && std::all_of(needs.begin(), needs.end(), is_name);
 }
 
-bool take_target(reading& into, const entry& given) {
+bool take_target(reading& into, const setting& given) {
   constexpr std::string_view kNames[] = {"file", "syslog", "journal", "inherit"};
   constexpr log_target kTargets[] = {log_target::file, log_target::syslog, log_target::journal,
                                      log_target::inherit};
@@ -105,24 +105,24 @@ bool take_target(reading& into, const entry& given) {
   return true;
 }
 
-bool take_log_file(reading& into, const entry& given) {
+bool take_log_file(reading& into, const setting& given) {
   into.file.log.target = log_target::file;
   return put_path(into, given, into.file.log.file);
 }
 
-bool take_age(reading& into, const entry& given) {
+bool take_age(reading& into, const setting& given) {
   const auto age = parse_duration(given.value);
   if (!age || *age < std::chrono::seconds(1)) return false;
   into.file.log.age = std::chrono::duration_cast<std::chrono::seconds>(*age);
   return true;
 }
 
-bool take_keep(reading& into, const entry& given) {
+bool take_keep(reading& into, const setting& given) {
   const auto keep = parse_integer(given.value, 0, 100000);
   return put(keep, into.file.log.keep);
 }
 
-bool take_policy(reading& into, const entry& given) {
+bool take_policy(reading& into, const setting& given) {
   constexpr std::string_view kNames[] = {"always", "failure", "never"};
   const auto* const found = std::find(std::begin(kNames), std::end(kNames), given.value);
   if (found == std::end(kNames)) return false;
@@ -137,28 +137,28 @@ bool is_first_probe(reading& into, const probe_settings& probe) {
   return false;
 }
 
-bool take_tcp(reading& into, const entry& given, probe_settings& probe) {
+bool take_tcp(reading& into, const setting& given, probe_settings& probe) {
   return is_first_probe(into, probe) && parse_tcp_address(given.value, probe);
 }
 
-bool take_http(reading& into, const entry& given, probe_settings& probe) {
+bool take_http(reading& into, const setting& given, probe_settings& probe) {
   return is_first_probe(into, probe) && parse_http_address(given.value, probe);
 }
 
-bool take_probe_path(reading& into, const entry& given, probe_settings::kind how) {
+bool take_probe_path(reading& into, const setting& given, probe_settings::kind how) {
   probe_settings& probe = into.file.ready.probe;
   if (!is_first_probe(into, probe)) return false;
   probe.how = how;
   return put_path(into, given, probe.path);
 }
 
-bool take_probe_command(reading& into, const entry& given, probe_settings& probe) {
+bool take_probe_command(reading& into, const setting& given, probe_settings& probe) {
   if (!is_first_probe(into, probe)) return false;
   probe.how = probe_settings::kind::command;
   return put_command(into, given, probe.command);
 }
 
-bool take_notify(reading& into, const entry& given) {
+bool take_notify(reading& into, const setting& given) {
   const auto wanted = parse_truth(given.value);
   probe_settings& probe = into.file.ready.probe;
   if (!wanted || !*wanted) return wanted.has_value();
@@ -168,7 +168,7 @@ bool take_notify(reading& into, const entry& given) {
 }
 
 /// Looked up where it is needed, so only its form counts here.
-bool take_shell(reading& /*into*/, const entry& given) {
+bool take_shell(reading& /*into*/, const setting& given) {
   return parse_truth(given.value).has_value();
 }
 
@@ -179,43 +179,43 @@ constexpr char kUrl[] = "PORT/PATH or http://HOST:PORT/PATH, the host as a numer
 // clang-format off
 constexpr key_rule kRules[] = {
   {"program", "command", "(none)", kCommand,
-   [](reading& r, const entry& e) { return put_command(r, e, r.file.program.command); }},
+   [](reading& r, const setting& e) { return put_command(r, e, r.file.program.command); }},
   {"program", "shell", "no", kTruth, take_shell},
   {"program", "directory", "(that of this file)", kPath,
-   [](reading& r, const entry& e) { return put_path(r, e, r.file.program.directory); }},
+   [](reading& r, const setting& e) { return put_path(r, e, r.file.program.directory); }},
   {"program", "user", "(the supervisor's)", "the name or number of a user", take_user},
   {"program", "group", "(the user's)", "the name or number of a group",
-   [](reading& r, const entry& e) { return check_group(r, e.value); }},
+   [](reading& r, const setting& e) { return check_group(r, e.value); }},
   {"program", "groups", "(the user's)", "names or numbers of groups, with blanks between them",
    check_groups},
   {"program", "umask", "022", "an octal number from 000 to 777",
-   [](reading& r, const entry& e) { return put(parse_mode(e.value), r.file.program.umask); }},
+   [](reading& r, const setting& e) { return put(parse_mode(e.value), r.file.program.umask); }},
   {"program", "nice", "(the supervisor's)", "a number from -20 to 19",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      r.file.program.nice = parse_integer(e.value, -20, 19);
      return r.file.program.nice.has_value(); }},
   {"program", "oom_score", "(the supervisor's)", "a number from -1000 to 1000",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      r.file.program.oom_score = parse_integer(e.value, -1000, 1000);
      return r.file.program.oom_score.has_value(); }},
   {"program", "no_new_privileges", "no", kTruth,
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_truth(e.value), r.file.program.no_new_privileges); }},
   {"program", "before", "(none)", kCommand,
-   [](reading& r, const entry& e) { return put_command(r, e, r.file.program.before); }},
+   [](reading& r, const setting& e) { return put_command(r, e, r.file.program.before); }},
   {"program", "after", "(none)", kCommand,
-   [](reading& r, const entry& e) { return put_command(r, e, r.file.program.after); }},
+   [](reading& r, const setting& e) { return put_command(r, e, r.file.program.after); }},
   {"program", "needs", "(none)", "names of programs, with blanks between them", take_needs},
   {"program", "needs_timeout", "60s", kDuration,
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_duration(e.value), r.file.program.needs_timeout); }},
   {"program", "supervisor", "(found in the process tree)", kPath,
-   [](reading& r, const entry& e) { return put_path(r, e, r.file.program.supervisor); }},
+   [](reading& r, const setting& e) { return put_path(r, e, r.file.program.supervisor); }},
 
   {"environment", "clean", "no", kTruth,
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_truth(e.value), r.file.environment.clean); }},
-  {"environment", "file", "(none)", kPath, [](reading&, const entry&) { return true; }},
+  {"environment", "file", "(none)", kPath, [](reading&, const setting&) { return true; }},
 
   {"limits", "nofile", "(the supervisor's)", kNumberLimit,
    take_limit<RLIMIT_NOFILE, limit_unit::number>},
@@ -237,14 +237,14 @@ constexpr key_rule kRules[] = {
   {"limits", "rtprio", "(the supervisor's)", kNumberLimit,
    take_limit<RLIMIT_RTPRIO, limit_unit::number>},
   {"limits", "memory", "(none)", kSize,
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_size(e.value), r.file.limits.group.memory) &&
             r.file.limits.group.memory > 0; }},
   {"limits", "cpu", "(none)", "processors, such as 1.5 or 50%",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_processors(e.value), r.file.limits.group.processors); }},
   {"limits", "tasks", "(none)", "a number above 0",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_count(e.value), r.file.limits.group.tasks) &&
             r.file.limits.group.tasks > 0; }},
 
@@ -252,77 +252,77 @@ constexpr key_rule kRules[] = {
    take_target},
   {"log", "file", "(none)", kPath, take_log_file},
   {"log", "size", "10M", kSize,
-   [](reading& r, const entry& e) { return put(parse_size(e.value), r.file.log.size); }},
+   [](reading& r, const setting& e) { return put(parse_size(e.value), r.file.log.size); }},
   {"log", "age", "(any)", "a duration from a second to 100 years, such as 1d", take_age},
   {"log", "keep", "5", kCount, take_keep},
   {"log", "compress", "no", kTruth,
-   [](reading& r, const entry& e) { return put(parse_truth(e.value), r.file.log.compress); }},
+   [](reading& r, const setting& e) { return put(parse_truth(e.value), r.file.log.compress); }},
   {"log", "stamp", "no", kTruth,
-   [](reading& r, const entry& e) { return put(parse_truth(e.value), r.file.log.stamp); }},
+   [](reading& r, const setting& e) { return put(parse_truth(e.value), r.file.log.stamp); }},
   {"log", "stderr", "same", "same or a path",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return e.value == "same" || put_path(r, e, r.file.log.stderr_file); }},
 
   {"stop", "signal", "TERM", "the name of a signal, such as TERM or QUIT",
-   [](reading& r, const entry& e) { return put(parse_signal(e.value), r.file.stop.signal); }},
+   [](reading& r, const setting& e) { return put(parse_signal(e.value), r.file.stop.signal); }},
   {"stop", "timeout", "10s", kDuration,
-   [](reading& r, const entry& e) { return put(parse_duration(e.value), r.file.stop.timeout); }},
+   [](reading& r, const setting& e) { return put(parse_duration(e.value), r.file.stop.timeout); }},
   {"stop", "command", "(none)", kCommand,
-   [](reading& r, const entry& e) { return put_command(r, e, r.file.stop.command); }},
+   [](reading& r, const setting& e) { return put_command(r, e, r.file.stop.command); }},
   {"stop", "shell", "no", kTruth, take_shell},
 
   {"restart", "delay", "0.2s", kDuration,
-   [](reading& r, const entry& e) { return put(parse_duration(e.value), r.file.restart.delay); }},
+   [](reading& r, const setting& e) { return put(parse_duration(e.value), r.file.restart.delay); }},
   {"restart", "longest", "60s", kDuration,
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_duration(e.value), r.file.restart.longest); }},
   {"restart", "steady", "10s", kDuration,
-   [](reading& r, const entry& e) { return put(parse_duration(e.value), r.file.restart.steady); }},
+   [](reading& r, const setting& e) { return put(parse_duration(e.value), r.file.restart.steady); }},
   {"restart", "give_up", "0", "a number of attempts, or 0 for never",
-   [](reading& r, const entry& e) { return put(parse_count(e.value), r.file.restart.give_up); }},
+   [](reading& r, const setting& e) { return put(parse_count(e.value), r.file.restart.give_up); }},
   {"restart", "on", "always", "always, failure or never", take_policy},
 
   {"ready", "tcp", "(none)", kHost,
-   [](reading& r, const entry& e) { return take_tcp(r, e, r.file.ready.probe); }},
+   [](reading& r, const setting& e) { return take_tcp(r, e, r.file.ready.probe); }},
   {"ready", "http", "(none)", kUrl,
-   [](reading& r, const entry& e) { return take_http(r, e, r.file.ready.probe); }},
+   [](reading& r, const setting& e) { return take_http(r, e, r.file.ready.probe); }},
   {"ready", "unix", "(none)", kPath,
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return take_probe_path(r, e, probe_settings::kind::unix_socket); }},
   {"ready", "file", "(none)", kPath,
-   [](reading& r, const entry& e) { return take_probe_path(r, e, probe_settings::kind::file); }},
+   [](reading& r, const setting& e) { return take_probe_path(r, e, probe_settings::kind::file); }},
   {"ready", "command", "(none)", kCommand,
-   [](reading& r, const entry& e) { return take_probe_command(r, e, r.file.ready.probe); }},
+   [](reading& r, const setting& e) { return take_probe_command(r, e, r.file.ready.probe); }},
   {"ready", "shell", "no", kTruth, take_shell},
   {"ready", "notify", "no", kTruth, take_notify},
   {"ready", "timeout", "60s", kDuration,
-   [](reading& r, const entry& e) { return put(parse_duration(e.value), r.file.ready.timeout); }},
+   [](reading& r, const setting& e) { return put(parse_duration(e.value), r.file.ready.timeout); }},
 
   {"health", "command", "(none)", kCommand,
-   [](reading& r, const entry& e) { return take_probe_command(r, e, r.file.health.probe); }},
+   [](reading& r, const setting& e) { return take_probe_command(r, e, r.file.health.probe); }},
   {"health", "shell", "no", kTruth, take_shell},
   {"health", "tcp", "(none)", kHost,
-   [](reading& r, const entry& e) { return take_tcp(r, e, r.file.health.probe); }},
+   [](reading& r, const setting& e) { return take_tcp(r, e, r.file.health.probe); }},
   {"health", "http", "(none)", kUrl,
-   [](reading& r, const entry& e) { return take_http(r, e, r.file.health.probe); }},
+   [](reading& r, const setting& e) { return take_http(r, e, r.file.health.probe); }},
   {"health", "every", "30s", "a duration above 0, at most 100 years, such as 30s",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_duration(e.value), r.file.health.every) &&
             r.file.health.every.count() > 0; }},
   {"health", "timeout", "5s", "a duration above 0, at most 100 years, such as 5s",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_duration(e.value), r.file.health.timeout) &&
             r.file.health.timeout.count() > 0; }},
   {"health", "failures", "3", "a number above 0",
-   [](reading& r, const entry& e) {
+   [](reading& r, const setting& e) {
      return put(parse_count(e.value), r.file.health.failures) && r.file.health.failures > 0; }},
 
   {"on", "failure", "(none)", kCommand,
-   [](reading& r, const entry& e) { return put_command(r, e, r.file.on.failure); }},
+   [](reading& r, const setting& e) { return put_command(r, e, r.file.on.failure); }},
   {"on", "ready", "(none)", kCommand,
-   [](reading& r, const entry& e) { return put_command(r, e, r.file.on.ready); }},
+   [](reading& r, const setting& e) { return put_command(r, e, r.file.on.ready); }},
   {"on", "give_up", "(none)", kCommand,
-   [](reading& r, const entry& e) { return put_command(r, e, r.file.on.give_up); }},
+   [](reading& r, const setting& e) { return put_command(r, e, r.file.on.give_up); }},
   {"on", "shell", "no", kTruth, take_shell},
 };
 // clang-format on
@@ -330,7 +330,7 @@ constexpr key_rule kRules[] = {
 }  // namespace
 
 bool key_reading::wants_shell(std::string_view section) const {
-  const program_file::entry* const given = file.find(section, "shell");
+  const program_file::setting* const given = file.find(section, "shell");
   return given != nullptr && parse_truth(given->value).value_or(false);
 }
 

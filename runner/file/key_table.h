@@ -32,7 +32,7 @@ struct key_rule {
   /// What would be right, as in "write ...".
   std::string_view wanted;
   /// Takes the value. @return false when it is wrong.
-  bool (*take)(key_reading& into, const program_file::entry& given);
+  bool (*take)(key_reading& into, const program_file::setting& given);
 };
 
 /// All of them, section by section, in the order in which people are told of them.

@@ -6,16 +6,16 @@
 
 namespace runner {
 
-const program_file::entry* program_file::find(std::string_view section,
-                                              std::string_view key) const {
-  const auto found = std::find_if(entries.begin(), entries.end(), [&](const entry& one) {
+const program_file::setting* program_file::find(std::string_view section,
+                                                std::string_view key) const {
+  const auto found = std::find_if(stated.begin(), stated.end(), [&](const setting& one) {
     return one.section == section && one.key == key;
   });
-  return found == entries.end() ? nullptr : &*found;
+  return found == stated.end() ? nullptr : &*found;
 }
 
 std::size_t program_file::line_of(std::string_view section, std::string_view key) const {
-  const entry* const found = find(section, key);
+  const setting* const found = find(section, key);
   return found == nullptr ? 0 : found->line;
 }
 
@@ -24,7 +24,7 @@ std::string explain(const program_file& file) {
   std::string_view section;
   const auto tell_variables = [&] {
     if (section != "environment") return;
-    for (const program_file::entry& one : file.entries) {
+    for (const program_file::setting& one : file.stated) {
       if (one.section == section && find_rule(section, one.key) == nullptr)
         text += one.key + " = " + one.value + "\n";
     }
@@ -35,7 +35,7 @@ std::string explain(const program_file& file) {
       text += (text.empty() ? "[" : "\n[") + std::string(rule.section) + "]\n";
       section = rule.section;
     }
-    const program_file::entry* const given = file.find(rule.section, rule.key);
+    const program_file::setting* const given = file.find(rule.section, rule.key);
     const bool has_value = given != nullptr || !rule.initial.starts_with('(');
     text += (given != nullptr ? "" : "# ") + std::string(rule.key) + (has_value ? " = " : ": ") +
             (given != nullptr ? given->value : std::string(rule.initial)) + "\n";

@@ -134,16 +134,16 @@ struct program_file {
   hooks_section on;
 
   /// A key as it stands in the file.
-  struct entry {
+  struct setting {
     std::string section;
     std::string key;
     std::string value;
     std::size_t line = 0;
   };
-  std::vector<entry> entries;
+  std::vector<setting> stated;
 
   /// Null when the file does not have it.
-  [[nodiscard]] const entry* find(std::string_view section, std::string_view key) const;
+  [[nodiscard]] const setting* find(std::string_view section, std::string_view key) const;
   /// The line of a key; 0 when the file does not have it.
   [[nodiscard]] std::size_t line_of(std::string_view section, std::string_view key) const;
 };

@@ -32,7 +32,7 @@ std::string directory_of(const std::string& path) {
   return slash == std::string::npos ? base : base + "/" + path.substr(0, slash);
 }
 
-/// Sorts the lines of a file into entries, by the rules of the INI library.
+/// Sorts the lines of a file into settings, by the rules of the INI library.
 class line_reader final {
  public:
   explicit line_reader(program_file_result& out) : out_(out) {}
@@ -94,7 +94,7 @@ class line_reader final {
     // The header has been reported, and that is enough.
     if (!is_known_) return;
     if (!check_key(key) || !check_value(key, value)) return;
-    out_.settings.entries.push_back({section_, key, value, line_});
+    out_.settings.stated.push_back({section_, key, value, line_});
   }
 
   bool check_key(const std::string& key) {
@@ -135,7 +135,7 @@ class line_reader final {
   bool is_known_ = false;
 };
 
-/// Gives the entries their meaning.
+/// Gives the settings their meaning.
 class meaning_reader final {
  public:
   meaning_reader(program_file_result& out, const std::string& path)
@@ -145,7 +145,7 @@ class meaning_reader final {
   }
 
   void read() {
-    for (const program_file::entry& given : out_.settings.entries)
+    for (const program_file::setting& given : out_.settings.stated)
       take(given);
     read_variables();
     finish_identity();
@@ -158,7 +158,7 @@ class meaning_reader final {
                              std::move(remedy)});
   }
 
-  void take(const program_file::entry& given) {
+  void take(const program_file::setting& given) {
     const key_rule* const rule = find_rule(given.section, given.key);
     if (rule == nullptr) return;  // a variable
     into_.error.clear();
@@ -169,9 +169,9 @@ class meaning_reader final {
   }
 
   void read_variables() {
-    if (const program_file::entry* const file = out_.settings.find("environment", "file"))
+    if (const program_file::setting* const file = out_.settings.find("environment", "file"))
       read_environment_file(into_.absolute(file->value));
-    for (const program_file::entry& given : out_.settings.entries) {
+    for (const program_file::setting& given : out_.settings.stated) {
       if (given.section == "environment" && find_rule(given.section, given.key) == nullptr)
         out_.settings.environment.variables.emplace_back(given.key, given.value);
     }
@@ -246,22 +246,22 @@ class meaning_reader final {
   }
 
   void fail_log_keys(const std::string& text, const std::string& remedy) {
-    for (const program_file::entry& given : out_.settings.entries) {
+    for (const program_file::setting& given : out_.settings.stated) {
       if (given.section == "log" && given.key != "to") fail("log", given.key, text, remedy);
     }
   }
 
   void check_probes() {
     const auto needs_probe = [&](std::string_view section, const probe_settings& probe) {
-      const auto& entries = out_.settings.entries;
-      const auto first = std::find_if(entries.begin(), entries.end(),
+      const auto& stated = out_.settings.stated;
+      const auto first = std::find_if(stated.begin(), stated.end(),
                                       [&](const auto& given) { return given.section == section; });
       const bool is_wrong =
           std::any_of(out_.findings.begin(), out_.findings.end(), [&](const file_finding& one) {
             const auto* const given = out_.settings.find(section, one.key);
             return given != nullptr && given->line == one.line;
           });
-      if (first != entries.end() && probe.how == probe_settings::kind::none && !is_wrong)
+      if (first != stated.end() && probe.how == probe_settings::kind::none && !is_wrong)
         fail(section, first->key, "nothing in [" + std::string(section) + "] says how to ask",
              section == "ready" ? "add tcp, http, unix, file, command or notify"
                                 : "add tcp, http or command");

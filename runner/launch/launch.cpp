@@ -202,9 +202,10 @@ std::string first_key(const program_file& file, const char* section,
 
 std::string key_of_limit(const program_file& file, std::size_t number) {
   const std::size_t line = file.limits.resources[number].line;
-  const auto found = std::find_if(file.entries.begin(), file.entries.end(),
-                                  [&](const program_file::entry& one) { return one.line == line; });
-  return found == file.entries.end() ? "" : found->key;
+  const auto found =
+      std::find_if(file.stated.begin(), file.stated.end(),
+                   [&](const program_file::setting& one) { return one.line == line; });
+  return found == file.stated.end() ? "" : found->key;
 }
 
 place_in_file place_of(const launch_failure& failure, const launch_order& order) {

@@ -24,17 +24,17 @@ rotated_files::rotated_files(std::string path, unsigned keep, bool compress, own
 
 void rotated_files::find() {
   using kind = rotated_name::kind;
-  entries_.clear();
+  files_.clear();
   for (const rotated_name& name : find_rotated(path_)) {
-    const bool is_known = !entries_.empty() && entries_.back().moment == name.moment;
+    const bool is_known = !files_.empty() && files_.back().moment == name.moment;
     if (name.what == kind::half_compressed) {
       ::unlink(half_compressed(name.moment).c_str());
     } else if (!is_known) {
-      entries_.push_back({name.moment, name.what == kind::plain});
+      files_.push_back({name.moment, name.what == kind::plain});
     } else {
       // Both forms: the compressed one has its name only when it is complete.
       ::unlink(file(name.moment).c_str());
-      entries_.back().to_compress = false;
+      files_.back().to_compress = false;
     }
   }
   tidy();
@@ -42,28 +42,28 @@ void rotated_files::find() {
 
 bool rotated_files::add() {
   // A clock that was set back does not mix up the order, and no name is used twice.
-  const std::int64_t last = entries_.empty() ? 0 : entries_.back().moment;
+  const std::int64_t last = files_.empty() ? 0 : files_.back().moment;
   const std::int64_t moment = std::max(wall_now(), last + 1);
   if (std::rename(path_.c_str(), file(moment).c_str()) != 0) return false;
-  entries_.push_back({moment, true});
+  files_.push_back({moment, true});
   is_newest_written_ = true;
   return true;
 }
 
 void rotated_files::tidy() {
   is_newest_written_ = false;
-  while (entries_.size() > keep_) {
-    ::unlink(file(entries_.front().moment).c_str());
-    ::unlink(compressed(entries_.front().moment).c_str());
-    entries_.erase(entries_.begin());
+  while (files_.size() > keep_) {
+    ::unlink(file(files_.front().moment).c_str());
+    ::unlink(compressed(files_.front().moment).c_str());
+    files_.erase(files_.begin());
   }
   compress_next();
 }
 
 void rotated_files::compress_next() {
   if (!compress_ || compressor_ != 0) return;
-  for (auto one = entries_.rbegin(); one != entries_.rend(); ++one) {
-    if (!one->to_compress || (is_newest_written_ && one == entries_.rbegin())) continue;
+  for (auto one = files_.rbegin(); one != files_.rend(); ++one) {
+    if (!one->to_compress || (is_newest_written_ && one == files_.rbegin())) continue;
     one->to_compress = false;
     if (compress(one->moment) && compressor_ != 0) return;
   }
@@ -104,8 +104,9 @@ bool rotated_files::on_child_end(pid_t pid, int status) {
 void rotated_files::finish(int status) {
   const std::string plain = file(compressing_);
   const std::string half = half_compressed(compressing_);
-  const bool is_kept = std::any_of(entries_.begin(), entries_.end(),
-                                   [this](const entry& one) { return one.moment == compressing_; });
+  const bool is_kept = std::any_of(files_.begin(), files_.end(), [this](const rotated_file& one) {
+    return one.moment == compressing_;
+  });
   struct stat old {};
   if (status == 0 && is_kept && ::stat(plain.c_str(), &old) == 0) {
     const timespec times[] = {old.st_atim, old.st_mtim};

@@ -40,7 +40,7 @@ class rotated_files final {
   void stop_compressor();
 
  private:
-  struct entry {
+  struct rotated_file {
     std::int64_t moment = 0;
     bool to_compress = false;
   };
@@ -57,7 +57,7 @@ class rotated_files final {
   unsigned keep_;
   bool compress_;
   own_lines& messages_;
-  std::vector<entry> entries_;  ///< Oldest first.
+  std::vector<rotated_file> files_;  ///< Oldest first.
   bool is_newest_written_ = false;
   pid_t compressor_ = 0;
   std::int64_t compressing_ = 0;  ///< The moment of the file that it compresses.

@@ -29,7 +29,7 @@ constexpr milliseconds kLongestNeedsPause{500};
 /// The section `log`, as far as it says anything.
 std::string text_of_log(const program_file& file) {
   std::string text;
-  for (const program_file::entry& one : file.entries) {
+  for (const program_file::setting& one : file.stated) {
     if (one.section == "log") text += one.key + "=" + one.value + "\n";
   }
   return text;
@@ -96,7 +96,7 @@ bool supervision::read_file() {
   // What was right until now stays in force for what still has to be done: the pause, the log.
   if (result.log_is_right && !log_) {
     file_.log = result.settings.log;
-    file_.entries = result.settings.entries;
+    file_.stated = result.settings.stated;
     open_log();
   }
   for (std::size_t i = 0; i < std::min(result.findings.size(), kMostTold); ++i)

@@ -348,7 +348,7 @@ TEST(runner_examples_themselves, are_right_in_the_documentation) {
 TEST(runner_examples_themselves, show_every_key_in_the_documentation) {
   std::set<std::string> shown;
   for (const std::string& block : documented_examples()) {
-    for (const auto& one : runner::read_program_text(block, "/srv/kmd_x").settings.entries)
+    for (const auto& one : runner::read_program_text(block, "/srv/kmd_x").settings.stated)
       shown.insert(one.section + "." + one.key);
   }
   for (const runner::key_rule& rule : runner::key_table()) {
