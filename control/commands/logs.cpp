@@ -6,6 +6,7 @@
 #include "control/commands/program_names.h"
 #include "control/logs/log_location.h"
 #include "control/logs/program_lines.h"
+#include "control/site/directory_watch.h"
 #include "control/text/failure.h"
 #include "control/text/table.h"
 

@@ -32,17 +32,4 @@ class file_tail final {
   unique_fd file_;
 };
 
-/// Sleeps until something may have changed in some directories.
-class directory_watch final {
- public:
-  directory_watch();
-  /// Watches the directory that the file is in.
-  void add_directory_of(const std::string& file) const;
-  /// Returns when something has changed in one of them, or a second has passed.
-  void wait() const;
-
- private:
-  unique_fd events_;
-};
-
 }  // namespace control

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "control/site/directory_watch.h"
 #include "control/site/file_tail.h"
 #include "control/site/log_reader.h"
 
