@@ -1,14 +1,9 @@
 #include "control/completion.h"
 
+#include "control/text/joined.h"
+
 namespace control {
 namespace {
-
-std::string joined(const std::vector<std::string>& words) {
-  std::string text;
-  for (const std::string& word : words)
-    text += (text.empty() ? "" : " ") + word;
-  return text;
-}
 
 /// What the --set of one of them can begin with.
 std::vector<std::string> settings_of(const std::vector<completed_command>& commands) {
@@ -23,7 +18,7 @@ std::string bash_script(const std::vector<completed_command>& commands) {
   std::string cases;
   for (const completed_command& one : commands) {
     names += (names.empty() ? "" : " ") + one.name;
-    std::string words = "words=\"" + joined(one.options) + "\"";
+    std::string words = "words=\"" + joined(one.options, " ") + "\"";
     if (one.takes_names) words += "; names=1";
     if (one.takes_file) words += "; files=1";
     cases += "    " + one.name + ") " + words + " ;;\n";
@@ -40,7 +35,7 @@ _keelmondctl() {
   if [[ $previous == --set ]]; then
     compopt -o nospace 2>/dev/null
     mapfile -t COMPREPLY < <(compgen -W ")sh" +
-         joined(settings_of(commands)) + R"sh(" -- "$current")
+         joined(settings_of(commands), " ") + R"sh(" -- "$current")
     return
   fi
   for ((i = 1; i < COMP_CWORD; ++i)); do
@@ -86,7 +81,7 @@ std::string zsh_script(const std::vector<completed_command>& commands) {
   std::string cases;
   for (const completed_command& one : commands) {
     list += "    '" + one.name + ":" + quoted(without_colons(one.description)) + "'\n";
-    std::string body = "compadd -- " + joined(one.options);
+    std::string body = "compadd -- " + joined(one.options, " ");
     if (one.takes_names)
       body += "; compadd -- ${(f)\"$(keelmondctl $directory names 2>/dev/null)\"}";
     if (one.takes_file) body += "; _files";
@@ -106,7 +101,7 @@ _keelmondctl() {
   fi
   if [[ ${words[CURRENT-1]} == --set ]]; then
     compadd -S '' -- )sh" +
-         joined(settings_of(commands)) + R"sh(
+         joined(settings_of(commands), " ") + R"sh(
     return
   fi
   for ((i = 2; i < CURRENT; ++i)); do
@@ -167,7 +162,7 @@ complete -c keelmondctl -s C -x -a '(__fish_complete_directories)'
     for (const std::string& option : one.options) {
       const bool is_long = option.starts_with("--");
       script += in_command + (is_long ? "-l " + option.substr(2) : "-s " + option.substr(1));
-      if (option == "--set") script += " -x -a '" + joined(one.settings) + "'";
+      if (option == "--set") script += " -x -a '" + joined(one.settings, " ") + "'";
       script += "\n";
     }
     if (one.takes_names) script += in_command + "-a '(__keelmondctl_names)'\n";

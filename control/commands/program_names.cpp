@@ -6,6 +6,7 @@
 #include "control/check/check_config.h"
 #include "control/site/name_filter.h"
 #include "control/text/failure.h"
+#include "control/text/joined.h"
 
 namespace control {
 
@@ -19,7 +20,7 @@ std::vector<std::string> pick_programs(const snapshot& now,
   const name_filter filter(all ? std::vector<std::string>{} : patterns);
   const std::vector<std::string> unknown = filter.unused(names);
   if (!unknown.empty()) {
-    throw failure("there is no program " + joined(unknown) +
+    throw failure("there is no program " + joined(unknown, ", ") +
                   " in config/server.ini: `keelmondctl status` lists them. Nothing was done");
   }
   std::erase_if(names, [&](const std::string& name) { return !filter.fits(name); });
@@ -47,13 +48,6 @@ std::vector<std::string> bystanders_of(const session& here, const snapshot& now,
     others.push_back(one.name + " (PID " + std::to_string(one.pid) + ")");
   }
   return others;
-}
-
-std::string joined(const std::vector<std::string>& texts) {
-  std::string whole;
-  for (const std::string& text : texts)
-    whole += (whole.empty() ? "" : ", ") + text;
-  return whole;
 }
 
 }  // namespace control

@@ -17,7 +17,4 @@ std::vector<std::string> pick_programs(const snapshot& now,
 std::vector<std::string> bystanders_of(const session& here, const snapshot& now,
                                        const std::string& name);
 
-/// The names with ", " between them.
-std::string joined(const std::vector<std::string>& texts);
-
 }  // namespace control

@@ -10,6 +10,7 @@
 #include "control/site/program_status.h"
 #include "control/site/reload.h"
 #include "control/text/failure.h"
+#include "control/text/joined.h"
 
 namespace control {
 namespace {
@@ -70,7 +71,7 @@ void refuse_bystanders(const session& here, const snapshot& now,
                        const std::vector<std::string>& names) {
   for (const std::string& name : names) {
     const std::vector<std::string> others = bystanders_of(here, now, name);
-    if (!others.empty()) throw bystander_failure(name, joined(others));
+    if (!others.empty()) throw bystander_failure(name, joined(others, ", "));
   }
 }
 
@@ -96,7 +97,7 @@ int bring_about(const session& here, const std::vector<std::string>& names, bool
     return config_editor::set_state(text, names, state);
   });
   if (!find_daemon(here.proc, process_table(here.proc), here.place).daemon) {
-    say("set to " + state + ": " + joined(names) +
+    say("set to " + state + ": " + joined(names, ", ") +
         ". No keelmond runs here; `keelmondctl up` starts it");
     return exit_status::kDone;
   }

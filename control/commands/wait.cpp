@@ -14,6 +14,7 @@
 #include "control/proc/process_handle.h"
 #include "control/site/program_status.h"
 #include "control/text/failure.h"
+#include "control/text/joined.h"
 
 namespace control {
 namespace {
@@ -102,7 +103,7 @@ int run_wait(const session& here, const wait_options& options) {
     const standing now = look(here, options);
     if (now.missing.empty()) return exit_status::kDone;
     if (end && steady::now() >= *end) {
-      throw failure((options.down ? "still running: " : "not alive: ") + joined(now.missing));
+      throw failure((options.down ? "still running: " : "not alive: ") + joined(now.missing, ", "));
     }
     sleep_until_something_happens(events, now, end ? poll_time_until(*end) : -1);
   }
