@@ -12,9 +12,6 @@ struct site {
   [[nodiscard]] std::string pid_file() const { return directory + "/run.pid"; }
   [[nodiscard]] std::string config_file() const { return directory + "/config/server.ini"; }
   [[nodiscard]] std::string log_file() const { return directory + "/keelmond.log"; }
-  [[nodiscard]] std::string live_file(const std::string& program) const {
-    return directory + "/notify/" + program + ".dat";
-  }
 };
 
 /// Goes to `directory`; when that is empty to $KEELMOND_DIR, and else stays in the current one.

@@ -17,7 +17,6 @@ int __real_clone(int (*body)(void*), void* stack, int flags, void* argument, ...
 pid_t __real_waitpid(pid_t pid, int* status, int options);
 int __real_execv(const char* path, char* const* arguments);
 int __real_pipe2(int* ends, int flags);
-void* __real_mmap(void* at, std::size_t size, int protection, int flags, int fd, off_t offset);
 int __real_kill(pid_t pid, int sig);
 int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
                           void* argument);
