@@ -121,8 +121,8 @@ bool catch_up(const char* path, bool is_there) {
 void explain_end(const char* path, const char* need, int error) {
   char reason[512];
   std::snprintf(reason, sizeof reason,
-                "%s cannot be watched, so everything ends. %s (%s). run.pid stays and blocks the "
-                "next start",
+                "%s cannot be watched, so keelmond shuts down. %s (%s). run.pid stays and blocks "
+                "the next start",
                 path == nullptr ? "(null)" : path, need, std::strerror(error));
   console::report_failure("keelmond", reason);
 }

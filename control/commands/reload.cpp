@@ -10,7 +10,7 @@ int run_reload(const session& here, const reload_options& options) {
   const process daemon = need_daemon(here, now);
   if (!now.config) {
     throw failure("there is no " + here.place.config_file() +
-                  " to read: without it keelmond ends. Put one there");
+                  " to read: without it keelmond shuts down. Put one there");
   }
   if (!reload(here.proc, daemon, here.place, options.timeout)) {
     throw failure("keelmond (PID " + std::to_string(daemon.pid) +

@@ -34,7 +34,7 @@ TEST(config_watcher, gives_up_without_an_inotify_instance) {
     EXPECT_EQ(watch_file(path), nullptr);
     EXPECT_EQ(watch.complaints(),
               "inotify_init: Too many open files\n"
-              "keelmond: ./config/server.ini cannot be watched, so everything ends. User " +
+              "keelmond: ./config/server.ini cannot be watched, so keelmond shuts down. User " +
                   std::to_string(::geteuid()) +
                   " has to have an inotify instance left (fs.inotify.max_user_instances), and "
                   "keelmond a descriptor (ulimit -n) (Too many open files). run.pid stays and "

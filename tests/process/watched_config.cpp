@@ -103,7 +103,7 @@ void while_watching(const std::function<void(watcher&)>& body) {
 
 std::string cannot_watch(const std::string& reason, const std::string& path) {
   return "inotify_add_watch: " + reason + "\nkeelmond: " + path +
-         " cannot be watched, so everything ends. It has to be there, and user " +
+         " cannot be watched, so keelmond shuts down. It has to be there, and user " +
          std::to_string(::geteuid()) +
          " has to be able to read and write it and to enter its directory (" + reason +
          "). run.pid stays and blocks the next start\n";
