@@ -23,5 +23,5 @@ void server_config_changed(int sig);
 
 /// Watches `path` on a thread of its own and waits for that thread: installs
 /// `server_config_changed`, starts `watch_file` and joins it. Returns when the watcher gives up.
-/// When no thread can be created the calling thread watches itself.
+/// When no thread can be created the calling thread does the watching.
 void monitorServerConfig(const char* path);
