@@ -9,12 +9,12 @@
 /// Children of the supervisor: how programs and commands are run.
 ///
 /// A child shares its memory with the supervisor until one of the two writes, and keeps its half
-/// for as long as its program runs. So the stacks of monitors, and all else that only the
-/// supervisor's own threads use, lie in memory that children do not get (`unforked_memory`): with
-/// ten thousand programs a child is as small, and forked as quickly, as with ten. A thread on such
-/// a stack cannot fork. One thread does it for all, on an ordinary stack: `start` creates it, and
-/// from then on nobody else in the supervisor forks. It touches nothing but the request that it
-/// serves, and the child does nothing but what `child_path` shows.
+/// for as long as its program runs. So the stacks of monitors, the monitors themselves, and a
+/// configuration while it is loaded lie in memory that children do not get (`unforked_memory`):
+/// with ten thousand programs a child is as small, and forked as quickly, as with ten. A thread on
+/// such a stack cannot fork. One thread does it for all, on an ordinary stack: `start` creates it,
+/// and from then on nobody else in the supervisor forks. It touches nothing but the request that
+/// it serves, and the child does nothing but what `child_path` shows.
 namespace child {
 
 /// Creates the thread that forks, if it does not exist. Called once, by `proc_start`, before the
