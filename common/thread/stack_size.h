@@ -23,5 +23,5 @@ std::size_t small_stack_size(long least) noexcept;
 std::size_t small_stack_size() noexcept;
 
 /// Gives threads with default attributes `size` bytes of stack from now on. Where that cannot be
-/// set they get what the limit of the start says.
+/// set they get what the stack limit of the start says.
 void set_default_stack_size(std::size_t size) noexcept;
