@@ -17,9 +17,9 @@
 /// the program has ended more than 200000 times and the thread has returned; it is not started
 /// again.
 ///
-/// The loader creates monitors, starts them and writes their state; the monitor's own thread does
-/// everything else. The texts are bounded: one that does not fit is cut, so callers refuse it
-/// before.
+/// The loader creates monitors, starts them, writes their state and stops their programs, which the
+/// shutdown does, too; all else is done by the monitor's own thread. The texts are bounded: one
+/// that does not fit is cut, so callers refuse it before.
 ///
 /// A monitor's thread is inside `g_shutdown_gate` from before its creation until after its last
 /// touch of the object, except while it waits. So a monitor can be deleted once the gate is closed

@@ -113,7 +113,7 @@ bool check_executable(const entry& program) {
 
 void reconcile_known(Tfun_monitor& monitor, const entry& wanted) {
   const std::string_view state = wanted.state;
-  // Nothing but the state: a new command does not disturb a program that runs.
+  // Nothing but the state: a new command counts when keelmond is started the next time.
   monitor.update_state(wanted.state);
   if (state == "stop") {
     console::print("monitor %s stopped.\r\n", wanted.name);

@@ -12,7 +12,7 @@
 /// that arrives at any other time stays pending and is delivered by the next wait; none is lost.
 namespace supervisor_signals {
 
-/// Remembers the mask and the dispositions that the process was started with and blocks the
+/// Remembers the mask, and what SIGQUIT did, when the process was started, and blocks the
 /// supervisor's signals; also SIGPIPE, which a write could end us by until it is ignored, and
 /// SIGXFSZ, which a log at the limit for files would end us by. Called by `main`, before any thread
 /// exists.

@@ -11,8 +11,9 @@
 /// A line never waits long for a reader. When its descriptor is closed, full or read by nobody, the
 /// line is lost and the caller goes on. A pipe whose reader is late, or a terminal that somebody
 /// else is writing to, is waited for; one that turns out to be stuck instead costs a few hundredths
-/// of a second once, and nothing more until a line gets through. Every function but `open` may be
-/// called from any thread; errno is left as it was.
+/// of a second once, and nothing more until a line gets through. Standard error is only asked for
+/// room, at all times. Every function but `open` may be called from any thread; errno is left as it
+/// was.
 namespace console {
 
 /// Longest line in bytes; what goes beyond is cut. No line of the supervisor comes near it. The

@@ -37,8 +37,8 @@ class Tlog_file final {
   void append_time();
 
   /// Appends "debug_log: %s: %lu\n" and a time line. A negative value shows as its two's
-  /// complement. The line is cut at 255 bytes. Its bare LF is part of the interface: it tells debug
-  /// lines from all others, which end in CR LF.
+  /// complement. The line is cut at 255 bytes. Its bare LF is part of the interface: whoever splits
+  /// the log at CR LF joins it to the line behind it.
   void add_log_string(const char* name, long long value);
 
   /// Appends two pairs on one "debug_log" line (the first pair ends in two blanks) and a time line.

@@ -11,7 +11,7 @@
 ///
 /// The memory comes in whole pages, zeroed, from a mapping of its own; the kernel joins
 /// neighbouring ones. There are no guard pages: they would keep the mappings apart, and each costs
-/// time in every fork. Both functions may be called from any thread.
+/// time in every fork. All of it may be used from any thread.
 namespace unforked_memory {
 
 /// @return `size` bytes, or null when there is not enough memory.

@@ -29,6 +29,8 @@ struct daemon_search {
 /// The name that a supervisor's processes have.
 inline constexpr char kDaemonName[] = "keelmond";
 
+/// Looks through all processes for the daemon of a directory. What this user may not look into is
+/// passed over, or `hidden`.
 daemon_search find_daemon(const proc_dir& proc, const process_table& table, const site& place);
 
 }  // namespace control

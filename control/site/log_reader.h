@@ -63,6 +63,7 @@ struct log_counts {
   std::uint64_t launched = 0;
   std::uint64_t ended = 0;
 };
+/// Zeros when the log cannot be read.
 log_counts count_events(const std::string& path);
 
 /// The last events of a log, from its last `bytes` on. None when it cannot be read.

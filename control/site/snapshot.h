@@ -27,6 +27,7 @@ struct config_watch {
   [[nodiscard]] bool is_lost() const { return other && !sees_replacement(); }
 };
 
+/// Shows nothing, too, when the daemon has ended or this user may not look into it.
 config_watch look_at_watch(const proc_dir& proc, const process& daemon, const site& place);
 
 /// One supervisor at about one moment: its daemon, its configuration, its processes.
