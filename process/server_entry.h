@@ -49,7 +49,7 @@ std::string key_of(int number);
 /// The number i of a key "svri", written as printf's %d would write it; 0 for any other key.
 int number_of(std::string_view key);
 
-/// How many entries the file says that there are.
+/// The number of entries that the file states.
 int count_of(const Tini_parser& config);
 /// The numbers from 1 to that count that the file has a key for, in ascending order. Missing
 /// numbers are skipped, so a count of two billion costs nothing.

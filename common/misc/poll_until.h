@@ -4,7 +4,7 @@
 #include <thread>
 
 /// Looks every `pause` whether `condition` holds, for as long as `limit`, and once at least. For
-/// what neither a descriptor nor another thread tells of.
+/// conditions that neither a descriptor nor another thread reports.
 /// @return whether it holds.
 template <typename Condition>
 bool poll_until(std::chrono::milliseconds limit, std::chrono::milliseconds pause,

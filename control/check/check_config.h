@@ -46,7 +46,7 @@ std::size_t line_of(const ini_document& document, const std::string& section,
                     const std::string& key);
 
 /// Whether `name`, as the pattern that `pgrep` takes it for, matches a process of that name.
-/// Nothing matches a pattern that is none.
+/// An invalid pattern matches nothing.
 bool matches_as_pattern(const std::string& name, const std::string& process_name);
 /// Why "stop" would signal what a program file runs, and not keelmond-run alone. Empty when the
 /// name of its entry does not fit its command.

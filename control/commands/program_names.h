@@ -12,8 +12,8 @@ namespace control {
 std::vector<std::string> pick_programs(const snapshot& now,
                                        const std::vector<std::string>& patterns, bool all);
 
-/// "NAME (PID n)" of processes that `pgrep NAME` finds and that are not the program's own; to stop
-/// the program stops them, too.
+/// "NAME (PID n)" of processes that `pgrep NAME` finds and that are not the program's own; stopping
+/// the program would stop them, too.
 std::vector<std::string> bystanders_of(const session& here, const snapshot& now,
                                        const std::string& name);
 

@@ -29,7 +29,7 @@ struct stop_options {
 int run_stop(const session& here, const stop_options& options);
 
 /// Waits until every one of the programs is alive, or has ended.
-/// @return those that are not so in time, with what is known of the reason.
+/// @return those that have not got there in time, each with what is known of the reason.
 std::vector<std::string> wait_for_programs(const session& here,
                                            const std::vector<std::string>& names, bool alive,
                                            std::chrono::milliseconds limit);

@@ -29,8 +29,8 @@ class program_lines final {
   program_lines(std::string path, std::size_t log);
 
   [[nodiscard]] const std::string& path() const { return file_.path(); }
-  /// The last `count` lines, oldest first. One that is not complete is among them only if it is not
-  /// `to_be_continued`, by `next`.
+  /// The last `count` lines, oldest first. A last line that is not complete is left to `next` if it
+  /// is `to_be_continued`.
   std::vector<program_line> last(std::size_t count, bool to_be_continued);
   /// The lines that were completed since.
   std::vector<program_line> next();

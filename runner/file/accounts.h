@@ -30,7 +30,7 @@ class accounts final {
   /// files name nobody.
   explicit accounts(std::string directory = "/etc") : directory_(std::move(directory)) {}
 
-  /// A user by name, or by number, which is taken also when nobody has it.
+  /// A user by name, or by number; a number counts even when no user has it.
   [[nodiscard]] std::optional<user_account> find_user(std::string_view wanted) const;
   [[nodiscard]] std::optional<gid_t> find_group(std::string_view wanted) const;
   /// The groups that list the user as a member, and `primary` first.

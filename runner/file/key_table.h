@@ -20,14 +20,14 @@ struct key_reading {
 
   /// Whether the section hands its commands to a shell.
   [[nodiscard]] bool wants_shell(std::string_view section) const;
-  /// The path, if it is relative one below the file's directory.
+  /// The path; a relative one is below the file's directory.
   [[nodiscard]] std::string absolute(std::string_view path) const;
 };
 
 struct key_rule {
   std::string_view section;
   std::string_view key;
-  /// The value of a key that is left out; in parentheses, what is so then.
+  /// The value of a key that is left out; in parentheses, what applies then.
   std::string_view initial;
   /// What would be right, as in "write ...".
   std::string_view wanted;

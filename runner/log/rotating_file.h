@@ -20,12 +20,12 @@ namespace runner {
 /// A log file that is written to its end and rotated between two lines.
 ///
 /// A piece is written as soon as it is there, whether its last line is complete or not. So a file
-/// is never larger than its limit but by the end of a line that was begun below it, or by a line
-/// that is longer than that: such a line has a file of its own.
+/// exceeds its limit only by the rest of a line that began below it, or when one line is longer
+/// than the limit: that line has a file of its own.
 ///
 /// A file that others have renamed or removed is left at a line's end, at most a second after the
-/// next piece; one that was made shorter is written on. A line that the disk has no room for is
-/// taken back as a whole.
+/// next piece; one that was truncated stays in use. A line that the disk has no room for is taken
+/// back as a whole.
 class rotating_file final {
  public:
   /// Opens the file. @param stamp what stands in front of the launcher's own lines, or null.

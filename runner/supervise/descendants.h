@@ -6,7 +6,7 @@
 
 namespace runner {
 
-/// The children of this process, adopted ones included. One thread has to be all that it has.
+/// The children of this process, adopted ones included. This process must have only one thread.
 std::vector<pid_t> own_children();
 
 }  // namespace runner

@@ -5,8 +5,8 @@
 
 namespace runner {
 
-/// A process that nobody else is taken for: it is known by its id and its start, and held by a
-/// handle, so that a later one with its id is neither watched nor signalled.
+/// A process that is taken for no other: it is known by its id and its start, and held by a handle,
+/// so that a later one with its id is neither watched nor signalled.
 ///
 /// A kernel older than 5.3, or a sandbox, gives no handles. Then it is compared before each signal,
 /// and whoever waits for its end has to ask for it now and then.

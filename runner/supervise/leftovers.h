@@ -8,7 +8,7 @@
 
 namespace runner {
 
-/// What a launcher left behind that was killed itself, so that it could not end it.
+/// What a launcher left behind that was killed before it could end it.
 ///
 /// That is whoever has its mark, whichever session it has made for itself; the session of its
 /// program; and whatever these have started. Never this process, nor what stands above it.
@@ -18,7 +18,7 @@ class leftovers final {
   explicit leftovers(program_state former) : former_(std::move(former)) {}
 
   [[nodiscard]] const program_state& former() const { return former_; }
-  /// Kills what is there, and waits for nobody: it is gone when there is nothing any more.
+  /// Kills what is there without waiting: call it until it finds nothing.
   /// @return whether there was anything.
   [[nodiscard]] bool kill() const;
 

@@ -11,8 +11,8 @@
 
 namespace runner {
 
-/// What a program has said of itself with the protocol of sd_notify. What else that knows is none
-/// of the launcher's business.
+/// What a program has said of itself with the protocol of sd_notify. The rest of the protocol is
+/// none of the launcher's business.
 struct notice {
   bool is_ready = false;              ///< READY=1
   std::optional<std::string> status;  ///< STATUS=, as one line that is not too long.

@@ -21,7 +21,7 @@ class probe final {
   probe_answer begin(const probe_settings& what);
   /// What to poll for; descriptor -1 when nothing is being asked.
   [[nodiscard]] pollfd request() const { return {socket_.get(), events_, 0}; }
-  /// To be called when that is so.
+  /// To be called when that descriptor is ready.
   probe_answer go_on();
   void cancel() { socket_.reset(); }
 

@@ -33,8 +33,8 @@ namespace runner {
 ///        |                            v     v     v
 ///     waiting <--- after <--------- clearing
 ///
-/// Reading is where a launcher begins as well that has to wait for an earlier one, or for the end
-/// of what that left behind. What is wrong before there is a process goes straight to `waiting`,
+/// A launcher that has to wait for an earlier one, or for the end of what that left behind, begins
+/// with `reading`, too. What is wrong before there is a process goes straight to `waiting`,
 /// with a pause that grows. `ended` and `given_up` are waits without an end. A request to end skips
 /// what has not begun, and leads through `stopping` and `clearing` out of the loop.
 ///

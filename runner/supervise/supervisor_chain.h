@@ -22,6 +22,7 @@ struct supervisor_chain {
   bool broken = false;
 };
 
+/// Looks upwards from this process. An ancestor that this user may not look into holds nothing.
 supervisor_chain find_supervisor();
 
 }  // namespace runner
