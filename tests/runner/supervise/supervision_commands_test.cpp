@@ -20,10 +20,11 @@ using runner::read_process_stat;
 namespace {
 
 /// A line of a shell script that leaves a process in a session of its own. The command goes on when
-/// its number stands in the file.
+/// the number of that one stands in the file, too.
 std::string leave(const std::string& file) {
-  return "(setsid sh -c 'echo $$ >> " + file + "; exec sleep 1000' &); until test -s " + file +
-         "; do sleep 0.01; done";
+  const std::string count = "$(cat " + file + " 2>/dev/null | wc -l)";
+  return "n=" + count + "; (setsid sh -c 'echo $$ >> " + file +
+         "; exec sleep 1000' &); until test " + count + " -gt $n; do sleep 0.01; done";
 }
 
 /// The numbers in a file, one in each line.
