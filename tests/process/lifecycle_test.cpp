@@ -1,7 +1,10 @@
 #include "process/lifecycle.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
 
+#include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -11,15 +14,18 @@
 #include "common/daemon/sys_daemon.h"
 #include "common/log/log_file.h"
 #include "common/misc/fun_misc.h"
+#include "process/child.h"
 #include "process/config_watcher.h"
 #include "process/server_config.h"
 #include "process/shutdown_gate.h"
 #include "process/supervisor_signals.h"
 #include "tests/process/supervision.h"
+#include "tests/support/captured_output.h"
 #include "tests/support/fault.h"
 #include "tests/support/in_child.h"
 #include "tests/support/scratch_dir.h"
 #include "tests/support/server_ini.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -124,6 +130,23 @@ TEST(proc_start, loads_the_list_and_returns_when_it_cannot_be_watched) {
     proc_start();
     EXPECT_EQ(world.printed(), golden::kLoad + golden::read_entry("tool"));
     EXPECT_EQ(count(world.log(), "access(X_OK)"), 1U);
+  });
+}
+
+TEST(proc_start, waits_for_the_thread_that_forks) {
+  in_child([] {
+    const captured_output console(1);
+    const captured_output errors(2);
+    static std::atomic<int> refused{0};
+    faults.pthread_create = [](pthread_t* thread, const pthread_attr_t* attributes,
+                               void* (*body)(void*), void* argument) {
+      if (++refused <= 2) return EAGAIN;
+      return real::pthread_create(thread, attributes, body, argument);
+    };
+    // There is no configuration to be watched, so it returns.
+    proc_start();
+    EXPECT_EQ(count(errors.text(), "keelmond: no thread for starting programs"), 1U);
+    EXPECT_GT(child::start_program("true"), 0);
   });
 }
 
