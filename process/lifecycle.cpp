@@ -45,6 +45,11 @@ void start_forking() {
     supervisor_signals::wait_and_deliver(-1, kPause);
 }
 
+/// Has `exit` look at no stream: it would wait for the log's, which hangs.
+void exit_without_streams() {
+  std::atexit([] { ::_exit(0); });
+}
+
 template <typename T>
 void delete_global(T*& object) {
   delete object;
@@ -81,9 +86,9 @@ void proc_stop() {
   await_program_ends();
   g_shutdown_gate.close();
   // A thread that hangs in the file system still uses the monitors, the log and the utilities. They
-  // go with the process then, at once: the handlers of `exit` would wait for the log's stream.
+  // go with the process then.
   if (!g_shutdown_gate.wait_until_empty(kLastLines) || !recorder::wait_until_idle(kLastLines)) {
-    std::atexit([] { ::_exit(0); });
+    exit_without_streams();
     return;
   }
 
@@ -94,7 +99,7 @@ void proc_stop() {
   monitor_list.clear();
   delete_global(g_sys_daemon);
   delete_global(g_fun_misc);
-  if (!recorder::close_log()) std::atexit([] { ::_exit(0); });
+  if (!recorder::close_log()) exit_without_streams();
 }
 
 void signal_reload(int sig) {
