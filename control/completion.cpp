@@ -26,7 +26,7 @@ std::string bash_script(const std::vector<completed_command>& commands) {
   return R"sh(# Completion of keelmondctl for bash: eval "$(keelmondctl completion bash)"
 _keelmondctl() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local command="" words="" names="" files="" directory=() i
+  local command="" words="" names="" files="" directory=() i name
   COMPREPLY=()
   if [[ $previous == -C ]]; then
     mapfile -t COMPREPLY < <(compgen -d -- "$current")
@@ -50,9 +50,12 @@ _keelmondctl() {
          names + R"sh( -C --help" ;;
 )sh" + cases +
          R"sh(  esac
-  [[ -z $names || $current == -* ]] ||
-    words+=" $(keelmondctl "${directory[@]}" names 2>/dev/null)"
   mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
+  # Not by compgen, which would expand what a name holds.
+  [[ -z $names || $current == -* ]] || while IFS= read -r name; do
+    printf -v name %q "$name"
+    [[ $name != "$current"* ]] || COMPREPLY+=("$name")
+  done < <(keelmondctl "${directory[@]}" names 2>/dev/null)
   [[ -z $files || $current == -* ]] ||
     mapfile -t -O ${#COMPREPLY[@]} COMPREPLY < <(compgen -f -- "$current")
 }

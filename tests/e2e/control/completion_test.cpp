@@ -61,6 +61,18 @@ TEST_F(control_completion, of_bash_knows_commands_options_and_programs) {
             "stop.signal= stop.timeout= stop.command= stop.shell=\n");
 }
 
+TEST_F(control_completion, of_bash_runs_nothing_that_a_name_holds) {
+  place_.save({{"kmc_$(touch${IFS}it)", "", "stop"}, {"kmc_plain", "", "stop"}});
+  save_completion("bash");
+  EXPECT_EQ(run("bash",
+                "source ../completion\n"
+                "COMP_WORDS=(keelmondctl -C .. stop kmc_); COMP_CWORD=4\n"
+                "_keelmondctl\n"
+                "printf '%s\\n' \"${COMPREPLY[@]}\" >out\n"),
+            "kmc_\\$\\(touch\\$\\{IFS\\}it\\)\nkmc_plain\n");
+  EXPECT_FALSE(place_.has("elsewhere/it"));
+}
+
 TEST_F(control_completion, of_zsh_knows_commands_options_and_programs) {
   if (!has("zsh")) GTEST_SKIP() << "there is no zsh";
   save_completion("zsh");
