@@ -26,6 +26,13 @@ std::string shell_command(const std::vector<std::string>& words) {
   return words.back();
 }
 
+/// What a map has for the key; null when it has nothing.
+template <typename Map>
+const typename Map::mapped_type* look_up(const Map& map, const std::string& key) {
+  const auto at = map.find(key);
+  return at == map.end() ? nullptr : &at->second;
+}
+
 }  // namespace
 
 std::string process_name_of(const std::string& path) {
@@ -78,16 +85,17 @@ std::optional<process> program_finder::below_shell(const process& shell,
   return first;
 }
 
-const program_finder::entries* program_finder::entries_for(const description& what) const {
-  const auto look_up = [](const auto& map, const std::string& key) {
-    const auto at = map.find(key);
-    return at == map.end() ? nullptr : &at->second;
-  };
+const program_finder::entries* program_finder::entries_by_path(const description& what) const {
   const entries* found = nullptr;
   if (!what.command.empty()) found = look_up(by_path_, what.command);
   const std::size_t looked_at = what.command.empty() ? std::min(what.words.size(), kPathAmong) : 0;
   for (std::size_t i = 0; i < looked_at && found == nullptr; ++i)
     found = look_up(by_path_, what.words[i]);
+  return found;
+}
+
+const program_finder::entries* program_finder::entries_for(const description& what) const {
+  const entries* found = entries_by_path(what);
   // A program that has changed its command line, or an entry whose path has been changed since.
   if (found == nullptr && what.found.program) found = look_up(by_name_, what.found.program->name);
   return found;
@@ -146,7 +154,7 @@ void program_finder::append_orphaned_programs(const std::string& directory,
     description what;
     what.words = proc_.command_line(one.pid);
     what.command = shell_command(what.words);
-    const entries* const candidates = entries_for(what);
+    const entries* const candidates = entries_by_path(what);
     if (candidates == nullptr || !candidates->front()->exepath.starts_with(directory + "/"))
       continue;
     // The first process that is left, the program or its shell, takes the place of the child.
@@ -172,9 +180,10 @@ std::vector<running_program> program_finder::left_over(
     if (!what || what->found.tree.empty()) continue;
     name(*what, taken);
     const auto is_here = [&] {
-      const entries* const fitting = entries_for(*what);
-      return fitting != nullptr && (fitting->front()->exepath.starts_with(directory + "/") ||
-                                    proc_.environment(child.pid, "PWD") == directory);
+      // By the path alone: another directory may have a program of the same name.
+      const entries* const by_path = entries_by_path(*what);
+      if (by_path != nullptr && by_path->front()->exepath.starts_with(directory + "/")) return true;
+      return entries_for(*what) != nullptr && proc_.environment(child.pid, "PWD") == directory;
     };
     if (was_launched(child) || is_here()) found.push_back(std::move(what->found));
   }

@@ -59,6 +59,7 @@ class program_finder final {
   [[nodiscard]] std::optional<description> describe(const process& child) const;
   [[nodiscard]] std::optional<process> below_shell(const process& shell,
                                                    const std::vector<std::string>& words) const;
+  [[nodiscard]] const entries* entries_by_path(const description& what) const;
   [[nodiscard]] const entries* entries_for(const description& what) const;
   void name(description& what, std::unordered_map<std::string, int>& taken) const;
   [[nodiscard]] bool is_daemon(pid_t pid) const;

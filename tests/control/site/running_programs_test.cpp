@@ -153,6 +153,14 @@ TEST(running_programs, finds_what_a_daemon_left_over_by_path_by_log_and_by_direc
   EXPECT_EQ(children, (std::vector<pid_t>{20, 30, 50}));
 }
 
+TEST(running_programs, leaves_a_program_of_the_same_name_to_the_directory_that_it_is_of) {
+  const scene place({{20, 1, "keelmond", kCopy}, {21, 20, "kmd_web", {"/other/kmd_web"}}});
+  place.tree.write(20, "environ", std::string("PWD=/other\0", 11));
+  EXPECT_TRUE(place.left_over({entry("kmd_web", "/srv/kmd_web")}).empty());
+  place.tree.write(20, "environ", std::string("PWD=/srv\0", 9));
+  EXPECT_EQ(place.left_over({entry("kmd_web", "/srv/kmd_web")}).size(), 1U);
+}
+
 TEST(running_programs, finds_a_program_that_lost_the_child_above_it_but_none_that_somebody_runs) {
   const scene place({{20, 1, "kmd_web", {"/srv/kmd_web"}},
                      {21, 20, "worker", {"worker"}},
