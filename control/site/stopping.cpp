@@ -1,5 +1,7 @@
 #include "control/site/stopping.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <iterator>
@@ -9,6 +11,7 @@
 
 #include "control/proc/deadline.h"
 #include "control/proc/process_handle.h"
+#include "control/proc/process_table.h"
 
 namespace control {
 namespace {
@@ -19,6 +22,13 @@ using steady = std::chrono::steady_clock;
 /// The process whose end is waited for, beside that of the daemon's child.
 const process& awaited(const running_program& one) {
   return one.program ? *one.program : one.child;
+}
+
+/// Those of the process itself, and not of a later one with its id.
+std::vector<const process*> children_of(const process_table& table, const process& one) {
+  const process* const now = table.find(one.pid);
+  if (now == nullptr || !now->same_as(one)) return {};
+  return table.children(one.pid);
 }
 
 }  // namespace
@@ -63,15 +73,41 @@ std::vector<std::string> stopping::left() const {
   return names;
 }
 
+/// Stops everything below the daemon's children, so that it forks no more. @return all of it.
+std::vector<process> stopping::freeze() const {
+  std::vector<process> all;
+  // Not this very process, which one of the programs may have started.
+  std::unordered_set<pid_t> known = {::getpid()};
+  const auto take = [&](const process& one) {
+    if (!known.insert(one.pid).second) return;
+    std::ignore = process_handle(proc_, one).send(SIGSTOP);
+    all.push_back(one);
+  };
+  for (const running_program& one : members_)
+    std::for_each(one.tree.begin(), one.tree.end(), take);
+  for (std::size_t before = all.size() + 1; before != all.size();) {
+    before = all.size();
+    const process_table now(proc_);
+    for (const running_program& one : members_) {
+      for (const process* const below : children_of(now, one.child))
+        take(*below);
+    }
+    for (std::size_t i = 0; i < all.size(); ++i) {
+      for (const process* const below : children_of(now, process(all[i])))
+        take(*below);
+    }
+  }
+  return all;
+}
+
 void stopping::kill() const {
   const auto kill_one = [&](const process& one) {
     std::ignore = process_handle(proc_, one).send(SIGKILL);
   };
-  for (const running_program& one : members_) {
+  const std::vector<process> below = freeze();
+  for (const running_program& one : members_)
     kill_one(one.child);
-    for (const process& below : one.tree)
-      kill_one(below);
-  }
+  std::for_each(below.begin(), below.end(), kill_one);
 }
 
 }  // namespace control

@@ -28,10 +28,13 @@ class stopping final {
   [[nodiscard]] bool wait(std::chrono::milliseconds limit) const;
   /// "NAME (PID n)" of those that have not.
   [[nodiscard]] std::vector<std::string> left() const;
-  /// Kills what is left of them and of everything that descended from them.
+  /// Kills what is left of them and everything that descends from them, also what was forked since
+  /// they were found.
   void kill() const;
 
  private:
+  [[nodiscard]] std::vector<process> freeze() const;
+
   const proc_dir& proc_;
   std::vector<running_program> members_;
   std::size_t asked_ = 0;  ///< How many of the members, from the first on.

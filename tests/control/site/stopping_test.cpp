@@ -14,6 +14,7 @@
 #include "common/misc/unique_fd.h"
 #include "tests/control/proc/descriptor_limit.h"
 #include "tests/control/proc/idle_child.h"
+#include "tests/support/wait_until.h"
 
 using control::proc_dir;
 using control::process;
@@ -64,6 +65,54 @@ class telling_child final {
   std::unique_ptr<idle_child> child_;
 };
 
+/// A child that forks whenever it is told to, and whose children do nothing.
+class forking_child final {
+ public:
+  forking_child() {
+    int order[2];
+    int answer[2];
+    if (::pipe2(order, O_CLOEXEC) != 0 || ::pipe2(answer, O_CLOEXEC) != 0)
+      throw std::runtime_error("pipe");
+    pid_ = ::fork();
+    if (pid_ < 0) throw std::runtime_error("fork");
+    if (pid_ == 0) {
+      for (char byte = 0; ::read(order[0], &byte, 1) == 1;) {
+        const pid_t below = ::fork();
+        while (below == 0)
+          ::pause();
+        std::ignore = ::write(answer[1], &below, sizeof below);
+      }
+      ::_exit(0);
+    }
+    ::close(order[0]);
+    ::close(answer[1]);
+    order_.reset(order[1]);
+    answer_.reset(answer[0]);
+  }
+  forking_child(const forking_child&) = delete;
+  forking_child& operator=(const forking_child&) = delete;
+  ~forking_child() {
+    ::kill(pid_, SIGKILL);
+    ::waitpid(pid_, nullptr, 0);
+  }
+
+  [[nodiscard]] pid_t pid() const { return pid_; }
+  /// @return the new one below it.
+  [[nodiscard]] pid_t fork_one() const {
+    pid_t below = 0;
+    if (::write(order_.get(), "f", 1) != 1 ||
+        ::read(answer_.get(), &below, sizeof below) != sizeof below) {
+      throw std::runtime_error("no answer");
+    }
+    return below;
+  }
+
+ private:
+  unique_fd order_;
+  unique_fd answer_;
+  pid_t pid_ = -1;
+};
+
 }  // namespace
 
 TEST(stopping, asks_each_program_once_even_if_it_is_seen_again) {
@@ -95,6 +144,19 @@ TEST(stopping, waits_for_the_child_of_the_daemon_as_well_and_names_what_is_left)
   all.kill();
   EXPECT_TRUE(all.wait(kLongest));
   EXPECT_TRUE(all.left().empty());
+}
+
+TEST(stopping, kills_what_was_forked_since_the_program_was_found) {
+  const proc_dir proc;
+  const idle_child child;
+  const forking_child program;
+  const stopping all(proc, {program_of(proc, child.pid(), program.pid())});
+  const pid_t below = program.fork_one();
+  ASSERT_TRUE(proc.find(below));
+  all.kill();
+  EXPECT_TRUE(all.wait(kLongest));
+  EXPECT_TRUE(wait_until([&] { return !proc.find(below); }));
+  if (proc.find(below)) ::kill(below, SIGKILL);
 }
 
 TEST(stopping, hits_nobody_who_has_the_number_of_one_that_has_ended) {
