@@ -252,6 +252,14 @@ std::optional<uid_t> proc_dir::user(pid_t pid) const {
   return effective;
 }
 
+/// Whether the file of this descriptor is its user's own, or that user may be believed.
+bool proc_dir::is_trusted(pid_t pid, const char* descriptor) const {
+  const std::optional<uid_t> holder = user(pid);
+  struct stat file {};
+  return !holder || *holder == 0 || *holder == ::geteuid() ||
+         ::fstatat(directory_.get(), descriptor, &file, 0) != 0 || file.st_uid == *holder;
+}
+
 proc_dir::hold proc_dir::holds(pid_t pid, const std::string& path,
                                const std::optional<file_id>& file) const {
   const std::string fds = std::to_string(pid) + "/fd";
@@ -261,10 +269,13 @@ proc_dir::hold proc_dir::holds(pid_t pid, const std::string& path,
   for (const std::string& fd : list(directory_.get(), fds.c_str())) {
     const std::string link = joined(fds, fd);
     const std::string target = link_at(directory_.get(), link.c_str());
-    if (target == removed) found = hold::removed;
+    const bool is_removed = target == removed;
     // By what the file is and not by its path alone: that may be another one here than there.
-    if (file && target.ends_with(name) && identify_at(directory_.get(), link.c_str()) == file)
-      return hold::present;
+    const bool is_present =
+        file && target.ends_with(name) && identify_at(directory_.get(), link.c_str()) == file;
+    if ((!is_removed && !is_present) || !is_trusted(pid, link.c_str())) continue;
+    if (is_present) return hold::present;
+    found = hold::removed;
   }
   return found;
 }

@@ -62,7 +62,8 @@ class proc_dir final {
   /// The user that it acts as.
   [[nodiscard]] std::optional<uid_t> user(pid_t pid) const;
 
-  /// How it holds the file open that is, or was, called `path`.
+  /// How it holds the file open that is, or was, called `path`. Who opens what another user has
+  /// made does not count, unless it is root or this process's own user.
   enum class hold { none, present, removed };
   /// @param file what has that name now.
   [[nodiscard]] hold holds(pid_t pid, const std::string& path,
@@ -83,6 +84,7 @@ class proc_dir final {
   [[nodiscard]] std::int64_t boot_time() const;
 
  private:
+  [[nodiscard]] bool is_trusted(pid_t pid, const char* descriptor) const;
   [[nodiscard]] bool read(pid_t pid, const char* name, std::string& out) const;
 
   std::string root_;

@@ -12,8 +12,8 @@ namespace control {
 
 /// What is known of the daemon of a directory.
 struct daemon_search {
-  /// The process that holds the directory's run.pid open. Its children have given it up, and they
-  /// have one thread; the daemon has several.
+  /// The process that holds the directory's run.pid open, as the user who has made that file. Its
+  /// children have given it up, and they have one thread; the daemon has several.
   std::optional<process> daemon;
   /// Further ones, which there are when somebody deleted run.pid and started again.
   std::vector<process> more;

@@ -87,6 +87,25 @@ TEST(proc_dir, finds_who_holds_a_file_by_what_it_is) {
   EXPECT_EQ(proc.holds(10, path, file), proc_dir::hold::none);
 }
 
+TEST(proc_dir, does_not_believe_a_user_who_opens_the_file_of_another) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user";
+  const scratch_dir place;
+  place.write("run.pid", "");
+  const std::string path = place.file("run.pid");
+  ASSERT_EQ(::chown(path.c_str(), 1001, 1001), 0);
+  const recorded_tree tree({{7, 1, "owner"}, {8, 1, "stranger"}, {9, 1, "root"}});
+  for (const pid_t pid : {7, 8, 9})
+    tree.link(pid, "fd/5", path);
+  tree.write(7, "status", "Name:\towner\nUid:\t1001\t1001\t1001\t1001\n");
+  tree.write(8, "status", "Name:\tstranger\nUid:\t1001\t1002\t1002\t1002\n");
+  tree.write(9, "status", "Name:\troot\nUid:\t0\t0\t0\t0\n");
+  const proc_dir proc(tree.root());
+  const auto file = control::identify_file(path);
+  EXPECT_EQ(proc.holds(7, path, file), proc_dir::hold::present);
+  EXPECT_EQ(proc.holds(8, path, file), proc_dir::hold::none);
+  EXPECT_EQ(proc.holds(9, path, file), proc_dir::hold::present);
+}
+
 TEST(proc_dir, knows_what_this_very_process_watches) {
   const scratch_dir place;
   place.write("watched", "");
