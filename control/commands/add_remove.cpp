@@ -141,6 +141,7 @@ int run_add(const session& here, const add_options& options) {
 int run_remove(const session& here, const remove_options& options) {
   // The exact name, and no pattern: what is gone has to be written anew.
   const snapshot now = here.look();
+  require_visible(here, now.search);
   if (now.find(options.name) == nullptr)
     throw failure("there is no program " + options.name + " in config/server.ini");
   const bool runs = now.find_running(options.name) != nullptr;

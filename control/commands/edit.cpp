@@ -111,6 +111,7 @@ int run_edit(const session& here, const edit_options& options) {
   if (!now.config) {
     throw failure("cannot read " + here.place.config_file() + ": `keelmondctl init` makes one");
   }
+  require_visible(here, now.search);
   edited_copy copy(now.config->text);
   checked_file edited;
   if (!edit_until_accepted(here, now, copy, now.config->text, edited)) {

@@ -122,6 +122,7 @@ void write_textfile(const std::string& path, const std::string& text) {
 
 int run_metrics(const session& here, const metrics_options& options) {
   const snapshot now = here.look();
+  require_visible(here, now.search);
   const std::string text = daemon_metrics(now) + program_metrics(here, now) + log_metrics(here);
   if (options.textfile.empty()) {
     std::fwrite(text.data(), 1, text.size(), stdout);

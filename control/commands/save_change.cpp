@@ -16,6 +16,7 @@ applied save_text(const session& here, std::chrono::milliseconds limit, const co
   const std::string path = here.place.config_file();
   if (text == before.text) return applied::unchanged;
   const daemon_search search = find_daemon(here.proc, process_table(here.proc), here.place);
+  require_visible(here, search);
   if (!search.daemon) {
     save_config(path, text, before);
     return applied::saved;

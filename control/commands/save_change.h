@@ -19,7 +19,8 @@ enum class applied {
 /// Reads the configuration, changes its text and saves it, with every other keelmondctl kept away
 /// meanwhile, and has the daemon load it.
 /// @param change gives the new text from the old one.
-/// @throws failure when it cannot be changed or saved, or when the load was not seen in time.
+/// @throws failure when it cannot be changed or saved, when a daemon may run that this user cannot
+/// see, or when the load was not seen in time.
 applied save_change(const session& here, std::chrono::milliseconds limit,
                     const std::function<std::string(const std::string&)>& change);
 

@@ -17,6 +17,14 @@ void say(const std::string& text) {
   std::fflush(stdout);
 }
 
+void require_visible(const session& here, const daemon_search& search) {
+  // A daemon has a run.pid.
+  if (search.daemon || search.hidden.empty() || !search.pid_file) return;
+  throw failure("another user's keelmond may run in " + here.place.directory + " (PID " +
+                std::to_string(search.hidden.front().pid) +
+                "). Try it as that user, or as root; nothing was done");
+}
+
 process need_daemon(const session& here, const snapshot& now) {
   if (now.search.daemon) return *now.search.daemon;
   if (!now.search.hidden.empty()) {

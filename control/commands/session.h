@@ -32,6 +32,10 @@ void warn(const session& here, const std::string& text);
 /// A line on standard output.
 void say(const std::string& text);
 
+/// @throws failure when a daemon may run here that this user cannot see: then nothing may be said
+/// or done as if there were none.
+void require_visible(const session& here, const daemon_search& search);
+
 /// The daemon of the directory.
 /// @throws failure when there is none, with what to do about it.
 process need_daemon(const session& here, const snapshot& now);

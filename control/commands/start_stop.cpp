@@ -93,6 +93,7 @@ void load_again(const session& here, const std::vector<std::string>& names, bool
 int bring_about(const session& here, const std::vector<std::string>& names, bool alive,
                 milliseconds limit) {
   const std::string state = alive ? "run" : "stop";
+  require_visible(here, here.look().search);
   const applied how = save_change(here, limit, [&](const std::string& text) {
     return config_editor::set_state(text, names, state);
   });

@@ -43,7 +43,7 @@ ordered_json daemon_json(const session& here, const snapshot& now) {
   if (search.daemon && !search.pid_file_lost) {
     daemon["run_pid"] = "held";
   } else if (search.pid_file) {
-    daemon["run_pid"] = "left over";
+    daemon["run_pid"] = search.hidden.empty() ? "left over" : "unknown";
   }
   return daemon;
 }

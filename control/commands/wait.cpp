@@ -58,6 +58,7 @@ struct standing {
 standing look(const session& here, const wait_options& options) {
   standing found;
   const snapshot now = here.look();
+  require_visible(here, now.search);
   const std::vector<program_status> programs = list_programs(now, here.place);
   for (const std::string& name : options.names) {
     const running_program* const running = now.find_running(name);
