@@ -232,7 +232,7 @@ void add_reporting(CLI::App& app, request& out) {
 
   wait_options& wait = add_command(app, out, "wait", "Wait until programs are alive or have ended",
                                    run_wait, command);
-  command->add_option("NAME", wait.names, "Programs")->required();
+  command->add_option("NAME", wait.names, "Programs, or patterns such as 'kmd_*'")->required();
   CLI::Option* const up = command->add_flag("--up", wait.up, "Until they are alive (the default)");
   command->add_flag("--down", wait.down, "Until they have ended")->excludes(up);
   command

@@ -48,6 +48,9 @@ class site_events final {
   unique_fd fd_;
 };
 
+/// At most so many programs are held on to. When one of them ends the others are looked at, too.
+constexpr std::size_t kMostHeld = 16;
+
 /// What is known of the programs that are waited for.
 struct standing {
   std::vector<std::string> missing;     ///< Not as wanted.
@@ -55,12 +58,13 @@ struct standing {
   std::vector<process_handle> running;  ///< Whose end would be a change.
 };
 
-standing look(const session& here, const wait_options& options) {
+standing look(const session& here, const wait_options& options,
+              const std::vector<std::string>& names) {
   standing found;
   const snapshot now = here.look();
   require_visible(here, now.search);
   const std::vector<program_status> programs = list_programs(now, here.place);
-  for (const std::string& name : options.names) {
+  for (const std::string& name : names) {
     const running_program* const running = now.find_running(name);
     const bool is_up = std::any_of(programs.begin(), programs.end(), [&](const auto& one) {
       return one.name == name && one.program.has_value();
@@ -70,7 +74,8 @@ standing look(const session& here, const wait_options& options) {
     found.missing.push_back(name);
     // What a launcher does with its program is announced as well.
     found.launching = found.launching || (!is_up && !is_down && !running->is_launcher);
-    if (!is_down) found.running.emplace_back(here.proc, running->child);
+    if (!is_down && found.running.size() < kMostHeld)
+      found.running.emplace_back(here.proc, running->child);
   }
   // A child that has executed nothing yet has no name. It may be the one that is waited for.
   found.launching =
@@ -98,10 +103,10 @@ void sleep_until_something_happens(const site_events& events, const standing& no
 int run_wait(const session& here, const wait_options& options) {
   std::optional<steady::time_point> end;
   if (options.timeout) end = steady::now() + *options.timeout;
-  pick_programs(here.look(), options.names, false);
+  const std::vector<std::string> names = pick_programs(here.look(), options.names, false);
   const site_events events(here.place);
   for (;;) {
-    const standing now = look(here, options);
+    const standing now = look(here, options, names);
     if (now.missing.empty()) return exit_status::kDone;
     if (end && steady::now() >= *end) {
       throw failure((options.down ? "still running: " : "not alive: ") + joined(now.missing, ", "));

@@ -10,9 +10,9 @@
 namespace control {
 
 struct wait_options {
-  std::vector<std::string> names;
-  bool up = false;    ///< Until they are alive, as without either.
-  bool down = false;  ///< Until they have ended.
+  std::vector<std::string> names;  ///< Or patterns.
+  bool up = false;                 ///< Until they are alive, as without either.
+  bool down = false;               ///< Until they have ended.
   std::optional<std::chrono::milliseconds> timeout = {};
 };
 

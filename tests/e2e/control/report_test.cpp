@@ -7,7 +7,9 @@
 #include <filesystem>
 #include <sstream>
 #include <string>
+#include <vector>
 
+#include "tests/control/proc/descriptor_limit.h"
 #include "tests/e2e/control/control_command.h"
 #include "tests/e2e/support/installation.h"
 #include "tests/support/wait_until.h"
@@ -118,6 +120,30 @@ TEST(control_wait, returns_when_programs_are_alive_or_have_ended) {
   EXPECT_EQ(down.wait().status, 0) << down.errors();
   EXPECT_EQ(control(place, {"wait", "kmc_none"}).status, 1);
   EXPECT_EQ(control(place, {"wait"}).status, 2);
+}
+
+TEST(control_wait, takes_patterns) {
+  installation place;
+  const std::string first = place.add_steady();
+  const std::string second = place.add_steady();
+  place.start_with({first, second});
+  const std::string pattern = first.substr(0, 12) + "*";
+  EXPECT_EQ(control(place, {"wait", pattern, "--timeout", "30s"}).status, 0);
+  const control_result down = control(place, {"wait", "--down", pattern, "--timeout", "100ms"});
+  EXPECT_EQ(down.status, 1);
+  EXPECT_TRUE(contains(down.errors, "still running: " + first + ", " + second)) << down.errors;
+}
+
+TEST(control_wait, waits_for_more_programs_than_there_is_room_for_descriptors) {
+  installation place;
+  std::vector<std::string> names;
+  for (int i = 0; i < 40; ++i)
+    names.push_back(place.add_steady());
+  place.start_with(names);
+  const descriptor_limit few(40);
+  running_control down(place, {"wait", "--down", "*"});
+  EXPECT_EQ(control(place, {"down"}).status, 0);
+  EXPECT_EQ(down.wait().status, 0) << down.errors();
 }
 
 TEST(control_wait, sleeps_while_nothing_happens) {
