@@ -99,6 +99,8 @@ void add_life(CLI::App& app, request& out) {
           "--no-restart", [&up] { up.restart = false; },
           "In the foreground: end when keelmond was killed")
       ->needs(foreground);
+  command->add_flag("--as-root", up.as_root,
+                    "By root also where config/server.ini is another user's");
 
   down_options& down =
       add_command(app, out, "down", "Shut keelmond down, with its programs", run_down, command);

@@ -97,7 +97,7 @@ class watch_over final {
 };
 
 void watch_over::start(milliseconds limit) {
-  daemon_ = ensure_daemon(here_, limit);
+  daemon_ = ensure_daemon(here_, limit, options_.as_root);
   handle_.emplace(here_.proc, daemon_);
   status_.reset();
   found_at_ = steady::now();

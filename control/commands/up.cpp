@@ -14,6 +14,7 @@
 #include "control/site/program_status.h"
 #include "control/site/stopping.h"
 #include "control/text/failure.h"
+#include "runner/file/accounts.h"
 
 namespace control {
 namespace {
@@ -31,6 +32,22 @@ void require_config(const session& here, const snapshot& now) {
   if (now.config) return;
   throw failure("there is no " + here.place.config_file() +
                 ": `keelmondctl init` makes one. Nothing was started");
+}
+
+/// A daemon of root runs as root whatever the owner of the list writes there. The first process of
+/// a container is told by who made that what it runs as.
+void require_owner(const session& here, const snapshot& now) {
+  if (::geteuid() != 0 || ::getpid() == 1 || !now.config || now.search.daemon) return;
+  const uid_t owner = now.config->status.st_uid;
+  if (owner == 0) return;
+  const auto account = runner::accounts().find_user(std::to_string(owner));
+  const std::string user =
+      account && !account->name.empty() ? account->name : std::to_string(owner);
+  throw failure(here.place.config_file() + " belongs to " + user + ", and by it " + user +
+                " would run anything as root. Nothing was started. Start it as that user, with "
+                "its service or `runuser -u " +
+                user + " -- keelmondctl -C " + here.place.directory +
+                " up`; --as-root starts it all the same");
 }
 
 void make_live_directory(const session& here) {
@@ -90,7 +107,7 @@ process launch_daemon(const session& here, milliseconds limit) {
   return await_daemon(here, limit);
 }
 
-process ensure_daemon(const session& here, milliseconds limit) {
+process ensure_daemon(const session& here, milliseconds limit, bool as_root) {
   require_config(here, here.look());
   const config_lock alone(here.place.config_file());
   const snapshot now = here.look();
@@ -98,6 +115,7 @@ process ensure_daemon(const session& here, milliseconds limit) {
     say("keelmond runs already");
     return *now.search.daemon;
   }
+  if (!as_root) require_owner(here, now);
   make_live_directory(here);
   stop_left_over(here, now, limit);
   return launch_daemon(here, limit);
@@ -135,7 +153,7 @@ int wait_for_programs(const session& here, milliseconds limit) {
 
 int run_up(const session& here, const up_options& options) {
   if (options.foreground) return stay_with_daemon(here, options);
-  ensure_daemon(here, options.timeout);
+  ensure_daemon(here, options.timeout, options.as_root);
   return wait_for_programs(here, options.timeout);
 }
 

@@ -10,6 +10,7 @@ struct up_options {
   std::chrono::milliseconds timeout{std::chrono::seconds(10)};
   bool foreground = false;  ///< Stays until it is told to stop; see foreground.h.
   bool restart = true;      ///< In the foreground, of a daemon that was killed.
+  bool as_root = false;     ///< Also where the list belongs to another user.
 };
 
 /// Starts the daemon unless it runs, and waits until the programs marked "run" are alive.
@@ -17,7 +18,7 @@ int run_up(const session& here, const up_options& options);
 
 /// Starts the daemon unless it runs. What an earlier daemon left behind is stopped first.
 /// @return the daemon. @throws failure when there is none, and why.
-process ensure_daemon(const session& here, std::chrono::milliseconds limit);
+process ensure_daemon(const session& here, std::chrono::milliseconds limit, bool as_root);
 
 /// Waits until the programs marked "run" are alive, and says how many are.
 /// @return 0 when all are. @throws failure when the daemon ends meanwhile.

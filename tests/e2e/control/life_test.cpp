@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <filesystem>
@@ -68,6 +69,25 @@ TEST(control_up, leaves_a_daemon_that_runs_alone) {
   EXPECT_NE(again.output.find("keelmond runs already"), std::string::npos);
   EXPECT_EQ(daemon_of(place), daemon);
   place.wait_running(name);
+}
+
+TEST(control_up, runs_nothing_as_root_that_another_user_lists) {
+  if (::geteuid() != 0) GTEST_SKIP() << "for root alone";
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  const std::string config = (place.site() / "config" / "server.ini").string();
+  ASSERT_EQ(::chown(config.c_str(), 12345, 12345), 0);
+  for (const char* const more : {"--timeout=30s", "--foreground"}) {
+    const control_result up = control(place, {"up", more});
+    EXPECT_EQ(up.status, 1);
+    EXPECT_TRUE(contains(up.errors, config + " belongs to 12345")) << up.errors;
+    EXPECT_TRUE(contains(up.errors, "`runuser -u 12345 -- keelmondctl -C ")) << up.errors;
+    EXPECT_EQ(daemon_of(place), 0);
+  }
+  EXPECT_EQ(control(place, {"up", "--as-root"}).status, 0);
+  place.wait_running(name);
+  EXPECT_EQ(control(place, {"up"}).status, 0) << "it runs already";
 }
 
 TEST(control_up, removes_a_pid_file_that_is_left_over) {
