@@ -50,6 +50,9 @@ std::vector<std::string> own_directories() {
   sigset_t none;
   ::sigemptyset(&none);
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  for (const char* const name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID", "LISTEN_PID",
+                                 "LISTEN_FDS", "LISTEN_FDNAMES"})
+    ::unsetenv(name);
   ::setenv("PWD", place.directory.c_str(), 1);
   ::execl(program.c_str(), kDaemonName, nullptr);
   ::_exit(127);

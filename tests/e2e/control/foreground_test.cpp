@@ -93,7 +93,12 @@ TEST(control_foreground, says_when_it_is_ready_and_when_it_stops) {
   std::string state;
   EXPECT_TRUE(wait_until([&] { return !(state = socket.read()).empty(); }));
   EXPECT_EQ(state, "READY=1");
-  EXPECT_EQ(here.place.running(here.name).size(), 1U);
+  ASSERT_EQ(here.place.running(here.name).size(), 1U);
+  // What is for keelmondctl does not reach the programs, which would speak in its name.
+  const std::string environment =
+      read_file("/proc/" + std::to_string(here.place.running(here.name).at(0)) + "/environ");
+  EXPECT_FALSE(contains(environment, "NOTIFY_SOCKET=")) << environment;
+  EXPECT_TRUE(contains(environment, "PWD=")) << environment;
   ::kill(up.pid(), SIGTERM);
   EXPECT_TRUE(wait_until([&] { return !(state = socket.read()).empty(); }));
   EXPECT_EQ(state, "STOPPING=1");
