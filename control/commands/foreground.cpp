@@ -44,6 +44,13 @@ sigset_t own_signals() {
   return set;
 }
 
+/// Whether one of its signals waits that ends it.
+bool is_told_to_end() {
+  sigset_t waiting;
+  ::sigpending(&waiting);
+  return ::sigismember(&waiting, SIGTERM) == 1 || ::sigismember(&waiting, SIGINT) == 1;
+}
+
 /// Tells the process that started this one what state it is in, if it wants to know.
 void notify(std::string_view state) {
   const char* const path = std::getenv("NOTIFY_SOCKET");
@@ -103,7 +110,7 @@ void watch_over::start(milliseconds limit) {
   found_at_ = steady::now();
   try {
     // Programs that cannot be started are no reason to leave those that can.
-    wait_for_programs(here_, limit);
+    wait_for_programs(here_, limit, is_told_to_end);
   } catch (const failure&) {
     // The daemon has ended, as `next` tells when its last thread has gone. Or something is wrong.
     if (!handle_->wait_end(kGrace)) throw;
@@ -160,6 +167,13 @@ std::optional<int> watch_over::after_end() {
   const bool asked = status_ ? WIFEXITED(*status_) : !here_.look().search.pid_file;
   if (asked) {
     stop_left_over(here_, here_.look(), kGrace);
+    const daemon_search left = here_.look().search;
+    if (left.pid_file && !left.daemon) {
+      warn(here_,
+           "keelmond has ended without SIGUSR2: see whether it can read config/server.ini, and "
+           "console.txt");
+      return exit_status::kFailed;
+    }
     say("keelmond has ended");
     return exit_status::kDone;
   }
@@ -182,7 +196,7 @@ void watch_over::start_again() {
 
 int watch_over::run() {
   start(options_.timeout);
-  notify("READY=1");
+  if (!is_told_to_end()) notify("READY=1");
   for (;;) {
     switch (next()) {
       case event::stop:

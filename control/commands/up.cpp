@@ -121,11 +121,13 @@ process ensure_daemon(const session& here, milliseconds limit, bool as_root) {
   return launch_daemon(here, limit);
 }
 
-int wait_for_programs(const session& here, milliseconds limit) {
+int wait_for_programs(const session& here, milliseconds limit,
+                      const std::function<bool()>& gives_up) {
   const auto end = steady::now() + limit;
   std::vector<program_status> programs;
   process daemon;
   for (;;) {
+    if (gives_up()) return exit_status::kFailed;
     const snapshot now = here.look();
     daemon = need_daemon(here, now);
     programs = wanted_programs(here, now);

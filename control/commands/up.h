@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 
 #include "control/commands/session.h"
 
@@ -21,8 +22,11 @@ int run_up(const session& here, const up_options& options);
 process ensure_daemon(const session& here, std::chrono::milliseconds limit, bool as_root);
 
 /// Waits until the programs marked "run" are alive, and says how many are.
+/// @param gives_up asked now and then; the rest is left out when it says so.
 /// @return 0 when all are. @throws failure when the daemon ends meanwhile.
-int wait_for_programs(const session& here, std::chrono::milliseconds limit);
+int wait_for_programs(
+    const session& here, std::chrono::milliseconds limit,
+    const std::function<bool()>& gives_up = [] { return false; });
 
 /// Stops programs that a daemon left behind, by SIGUSR2, and kills those that do not end by it;
 /// says so. @return how many there were.

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <string>
 #include <system_error>
+#include <tuple>
 
 #include "tests/e2e/control/control_command.h"
 #include "tests/e2e/support/installation.h"
@@ -161,6 +162,39 @@ TEST(control_foreground, ends_when_somebody_else_shuts_the_daemon_down) {
   EXPECT_EQ(control(here.place, {"down"}).status, 0);
   EXPECT_EQ(up.wait().status, 0) << up.errors();
   EXPECT_TRUE(contains(up.output(), "keelmond has ended"));
+}
+
+TEST(control_foreground, fails_when_the_daemon_ends_unasked) {
+  foreground here;
+  running_control up(here.place, here.arguments);
+  const pid_t pid = here.wait_running(1);
+  ASSERT_TRUE(wait_until([&] { return contains(up.output(), "1 of 1 programs"); }));
+  const pid_t daemon = daemon_of(here.place);
+  ASSERT_GT(daemon, 0);
+  fs::remove(here.place.site() / "config" / "server.ini");
+  // It looks when it is told to, if it has not seen it by itself and ended.
+  std::ignore = ::kill(daemon, SIGUSR1);
+  EXPECT_EQ(up.wait().status, 1);
+  EXPECT_TRUE(contains(up.errors(), "keelmond has ended without SIGUSR2")) << up.errors();
+  EXPECT_FALSE(process_table::is_alive(pid));
+}
+
+TEST(control_foreground, ends_when_it_is_told_to_while_programs_start) {
+  foreground here({"--timeout", "200s"});
+  const std::string never = "kmf_never";
+  write_file(here.place.site() / never,
+             "#!" KEELMOND_RUN_BINARY "\n[program]\ncommand = true\nbefore = sleep 1000\n");
+  fs::permissions(here.place.site() / never, fs::perms::owner_all);
+  here.place.save(
+      {here.place.entry(here.name), {.name = never, .exepath = here.place.site() / never}});
+  running_control up(here.place, here.arguments);
+  const pid_t pid = here.wait_running(1);
+  ASSERT_TRUE(wait_until([&] { return holds_process(up.pid()); })) << "it has found the daemon";
+  ::kill(up.pid(), SIGTERM);
+  ASSERT_TRUE(wait_until([&] { return !process_table::is_alive(pid); }));
+  EXPECT_EQ(up.wait().status, 0) << up.errors();
+  EXPECT_FALSE(contains(up.output(), "are alive")) << up.output();
+  EXPECT_EQ(daemon_of(here.place), 0);
 }
 
 TEST(control_foreground, reloads_on_sighup) {
