@@ -9,8 +9,8 @@
 
 namespace control {
 
-/// Reads what is appended to a file, also when it is emptied meanwhile, and tells when another one
-/// has taken its name.
+/// Reads what is appended to a file, also when it is emptied or its front is cut off meanwhile, and
+/// tells when another one has taken its name.
 class file_tail final {
  public:
   using reader = std::function<void(std::string_view)>;
@@ -28,8 +28,11 @@ class file_tail final {
   [[nodiscard]] bool is_replaced() const;
 
  private:
+  void find_place();
+
   std::string path_;
   unique_fd file_;
+  std::string last_;  ///< What stands in front of the offset: the end of what was read.
 };
 
 }  // namespace control
