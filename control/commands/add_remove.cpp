@@ -146,8 +146,8 @@ int run_remove(const session& here, const remove_options& options) {
     throw failure("there is no program " + options.name + " in config/server.ini");
   const bool runs = now.find_running(options.name) != nullptr;
   if (runs) {
-    const stop_options stop{{options.name}, false, options.force, options.timeout};
-    const int status = run_stop(here, stop);
+    const stop_options stop{{}, false, options.force, options.timeout};
+    const int status = stop_programs(here, {options.name}, stop);
     if (status != exit_status::kDone) {
       throw failure(options.name + " has not ended, so its entry stays");
     }

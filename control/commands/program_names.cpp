@@ -28,11 +28,12 @@ std::vector<std::string> pick_programs(const snapshot& now,
 }
 
 std::vector<std::string> bystanders_of(const session& here, const snapshot& now,
-                                       const std::string& name) {
+                                       const std::string& name,
+                                       const std::vector<std::string>& stopped) {
   std::set<pid_t> own;
   const auto add = [&](const std::vector<running_program>& programs) {
     for (const running_program& one : programs) {
-      if (one.name != name) continue;
+      if (std::find(stopped.begin(), stopped.end(), one.name) == stopped.end()) continue;
       for (const process& below : one.tree)
         own.insert(below.pid);
     }

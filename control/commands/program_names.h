@@ -12,9 +12,10 @@ namespace control {
 std::vector<std::string> pick_programs(const snapshot& now,
                                        const std::vector<std::string>& patterns, bool all);
 
-/// "NAME (PID n)" of processes that `pgrep NAME` finds and that are not the program's own; stopping
-/// the program would stop them, too.
+/// "NAME (PID n)" of processes that `pgrep NAME` finds and that are of none of the programs that
+/// are to be stopped, `stopped`; to stop the program stops them, too.
 std::vector<std::string> bystanders_of(const session& here, const snapshot& now,
-                                       const std::string& name);
+                                       const std::string& name,
+                                       const std::vector<std::string>& stopped);
 
 }  // namespace control

@@ -70,7 +70,7 @@ failure bystander_failure(const std::string& name, const std::string& others) {
 void refuse_bystanders(const session& here, const snapshot& now,
                        const std::vector<std::string>& names) {
   for (const std::string& name : names) {
-    const std::vector<std::string> others = bystanders_of(here, now, name);
+    const std::vector<std::string> others = bystanders_of(here, now, name, names);
     if (!others.empty()) throw bystander_failure(name, joined(others, ", "));
   }
 }
@@ -139,11 +139,15 @@ int run_start(const session& here, const start_options& options) {
   return bring_about(here, names, true, options.timeout);
 }
 
-int run_stop(const session& here, const stop_options& options) {
+int stop_programs(const session& here, const std::vector<std::string>& names,
+                  const stop_options& options) {
   const snapshot now = here.look();
-  const std::vector<std::string> names = pick_programs(now, options.names, options.all);
   if (now.search.daemon && !options.force) refuse_bystanders(here, now, names);
   return bring_about(here, names, false, options.timeout);
+}
+
+int run_stop(const session& here, const stop_options& options) {
+  return stop_programs(here, pick_programs(here.look(), options.names, options.all), options);
 }
 
 }  // namespace control

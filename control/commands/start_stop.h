@@ -28,6 +28,10 @@ struct stop_options {
 /// none of theirs would be hit, too.
 int run_stop(const session& here, const stop_options& options);
 
+/// The same for exactly these names, which are no patterns.
+int stop_programs(const session& here, const std::vector<std::string>& names,
+                  const stop_options& options);
+
 /// Waits until every one of the programs is alive, or has ended.
 /// @return those that have not got there in time, each with what is known of the reason.
 std::vector<std::string> wait_for_programs(const session& here,

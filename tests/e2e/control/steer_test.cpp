@@ -99,6 +99,18 @@ TEST(control_stop, refuses_when_others_would_be_hit) {
   place.wait_running(longer, 2);
 }
 
+TEST(control_stop, does_not_take_programs_for_others_that_are_to_be_stopped_as_well) {
+  installation place;
+  const std::string longer = place.add_steady();
+  const std::string name = longer.substr(0, longer.size() - 1);
+  place.write_script(place.site() / "programs" / name, place.note_start() + place.stay());
+  place.start_with({name, longer});
+  const control_result stop = control(place, {"stop", name, longer});
+  EXPECT_EQ(stop.status, 0) << stop.errors;
+  EXPECT_TRUE(place.running(name).empty());
+  EXPECT_TRUE(place.running(longer).empty());
+}
+
 TEST(control_stop, says_that_the_entry_of_a_program_whose_file_is_gone_is_skipped) {
   running_place here;
   fs::remove(here.place.entry(here.name).exepath);
@@ -198,6 +210,21 @@ TEST(control_add, lists_a_program_and_waits_for_it) {
   EXPECT_EQ(removed.status, 0) << removed.errors;
   EXPECT_TRUE(here.place.running(other).empty());
   EXPECT_EQ(here.place.read("config/server.ini"), before);
+}
+
+TEST(control_remove, takes_no_name_for_a_pattern) {
+  installation place;
+  const std::string other = place.add_steady();
+  const std::string odd = place.add_steady();
+  // A name that fits every other one.
+  place.save({place.entry(other), {"**", place.entry(odd).exepath, "run"}});
+  place.start();
+  const pid_t pid = place.wait_running(other);
+  place.wait_running(odd);
+  const control_result removed = control(place, {"remove", "**", "--force", "--timeout", "500ms"});
+  EXPECT_EQ(removed.status, 1) << "pgrep cannot find it";
+  EXPECT_TRUE(contains(place.read("config/server.ini"), "state=run")) << "of the other one";
+  EXPECT_TRUE(process_table::is_alive(pid));
 }
 
 TEST(control_add, refuses_what_keelmond_would_skip_or_could_not_stop) {
