@@ -71,12 +71,18 @@ void add_timeout(CLI::App& command, std::chrono::milliseconds& out) {
       ->type_name("TIME");
 }
 
+/// As it is where it cannot be made so: an empty path, or one in a directory that is gone.
+std::string absolute(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path whole = std::filesystem::absolute(path, error);
+  return error ? path : whole.string();
+}
+
 /// A path becomes absolute, because the command works in the supervisor's directory.
 CLI::Option* add_path(CLI::App& command, const std::string& name, std::string& out,
                       const std::string& text) {
   return command.add_option_function<std::string>(
-      name, [&out](const std::string& path) { out = std::filesystem::absolute(path).string(); },
-      text);
+      name, [&out](const std::string& path) { out = absolute(path); }, text);
 }
 
 void add_file(CLI::App& command, std::string& out, const std::string& text) {
@@ -182,7 +188,7 @@ void add_editing(CLI::App& app, request& out) {
                    "Any other key of the program file, such as stop.timeout=30s")
       ->type_name("SECTION.KEY=VALUE")
       ->allow_extra_args(false);
-  command->add_option("--exepath", add.exepath, "Its file (default: NAME in the directory)")
+  add_path(*command, "--exepath", add.exepath, "Its file (default: NAME in the directory)")
       ->type_name("PATH");
   command->add_flag("--stopped", add.stopped, "Do not start it yet");
   add_timeout(*command, add.timeout);
@@ -223,13 +229,7 @@ void add_reporting(CLI::App& app, request& out) {
 
   metrics_options& metrics =
       add_command(app, out, "metrics", "Write figures for Prometheus", run_metrics, command);
-  command
-      ->add_option_function<std::string>(
-          "--textfile",
-          [&metrics](const std::string& path) {
-            metrics.textfile = std::filesystem::absolute(path).string();
-          },
-          "To a file, for the node exporter")
+  add_path(*command, "--textfile", metrics.textfile, "To a file, for the node exporter")
       ->type_name("PATH");
 
   wait_options& wait = add_command(app, out, "wait", "Wait until programs are alive or have ended",

@@ -1,5 +1,6 @@
 #include "control/commands/add_remove.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -48,6 +49,9 @@ void require_runnable(const session& here, const add_options& options) {
     throw failure("the shell would split or expand the path " + program.exepath +
                   ": give one of letters, digits and / . _ - only. Nothing was changed");
   }
+  struct stat status {};
+  if (::stat(program.exepath.c_str(), &status) == 0 && S_ISDIR(status.st_mode))
+    throw failure(program.exepath + " is a directory and cannot be run. Nothing was changed");
   const std::string why = why_skipped(program);
   if (!why.empty()) {
     throw failure(

@@ -254,5 +254,10 @@ TEST(control_command_line, explains_itself_and_refuses_what_it_does_not_know) {
   EXPECT_TRUE(contains(control(place, {}).errors, "there is no command. See"));
   EXPECT_EQ(control(place, {"--version"}).output, "keelmondctl " KEELMOND_VERSION "\n");
   EXPECT_EQ(control(place, {"down", "--timeout", "soon"}).status, 2);
-  EXPECT_EQ(control(place, {"-C", "/nonexistent", "status"}).status, 1);
+  EXPECT_EQ(control(place, {"-C", "/nonexistent", "up"}).status, 1);
+  // These two answer by their exit status, and this is no answer.
+  EXPECT_EQ(control(place, {"-C", "/nonexistent", "status"}).status, 4);
+  EXPECT_EQ(control(place, {"-C", "/nonexistent", "check"}).status, 2);
+  EXPECT_EQ(control(place, {"check", ""}).status, 2);
+  EXPECT_EQ(control(place, {"metrics", "--textfile", ""}).status, 0);
 }

@@ -234,7 +234,18 @@ TEST(control_add, refuses_what_keelmond_would_skip_or_could_not_stop) {
   EXPECT_TRUE(contains(control(here.place, {"add", "kmc_none"}).errors, "--exepath"));
   EXPECT_EQ(control(here.place, {"add", "kmc_sh", "--exepath", "/bin/sh"}).status, 1);
   EXPECT_EQ(control(here.place, {"add", "a b"}).status, 1);
+  EXPECT_TRUE(contains(control(here.place, {"add", "programs"}).errors, "is a directory"));
   EXPECT_EQ(here.place.read("config/server.ini"), before);
+}
+
+TEST(control_add, takes_a_path_from_where_it_is_called) {
+  running_place here;
+  const std::string other = here.place.add_steady();
+  const control_result added =
+      control(here.place, {"add", other, "--exepath", "programs/" + other, "--stopped"});
+  EXPECT_EQ(added.status, 0) << added.errors;
+  EXPECT_TRUE(contains(here.place.read("config/server.ini"),
+                       "exepath = " + here.place.entry(other).exepath));
 }
 
 TEST(control_add, survives_several_at_once) {
