@@ -30,10 +30,14 @@
 #include "control/completion.h"
 #include "control/text/failure.h"
 #include "control/text/quantity.h"
+#include "control/text/table.h"
 #include "runner/file/key_table.h"
 
 namespace control {
 namespace {
+
+constexpr int kStatusUnknown = 4;
+constexpr int kCheckFailed = 2;
 
 /// What the command line asks for, once it has been understood.
 struct request {
@@ -307,6 +311,14 @@ void make_directory_for(const request& asked) {
   std::filesystem::create_directories(asked.directory, error);
 }
 
+/// What a command answers with that could not do its work: `status` and `check` say other things
+/// by a 1.
+int failed(const request& asked, int status) {
+  if (status != exit_status::kFailed) return status;
+  if (asked.command == "status") return kStatusUnknown;
+  return asked.command == "check" ? kCheckFailed : status;
+}
+
 int run(const request& asked) {
   try {
     make_directory_for(asked);
@@ -314,11 +326,13 @@ int run(const request& asked) {
     return asked.run(here);
   } catch (const failure& why) {
     std::fflush(stdout);
-    std::fprintf(stderr, "keelmondctl %s: %s.\n", asked.command.c_str(), why.what());
-    return why.exit_status();
+    std::fprintf(stderr, "keelmondctl %s: %s.\n", asked.command.c_str(),
+                 printable(why.what()).c_str());
+    return failed(asked, why.exit_status());
   } catch (const std::exception& why) {
-    std::fprintf(stderr, "keelmondctl %s: %s.\n", asked.command.c_str(), why.what());
-    return exit_status::kFailed;
+    std::fprintf(stderr, "keelmondctl %s: %s.\n", asked.command.c_str(),
+                 printable(why.what()).c_str());
+    return failed(asked, exit_status::kFailed);
   }
 }
 

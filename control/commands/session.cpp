@@ -4,16 +4,17 @@
 #include <string>
 
 #include "control/text/failure.h"
+#include "control/text/table.h"
 
 namespace control {
 
 void warn(const session& here, const std::string& text) {
   std::fflush(stdout);
-  std::fprintf(stderr, "keelmondctl %s: %s\n", here.command.c_str(), text.c_str());
+  std::fprintf(stderr, "keelmondctl %s: %s\n", here.command.c_str(), printable(text).c_str());
 }
 
 void say(const std::string& text) {
-  std::printf("%s\n", text.c_str());
+  std::printf("%s\n", printable(text).c_str());
   std::fflush(stdout);
 }
 

@@ -28,8 +28,9 @@ inline constexpr int kUsage = 2;
 }  // namespace exit_status
 
 /// A line on standard error with the command's name: what happened although the command goes on.
+/// What could steer a terminal is replaced, for names of processes are anybody's to choose.
 void warn(const session& here, const std::string& text);
-/// A line on standard output.
+/// A line on standard output, likewise.
 void say(const std::string& text);
 
 /// @throws failure when a daemon may run here that this user cannot see: then nothing may be said

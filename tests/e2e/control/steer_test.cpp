@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "tests/e2e/control/control_command.h"
+#include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
 #include "tests/support/wait_until.h"
 
@@ -97,6 +99,28 @@ TEST(control_stop, refuses_when_others_would_be_hit) {
   EXPECT_EQ(control(place, {"stop", name, "--force"}).status, 0);
   EXPECT_FALSE(process_table::is_alive(running.front()));
   place.wait_running(longer, 2);
+}
+
+TEST(control_stop, does_not_hand_a_terminal_what_others_call_themselves) {
+  running_place here;
+  const std::string begin = here.name.substr(0, 8);
+  const std::string odd = (here.place.site() / (begin + "\033[2J")).string();
+  fs::copy_file("/bin/sleep", odd);
+  const pid_t stranger = ::fork();
+  if (stranger == 0) {
+    ::execl(odd.c_str(), odd.c_str(), "1000", nullptr);
+    ::_exit(127);
+  }
+  children::announce(stranger);
+  here.place.edit({{begin, here.place.entry(here.name).exepath, "run"}});
+  ASSERT_TRUE(wait_until(
+      [&] { return contains(read_file("/proc/" + std::to_string(stranger) + "/comm"), begin); }));
+  const control_result stop = control(here.place, {"stop", begin});
+  EXPECT_EQ(stop.status, 1);
+  EXPECT_TRUE(contains(stop.errors, begin + "?[2J (PID ")) << stop.errors;
+  EXPECT_FALSE(contains(stop.errors, "\033"));
+  ::kill(stranger, SIGKILL);
+  children::wait_for_end(stranger);
 }
 
 TEST(control_stop, does_not_take_programs_for_others_that_are_to_be_stopped_as_well) {
