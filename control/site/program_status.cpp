@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <ctime>
 #include <filesystem>
 #include <system_error>
@@ -41,9 +42,13 @@ void take_processes(program_status& status, const running_program& running) {
     status.cpu_seconds += static_cast<double>(one.cpu) / ticks_per_second();
 }
 
+/// How long, in seconds, a program that is to run may be idle before more than slowness is thought
+/// of: the daemon looks once a second at what it has not started.
+constexpr double kIdle = 3;
+
 /// Whether so many programs have ended since the daemon was started that one of them may be at the
 /// limit.
-bool may_have_given_up(const site& place) {
+bool has_reached_limit(const site& place) {
   std::error_code error;
   const auto size = std::filesystem::file_size(place.log_file(), error);
   if (error || static_cast<std::int64_t>(size) < kLogOfLimit) return false;
@@ -54,6 +59,32 @@ bool may_have_given_up(const site& place) {
   }
   return ends > kRestartLimit;
 }
+
+/// Asks that once, and not for each of a thousand programs that are being started.
+class restart_limit final {
+ public:
+  restart_limit(const snapshot& now, const site& place) : now_(now), place_(place) {}
+
+  /// Whether one that is to run and is idle may have been given up, and was not set to run just
+  /// now.
+  [[nodiscard]] bool may_be_reached() {
+    if (!asked_) reached_ = is_old() && has_reached_limit(place_);
+    asked_ = true;
+    return reached_;
+  }
+
+ private:
+  [[nodiscard]] bool is_old() const {
+    const std::time_t saved = now_.config ? now_.config->status.st_ctime : 0;
+    return now_.age_of(*now_.search.daemon) > kIdle &&
+           std::abs(std::difftime(std::time(nullptr), saved)) > kIdle;
+  }
+
+  const snapshot& now_;
+  const site& place_;
+  bool asked_ = false;
+  bool reached_ = false;
+};
 
 void judge_running(program_status& status, const listed_program& entry) {
   if (!status.program) {
@@ -72,7 +103,7 @@ void judge_running(program_status& status, const listed_program& entry) {
 }
 
 void judge_idle(program_status& status, const listed_program& entry, const snapshot& now,
-                const site& place) {
+                restart_limit& limit) {
   if (entry.wants_stop()) return;
   if (const std::string why = why_skipped(entry); !why.empty()) {
     status.now = actual::not_loaded;
@@ -81,9 +112,11 @@ void judge_idle(program_status& status, const listed_program& entry, const snaps
     status.why = entry.state.empty() ? "it has no state" : "this state is neither run nor stop";
   } else if (!now.search.daemon) {
     // That is said above the table.
-  } else if (may_have_given_up(place)) {
+  } else if (limit.may_be_reached()) {
     status.now = actual::given_up;
-    status.why = "it has ended more than 200000 times; restart the supervisor";
+    status.why =
+        "programs have ended more than 200000 times, which is the limit for one; restart the "
+        "supervisor";
   } else if (now.watch.is_lost()) {
     status.now = actual::not_loaded;
     status.why = "the saved file has not been read; `keelmondctl reload` has it read";
@@ -107,7 +140,7 @@ void ask_launcher(program_status& status, const listed_program& entry, const sna
 }
 
 program_status status_of(const listed_program& entry, const running_program* running,
-                         const snapshot& now, const site& place) {
+                         const snapshot& now, const site& place, restart_limit& limit) {
   program_status status;
   status.name = entry.name;
   status.wanted = entry.state;
@@ -116,7 +149,7 @@ program_status status_of(const listed_program& entry, const running_program* run
     judge_running(status, entry);
     if (running->is_launcher) ask_launcher(status, entry, now, place);
   } else {
-    judge_idle(status, entry, now, place);
+    judge_idle(status, entry, now, limit);
   }
   return status;
 }
@@ -227,9 +260,11 @@ std::vector<program_status> list_programs(const snapshot& now, const site& place
     if (!one.listed || !by_name.emplace(one.name, &one).second) unnamed.push_back(&one);
   }
   std::vector<program_status> programs;
+  restart_limit limit(now, place);
   for (const listed_program& entry : now.programs) {
     const auto at = by_name.find(entry.name);
-    programs.push_back(status_of(entry, at == by_name.end() ? nullptr : at->second, now, place));
+    const running_program* const running = at == by_name.end() ? nullptr : at->second;
+    programs.push_back(status_of(entry, running, now, place, limit));
   }
   for (const running_program* const one : unnamed) {
     // A child that has executed nothing yet belongs to one of the entries that are being started.

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <ctime>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -97,6 +98,16 @@ TEST_F(recent_starts, show_a_program_that_has_reached_the_limit) {
   ends += "exited process PID: 4294967295  errno: 10\r\n2026-11-15 10:02:03\r\n";
   scratch_.write("keelmond.log", ends);
   EXPECT_EQ(state(), actual::given_up);
+  std::filesystem::create_directory(scratch_.path() / "config");
+  scratch_.write("config/server.ini", "");
+  // One that was set to run just now is given the second that the daemon takes.
+  now_.config.emplace();
+  now_.config->status.st_ctime = std::time(nullptr);
+  EXPECT_EQ(state(), actual::starting);
+  now_.config->status.st_ctime -= 60;
+  EXPECT_EQ(state(), actual::given_up);
+  now_.search.daemon->started = static_cast<std::uint64_t>(999 * control::ticks_per_second());
+  EXPECT_EQ(state(), actual::starting);
 }
 
 TEST_F(recent_starts, of_an_earlier_daemon_do_not_count) {
