@@ -1,6 +1,7 @@
 #include "control/commands/down.h"
 
 #include <csignal>
+#include <string>
 #include <thread>
 #include <tuple>
 
@@ -68,10 +69,7 @@ int kill_rest(const session& here, const stopping& programs, const process_handl
   return report(here, programs.left(), !ended && daemon.valid() && !daemon.has_ended(), true);
 }
 
-}  // namespace
-
-int run_down(const session& here, const down_options& options) {
-  const snapshot now = here.look();
+int shut_down(const session& here, const snapshot& now, const down_options& options) {
   if (!now.search.daemon && now.left_over.empty()) {
     // What was asked for is so, unless it may be somebody else's.
     if (!now.search.hidden.empty()) need_daemon(here, now);
@@ -97,6 +95,18 @@ int run_down(const session& here, const down_options& options) {
   if (ended && daemon_ended) return report(here, {}, false, false);
   return options.kill ? kill_rest(here, all, daemon)
                       : report(here, all.left(), !daemon_ended, false);
+}
+
+}  // namespace
+
+int run_down(const session& here, const down_options& options) {
+  const snapshot now = here.look();
+  const int status = shut_down(here, now, options);
+  for (const process& other : now.search.more) {
+    warn(here, "another keelmond runs here as well (PID " + std::to_string(other.pid) +
+                   "): `keelmondctl down` again shuts it down");
+  }
+  return now.search.more.empty() ? status : exit_status::kFailed;
 }
 
 }  // namespace control

@@ -199,6 +199,22 @@ TEST(control_down, shuts_the_daemon_down_with_its_programs) {
   EXPECT_EQ(control(place, {"down"}).status, 0);
 }
 
+TEST(control_down, tells_of_a_second_daemon) {
+  installation place;
+  place.save(std::vector<listed_program>{});
+  ASSERT_EQ(control(place, {"up"}).status, 0);
+  // Whoever deletes it and starts again has two.
+  fs::remove(place.site() / "run.pid");
+  place.start();
+  const control_result status = control(place, {"status"});
+  EXPECT_TRUE(contains(status.output, "another keelmond runs here as well")) << status.output;
+  const control_result first = control(place, {"down"});
+  EXPECT_EQ(first.status, 1);
+  EXPECT_TRUE(contains(first.errors, "another keelmond runs here as well (PID ")) << first.errors;
+  EXPECT_EQ(control(place, {"down"}).status, 0);
+  EXPECT_EQ(daemon_of(place), 0);
+}
+
 TEST(control_down, names_a_program_that_ignores_the_signal_and_kills_it_on_request) {
   installation place;
   const std::string good = place.add_steady();
