@@ -33,10 +33,51 @@ const process& running_process(const snapshot& now, const std::string& name) {
   return *running->program;
 }
 
-void send(const process_handle& target, int signal, const std::string& name) {
-  if (target.send(signal)) return;
-  throw failure("cannot signal " + name + " (PID " + std::to_string(target.who().pid) +
-                "): " + std::strerror(errno));
+/// By errno.
+std::string why_not_sent(const std::string& name, const process& target) {
+  return "cannot signal " + name + " (PID " + std::to_string(target.pid) +
+         "): " + std::strerror(errno);
+}
+
+void require_supervised(const snapshot& now, const std::string& name) {
+  const listed_program* const listed = now.find(name);
+  if (listed != nullptr && !listed->wants_run()) {
+    throw failure(name + " is set to \"" + listed->state +
+                  "\" and would not be started again: `keelmondctl start " + name + "`");
+  }
+}
+
+/// Those of the programs that run and are started again when they end. Why not of the others is
+/// said in `left`.
+std::vector<restart> find_restarts(const snapshot& now, const std::vector<std::string>& programs,
+                                   const std::vector<std::string>& named,
+                                   std::vector<std::string>& left) {
+  std::vector<restart> restarts;
+  for (const std::string& name : programs) {
+    const listed_program* const listed = now.find(name);
+    // Of all programs, or those of a pattern, the ones that are not to run are left out; one that
+    // was asked for by its name is not.
+    const bool is_named = std::find(named.begin(), named.end(), name) != named.end();
+    if (!is_named && listed != nullptr && !listed->wants_run()) continue;
+    try {
+      require_supervised(now, name);
+      restarts.push_back({name, running_process(now, name)});
+    } catch (const failure& why) {
+      left.emplace_back(why.what());
+    }
+  }
+  return restarts;
+}
+
+/// Sends each its signal; one that cannot be sent it is taken out. One that has ended by itself
+/// meanwhile is started again as well.
+void signal_all(const session& here, int signal, std::vector<restart>& restarts,
+                std::vector<std::string>& left) {
+  std::erase_if(restarts, [&](const restart& one) {
+    if (process_handle(here.proc, one.old).send(signal) || errno == ESRCH) return false;
+    left.push_back(why_not_sent(one.name, one.old));
+    return true;
+  });
 }
 
 /// Notes the new processes. @return whether all are there.
@@ -69,14 +110,6 @@ int report(const session& here, const std::vector<restart>& restarts) {
   return status;
 }
 
-void require_supervised(const snapshot& now, const std::string& name) {
-  const listed_program* const listed = now.find(name);
-  if (listed != nullptr && !listed->wants_run()) {
-    throw failure(name + " is set to \"" + listed->state +
-                  "\" and would not be started again: `keelmondctl start " + name + "`");
-  }
-}
-
 }  // namespace
 
 int parse_signal(const std::string& text) {
@@ -91,30 +124,25 @@ int run_restart(const session& here, const restart_options& options) {
   const auto end = steady::now() + options.timeout;
   const snapshot now = here.look();
   need_daemon(here, now);
-  std::vector<restart> restarts;
-  for (const std::string& name : pick_programs(now, options.names, options.all)) {
-    const listed_program* const listed = now.find(name);
-    // Of all programs, or those of a pattern, the ones that are not to run are left out; one that
-    // was asked for by its name is not.
-    const bool is_named =
-        std::find(options.names.begin(), options.names.end(), name) != options.names.end();
-    if (!is_named && listed != nullptr && !listed->wants_run()) continue;
-    require_supervised(now, name);
-    restarts.push_back({name, running_process(now, name)});
-  }
-  if (restarts.empty()) say("none of these programs is to run");
-  for (const restart& one : restarts)
-    send(process_handle(here.proc, one.old), signal, one.name);
+  std::vector<std::string> left;
+  std::vector<restart> restarts =
+      find_restarts(now, pick_programs(now, options.names, options.all), options.names, left);
+  if (restarts.empty() && left.empty()) say("none of these programs is to run");
+  signal_all(here, signal, restarts, left);
   while (!look_for_new(here.look(), restarts) && steady::now() < end)
     std::this_thread::sleep_for(kLookEvery);
-  return report(here, restarts);
+  const int status = report(here, restarts);
+  for (const std::string& why : left)
+    warn(here, why);
+  return left.empty() ? status : exit_status::kFailed;
 }
 
 int run_signal(const session& here, const signal_options& options) {
   const int signal = parse_signal(options.signal);
   const snapshot now = here.look();
   const process target = running_process(now, options.name);
-  send(process_handle(here.proc, target), signal, options.name);
+  if (!process_handle(here.proc, target).send(signal))
+    throw failure(why_not_sent(options.name, target));
   say("sent " + options.signal + " to " + options.name + " (PID " + std::to_string(target.pid) +
       ")");
   return exit_status::kDone;

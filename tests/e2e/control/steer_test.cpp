@@ -198,6 +198,19 @@ TEST(control_restart, leaves_programs_out_that_a_pattern_picks_and_that_are_not_
   EXPECT_EQ(control(place, {"restart", "kmc_idle"}).status, 1);
 }
 
+TEST(control_restart, restarts_the_others_when_one_does_not_run) {
+  installation place;
+  const std::string runs = place.add_steady();
+  place.save({place.entry(runs), {"kmc_none", "/nonexistent/kmc_none", "run"}});
+  place.start();
+  place.wait_running(runs);
+  const control_result done = control(place, {"restart", "--all"});
+  EXPECT_EQ(done.status, 1);
+  EXPECT_TRUE(contains(done.output, runs + " was PID ")) << done.output;
+  EXPECT_TRUE(contains(done.errors, "keelmondctl restart: kmc_none does not run")) << done.errors;
+  place.wait_running(runs, 2);
+}
+
 TEST(control_restart, names_a_program_that_does_not_end) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
