@@ -112,19 +112,20 @@ int run_edit(const session& here, const edit_options& options) {
     throw failure("cannot read " + here.place.config_file() + ": `keelmondctl init` makes one");
   }
   require_visible(here, now.search);
+  require_writable(here.place.config_file());
   edited_copy copy(now.config->text);
   checked_file edited;
-  if (!edit_until_accepted(here, now, copy, now.config->text, edited)) {
-    copy.keep();
-    throw failure("nothing was saved; what was edited is in " + copy.path());
-  }
   try {
+    if (!edit_until_accepted(here, now, copy, now.config->text, edited))
+      throw failure("nothing was saved");
     const config_lock alone(here.place.config_file());
     const applied how = save_text(here, options.timeout, *now.config, edited.config.text);
     say(how == applied::unchanged ? "nothing was changed"
         : how == applied::saved   ? "saved; no keelmond runs here"
                                   : "saved, and keelmond has loaded it");
   } catch (const failure& why) {
+    const auto left = read_config(copy.path());
+    if (left && left->text == now.config->text) throw;
     copy.keep();
     throw failure(std::string(why.what()) + ". What was edited is in " + copy.path());
   }

@@ -11,6 +11,11 @@
 
 namespace control {
 
+void require_writable(const std::string& path) {
+  if (::access(path.c_str(), W_OK) != 0)
+    throw failure("this user may not write " + path + ", so nothing was changed");
+}
+
 applied save_text(const session& here, std::chrono::milliseconds limit, const config_bytes& before,
                   const std::string& text) {
   const std::string path = here.place.config_file();
@@ -37,9 +42,7 @@ applied save_change(const session& here, std::chrono::milliseconds limit,
     throw failure("cannot read " + path + ": " + std::strerror(errno) +
                   ". `keelmondctl init` makes one");
   }
-  if (::access(path.c_str(), W_OK) != 0) {
-    throw failure("this user may not write " + path + ", so nothing was changed");
-  }
+  require_writable(path);
   return save_text(here, limit, *config, change(config->text));
 }
 

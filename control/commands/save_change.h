@@ -16,6 +16,9 @@ enum class applied {
   loaded,     ///< The daemon has acted on it.
 };
 
+/// @throws failure when this user may not write the file.
+void require_writable(const std::string& path);
+
 /// Reads the configuration, changes its text and saves it, with every other keelmondctl kept away
 /// meanwhile, and has the daemon load it.
 /// @param change gives the new text from the old one.

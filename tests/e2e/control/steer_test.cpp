@@ -321,12 +321,19 @@ TEST(control_edit, saves_nothing_that_has_errors_when_nobody_can_be_asked) {
   EXPECT_EQ(done.status, 1);
   EXPECT_TRUE(contains(done.errors, "config/server.ini:6: error: the state \"walk\""))
       << done.errors;
-  EXPECT_TRUE(contains(done.errors, "nothing was saved; what was edited is in "));
+  EXPECT_TRUE(contains(done.errors, "nothing was saved. What was edited is in "));
   EXPECT_EQ(here.place.read("config/server.ini"), before);
   const setting none("EDITOR", "");
   EXPECT_TRUE(contains(control(here.place, {"edit"}).errors, "there is no terminal to edit on"));
   const setting fails("EDITOR", "false");
   EXPECT_EQ(control(here.place, {"edit"}).status, 1);
+  const setting breaks_off("EDITOR", "sh -c 'echo \"# my work\" >> \"$0\"; exit 3'");
+  const std::string broken = control(here.place, {"edit"}).errors;
+  const std::size_t at = broken.find("What was edited is in ");
+  ASSERT_NE(at, std::string::npos) << broken;
+  const std::string kept = broken.substr(at + 22, broken.find_last_of('.') - at - 22);
+  EXPECT_EQ(read_file(kept), before + "# my work\n");
+  fs::remove(kept);
   const setting changes_nothing("EDITOR", "true");
   EXPECT_TRUE(contains(control(here.place, {"edit"}).output, "nothing was changed"));
 }
