@@ -72,7 +72,10 @@ void copy_attributes(const std::string& from, int to) {
 }
 
 bool take_over_status(const draft& file, const struct stat& old) {
-  const bool same_owner = old.st_uid == ::geteuid() && old.st_gid == ::getegid();
+  struct stat made {};
+  if (::fstat(file.fd(), &made) != 0) return false;
+  // The group may be that of the directory.
+  const bool same_owner = old.st_uid == made.st_uid && old.st_gid == made.st_gid;
   if (!same_owner && ::fchown(file.fd(), old.st_uid, old.st_gid) != 0) return false;
   return ::fchmod(file.fd(), old.st_mode & 07777) == 0;
 }

@@ -60,6 +60,15 @@ TEST_F(config_save, keeps_the_owner) {
   EXPECT_EQ(status_of(path).st_gid, 2345U);
 }
 
+TEST_F(config_save, keeps_the_group_where_the_directory_gives_another_one) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root may give directories away";
+  const gid_t before = status_of(path).st_gid;
+  ASSERT_EQ(::chown(place.path().c_str(), 0, 2345), 0);
+  ASSERT_EQ(::chmod(place.path().c_str(), 02775), 0);
+  save("new");
+  EXPECT_EQ(status_of(path).st_gid, before);
+}
+
 TEST_F(config_save, leaves_symbolic_links_where_they_are) {
   fs::create_directory(place.path() / "real");
   fs::rename(path, place.path() / "real" / "file.ini");
