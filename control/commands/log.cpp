@@ -6,7 +6,9 @@
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <limits>
+#include <system_error>
 #include <thread>
 
 #include "control/site/log_follower.h"
@@ -20,8 +22,13 @@ namespace {
 
 using kind = log_event::kind;
 
-/// What the last events are looked for in first; each takes about half of this at most.
+/// What the last events are looked for in first; each takes about half of this at most, unless its
+/// path is long.
 constexpr std::int64_t kBytesForEvent = 256;
+/// The same for those since a time.
+constexpr std::int64_t kBytesForTime = std::int64_t{1} << 20;
+/// How many times more is read when that was not enough.
+constexpr std::int64_t kMore = 4;
 
 const char* name_of(kind what) {
   switch (what) {
@@ -83,25 +90,40 @@ void print(const session& here, const std::vector<log_event>& events, bool json)
   std::fflush(stdout);
 }
 
+/// The time that the option gives; the earliest of all without one.
+std::int64_t begin_of(const log_options& options) {
+  if (options.since.empty()) return std::numeric_limits<std::int64_t>::min();
+  const auto since = parse_moment(options.since, static_cast<std::int64_t>(std::time(nullptr)));
+  if (since) return *since;
+  throw failure("\"" + options.since +
+                    "\" is no time: give 10m, 2h, 2026-11-15 or "
+                    "\"2026-11-15 10:00\"",
+                exit_status::kUsage);
+}
+
 std::vector<log_event> past_events(const session& here, const log_options& options) {
-  const bool all = !options.since.empty();
-  const std::size_t count =
-      all && !options.count_given ? std::numeric_limits<std::size_t>::max() : options.count;
-  const std::int64_t bytes =
-      all ? std::numeric_limits<std::int64_t>::max()
+  const std::int64_t since = begin_of(options);
+  const bool all = !options.since.empty() && !options.count_given;
+  const std::size_t count = all ? std::numeric_limits<std::size_t>::max() : options.count;
+  std::int64_t bytes =
+      all ? kBytesForTime
           : static_cast<std::int64_t>(std::min<std::size_t>(count, 1U << 24U)) * kBytesForEvent +
                 4096;
-  std::vector<log_event> events = read_last_events(here.place.log_file(), bytes);
-  if (all) {
-    const auto since = parse_moment(options.since, static_cast<std::int64_t>(std::time(nullptr)));
-    if (!since) {
-      throw failure("\"" + options.since +
-                        "\" is no time: give 10m, 2h, 2026-11-15 or "
-                        "\"2026-11-15 10:00\"",
-                    exit_status::kUsage);
-    }
-    std::erase_if(events, [&](const log_event& event) { return seconds_of(event) < *since; });
+  const std::string path = here.place.log_file();
+  std::error_code none;
+  const auto size = static_cast<std::int64_t>(std::filesystem::file_size(path, none));
+  std::vector<log_event> events = read_last_events(path, bytes);
+  // From the end on, for the log may be larger than the memory.
+  const auto is_enough = [&] {
+    return bytes >= size || events.size() >= count ||
+           (!events.empty() && !events.front().time.empty() && seconds_of(events.front()) < since);
+  };
+  while (!none && !is_enough()) {
+    bytes *= kMore;
+    events = read_last_events(path, bytes);
   }
+  if (!options.since.empty())
+    std::erase_if(events, [&](const log_event& event) { return seconds_of(event) < since; });
   if (events.size() > count)
     events.erase(events.begin(), events.end() - static_cast<std::ptrdiff_t>(count));
   return events;

@@ -75,6 +75,20 @@ TEST(control_log, shows_an_event_on_a_line_with_its_time_and_program) {
   EXPECT_EQ(nlohmann::json::parse(json).at("event"), "program_started");
 }
 
+TEST(control_log, finds_as_many_events_as_are_asked_for_however_long_they_are) {
+  installation place;
+  std::string log = "keelmond Start PID: 1 \r\n2020-01-01 10:00:00\r\n";
+  for (int i = 0; i < 4000; ++i) {
+    log += "access(X_OK) failed (/srv/" + std::string(600, 'x') + std::to_string(i) +
+           ")\r\n2030-01-01 10:00:00\r\n";
+  }
+  write_file(place.site() / "keelmond.log", log);
+  EXPECT_EQ(count(control(place, {"log", "-n", "100"}).output, "\n"), 100U);
+  EXPECT_EQ(count(control(place, {"log", "--since", "2025-01-01"}).output, "\n"), 4000U);
+  EXPECT_EQ(count(control(place, {"log", "--since", "2019-01-01"}).output, "\n"), 4001U);
+  EXPECT_EQ(count(control(place, {"log", "--since", "2019-01-01", "-n", "2"}).output, "\n"), 2U);
+}
+
 TEST(control_log, follows_what_happens_and_names_the_program_that_ended) {
   installation place;
   const std::string name = place.add_steady();
