@@ -83,7 +83,7 @@ std::string program_metrics(const session& here, const snapshot& now) {
   metric start("keelmond_program_start_time_seconds", "gauge",
                "When the program was started, since 1970.");
   metric cpu("keelmond_program_cpu_seconds_total", "counter",
-             "Processor time of the program and all below it that still runs.");
+             "Processor time of the program and all below it.");
   metric memory("keelmond_program_resident_memory_bytes", "gauge",
                 "Resident memory of the program and all below it.");
   metric processes("keelmond_program_processes", "gauge", "Processes of the program.");

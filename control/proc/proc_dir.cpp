@@ -50,8 +50,7 @@ std::optional<process> parse_stat(pid_t pid, std::string_view line) {
   found.name = line.substr(open + 1, close - open - 1);
   std::string_view rest = line.substr(close + 1);
   next_word(rest);
-  std::uint64_t user = 0;
-  std::uint64_t system = 0;
+  std::uint64_t ticks = 0;
   bool whole = true;
   // The numbers are those of the fields in proc(5).
   for (int field = 3; field <= 24 && whole; ++field) {
@@ -60,13 +59,15 @@ std::optional<process> parse_stat(pid_t pid, std::string_view line) {
     if (field == 3 && whole) found.state = word.front();
     if (field == 4) whole = parse_number(word, found.parent);
     if (field == 6) whole = parse_number(word, found.session);
-    if (field == 14) whole = parse_number(word, user);
-    if (field == 15) whole = parse_number(word, system);
+    // In user and in kernel mode, and the same of children that have ended and were waited for.
+    if (field >= 14 && field <= 17) {
+      whole = parse_number(word, ticks);
+      found.cpu += ticks;
+    }
     if (field == 20) whole = parse_number(word, found.threads);
     if (field == 22) whole = parse_number(word, found.started);
     if (field == 24) whole = parse_number(word.substr(0, word.find('\n')), found.resident);
   }
-  found.cpu = user + system;
   if (!whole) return {};
   return found;
 }
@@ -181,7 +182,10 @@ std::optional<process> proc_dir::find(pid_t pid) const {
   std::string line;
   if (!read(pid, "stat", line)) return {};
   std::optional<process> found = parse_stat(pid, line);
-  if (found && (found->state == 'Z' || found->state == 'X')) return {};
+  // One whose first thread alone has ended runs on.
+  const bool has_ended =
+      found && (found->state == 'X' || (found->state == 'Z' && found->threads < 2));
+  if (has_ended) return {};
   return found;
 }
 

@@ -44,7 +44,7 @@ class proc_dir final {
 
   /// The ids of all processes, in no order.
   [[nodiscard]] std::vector<pid_t> pids() const;
-  /// The process, unless there is none or it has ended and only waits to be reaped.
+  /// The process, unless there is none or all of it has ended and only waits to be reaped.
   [[nodiscard]] std::optional<process> find(pid_t pid) const;
   /// Whether the process is still there and is not a later one with the same id.
   [[nodiscard]] bool is_alive(const process& known) const;

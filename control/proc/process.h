@@ -17,8 +17,8 @@ struct process {
   pid_t session = 0;
   char state = '?';  ///< As ps prints it: 'R', 'S', 'T', ...
   int threads = 1;
-  std::uint64_t started = 0;   ///< Clock ticks since the machine was started.
-  std::uint64_t cpu = 0;       ///< Clock ticks of processor time, of all its threads.
+  std::uint64_t started = 0;  ///< Clock ticks since the machine was started.
+  std::uint64_t cpu = 0;  ///< Clock ticks, of all its threads and the children that it has reaped.
   std::uint64_t resident = 0;  ///< Pages of memory, shared or not.
   std::string name;            ///< At most 15 bytes: what `pgrep` sees.
 

@@ -29,6 +29,10 @@ struct daemon_search {
 /// The name that a supervisor's processes have.
 inline constexpr char kDaemonName[] = "keelmond";
 
+/// Whether it has the threads that a daemon has and its children have not, and is not one that was
+/// killed and some of whose threads are still there.
+bool may_be_daemon(const process& one);
+
 /// Looks through all processes for the daemon of a directory. What this user may not look into is
 /// passed over, or `hidden`.
 daemon_search find_daemon(const proc_dir& proc, const process_table& table, const site& place);

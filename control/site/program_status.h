@@ -34,7 +34,7 @@ struct program_status {
   std::optional<process> program;
   std::optional<process> launcher;  ///< keelmond-run, which the program is run by.
   std::vector<process> tree;
-  double cpu_seconds = 0;    ///< Of all that runs below the daemon's child and has not ended.
+  double cpu_seconds = 0;  ///< Of all that runs below the daemon's child, or was waited for there.
   std::uint64_t memory = 0;  ///< Bytes; 0 unless a `memory_meter` has measured them.
 };
 

@@ -135,7 +135,7 @@ std::vector<running_program> program_finder::below(const process& daemon) const 
 
 bool program_finder::is_daemon(pid_t pid) const {
   const process* const one = table_.find(pid);
-  return one != nullptr && one->name == kDaemonName && one->threads > 1;
+  return one != nullptr && one->name == kDaemonName && may_be_daemon(*one);
 }
 
 /// Whether nobody is left of those who started it: its parent has adopted it. The daemon has made a

@@ -40,6 +40,19 @@ TEST(proc_dir, takes_a_zombie_for_ended_and_a_torn_line_for_none) {
   EXPECT_FALSE(proc.find(9));
 }
 
+TEST(proc_dir, takes_a_process_whose_first_thread_alone_has_ended_for_alive) {
+  const recorded_tree tree({{7, 1, "one", {}, 3, 1000, 50, 'Z'}});
+  EXPECT_TRUE(proc_dir(tree.root()).find(7));
+}
+
+TEST(proc_dir, counts_the_processor_time_of_children_that_have_ended) {
+  const recorded_tree tree({{7, 1, "one"}});
+  tree.write(7, "stat", "7 (one) S 1 0 0 0 -1 0 0 0 0 0 100 20 3 4 20 0 1 0 1000 0 66\n");
+  const auto found = proc_dir(tree.root()).find(7);
+  ASSERT_TRUE(found);
+  EXPECT_EQ(found->cpu, 127U);
+}
+
 TEST(proc_dir, tells_a_process_from_a_later_one_with_its_id) {
   const recorded_tree tree({{7, 1, "one", {}, 1, 1000}});
   const proc_dir proc(tree.root());

@@ -64,7 +64,10 @@ TEST(daemon_search, prefers_the_holder_of_the_present_file_and_tells_of_the_othe
 TEST(daemon_search, tells_a_left_over_pid_file_from_one_that_somebody_hidden_may_hold) {
   const scratch_dir place;
   place.write("run.pid", "4711");
-  const recorded_tree tree({{10, 1, "keelmond", {}, 3}, {11, 1, "keelmond", {}, 3}, {12, 1, "x"}});
+  const recorded_tree tree({{10, 1, "keelmond", {}, 3},
+                            {11, 1, "keelmond", {}, 3},
+                            {12, 1, "x"},
+                            {13, 1, "keelmond", {}, 2, 1000, 50, 'Z'}});
   tree.link(10, "cwd", "/elsewhere");
   const daemon_search found = search(tree, place);
   EXPECT_FALSE(found.daemon);

@@ -153,6 +153,13 @@ TEST(running_programs, finds_what_a_daemon_left_over_by_path_by_log_and_by_direc
   EXPECT_EQ(children, (std::vector<pid_t>{20, 30, 50}));
 }
 
+TEST(running_programs, finds_what_a_daemon_left_over_that_is_not_quite_gone) {
+  const scene place({{15, 1, "keelmond", kCopy, 2, 1000, 50, 'Z'},
+                     {20, 15, "keelmond", kCopy},
+                     {21, 20, "kmd_web", {"/srv/kmd_web"}}});
+  EXPECT_EQ(place.left_over({entry("kmd_web", "/srv/kmd_web")}).size(), 1U);
+}
+
 TEST(running_programs, leaves_a_program_of_the_same_name_to_the_directory_that_it_is_of) {
   const scene place({{20, 1, "keelmond", kCopy}, {21, 20, "kmd_web", {"/other/kmd_web"}}});
   place.tree.write(20, "environ", std::string("PWD=/other\0", 11));
