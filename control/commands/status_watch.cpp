@@ -106,16 +106,16 @@ std::string rows_as_text(const session& here, const snapshot& now,
 }
 
 /// From the top of the screen, each line to its end, what is below cleared, and no line more than
-/// there is room for.
+/// there is room for. Lines that are too long are cut meanwhile and not wrapped.
 std::string as_screen(const std::string& text, int height) {
-  std::string screen = "\033[H";
+  std::string screen = "\033[?7l\033[H";
   int lines = 0;
   for (std::size_t at = 0; at < text.size() && lines < height;) {
     const std::size_t end = std::min(text.find('\n', at), text.size());
     screen += (lines++ == 0 ? "" : "\r\n") + text.substr(at, end - at) + "\033[K";
     at = end + 1;
   }
-  return screen + "\033[J";
+  return screen + "\033[J\033[?7h";
 }
 
 }  // namespace

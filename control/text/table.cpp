@@ -43,25 +43,39 @@ std::string printable(const std::string& text) {
   return shown;
 }
 
-std::vector<std::size_t> table::widths(int limit) const {
+std::vector<std::size_t> table::natural_widths() const {
   std::vector<std::size_t> widths(columns_.size(), 0);
   for (const std::vector<cell>& row : rows_) {
     for (std::size_t i = 0; i < row.size(); ++i)
       widths[i] = std::max(widths[i], columns_of(row[i].text));
   }
-  std::size_t whole = 0;
   for (std::size_t i = 0; i < widths.size(); ++i) {
-    if (widths[i] == 0) continue;
-    widths[i] = std::max(widths[i], columns_of(columns_[i].title));
-    whole += widths[i] + kGap;
+    if (widths[i] > 0) widths[i] = std::max(widths[i], columns_of(columns_[i].title));
   }
-  for (std::size_t i = widths.size(); i-- > 0 && limit > 0;) {
+  return widths;
+}
+
+std::vector<std::size_t> table::widths(int limit) const {
+  std::vector<std::size_t> widths = natural_widths();
+  if (limit <= 0) return widths;
+  const auto excess = [&] {
+    std::size_t whole = 0;
+    for (const std::size_t width : widths)
+      whole += width == 0 ? 0 : width + kGap;
     const auto allowed = static_cast<std::size_t>(limit) + kGap;
-    if (whole <= allowed || !columns_[i].may_shrink || widths[i] <= kNarrowest) continue;
-    const std::size_t less = std::min(whole - allowed, widths[i] - kNarrowest);
-    widths[i] -= less;
-    whole -= less;
+    return whole > allowed ? whole - allowed : 0;
+  };
+  const auto shrink = [&](const auto& may_shrink) {
+    for (std::size_t i = widths.size(); i-- > 0;) {
+      if (may_shrink(columns_[i]) && widths[i] > kNarrowest)
+        widths[i] -= std::min(excess(), widths[i] - kNarrowest);
+    }
+  };
+  shrink([](const column& one) { return one.may_shrink; });
+  for (std::size_t i = widths.size(); i-- > 0 && excess() > 0;) {
+    if (columns_[i].side == align::right) widths[i] = 0;
   }
+  shrink([](const column& one) { return one.side == align::left; });
   return widths;
 }
 

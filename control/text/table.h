@@ -25,11 +25,14 @@ class table final {
   explicit table(std::vector<column> columns) : columns_(std::move(columns)) {}
 
   void add(std::vector<cell> row) { rows_.push_back(std::move(row)); }
-  /// The titles and all rows. Columns in which every cell is empty are left out.
+  /// The titles and all rows. Columns in which every cell is empty are left out. Where the terminal
+  /// is too narrow, what may shrink does; then numbers are left out from the right, and the rest is
+  /// cut.
   [[nodiscard]] std::string print(const terminal& out) const;
 
  private:
   [[nodiscard]] std::vector<std::size_t> widths(int limit) const;
+  [[nodiscard]] std::vector<std::size_t> natural_widths() const;
 
   std::vector<column> columns_;
   std::vector<std::vector<cell>> rows_;

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/e2e/control/control_command.h"
 #include "tests/e2e/support/children.h"
@@ -90,7 +91,9 @@ TEST(control_watch, redraws_counts_starts_and_ends_on_q) {
   watch.press('c');
   watch.press('q');
   EXPECT_EQ(watch.wait(), 0);
-  // The screen is given back.
+  // No line is wrapped while it draws; and the screen is given back.
+  EXPECT_TRUE(contains(watch.shown(), "\033[?7l\033[H"));
+  EXPECT_TRUE(contains(watch.shown(), "\033[J\033[?7h"));
   EXPECT_TRUE(watch.shown().ends_with("\033[?1049l"));
 }
 
@@ -154,4 +157,6 @@ TEST(control_tables, fit_the_terminal) {
   };
   EXPECT_GT(widest(200), 100U);
   EXPECT_EQ(widest(90), 90U);
+  for (const unsigned short columns : std::vector<unsigned short>{80, 60, 40, 30})
+    EXPECT_LE(widest(columns), columns);
 }
