@@ -30,13 +30,26 @@ std::set<int> written_numbers(const ini_document& document) {
   return numbers;
 }
 
-void check_keys(const ini_document& document, findings& out) {
+void check_keys(const check_subject& subject, findings& out) {
+  const ini_document& document = subject.document;
+  std::set<std::string> listed;
+  for (const listed_program& program : subject.programs)
+    listed.insert(program.name);
   for (std::size_t i = 0; i < document.lines().size(); ++i) {
     const document_line& line = document.lines()[i];
-    if (line.meaning != meaning::assignment || line.section != kSection) continue;
-    if (line.key == kCountKey || server_entry::number_of(line.key) > 0) continue;
-    out.warn(i + 1, "the key " + line.key + " means nothing in [keelmond]",
-             "the keys there are linux, svr1, svr2 and so on");
+    if (line.meaning != meaning::assignment) continue;
+    if (line.section.empty()) {
+      out.warn(i + 1, "the key " + line.key + " stands in no section and means nothing",
+               "put it below the header of its section");
+    } else if (line.section == kSection) {
+      if (line.key == kCountKey || server_entry::number_of(line.key) > 0) continue;
+      out.warn(i + 1, "the key " + line.key + " means nothing in [keelmond]",
+               "the keys there are linux, svr1, svr2 and so on");
+    } else if (listed.contains(line.section) && line.key != server_entry::kExepathKey &&
+               line.key != server_entry::kStateKey) {
+      out.warn(i + 1, "the key " + line.key + " means nothing in [" + line.section + "]",
+               "the keys there are exepath and state, in small letters");
+    }
   }
 }
 
@@ -111,7 +124,7 @@ void check_refused(const check_subject& subject, const listed_program& program, 
 }  // namespace
 
 void check_list(const check_subject& subject, findings& out) {
-  check_keys(subject.document, out);
+  check_keys(subject, out);
   if (check_count(subject.document, out) < 0) return;
   const Tini_parser parsed = parse_config(subject.document.text());
   check_numbers(subject, server_entry::count_of(parsed), out);

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <set>
 #include <string>
 
 #include "control/check/check_config.h"
@@ -46,6 +47,23 @@ void check_permissions(const check_subject& subject, findings& out) {
   }
 }
 
+/// Who may put another file in the place of a program says what is run.
+void check_program_directories(const check_subject& subject, findings& out) {
+  std::set<std::string> directories;
+  for (const listed_program& program : subject.programs) {
+    const std::size_t slash = program.exepath.rfind('/');
+    if (slash != std::string::npos) directories.insert(program.exepath.substr(0, slash + 1));
+  }
+  for (const std::string& path : directories) {
+    // The supervisor's own is looked at with what is in it.
+    const bool is_own = subject.is_present_file && path == subject.place.directory + "/";
+    if (is_own || !others_may_write(path)) continue;
+    out.warn(0,
+             "every user may write " + path + ", and with it replace a program that keelmond runs",
+             "chmod o-w " + path);
+  }
+}
+
 void check_notify(const check_subject& subject, findings& out) {
   struct stat status {};
   const std::string path = subject.place.directory + "/notify";
@@ -76,6 +94,7 @@ void check_site(const check_subject& subject, findings& out) {
     check_writable(subject, out);
     check_permissions(subject, out);
   }
+  check_program_directories(subject, out);
   check_notify(subject, out);
   check_still_running(subject, out);
 }

@@ -101,6 +101,18 @@ TEST_F(check_config, finds_lines_that_mean_nothing) {
             "3w");
 }
 
+TEST_F(check_config, finds_keys_that_nobody_reads) {
+  EXPECT_EQ(place_of(with(kClean, "state = run", "state = run\nexepth = /opt/web"),
+                     "exepth means nothing in [kmd_web]"),
+            "8w");
+  EXPECT_EQ(place_of(with(kClean, "state = run", "state = run\nExepath = /opt/web"),
+                     "Exepath means nothing in [kmd_web]"),
+            "8w");
+  EXPECT_EQ(place_of("state = run\n" + std::string(kClean), "state stands in no section"), "1w");
+  // What nobody lists may say what it likes.
+  EXPECT_EQ(place_of(std::string(kClean) + "[other]\nkey = value\n", "means nothing"), "none");
+}
+
 TEST_F(check_config, finds_repetitions) {
   EXPECT_EQ(
       place_of(with(kClean, "state = run", "state = run\nstate = stop"), "set again in line 8"),
@@ -237,6 +249,12 @@ TEST_F(check_config, finds_directories_and_files_that_others_may_write) {
   // There nobody takes away what is another one's.
   ASSERT_EQ(::chmod(notify.c_str(), 01777), 0);
   EXPECT_EQ(place_of(kClean, "every user may write"), "none");
+  std::filesystem::create_directory(scratch_.path() / "programs");
+  const std::string programs = scratch_.file("programs/");
+  ASSERT_EQ(::chmod(programs.c_str(), 0777), 0);
+  EXPECT_EQ(place_of(with(kClean, "state = run", "exepath = " + programs + "kmd_web\nstate = run"),
+                     "every user may write " + programs),
+            "0w");
 }
 
 TEST_F(check_config, survives_any_text) {
