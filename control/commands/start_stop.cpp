@@ -4,6 +4,7 @@
 #include <thread>
 #include <tuple>
 
+#include "control/check/check_config.h"
 #include "control/commands/program_names.h"
 #include "control/commands/save_change.h"
 #include "control/config/config_editor.h"
@@ -31,6 +32,12 @@ std::string obstacle_of(const program_status& one, bool alive) {
     return one.why + ". `keelmondctl signal " + one.name + " USR2` ends the process";
   }
   const process& shown = one.launcher ? *one.launcher : one.program ? *one.program : *one.child;
+  if (!matches_as_pattern(one.name, shown.name)) {
+    return "its process (PID " + std::to_string(shown.pid) + ") is called " + shown.name +
+           ", and `pgrep " + one.name +
+           "`, by which keelmond stops it, does not find that. `keelmondctl signal " + one.name +
+           " USR2` ends it";
+  }
   return "it still runs (PID " + std::to_string(shown.pid) +
          ") and may ignore SIGUSR2: `keelmondctl signal " + one.name + " KILL` kills it";
 }

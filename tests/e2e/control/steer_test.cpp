@@ -83,6 +83,18 @@ TEST(control_stop, says_that_a_program_ignores_the_signal) {
   EXPECT_TRUE(wait_until([&] { return !process_table::is_alive(pid); }));
 }
 
+TEST(control_stop, says_that_keelmond_does_not_find_the_program) {
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({{"kmc_renamed", place.entry(name).exepath, "run"}});
+  place.start();
+  place.wait_running(name);
+  const control_result stop = control(place, {"stop", "kmc_renamed", "--timeout", "500ms"});
+  EXPECT_EQ(stop.status, 1);
+  EXPECT_TRUE(contains(stop.errors, ") is called " + name + ", and `pgrep kmc_renamed`"))
+      << stop.errors;
+}
+
 TEST(control_stop, refuses_when_others_would_be_hit) {
   installation place;
   // One name that is the beginning of the other.
