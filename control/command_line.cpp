@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <functional>
@@ -306,9 +307,12 @@ void add_completion(CLI::App& app, request& out) {
 
 /// `init` makes the directory, too.
 void make_directory_for(const request& asked) {
-  if (asked.command != "init" || asked.directory.empty()) return;
+  const char* const given = std::getenv("KEELMOND_DIR");
+  const std::string wanted =
+      asked.directory.empty() && given != nullptr ? std::string(given) : asked.directory;
+  if (asked.command != "init" || wanted.empty()) return;
   std::error_code error;
-  std::filesystem::create_directories(asked.directory, error);
+  std::filesystem::create_directories(wanted, error);
 }
 
 /// What a command answers with that could not do its work: `status` and `check` say other things

@@ -89,7 +89,7 @@ int run_plan(const session& here, const plan_options& options) {
   const auto config = read_config(path);
   if (!config)
     throw failure("cannot read " + path + ": " + std::strerror(errno) +
-                  ". `keelmondctl init` makes one");
+                  (options.file.empty() ? ". `keelmondctl init` makes one" : ""));
   if (!now.search.daemon) say("No keelmond runs here; this is what its start would do.");
   print(plan_as_text(
       here, now, merge_repeated(read_programs(parse_config(config->text), here.place.directory))));

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
 
@@ -36,6 +37,15 @@ TEST(control_init, makes_the_directory_and_the_example) {
             std::string::npos);
   EXPECT_NE(fs::status(fs::path(other) / "kmd_steady").permissions() & fs::perms::owner_exec,
             fs::perms::none);
+}
+
+TEST(control_init, makes_the_directory_that_the_environment_names) {
+  installation place;
+  ::setenv("KEELMOND_DIR", (place.site() / "named").c_str(), 1);
+  const control_result made = control(place, {"init"});
+  ::unsetenv("KEELMOND_DIR");
+  EXPECT_EQ(made.status, 0) << made.errors;
+  EXPECT_TRUE(place.has("named/config/server.ini"));
 }
 
 TEST(control_init, puts_no_example_where_the_shell_would_not_find_it) {
