@@ -115,8 +115,8 @@ void erase_section(ini_document& document, const std::string& name) {
 }
 
 /// Removes every assignment of a key, for the ones before the last would count otherwise.
-void erase_key(ini_document& document, const std::string& key) {
-  for (std::ptrdiff_t at; (at = document.find(kSection, key)) >= 0;)
+void erase_key(ini_document& document, std::string_view section, const std::string& key) {
+  for (std::ptrdiff_t at; (at = document.find(section, key)) >= 0;)
     document.erase(static_cast<std::size_t>(at), 1);
 }
 
@@ -129,7 +129,7 @@ void close_up(ini_document& document, const std::vector<int>& numbers) {
     const std::string key = key_of(number);
     const auto line = static_cast<std::size_t>(document.find(kSection, key));
     document.replace_key(line, key_of(next));
-    erase_key(document, key);
+    erase_key(document, kSection, key);
   }
   set_property(document, kSection, kCountKey, std::to_string(next));
 }
@@ -168,13 +168,14 @@ std::string add_program(std::string_view text, const new_program& program) {
   const auto numbers = read_programs(parse_config(text), kSomewhere);
   const int number = numbers.empty() ? 1 : numbers.back().number + 1;
   const std::string key = key_of(number);
-  erase_key(document, key);
+  erase_key(document, kSection, key);
   set_property(document, kSection, key, program.name);
   set_property(document, kSection, kCountKey, std::to_string(number));
 
-  // A section that has no entry may be left from before; what it says would count again.
-  erase_section(document, program.name);
-  append_section(document, program.name);
+  // A section that has no entry may be left from before: its comments stay, and what it says does
+  // not count again.
+  if (document.last_of(program.name) < 0) append_section(document, program.name);
+  if (program.exepath.empty()) erase_key(document, program.name, "exepath");
   if (!program.exepath.empty()) set_property(document, program.name, "exepath", program.exepath);
   set_property(document, program.name, "state", program.state);
   return checked(document, wanted);
@@ -190,7 +191,7 @@ std::string remove_program(std::string_view text, const std::string& name) {
   std::vector<int> kept;
   for (const listed_program& program : read_programs(parse_config(text), kSomewhere)) {
     if (program.name == name) {
-      erase_key(document, key_of(program.number));
+      erase_key(document, kSection, key_of(program.number));
     } else {
       kept.push_back(program.number);
     }

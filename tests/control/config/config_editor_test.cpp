@@ -79,6 +79,16 @@ std::size_t lost_lines(const std::string& before, const std::string& after) {
 
 }  // namespace
 
+TEST(config_editor, keeps_the_comments_of_a_section_that_is_listed_again) {
+  const std::string before = std::string(kText) +
+                             "\n[delta]\n# From the old machine.\nexepath = /bin/old\n"
+                             "state = stop\nexepath = /bin/older\n";
+  const std::string after = editor::add_program(before, {"delta", "", "run"});
+  EXPECT_NE(after.find("[delta]\n# From the old machine.\nstate = run\n"), std::string::npos)
+      << after;
+  EXPECT_EQ(programs_of(after).back(), (std::vector<std::string>{"delta", "/srv/delta", "run"}));
+}
+
 TEST(config_editor, sets_a_state_where_it_stands) {
   EXPECT_EQ(editor::set_state(kText, {"alpha"}, "stop"),
             replaced(kText, "state = run", "state = stop"));
