@@ -20,19 +20,8 @@ bool others_may_write(const std::string& path) {
          !(S_ISDIR(status.st_mode) && (status.st_mode & S_ISVTX) != 0);
 }
 
-/// Whether the owner, group and mode let a user write the file.
-bool may_write(const struct stat& status, uid_t user) {
-  if (user == 0) return true;
-  if (status.st_uid == user) return (status.st_mode & S_IWUSR) != 0;
-  return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-}
-
 void check_writable(const check_subject& subject, findings& out) {
-  if (!subject.now.config) return;
-  const bool own = !subject.now.daemon_user || *subject.now.daemon_user == ::geteuid();
-  const bool writable = own ? ::access(subject.place.config_file().c_str(), W_OK) == 0
-                            : may_write(subject.now.config->status, *subject.now.daemon_user);
-  if (writable) return;
+  if (!counts_as_empty(subject.now, subject.place)) return;
   out.fail(0, "keelmond's user may not write the file: it counts as empty, and nothing is run",
            "give it to that user, or chmod u+w " + subject.place.config_file());
 }

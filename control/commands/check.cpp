@@ -91,8 +91,13 @@ int run_plan(const session& here, const plan_options& options) {
     throw failure("cannot read " + path + ": " + std::strerror(errno) +
                   (options.file.empty() ? ". `keelmondctl init` makes one" : ""));
   if (!now.search.daemon) say("No keelmond runs here; this is what its start would do.");
-  print(plan_as_text(
-      here, now, merge_repeated(read_programs(parse_config(config->text), here.place.directory))));
+  std::vector<listed_program> programs =
+      merge_repeated(read_programs(parse_config(config->text), here.place.directory));
+  if (options.file.empty() && counts_as_empty(now, here.place)) {
+    say("keelmond's user may not write " + path + ", so it counts as empty.");
+    programs.clear();
+  }
+  print(plan_as_text(here, now, programs));
   return exit_status::kDone;
 }
 

@@ -266,6 +266,13 @@ std::vector<program_status> list_programs(const snapshot& now, const site& place
     const running_program* const running = at == by_name.end() ? nullptr : at->second;
     programs.push_back(status_of(entry, running, now, place, limit));
   }
+  if (now.search.daemon && counts_as_empty(now, place)) {
+    for (program_status& one : programs) {
+      if (one.child || one.now != actual::starting) continue;
+      one.now = actual::not_loaded;
+      one.why = "keelmond's user may not write the list, so it counts as empty";
+    }
+  }
   for (const running_program* const one : unnamed) {
     // A child that has executed nothing yet belongs to one of the entries that are being started.
     if (one->name.empty()) continue;

@@ -1,6 +1,8 @@
 #include "control/site/snapshot.h"
 
 #include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -23,7 +25,21 @@ void read_programs_of(const site& place, snapshot& out) {
   out.programs = merge_repeated(read_programs(parse_config(out.config->text), place.directory));
 }
 
+/// Whether the owner, group and mode let a user write the file.
+bool may_write(const struct stat& status, uid_t user) {
+  if (user == 0) return true;
+  if (status.st_uid == user) return (status.st_mode & S_IWUSR) != 0;
+  return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
 }  // namespace
+
+bool counts_as_empty(const snapshot& now, const site& place) {
+  if (!now.config) return false;
+  const bool own = !now.daemon_user || *now.daemon_user == ::geteuid();
+  return own ? ::access(place.config_file().c_str(), W_OK) != 0
+             : !may_write(now.config->status, *now.daemon_user);
+}
 
 config_watch look_at_watch(const proc_dir& proc, const process& daemon, const site& place) {
   const auto file = identify_file(place.config_file());

@@ -60,6 +60,9 @@ struct snapshot {
 /// Looks at the supervisor of a directory.
 snapshot look_at(const proc_dir& proc, const site& place);
 
+/// Whether the daemon takes the configuration for empty, because its user may not write the file.
+bool counts_as_empty(const snapshot& now, const site& place);
+
 /// Whether the log says that `child` was launched when it was started.
 bool is_launched_by_log(const std::vector<log_event>& events, const process& child,
                         std::int64_t started);

@@ -92,6 +92,22 @@ TEST(control_check, knows_a_file_that_the_daemon_may_not_write) {
   EXPECT_TRUE(contains(done.output, "it counts as empty")) << done.output;
 }
 
+TEST(control_plan, knows_a_file_that_the_daemon_may_not_write) {
+  if (::geteuid() == 0) GTEST_SKIP() << "root may write everything";
+  installation place;
+  const std::string name = place.add_steady();
+  place.save({place.entry(name)});
+  fs::permissions(place.site() / "config" / "server.ini", fs::perms(0444));
+  place.spawn();
+  ASSERT_TRUE(wait_until([&] { return daemon_of(place) != 0; }));
+  const std::string row = row_of(control(place, {"status"}).output, name);
+  EXPECT_TRUE(contains(row, "run not loaded")) << row;
+  EXPECT_TRUE(contains(row, "it counts as empty")) << row;
+  const std::string plan = control(place, {"plan"}).output;
+  EXPECT_TRUE(contains(plan, "so it counts as empty")) << plan;
+  EXPECT_FALSE(contains(plan, "is started")) << plan;
+}
+
 TEST(control_plan, says_what_a_load_would_do) {
   installation place;
   const std::string runs = place.add_steady();
