@@ -110,7 +110,8 @@ void check_interpreter(const listed_program& program, std::size_t line, findings
 }
 
 /// @param line that of the path, or else that of the entry.
-void check_file(const listed_program& program, std::size_t line, findings& out) {
+void check_file(const check_subject& subject, const listed_program& program, std::size_t line,
+                findings& out) {
   const std::string who = "entry svr" + std::to_string(program.number) + " is skipped: ";
   switch (find_obstacle(program)) {
     case obstacle::missing:
@@ -127,6 +128,9 @@ void check_file(const listed_program& program, std::size_t line, findings& out) 
   if (::stat(program.exepath.c_str(), &status) != 0) return;
   if (S_ISDIR(status.st_mode)) {
     out.fail(line, program.exepath + " is a directory and cannot be run", "name a file");
+  } else if (has_other_user(subject.now) && !daemon_may(subject.now, status, S_IROTH | S_IXOTH)) {
+    out.fail(line, who + "keelmond's user may not read and run " + program.exepath,
+             "chmod a+rx " + program.exepath + ", or give it to that user");
   } else if ((status.st_mode & S_IWOTH) != 0) {
     out.warn(line, "every user may write " + program.exepath + ", and keelmond runs it",
              "chmod o-w " + program.exepath);
@@ -149,7 +153,7 @@ void check_path(const check_subject& subject, const listed_program& program, fin
                  " is relative: it is looked for here and run from its own directory",
              "write the full path");
   }
-  check_file(program, line, out);
+  check_file(subject, program, line, out);
 }
 
 void check_state(const check_subject& subject, const listed_program& program, findings& out) {

@@ -256,6 +256,21 @@ std::optional<uid_t> proc_dir::user(pid_t pid) const {
   return effective;
 }
 
+std::vector<gid_t> proc_dir::groups(pid_t pid) const {
+  std::string text;
+  std::vector<gid_t> found;
+  if (!read(pid, "status", text)) return found;
+  // The effective one is the second of these, and the others have blanks between them.
+  std::string_view own = field_of(text, "Gid");
+  own.remove_prefix(std::min(own.find('\t') + 1, own.size()));
+  gid_t group = 0;
+  if (parse_number(own.substr(0, own.find('\t')), group)) found.push_back(group);
+  for (std::string_view rest = field_of(text, "Groups"); !rest.empty();) {
+    if (parse_number(next_word(rest), group)) found.push_back(group);
+  }
+  return found;
+}
+
 /// Whether the file of this descriptor is its user's own, or that user may be believed.
 bool proc_dir::is_trusted(pid_t pid, const char* descriptor) const {
   const std::optional<uid_t> holder = user(pid);

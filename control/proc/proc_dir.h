@@ -61,6 +61,8 @@ class proc_dir final {
   [[nodiscard]] std::uint64_t resident(pid_t pid) const;
   /// The user that it acts as.
   [[nodiscard]] std::optional<uid_t> user(pid_t pid) const;
+  /// The groups that it acts for.
+  [[nodiscard]] std::vector<gid_t> groups(pid_t pid) const;
 
   /// How it holds the file open that is, or was, called `path`. Who opens what another user has
   /// made does not count, unless it is root or this process's own user.

@@ -25,20 +25,26 @@ void read_programs_of(const site& place, snapshot& out) {
   out.programs = merge_repeated(read_programs(parse_config(out.config->text), place.directory));
 }
 
-/// Whether the owner, group and mode let a user write the file.
-bool may_write(const struct stat& status, uid_t user) {
-  if (user == 0) return true;
-  if (status.st_uid == user) return (status.st_mode & S_IWUSR) != 0;
-  return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}  // namespace
+
+bool has_other_user(const snapshot& now) {
+  return now.daemon_user && *now.daemon_user != ::geteuid();
 }
 
-}  // namespace
+bool daemon_may(const snapshot& now, const struct stat& status, mode_t what) {
+  constexpr unsigned kOwner = 6;
+  constexpr unsigned kGroup = 3;
+  const std::vector<gid_t>& groups = now.daemon_groups;
+  if (now.daemon_user == uid_t{0}) return true;
+  const bool is_group = std::find(groups.begin(), groups.end(), status.st_gid) != groups.end();
+  const unsigned shift = now.daemon_user == status.st_uid ? kOwner : is_group ? kGroup : 0;
+  return (status.st_mode >> shift & what) == what;
+}
 
 bool counts_as_empty(const snapshot& now, const site& place) {
   if (!now.config) return false;
-  const bool own = !now.daemon_user || *now.daemon_user == ::geteuid();
-  return own ? ::access(place.config_file().c_str(), W_OK) != 0
-             : !may_write(now.config->status, *now.daemon_user);
+  return has_other_user(now) ? !daemon_may(now, now.config->status, S_IWOTH)
+                             : ::access(place.config_file().c_str(), W_OK) != 0;
 }
 
 config_watch look_at_watch(const proc_dir& proc, const process& daemon, const site& place) {
@@ -97,6 +103,7 @@ snapshot look_at(const proc_dir& proc, const site& place) {
   if (now.search.daemon) {
     now.running = finder.below(*now.search.daemon);
     now.daemon_user = proc.user(now.search.daemon->pid);
+    now.daemon_groups = proc.groups(now.search.daemon->pid);
   }
 
   // The log is long, and most of the time nothing is left over.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -45,6 +47,7 @@ struct snapshot {
   config_watch watch;
   /// Whom the daemon acts as, when it runs and may be asked.
   std::optional<uid_t> daemon_user;
+  std::vector<gid_t> daemon_groups;
   double uptime = 0;           ///< Of the machine, in seconds.
   std::int64_t boot_time = 0;  ///< Seconds since 1970.
 
@@ -59,6 +62,12 @@ struct snapshot {
 
 /// Looks at the supervisor of a directory.
 snapshot look_at(const proc_dir& proc, const site& place);
+
+/// Whether the daemon runs as another user than this process.
+bool has_other_user(const snapshot& now);
+/// Whether owner, groups and mode let the daemon's user do all of `what`, which is made of S_IROTH,
+/// S_IWOTH and S_IXOTH.
+bool daemon_may(const snapshot& now, const struct stat& status, mode_t what);
 
 /// Whether the daemon takes the configuration for empty, because its user may not write the file.
 bool counts_as_empty(const snapshot& now, const site& place);

@@ -225,6 +225,24 @@ TEST_F(check_config, finds_programs_that_cannot_be_run) {
   EXPECT_EQ(place_of(kClean, "is not executable"), "3e");
 }
 
+TEST_F(check_config, judges_files_by_the_user_of_the_daemon) {
+  now.daemon_user = 54321;
+  now.config.emplace();
+  now.config->status.st_uid = 0;
+  now.config->status.st_gid = 77;
+  now.config->status.st_mode = 0660;
+  is_present = true;
+  const std::string web = scratch_.file("kmd_web");
+  ::chmod(web.c_str(), 0750);
+  EXPECT_EQ(place_of(kClean, "it counts as empty"), "0e");
+  EXPECT_EQ(place_of(kClean, "user may not read and run " + web), "3e");
+  struct stat status {};
+  ASSERT_EQ(::stat(web.c_str(), &status), 0);
+  now.daemon_groups = {77, status.st_gid};
+  EXPECT_EQ(place_of(kClean, "it counts as empty"), "none");
+  EXPECT_EQ(place_of(kClean, "user may not read and run"), "none");
+}
+
 TEST_F(check_config, finds_what_still_runs_without_an_entry) {
   running_program old;
   old.child.pid = 76;

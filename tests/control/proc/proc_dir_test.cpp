@@ -100,6 +100,14 @@ TEST(proc_dir, finds_who_holds_a_file_by_what_it_is) {
   EXPECT_EQ(proc.holds(10, path, file), proc_dir::hold::none);
 }
 
+TEST(proc_dir, knows_the_groups_of_a_process) {
+  const recorded_tree tree({{7, 1, "one"}});
+  tree.write(7, "status", "Gid:\t1\t22\t3\t4\nFDSize:\t64\nGroups:\t33 44 \n");
+  const proc_dir proc(tree.root());
+  EXPECT_EQ(proc.groups(7), (std::vector<gid_t>{22, 33, 44}));
+  EXPECT_TRUE(proc.groups(8).empty());
+}
+
 TEST(proc_dir, does_not_believe_a_user_who_opens_the_file_of_another) {
   if (::geteuid() != 0) GTEST_SKIP() << "only root can make a file of another user";
   const scratch_dir place;
