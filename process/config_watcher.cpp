@@ -104,9 +104,10 @@ void reload() {
 /// Reloads again for what was saved during the last load, which may have read the old content: no
 /// event will tell.
 /// @param is_there whether the file has been there. If it has gone since, it is waited for.
+/// @param most loads at most.
 /// @return false when the file has been deleted.
-bool catch_up(const char* path, bool is_there) {
-  for (int loads = 0; loads < kMostLoads; ++loads) {
+bool catch_up(const char* path, bool is_there, int most = kMostLoads) {
+  for (int loads = 0; loads < most; ++loads) {
     if (is_there && !await_file(path)) return false;
     if (!has_changed_since_load(path)) return is_there;
     is_there = await_save(path);
@@ -248,7 +249,7 @@ bool watch_once(const char* path) {
   is_there = catch_up(path, is_there);
   ::inotify_rm_watch(set->instance.get(), set->file.number);
   // For what came between the last look and the removal.
-  catch_up(path, is_there);
+  catch_up(path, is_there, 1);
   return true;
 }
 

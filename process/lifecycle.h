@@ -18,7 +18,7 @@ void proc_start();
 /// From its first step on no program is started again. The ends of programs that end within about
 /// a second are still recorded; then the monitors' threads, which are neither stopped nor joined,
 /// are parked at their next step, and only then is anything deleted. When a thread still hangs in
-/// the file system then, nothing is deleted, and `exit` ends the process without closing its
+/// the file system then, nothing more is deleted, and `exit` ends the process without closing its
 /// streams.
 void proc_stop();
 

@@ -95,7 +95,11 @@ std::string name_after_env(const std::string& path) {
   std::string word;
   if (!(words >> word) || process_name_of(word) != "env") return "";
   while (words >> word) {
-    if (word.front() != '-' && word.find('=') == std::string::npos) return process_name_of(word);
+    if (word == "-u" || word == "-C") {
+      words >> word;
+    } else if (word.front() != '-' && word.find('=') == std::string::npos) {
+      return process_name_of(word);
+    }
   }
   return "";
 }
@@ -128,7 +132,8 @@ void check_file(const check_subject& subject, const listed_program& program, std
   if (::stat(program.exepath.c_str(), &status) != 0) return;
   if (S_ISDIR(status.st_mode)) {
     out.fail(line, program.exepath + " is a directory and cannot be run", "name a file");
-  } else if (has_other_user(subject.now) && !daemon_may(subject.now, status, S_IROTH | S_IXOTH)) {
+  } else if (has_other_user(subject.now) &&
+             !daemon_may(subject.now, program.exepath, status, S_IROTH | S_IXOTH)) {
     out.fail(line, who + "keelmond's user may not read and run " + program.exepath,
              "chmod a+rx " + program.exepath + ", or give it to that user");
   } else if ((status.st_mode & S_IWOTH) != 0) {

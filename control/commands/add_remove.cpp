@@ -127,13 +127,22 @@ int run_add(const session& here, const add_options& options) {
   require_runnable(here, options);
   require_unrelated(here, now, options.name);
   const char* const state = options.stopped ? "stop" : "run";
-  const applied how = save_change(here, options.timeout, [&](const std::string& text) {
-    return config_editor::add_program(text, {options.name, options.exepath, state});
-  });
-  if (file) {
+  const auto keep_file = [&] {
+    if (!file) return;
     file->keep();
     say("wrote " + path_of(here, options));
+  };
+  applied how{};
+  try {
+    how = save_change(here, options.timeout, [&](const std::string& text) {
+      return config_editor::add_program(text, {options.name, options.exepath, state});
+    });
+  } catch (const failure&) {
+    // Saved, and not seen to be loaded: the list names the file now.
+    if (here.look().find(options.name) != nullptr) keep_file();
+    throw;
   }
+  keep_file();
   say("added " + options.name);
   if (options.stopped || how != applied::loaded) return exit_status::kDone;
   const auto left = wait_for_programs(here, {options.name}, true, options.timeout);

@@ -85,6 +85,7 @@ std::string plan_as_text(const session& here, const snapshot& now,
 
 int run_plan(const session& here, const plan_options& options) {
   const snapshot now = here.look();
+  require_visible(here, now.search);
   const std::string path = options.file.empty() ? here.place.config_file() : options.file;
   const auto config = read_config(path);
   if (!config)

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <iostream>
 
 #include "common/misc/small_file.h"
@@ -123,9 +124,9 @@ int run_edit(const session& here, const edit_options& options) {
     say(how == applied::unchanged ? "nothing was changed"
         : how == applied::saved   ? "saved; no keelmond runs here"
                                   : "saved, and keelmond has loaded it");
-  } catch (const failure& why) {
+  } catch (const std::exception& why) {
     const auto left = read_config(copy.path());
-    if (left && left->text == now.config->text) throw;
+    if (!left || left->text == now.config->text) throw;
     copy.keep();
     throw failure(std::string(why.what()) + ". What was edited is in " + copy.path());
   }

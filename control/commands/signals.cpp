@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <thread>
 
 #include "control/commands/program_names.h"
@@ -74,8 +75,12 @@ std::vector<restart> find_restarts(const snapshot& now, const std::vector<std::s
 void signal_all(const session& here, int signal, std::vector<restart>& restarts,
                 std::vector<std::string>& left) {
   std::erase_if(restarts, [&](const restart& one) {
-    if (process_handle(here.proc, one.old).send(signal) || errno == ESRCH) return false;
-    left.push_back(why_not_sent(one.name, one.old));
+    try {
+      if (process_handle(here.proc, one.old).send(signal) || errno == ESRCH) return false;
+      left.push_back(why_not_sent(one.name, one.old));
+    } catch (const std::exception& why) {
+      left.push_back(one.name + ": " + why.what());
+    }
     return true;
   });
 }
@@ -140,6 +145,7 @@ int run_restart(const session& here, const restart_options& options) {
 int run_signal(const session& here, const signal_options& options) {
   const int signal = parse_signal(options.signal);
   const snapshot now = here.look();
+  require_visible(here, now.search);
   const process target = running_process(now, options.name);
   if (!process_handle(here.proc, target).send(signal))
     throw failure(why_not_sent(options.name, target));

@@ -115,6 +115,7 @@ process ensure_daemon(const session& here, milliseconds limit, bool as_root) {
     say("keelmond runs already");
     return *now.search.daemon;
   }
+  require_visible(here, now.search);
   if (!as_root) require_owner(here, now);
   make_live_directory(here);
   stop_left_over(here, now, limit);

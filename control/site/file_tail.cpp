@@ -49,13 +49,14 @@ void file_tail::find_place() {
   if (bytes_before(file_.get(), at, last_.size()) == last_) return;
   struct stat status {};
   ::fstat(file_.get(), &status);
-  off_t place = at % kBlock;
-  for (; place <= status.st_size && place < at; place += kBlock) {
+  // The last such place first: the nearer to the beginning, the less there is to compare.
+  off_t place = at - kBlock;
+  for (; place > 0; place -= kBlock) {
+    if (place > status.st_size) continue;
     const std::string before = bytes_before(file_.get(), place, last_.size());
     if (!before.empty() && last_.ends_with(before)) break;
   }
-  if (place > status.st_size || place >= at) place = 0;
-  ::lseek(file_.get(), place, SEEK_SET);
+  ::lseek(file_.get(), std::max<off_t>(place, 0), SEEK_SET);
 }
 
 void file_tail::read_on(const reader& take) {

@@ -2,6 +2,7 @@
 
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -31,11 +32,13 @@ bool has_other_user(const snapshot& now) {
   return now.daemon_user && *now.daemon_user != ::geteuid();
 }
 
-bool daemon_may(const snapshot& now, const struct stat& status, mode_t what) {
+bool daemon_may(const snapshot& now, const std::string& path, const struct stat& status,
+                mode_t what) {
   constexpr unsigned kOwner = 6;
   constexpr unsigned kGroup = 3;
   const std::vector<gid_t>& groups = now.daemon_groups;
-  if (now.daemon_user == uid_t{0}) return true;
+  const bool has_list = ::getxattr(path.c_str(), "system.posix_acl_access", nullptr, 0) > 0;
+  if (now.daemon_user == uid_t{0} || has_list) return true;
   const bool is_group = std::find(groups.begin(), groups.end(), status.st_gid) != groups.end();
   const unsigned shift = now.daemon_user == status.st_uid ? kOwner : is_group ? kGroup : 0;
   return (status.st_mode >> shift & what) == what;
@@ -43,7 +46,7 @@ bool daemon_may(const snapshot& now, const struct stat& status, mode_t what) {
 
 bool counts_as_empty(const snapshot& now, const site& place) {
   if (!now.config) return false;
-  return has_other_user(now) ? !daemon_may(now, now.config->status, S_IWOTH)
+  return has_other_user(now) ? !daemon_may(now, place.config_file(), now.config->status, S_IWOTH)
                              : ::access(place.config_file().c_str(), W_OK) != 0;
 }
 

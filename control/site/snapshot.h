@@ -66,8 +66,10 @@ snapshot look_at(const proc_dir& proc, const site& place);
 /// Whether the daemon runs as another user than this process.
 bool has_other_user(const snapshot& now);
 /// Whether owner, groups and mode let the daemon's user do all of `what`, which is made of S_IROTH,
-/// S_IWOTH and S_IXOTH.
-bool daemon_may(const snapshot& now, const struct stat& status, mode_t what);
+/// S_IWOTH and S_IXOTH. A file with an access control list is not judged: it may do all.
+/// @param status the file's.
+bool daemon_may(const snapshot& now, const std::string& path, const struct stat& status,
+                mode_t what);
 
 /// Whether the daemon takes the configuration for empty, because its user may not write the file.
 bool counts_as_empty(const snapshot& now, const site& place);

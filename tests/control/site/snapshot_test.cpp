@@ -1,9 +1,14 @@
 #include "control/site/snapshot.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
 
+#include <array>
+#include <cstdint>
 #include <cstdio>
 #include <filesystem>
+#include <string>
 
 #include "tests/control/proc/recorded_tree.h"
 #include "tests/support/scratch_dir.h"
@@ -83,4 +88,23 @@ TEST_F(snapshot, knows_ages_and_starts) {
   EXPECT_EQ(now.start_of(*now.search.daemon), 1700004000);
   ASSERT_EQ(now.programs.size(), 1U);
   EXPECT_EQ(now.find_running("kmd_web"), nullptr);
+}
+
+TEST(daemon_may, does_not_judge_a_file_with_an_access_control_list) {
+  const scratch_dir place;
+  place.write("listed", "");
+  const std::string path = place.file("listed");
+  ::chmod(path.c_str(), 0600);
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  control::snapshot now;
+  now.daemon_user = status.st_uid + 1;
+  EXPECT_FALSE(control::daemon_may(now, path, status, S_IWOTH));
+  // Version 2, and for each entry what it is about, its rights and an id: another user may write.
+  const std::array<std::uint16_t, 22> list = {2,      0,      0x01, 6, 0xffff, 0xffff, 0x02, 6,
+                                              7,      0,      0x04, 0, 0xffff, 0xffff, 0x10, 6,
+                                              0xffff, 0xffff, 0x20, 0, 0xffff, 0xffff};
+  if (::setxattr(path.c_str(), "system.posix_acl_access", list.data(), sizeof list, 0) != 0)
+    GTEST_SKIP() << "no such lists on this file system";
+  EXPECT_TRUE(control::daemon_may(now, path, status, S_IWOTH));
 }

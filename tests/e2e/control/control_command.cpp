@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
 #include "tests/e2e/support/children.h"
 
@@ -58,6 +59,15 @@ control_result running_control::wait() {
 
 control_result control(const installation& place, const std::vector<std::string>& arguments) {
   return running_control(place, arguments).wait();
+}
+
+bool holds_process(pid_t pid) {
+  std::error_code gone;
+  const fs::path descriptors = "/proc/" + std::to_string(pid) + "/fd";
+  for (const auto& one : fs::directory_iterator(descriptors, gone)) {
+    if (contains(fs::read_symlink(one.path(), gone).string(), "pidfd")) return true;
+  }
+  return false;
 }
 
 pid_t daemon_of(const installation& place) {

@@ -37,6 +37,9 @@ class running_control final {
   pid_t pid_;
 };
 
+/// Whether the process holds on to another one.
+bool holds_process(pid_t pid);
+
 /// The daemon of an installation, however it was started; 0 when there is none.
 pid_t daemon_of(const installation& place);
 

@@ -9,7 +9,6 @@
 #include <cstring>
 #include <filesystem>
 #include <string>
-#include <system_error>
 #include <tuple>
 
 #include "tests/e2e/control/control_command.h"
@@ -59,16 +58,6 @@ class notify_socket final {
  private:
   int fd_;
 };
-
-/// Whether the process holds on to another one.
-bool holds_process(pid_t pid) {
-  std::error_code gone;
-  const fs::path descriptors = "/proc/" + std::to_string(pid) + "/fd";
-  for (const auto& one : fs::directory_iterator(descriptors, gone)) {
-    if (contains(fs::read_symlink(one.path(), gone).string(), "pidfd")) return true;
-  }
-  return false;
-}
 
 }  // namespace
 

@@ -57,7 +57,9 @@ TEST(control_hidden, daemon_is_not_taken_for_none) {
   const std::vector<std::vector<std::string>> commands = {
       {"start", name},  {"stop", name},
       {"remove", name}, {"wait", "--down", name},
-      {"metrics"},      {"add", other_name, "--exepath", path, "--stopped"}};
+      {"metrics"},      {"add", other_name, "--exepath", path, "--stopped"},
+      {"plan"},         {"signal", name, "HUP"},
+      {"edit"},         {"up"}};
   for (const std::vector<std::string>& command : commands) {
     const control_result done = control(place, command);
     EXPECT_EQ(done.status, 1) << command.front();

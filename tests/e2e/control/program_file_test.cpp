@@ -57,6 +57,16 @@ TEST(control_add, takes_every_key_of_a_program_file) {
   EXPECT_TRUE(contains(here.place.read(here.name), "\n[stop]\nsignal = INT\n"));
 }
 
+TEST(control_add, keeps_the_file_that_the_list_names_when_it_is_not_loaded_in_time) {
+  const empty_place here;
+  here.place.signal(SIGSTOP);
+  const control_result done = here.add({"--stopped", "--timeout", "200ms", "--", "sleep", "5"});
+  here.place.signal(SIGCONT);
+  EXPECT_EQ(done.status, 1) << done.output;
+  EXPECT_TRUE(contains(here.place.read("config/server.ini"), here.name));
+  EXPECT_TRUE(here.place.has(here.name));
+}
+
 TEST(control_add, leaves_no_file_behind_for_what_it_refuses) {
   const empty_place here;
   const auto is_refused = [&](const std::vector<std::string>& arguments, const std::string& why) {

@@ -156,6 +156,7 @@ TEST(control_wait, waits_for_more_programs_than_there_is_room_for_descriptors) {
   place.start_with(names);
   const descriptor_limit few(40);
   running_control down(place, {"wait", "--down", "*"});
+  ASSERT_TRUE(wait_until([&] { return holds_process(down.pid()); }));
   EXPECT_EQ(control(place, {"down"}).status, 0);
   EXPECT_EQ(down.wait().status, 0) << down.errors();
 }
