@@ -62,6 +62,8 @@ std::optional<program_finder::description> program_finder::describe(const proces
   if (first.name == child.name && proc_.link(first.pid, "exe") == proc_.link(child.pid, "exe"))
     return what;
   what.words = proc_.command_line(first.pid);
+  // In the midst of executing something: the words come last. A program may have none, too.
+  if (what.words.empty() && look_up(by_name_, first.name) == nullptr) return what;
   what.command = shell_command(what.words);
   if (what.command.starts_with(kStopCommand)) return std::nullopt;
   if (what.command.empty()) {

@@ -109,6 +109,19 @@ TEST(running_programs, knows_a_program_that_is_still_being_started) {
   EXPECT_EQ(found[2].name, "kmd_web");
 }
 
+TEST(running_programs, knows_a_program_whose_shell_is_just_being_executed) {
+  // The name is the shell's already, and the words are not there yet.
+  const scene place({{20, 10, "keelmond", kCopy},
+                     {21, 20, "sh", {}},
+                     {30, 10, "keelmond", kCopy, 1, 1001},
+                     {31, 30, "kmd_mute", {}}});
+  const auto found = place.below({entry("kmd_web", "/srv/kmd_web"), entry("kmd_mute", "/bin/sh")});
+  ASSERT_EQ(found.size(), 2U);
+  EXPECT_EQ(found[0].name, "") << "it is no other program";
+  EXPECT_FALSE(found[0].program);
+  EXPECT_EQ(found[1].name, "kmd_mute") << "a program may take its words away";
+}
+
 TEST(running_programs, leaves_stop_commands_out) {
   const scene place(
       {{20, 10, "keelmond", kCopy}, {21, 20, "sh", {"sh", "-c", "kill -USR2 `pgrep kmd_web`"}}});
