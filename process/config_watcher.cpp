@@ -208,6 +208,20 @@ bool is_replaced(const char* path, const watches& set) {
   return current && set.file.watched && !current->is_same_file_as(*set.file.watched);
 }
 
+/// Sets the watches, and loads what was saved while none stood.
+/// @return as `set_watches`.
+std::optional<watches> begin_round(const char* path) {
+  for (;;) {
+    std::optional<watches> set = set_watches(path);
+    const bool may_have_missed = set && (g_is_outdated || set->file.had_to_wait);
+    if (!may_have_missed || !has_changed_since_load(path)) return set;
+    catch_up(path, true);
+    g_is_outdated = false;
+    // What has been loaded may be another file than the watched one. It is no event any more.
+    if (has_changed_since_load(path) || !is_replaced(path, *set)) return set;
+  }
+}
+
 /// Waits for something that concerns the file.
 /// @return what it was; none when the events could not be read.
 std::optional<name_watch::finding> await_event(const char* path, const watches& set) {
@@ -234,9 +248,8 @@ bool is_moved_in(const char* path, const watches& set, name_watch::finding found
 /// deleted or replaced may report only that its watch is gone.
 /// @return false when the watcher has to give up.
 bool watch_once(const char* path) {
-  const std::optional<watches> set = set_watches(path);
+  const std::optional<watches> set = begin_round(path);
   if (!set) return false;
-  if (g_is_outdated || set->file.had_to_wait) catch_up(path, true);
   const auto found = await_event(path, *set);
   if (!found) {
     console::report_error("read");

@@ -5,10 +5,12 @@
 
 #include <array>
 #include <csignal>
+#include <cstdint>
 #include <ctime>
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "process/server_config.h"
 #include "process/supervisor_signals.h"
@@ -45,6 +47,25 @@ TEST(config_watcher, what_was_loaded_first_and_stands_there_still_is_not_loaded_
     watch.start();
     ASSERT_TRUE(watch.watches(1));
     EXPECT_TRUE(never([&] { return watch.loads() > 1; }));
+  });
+}
+
+TEST(config_watcher, what_replaces_the_file_when_the_first_watch_has_just_been_set_is_loaded_once) {
+  in_child([] {
+    watcher& watch = new_watcher();
+    loadServerConfig(kConfigPath);
+    const auto added = faults.inotify_add_watch;
+    faults.inotify_add_watch = [=](int fd, const char* path, std::uint32_t events) {
+      static bool is_first = true;
+      const int number = added(fd, path, events);
+      if (std::exchange(is_first, false)) replace(naming("late"));
+      return number;
+    };
+    watch.start();
+    ASSERT_TRUE(watch.watches(2)) << "the file that was loaded is watched";
+    EXPECT_EQ(watch.printed(), golden::kLoad + load_of("late"));
+    EXPECT_EQ(pauses, 0);
+    EXPECT_TRUE(never([&] { return watch.loads() > 2; }));
   });
 }
 
