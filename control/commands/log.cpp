@@ -136,7 +136,7 @@ bool is_too_early(const snapshot& now) {
 }
 
 void name_new_events(const session& here, log_names& names, std::vector<log_event>& events) {
-  constexpr int kLooks = 20;
+  constexpr int kLooks = 100;
   for (int i = 0; i < kLooks; ++i) {
     const snapshot now = here.look();
     names.name(events, now, true);

@@ -73,7 +73,7 @@ TEST(control_stop, says_that_a_program_ignores_the_signal) {
   installation place;
   const std::string name = place.add_script("trap '' USR2\n" + place.note_start() + place.stay());
   const pid_t pid = place.start_with(name);
-  const control_result stop = control(place, {"stop", name, "--timeout", "500ms"});
+  const control_result stop = control(place, {"stop", name, "--timeout", "3s"});
   EXPECT_EQ(stop.status, 1);
   EXPECT_TRUE(contains(
       stop.errors,
@@ -89,7 +89,7 @@ TEST(control_stop, says_that_keelmond_does_not_find_the_program) {
   place.save({{"kmc_renamed", place.entry(name).exepath, "run"}});
   place.start();
   place.wait_running(name);
-  const control_result stop = control(place, {"stop", "kmc_renamed", "--timeout", "500ms"});
+  const control_result stop = control(place, {"stop", "kmc_renamed", "--timeout", "3s"});
   EXPECT_EQ(stop.status, 1);
   EXPECT_TRUE(contains(stop.errors, ") is called " + name + ", and `pgrep kmc_renamed`"))
       << stop.errors;
@@ -270,7 +270,7 @@ TEST(control_remove, takes_no_name_for_a_pattern) {
   place.start();
   const pid_t pid = place.wait_running(other);
   place.wait_running(odd);
-  const control_result removed = control(place, {"remove", "**", "--force", "--timeout", "500ms"});
+  const control_result removed = control(place, {"remove", "**", "--force", "--timeout", "3s"});
   EXPECT_EQ(removed.status, 1) << "pgrep cannot find it";
   EXPECT_TRUE(contains(place.read("config/server.ini"), "state=run")) << "of the other one";
   EXPECT_TRUE(process_table::is_alive(pid));
