@@ -26,6 +26,14 @@ struct foreground {
     place.save({place.entry(name)});
   }
   pid_t wait_running(std::size_t starts) { return place.wait_running(name, starts); }
+  /// Lists a second program, whose start is never over.
+  void add_one_that_never_comes_up() const {
+    const std::string never = "kmf_never";
+    write_file(place.site() / never,
+               "#!" KEELMOND_RUN_BINARY "\n[program]\ncommand = true\nbefore = sleep 1000\n");
+    fs::permissions(place.site() / never, fs::perms::owner_all);
+    place.save({place.entry(name), {.name = never, .exepath = place.site() / never}});
+  }
 
   installation place;
   const std::string name = place.add_steady();
@@ -128,12 +136,7 @@ TEST(control_foreground, ends_with_the_daemon_when_it_is_not_to_restart_it) {
 
 TEST(control_foreground, notices_that_the_daemon_is_killed_while_programs_start) {
   foreground here({"--no-restart", "--timeout", "200s"});
-  const std::string never = "kmf_never";
-  write_file(here.place.site() / never,
-             "#!" KEELMOND_RUN_BINARY "\n[program]\ncommand = true\nbefore = sleep 1000\n");
-  fs::permissions(here.place.site() / never, fs::perms::owner_all);
-  here.place.save(
-      {here.place.entry(here.name), {.name = never, .exepath = here.place.site() / never}});
+  here.add_one_that_never_comes_up();
   running_control up(here.place, here.arguments);
   const pid_t pid = here.wait_running(1);
   ASSERT_TRUE(wait_until([&] { return holds_process(up.pid()); })) << "it has found the daemon";
@@ -170,12 +173,7 @@ TEST(control_foreground, fails_when_the_daemon_ends_unasked) {
 
 TEST(control_foreground, ends_when_it_is_told_to_while_programs_start) {
   foreground here({"--timeout", "200s"});
-  const std::string never = "kmf_never";
-  write_file(here.place.site() / never,
-             "#!" KEELMOND_RUN_BINARY "\n[program]\ncommand = true\nbefore = sleep 1000\n");
-  fs::permissions(here.place.site() / never, fs::perms::owner_all);
-  here.place.save(
-      {here.place.entry(here.name), {.name = never, .exepath = here.place.site() / never}});
+  here.add_one_that_never_comes_up();
   running_control up(here.place, here.arguments);
   const pid_t pid = here.wait_running(1);
   ASSERT_TRUE(wait_until([&] { return holds_process(up.pid()); })) << "it has found the daemon";
