@@ -62,8 +62,10 @@ def pids():
 
 
 def is_zombie(pid):
-    _, _, after_name = _read(f"/proc/{pid}/stat").rpartition(")")
-    return not after_name or after_name.split()[0] in "ZX"
+    # Not from "stat": for that the kernel adds up the times of all threads, of which there may be
+    # ten thousand, and keeps the process from creating more meanwhile.
+    state = re.search(r"^State:\s*(\w)", _read(f"/proc/{pid}/status"), re.MULTILINE)
+    return state is None or state.group(1) in "ZX"
 
 
 def parent(pid):
