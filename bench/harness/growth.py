@@ -4,11 +4,12 @@ What is measured in one run, and the tables of several.
 """
 
 import time
-from contextlib import ExitStack, contextmanager
+from contextlib import ExitStack, contextmanager, nullcontext
 from typing import NamedTuple
 
 import plan
 from contenders import BY_NAME, Keelmond
+from host_memory import HostMemory
 from report import number, spread, table, verdict
 from results import figures, median, ratio, time_of
 
@@ -22,10 +23,11 @@ class Plan(NamedTuple):
     end_seconds: float  # for how long the shutdown is watched
     settle_seconds: float
     realtime: bool
+    keeps_memory: bool  # from the host; see host_memory.py
 
 
-FULL = Plan([100, 1000, 5000, 10000], 25, 3, 10, 1.2, False)
-SMOKE = Plan([5, 10], 2, 1, 10, 0.1, False)
+FULL = Plan([100, 1000, 5000, 10000], 25, 3, 10, 1.2, False, False)
+SMOKE = Plan([5, 10], 2, 1, 10, 0.1, False, False)
 
 KINDS = ("daemon", "children", "shells", "programs")
 
@@ -71,22 +73,30 @@ def room_for(count, say):
 class Run(plan.Run):
     """One run: the figures are {contender: {count: {kind: figures}}}."""
 
+    _memory = None
+
     def measure(self):
-        for contender in self.contenders:
-            with ExitStack() as stack:
-                # The smallest one lives on: its gaps are measured in turn with those of each of the
-                # others, so that what else the machine does meanwhile meets both.
-                few = self._begin(stack, contender, self.plan.counts[0])
-                for count in self.plan.counts[1:]:
-                    with ExitStack() as inner:
-                        many = self._begin(inner, contender, count)
-                        self._measure_gaps(few, many)
-                        self._measure_end(many)
-                self._measure_end(few)
+        with HostMemory() if self.plan.keeps_memory else nullcontext() as self._memory:
+            for contender in self.contenders:
+                self._measure_one(contender)
         return self.figures
+
+    def _measure_one(self, contender):
+        with ExitStack() as stack:
+            # The smallest one lives on: its gaps are measured in turn with those of each of the
+            # others, so that what else the machine does meanwhile meets both.
+            few = self._begin(stack, contender, self.plan.counts[0])
+            for count in self.plan.counts[1:]:
+                with ExitStack() as inner:
+                    many = self._begin(inner, contender, count)
+                    self._measure_gaps(few, many)
+                    self._measure_end(many)
+            self._measure_end(few)
 
     def _begin(self, stack, contender, count):
         self.say(f"{contender.title}: {count:,} programs")
+        if self._memory is not None:
+            self._memory.take_all()
         world = stack.enter_context(self._world(contender, count))
         for kind, value in (world.ask("start_and_load") or {}).items():
             self._note(world, kind, value)

@@ -36,6 +36,10 @@ def parse_arguments():
     parser.add_argument("--realtime", action="store_true",
                         help="let everything that is measured go before whatever else the machine "
                              "has to do (real-time scheduling, for root)")
+    parser.add_argument("--keep-memory", action="store_true",
+                        help="with --scale: take all free memory before anything starts, and give "
+                             "it back as it is used, so that a virtual machine's host has none to "
+                             "fetch meanwhile (for root; a minute and a half for each contender)")
     parser.add_argument("--only", type=_words, default=[],
                         help="some contenders: " + ",".join(one.name for one in ALL))
     parser.add_argument("--parts", type=_words, default=plan.PARTS,
@@ -58,6 +62,8 @@ def parse_arguments():
         parser.error("at least two programs and one run are needed")
     if options.scale and options.control:
         parser.error("--scale and --control are measured one after the other")
+    if options.keep_memory and not options.scale:
+        parser.error("--keep-memory goes with --scale")
     if options.svg and kind_of(options) is not plan:
         parser.error("this has no plot")
     return options
@@ -81,7 +87,8 @@ def _words(text):
 def write_results(options, results, machine, versions):
     kind = kind_of(options)
     kind = report if kind is plan else kind
-    print("\n".join(report.preamble(len(results.runs), machine, versions, options.realtime) +
+    print("\n".join(report.preamble(len(results.runs), machine, versions, options.realtime,
+                                    options.keep_memory) +
                     kind.tables(results, not options.smoke)))
     command.write_figures(options, {
         "machine": machine, "versions": versions, "realtime": options.realtime,
@@ -110,7 +117,8 @@ def choose_sizes(options, stack):
         say(f"there is room for no more than {room:,} programs")
     if len(counts) < 2:
         sys.exit("compare: at least two numbers of programs are needed")
-    return growth.FULL._replace(counts=counts, realtime=options.realtime)
+    return growth.FULL._replace(
+        counts=counts, realtime=options.realtime, keeps_memory=options.keep_memory)
 
 
 def main():

@@ -162,11 +162,13 @@ def _machine_lines(machine, versions):
     return [*lines, ""]
 
 
-def preamble(runs, machine, versions, realtime=False):
+def preamble(runs, machine, versions, realtime=False, keeps_memory=False):
     """What the figures of so many runs depend on."""
     lines = _machine_lines(machine, versions)
     if realtime:
         lines += ["With real-time scheduling for all that is measured.", ""]
+    if keeps_memory:
+        lines += ["With all free memory taken beforehand, and given back as it was used.", ""]
     if runs > 1:
         lines += [f"The median of {runs} runs (the smallest to the largest).", ""]
     return lines
