@@ -16,6 +16,11 @@ set(installed $<CONFIG:Release,RelWithDebInfo,MinSizeRel>)
 target_compile_options(keelmond_options INTERFACE
   $<${installed}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
 target_link_options(keelmond_options INTERFACE $<${installed}:LINKER:-z,relro;LINKER:-z,now>)
+# A static supervisor without what it never calls is a quarter smaller: all of it lies within two
+# megabytes, which one table of pages maps in each child.
+target_compile_options(keelmond_options INTERFACE
+  $<${installed}:-ffunction-sections;-fdata-sections>)
+target_link_options(keelmond_options INTERFACE $<${installed}:LINKER:--gc-sections>)
 
 if(KEELMOND_SANITIZE)
   # Instrumented code needs larger stacks.

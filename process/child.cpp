@@ -6,8 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <cstddef>
 #include <csignal>
 #include <string>
 #include <utility>
@@ -77,6 +79,11 @@ void serve(request& wanted) noexcept {
   answer(wanted, child, error);
 }
 
+/// What the thread that forks runs on, and each child as well. Among the static data, which the
+/// children have anyway: in a mapping of its own it would cost each of them another table of pages.
+/// From a page's beginning, so that a fork copies nothing else that is written here.
+alignas(4096) constinit std::array<std::byte, kForkingStack> g_stack;
+
 void* serve_all(void* /*unused*/) {
   g_requests.serve_for_ever(serve);
 }
@@ -145,7 +152,7 @@ void kill_with_all_it_started(pid_t child) noexcept {
 }  // namespace
 
 bool start() noexcept {
-  if (!running.load()) running.store(start_detached_thread(serve_all, kLargeStack));
+  if (!running.load()) running.store(start_detached_thread(serve_all, g_stack));
   return running.load();
 }
 

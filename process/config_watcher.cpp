@@ -15,6 +15,7 @@
 
 #include "common/log/console.h"
 #include "common/misc/unique_fd.h"
+#include "common/thread/unforked_memory.h"
 #include "process/file_version.h"
 #include "process/name_watch.h"
 #include "process/server_config.h"
@@ -297,6 +298,7 @@ void monitorServerConfig(const char* path) {
   void* argument = const_cast<char*>(path);
   pthread_t watcher{};
   if (::pthread_create(&watcher, nullptr, watch_file, argument) == 0) {
+    unforked_memory::add_stack_of(watcher);
     ::pthread_join(watcher, nullptr);
   } else {
     watch_file(argument);

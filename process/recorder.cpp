@@ -10,7 +10,6 @@
 #include "common/misc/poll_until.h"
 #include "common/thread/detached_thread.h"
 #include "common/thread/inbox.h"
-#include "common/thread/stack_size.h"
 
 namespace recorder {
 namespace {
@@ -100,7 +99,7 @@ bool hand_over(record& own, record::kind what, const char* program, const char* 
 }  // namespace
 
 bool start() noexcept {
-  if (!running.load()) running.store(start_detached_thread(serve_all, small_stack_size()));
+  if (!running.load()) running.store(start_detached_thread(serve_all));
   return running.load();
 }
 

@@ -9,11 +9,15 @@
 // Instrumented code needs several times as much.
 inline constexpr std::size_t kSmallStack = std::size_t{1024} * 1024;
 inline constexpr std::size_t kLargeStack = std::size_t{8} * 1024 * 1024;
+inline constexpr std::size_t kForkingStack = kLargeStack;
 #else
 /// For threads that do a few things with bounded buffers; see `small_stack_size`.
 inline constexpr std::size_t kSmallStack = std::size_t{64} * 1024;
-/// For threads that load configurations and run the handlers, and the one that forks.
+/// For threads that load configurations and run the handlers.
 inline constexpr std::size_t kLargeStack = std::size_t{512} * 1024;
+/// For the thread that forks, whose stack is the children's as well: more than any processor's
+/// libc asks for.
+inline constexpr std::size_t kForkingStack = std::size_t{256} * 1024;
 #endif
 
 /// `kSmallStack`, or what a thread needs at least where that is more, in whole pages: 128 kB with

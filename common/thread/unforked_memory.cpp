@@ -21,12 +21,8 @@ class page_resource final : public std::pmr::memory_resource {
   }
 };
 
-}  // namespace
-
-void* allocate(std::size_t size) noexcept {
-  void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
-                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  if (memory == MAP_FAILED) return nullptr;
+/// Works on whole pages.
+void keep_out_of_forks(void* memory, std::size_t size) noexcept {
 #ifndef KEELMOND_SANITIZED
   // Where the kernel does not know the advice, children are larger and nothing else changes. The
   // sanitizers want an ordinary fork, which looks at every thread's stack.
@@ -34,7 +30,25 @@ void* allocate(std::size_t size) noexcept {
 #endif
   // Of each stack a few kilobytes are ever touched. A large page would fill the gaps between them.
   ::madvise(memory, size, MADV_NOHUGEPAGE);
+}
+
+}  // namespace
+
+void* allocate(std::size_t size) noexcept {
+  void* const memory = ::mmap(nullptr, size, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  if (memory == MAP_FAILED) return nullptr;
+  keep_out_of_forks(memory, size);
   return memory;
+}
+
+void add_stack_of(pthread_t thread) noexcept {
+  pthread_attr_t attributes;
+  if (::pthread_getattr_np(thread, &attributes) != 0) return;
+  void* stack = nullptr;
+  std::size_t size = 0;
+  if (::pthread_attr_getstack(&attributes, &stack, &size) == 0) keep_out_of_forks(stack, size);
+  ::pthread_attr_destroy(&attributes);
 }
 
 void release(void* memory, std::size_t size) noexcept {

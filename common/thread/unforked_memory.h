@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 #include <cstddef>
 #include <memory_resource>
 
@@ -19,6 +21,10 @@ void* allocate(std::size_t size) noexcept;
 
 /// Gives back what `allocate` returned for the same `size`; does nothing for null.
 void release(void* memory, std::size_t size) noexcept;
+
+/// Makes the stack that the libc has allocated for a thread such memory. Not for the main thread:
+/// its stack holds the command line that a child shows.
+void add_stack_of(pthread_t thread) noexcept;
 
 /// The same for containers. Each allocation is a mapping of its own, so something that hands out
 /// smaller pieces belongs on top. Throws std::bad_alloc.

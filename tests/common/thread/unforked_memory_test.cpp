@@ -7,10 +7,12 @@
 
 #include <cstdint>
 #include <fstream>
+#include <future>
 #include <limits>
 #include <memory_resource>
 #include <new>
 #include <string>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -36,15 +38,39 @@ std::string flags_of(const void* memory) {
   return "";
 }
 
+/// Whether the page at an address is mapped in a child that is forked now.
+bool is_in_a_child(void* memory) {
+  const auto page = reinterpret_cast<std::uintptr_t>(memory) & -std::uintptr_t(::getpagesize());
+  // Not `fork`, which may look at the stacks of all threads in the child.
+  const pid_t child = ::_Fork();
+  if (child == 0) ::_exit(::msync(reinterpret_cast<void*>(page), 1, MS_ASYNC) == 0 ? 1 : 0);
+  int status = -1;
+  EXPECT_EQ(::waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFEXITED(status));
+  return WEXITSTATUS(status) == 1;
+}
+
 TEST(unforked_memory, is_not_in_a_child) {
   void* const memory = unforked_memory::allocate(kSize);
   ASSERT_NE(memory, nullptr);
-  const pid_t child = ::fork();
-  if (child == 0) ::_exit(::msync(memory, kSize, MS_ASYNC) == 0 ? 1 : 0);
-  int status = -1;
-  ASSERT_EQ(::waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(is_in_a_child(memory));
   unforked_memory::release(memory, kSize);
+}
+
+TEST(unforked_memory, is_what_a_stack_is_made_while_its_thread_runs) {
+  std::promise<void*> place;
+  std::promise<void> end;
+  std::thread thread([&] {
+    int local = 0;
+    place.set_value(&local);
+    end.get_future().wait();
+  });
+  void* const local = place.get_future().get();
+  EXPECT_TRUE(is_in_a_child(local));
+  unforked_memory::add_stack_of(thread.native_handle());
+  EXPECT_FALSE(is_in_a_child(local));
+  end.set_value();
+  thread.join();
 }
 
 TEST(unforked_memory, gets_no_large_pages) {
