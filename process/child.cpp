@@ -9,8 +9,8 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
 #include <csignal>
+#include <cstddef>
 #include <string>
 #include <utility>
 

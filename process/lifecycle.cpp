@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 
@@ -14,6 +15,7 @@
 #include "common/misc/poll_until.h"
 #include "common/thread/event_count.h"
 #include "common/thread/stack_size.h"
+#include "common/thread/unforked_memory.h"
 #include "process/child.h"
 #include "process/config_watcher.h"
 #include "process/recorder.h"
@@ -30,6 +32,9 @@ constexpr milliseconds kGrace{1000};
 /// How long what is being written may take at the end. It is a line or two; what takes longer
 /// hangs.
 constexpr milliseconds kLastLines{1000};
+
+/// What the libc allocates for ten thousand threads, and some more.
+constexpr std::size_t kHeap = std::size_t{4} * 1024 * 1024;
 
 void await_program_ends() {
   poll_until(kGrace, milliseconds(1), [] { return Tfun_monitor::programs_alive() == 0; });
@@ -59,6 +64,7 @@ void delete_global(T*& object) {
 }  // namespace
 
 void proc_start() {
+  unforked_memory::add_heap(kHeap);
   set_default_stack_size(kLargeStack);
   event_count::use_common_table();
   start_forking();

@@ -1,7 +1,11 @@
 #include "common/thread/unforked_memory.h"
 
+#include <malloc.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <new>
 
 namespace unforked_memory {
@@ -49,6 +53,23 @@ void add_stack_of(pthread_t thread) noexcept {
   std::size_t size = 0;
   if (::pthread_attr_getstack(&attributes, &stack, &size) == 0) keep_out_of_forks(stack, size);
   ::pthread_attr_destroy(&attributes);
+}
+
+void add_heap([[maybe_unused]] std::size_t size) noexcept {
+#ifdef M_TOP_PAD
+  // More than is left of the heap as the libc first makes it, so that it grows by `size` now; and
+  // less than what would get a mapping of its own.
+  constexpr std::size_t kProbe = std::size_t{96} * 1024;
+  ::mallopt(M_TOP_PAD, static_cast<int>(size));
+  void* const probe = std::malloc(kProbe);
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(probe) + page - 1) / page * page;
+  std::free(probe);
+  const auto end = reinterpret_cast<std::uintptr_t>(::sbrk(0));
+  // Unless the libc has its heap elsewhere.
+  if (probe != nullptr && begin < end && end - begin <= 2 * size)
+    keep_out_of_forks(reinterpret_cast<void*>(begin), end - begin);
+#endif
 }
 
 void release(void* memory, std::size_t size) noexcept {

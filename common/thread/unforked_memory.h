@@ -26,6 +26,11 @@ void release(void* memory, std::size_t size) noexcept;
 /// its stack holds the command line that a child shows.
 void add_stack_of(pthread_t thread) noexcept;
 
+/// Has the libc's next allocations, `size` bytes of them, lie in such memory as well: it makes one
+/// for each thread. For the only thread there is, after the last fork that is not one of a child.
+/// Where the libc cannot be told, children are larger and nothing else changes.
+void add_heap(std::size_t size) noexcept;
+
 /// The same for containers. Each allocation is a mapping of its own, so something that hands out
 /// smaller pieces belongs on top. Throws std::bad_alloc.
 std::pmr::memory_resource* resource() noexcept;

@@ -223,3 +223,27 @@ TEST(children, end_with_their_programs_when_the_shutdown_signal_goes_to_all_of_t
   EXPECT_EQ(with_times_and_pids_masked(place.log()),
             std::string(golden::kLogStart) + golden::kLaunched + golden::kExited + golden::kClosed);
 }
+
+#ifndef KEELMOND_SANITIZED
+
+TEST(children, are_no_larger_for_the_programs_that_were_started_before_them) {
+  constexpr std::size_t kPrograms = 120;
+  installation place;
+  std::vector<listed_program> programs;
+  for (std::size_t i = 0; i < kPrograms; ++i)
+    programs.push_back(place.entry(place.add_steady()));
+  place.save(programs);
+  place.start();
+  ASSERT_TRUE(wait_until([&] { return place.children().size() == kPrograms; }));
+  for (const listed_program& program : programs)
+    place.wait_running(program.name);
+  auto children = place.children();
+  std::sort(children.begin(), children.end());
+  const auto size_of = [](pid_t child) {
+    return std::stoi(process_table::status_field(child, "RssAnon"));
+  };
+  // In kB. What the libc allocates for each thread would be more, and so would one stack for each.
+  EXPECT_LE(size_of(children.back()), size_of(children.front()) + 8);
+}
+
+#endif

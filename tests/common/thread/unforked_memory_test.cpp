@@ -1,11 +1,14 @@
 #include "common/thread/unforked_memory.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdlib>
 #include <fstream>
 #include <future>
 #include <limits>
@@ -15,6 +18,8 @@
 #include <thread>
 #include <tuple>
 #include <vector>
+
+#include "tests/support/in_child.h"
 
 namespace {
 
@@ -72,6 +77,24 @@ TEST(unforked_memory, is_what_a_stack_is_made_while_its_thread_runs) {
   end.set_value();
   thread.join();
 }
+
+#ifdef M_TOP_PAD
+
+TEST(unforked_memory, is_what_the_libc_allocates_next) {
+  const child_end end = run_in_child([] {
+    unforked_memory::add_heap(kSize * 16);
+    // Not the first ones: what lay free before is used up first.
+    std::vector<void*> blocks(40);
+    for (void*& block : blocks)
+      block = std::malloc(kSize / 4);
+    EXPECT_FALSE(std::all_of(blocks.begin(), blocks.end(), is_in_a_child));
+    for (void* const block : blocks)
+      std::free(block);
+  });
+  EXPECT_EQ(end.failures, "");
+}
+
+#endif
 
 TEST(unforked_memory, gets_no_large_pages) {
   void* const memory = unforked_memory::allocate(kSize);
