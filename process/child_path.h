@@ -8,10 +8,10 @@
 ///
 /// A child never executes anything itself: it runs a shell, waits for it and ends, and carries the
 /// supervisor's name and memory for as long as that takes. It is forked from a process with many
-/// threads, of which it has only the one that forked, and not even the others' stacks. So nothing
-/// here may take a lock, allocate, or look at what another thread owns: these functions, and all
-/// that they call, keep to what is async-signal-safe. `child_path_symbols` in the tests looks at
-/// the object file for that.
+/// threads, of which it has only the one that forked, and neither the others' stacks nor most of
+/// the heap. So nothing here may take a lock, allocate, or look at what another thread owns: these
+/// functions, and all that they call, keep to what is async-signal-safe. `child_path_symbols` in
+/// the tests looks at the object file for that.
 namespace child_path {
 
 /// How the shell of a command ended.
