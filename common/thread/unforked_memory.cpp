@@ -4,8 +4,9 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdint>
+#include <cstddef>
 #include <cstdlib>
+#include <memory>
 #include <new>
 
 namespace unforked_memory {
@@ -62,13 +63,16 @@ void add_heap([[maybe_unused]] std::size_t size) noexcept {
   constexpr std::size_t kProbe = std::size_t{96} * 1024;
   ::mallopt(M_TOP_PAD, static_cast<int>(size));
   void* const probe = std::malloc(kProbe);
-  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
-  const std::uintptr_t begin = (reinterpret_cast<std::uintptr_t>(probe) + page - 1) / page * page;
+  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+  void* begin = probe;
+  std::size_t left = kProbe;
+  if (begin != nullptr && std::align(page, 1, begin, left) != nullptr) {
+    const std::ptrdiff_t grown = static_cast<char*>(::sbrk(0)) - static_cast<char*>(begin);
+    // Unless the libc has its heap elsewhere.
+    if (grown > 0 && static_cast<std::size_t>(grown) <= 2 * size)
+      keep_out_of_forks(begin, static_cast<std::size_t>(grown));
+  }
   std::free(probe);
-  const auto end = reinterpret_cast<std::uintptr_t>(::sbrk(0));
-  // Unless the libc has its heap elsewhere.
-  if (probe != nullptr && begin < end && end - begin <= 2 * size)
-    keep_out_of_forks(reinterpret_cast<void*>(begin), end - begin);
 #endif
 }
 
