@@ -39,7 +39,7 @@ def parse_arguments():
     parser.add_argument("--keep-memory", action="store_true",
                         help="with --scale: take all free memory before anything starts, and give "
                              "it back as it is used, so that a virtual machine's host has none to "
-                             "fetch meanwhile (for root; a minute and a half for each contender)")
+                             "fetch meanwhile (for root; a minute or two more for each run)")
     parser.add_argument("--only", type=_words, default=[],
                         help="some contenders: " + ",".join(one.name for one in ALL))
     parser.add_argument("--parts", type=_words, default=plan.PARTS,
