@@ -21,6 +21,7 @@
 #include "common/thread/event_count.h"
 #include "common/thread/inbox.h"
 #include "common/thread/stack_size.h"
+#include "common/thread/unforked_memory.h"
 #include "process/program_tree.h"
 #include "process/supervisor_signals.h"
 
@@ -43,7 +44,7 @@ struct request {
 };
 
 /// What the thread that forks has to do.
-constinit inbox<request> g_requests;
+[[gnu::section("unforked")]] constinit unforked_memory::static_object<inbox<request>> g_requests;
 
 /// Written by `start`, read by every thread; whoever reads it was started later.
 std::atomic<bool> running{false};
@@ -85,7 +86,7 @@ void serve(request& wanted) noexcept {
 alignas(4096) constinit std::array<std::byte, kForkingStack> g_stack{};
 
 void* serve_all(void* /*unused*/) {
-  g_requests.serve_for_ever(serve);
+  g_requests->serve_for_ever(serve);
 }
 
 /// Has the thread that forks make a child.
@@ -100,7 +101,7 @@ pid_t fork_child(const char* command, int report) noexcept {
     return -1;
   }
   request own{command, report};
-  g_requests.push(own);
+  g_requests->push(own);
   own.served.await_change(0);
   errno = own.error;
   return own.child;

@@ -32,7 +32,7 @@ constexpr std::size_t kMessageSize = 256;
 constexpr std::chrono::seconds kStopLimit{10};
 
 /// Programs launched and not yet recorded as ended, of all monitors.
-std::atomic<int> alive{0};
+[[gnu::section("unforked")]] constinit unforked_memory::static_object<std::atomic<int>> alive;
 
 /// Whether a stop command has got as far as its signal. The shell's status is 0 then, or 1 when
 /// one of the processes had just ended or is another user's. Any other means that it could not run
@@ -127,7 +127,7 @@ bool Tfun_monitor::wants_run() const {
 void Tfun_monitor::record_launch(pid_t child) {
   std::atomic_ref<int>(pid).store(child);
   phase.run();
-  alive.fetch_add(1);
+  alive->fetch_add(1);
   char message[kMessageSize] = {};
   std::snprintf(message, sizeof message, "launched sub process PID: %lu \r\n",
                 static_cast<unsigned long>(static_cast<std::uint32_t>(child)));
@@ -153,7 +153,7 @@ bool Tfun_monitor::record_end(pid_t waited, int error) {
                 static_cast<unsigned long>(static_cast<std::uint32_t>(waited)), error);
   recorder::record_end(last_record, name, message);
   phase.rest();
-  alive.fetch_sub(1);
+  alive->fetch_sub(1);
   if (++restart_count > kRestartLimit) {
     console::print("Restarted more than 200 times.\r\n");
     return false;
@@ -189,7 +189,7 @@ int Tfun_monitor::last_pid() const {
 }
 
 int Tfun_monitor::programs_alive() {
-  return alive.load();
+  return alive->load();
 }
 
 void Tfun_monitor::await_launch() const {

@@ -64,7 +64,8 @@ void delete_global(T*& object) {
 }  // namespace
 
 void proc_start() {
-  unforked_memory::add_heap(kHeap);
+  unforked_memory::add_static_objects();
+  unforked_memory::add_heap(kHeap, g_logFile);
   set_default_stack_size(kLargeStack);
   event_count::use_common_table();
   start_forking();

@@ -1,6 +1,5 @@
 #include "process/recorder.h"
 
-#include <ctime>
 #include <utility>
 
 #include "common/log/console.h"
@@ -10,6 +9,7 @@
 #include "common/misc/poll_until.h"
 #include "common/thread/detached_thread.h"
 #include "common/thread/inbox.h"
+#include "common/thread/unforked_memory.h"
 
 namespace recorder {
 namespace {
@@ -17,10 +17,13 @@ namespace {
 /// How long a thread waits for what it has handed over to be written.
 constexpr std::chrono::seconds kPatience{1};
 
-constinit inbox<record> g_records;
+struct handed_over {
+  inbox<record> records;
+  /// How many of them have not been written yet.
+  std::atomic<int> unwritten{0};
+};
 
-/// What has been handed over and not been written yet.
-std::atomic<int> unwritten{0};
+[[gnu::section("unforked")]] constinit unforked_memory::static_object<handed_over> g_handed_over;
 
 /// Written by `start`, read by every thread; whoever reads it was started later.
 std::atomic<bool> running{false};
@@ -30,7 +33,7 @@ std::atomic<bool> zone_is_old{false};
 
 void append_line(const char* line) {
   if (g_logFile == nullptr) return;
-  if (zone_is_old.exchange(false)) ::tzset();
+  if (zone_is_old.load() && zone_is_old.exchange(false)) Tlog_file::read_time_zone();
   g_logFile->append_log(line, -1);
   // The time comes second: it belongs to the line above it.
   g_logFile->append_time();
@@ -69,11 +72,11 @@ void serve(record& wanted) {
   }
   // Its owner goes on as soon as the count has changed.
   wanted.written.advance();
-  unwritten.fetch_sub(1);
+  g_handed_over->unwritten.fetch_sub(1);
 }
 
 void* serve_all(void* /*unused*/) {
-  g_records.serve_for_ever(serve);
+  g_handed_over->records.serve_for_ever(serve);
 }
 
 /// @return whether it has been written.
@@ -90,9 +93,9 @@ bool hand_over(record& own, record::kind what, const char* program, const char* 
     own.pending.store(false);
     return true;
   }
-  unwritten.fetch_add(1);
+  g_handed_over->unwritten.fetch_add(1);
   const std::uint32_t seen = own.written.current();
-  g_records.push(own);
+  g_handed_over->records.push(own);
   return own.written.await_change_for(seen, kPatience);
 }
 
@@ -123,7 +126,8 @@ void follow_time_zone() noexcept {
 }
 
 bool wait_until_idle(std::chrono::milliseconds limit) noexcept {
-  return poll_until(limit, std::chrono::milliseconds(1), [] { return unwritten.load() == 0; });
+  return poll_until(limit, std::chrono::milliseconds(1),
+                    [] { return g_handed_over->unwritten.load() == 0; });
 }
 
 bool close_log() noexcept {

@@ -4,10 +4,11 @@
 #include <unistd.h>
 
 #include "common/misc/poll_until.h"
-
-constinit shutdown_gate g_shutdown_gate;
+#include "common/thread/unforked_memory.h"
 
 namespace {
+
+[[gnu::section("unforked")]] constinit unforked_memory::static_object<shutdown_gate> g_gate;
 
 /// Made once for all gates; its value in a thread is the gate that the thread is inside of.
 pthread_key_t make_key() noexcept {
@@ -17,6 +18,8 @@ pthread_key_t make_key() noexcept {
 }
 
 }  // namespace
+
+constinit shutdown_gate& g_shutdown_gate = g_gate.value;
 
 void shutdown_gate::dismiss_at_thread_end() noexcept {
   static const pthread_key_t key = make_key();

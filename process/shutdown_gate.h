@@ -71,4 +71,4 @@ class shutdown_gate final {
 };
 
 /// The gate of all monitors' threads.
-extern shutdown_gate g_shutdown_gate;
+extern shutdown_gate& g_shutdown_gate;

@@ -41,6 +41,12 @@ constexpr int kMostTurns = 100;
 /// wait or one line.
 std::atomic<bool> reader_is_stuck{false};
 
+/// Writes what is new only: each page that is changed after a fork is one more for that child.
+void set_reader_is_stuck(bool stuck) noexcept {
+  if (reader_is_stuck.load(std::memory_order_relaxed) != stuck)
+    reader_is_stuck.store(stuck, std::memory_order_relaxed);
+}
+
 /// The flag that keeps a writer from waiting belongs to the open file description, which is shared
 /// with the shell that started us and with every supervised program. So it is set on a second
 /// description of the same pipe or terminal, never on theirs. A plain file is not opened again: it
@@ -81,7 +87,7 @@ bool wait_for_turn(const target& out) noexcept {
     return false;
   pollfd request{out.fd, POLLOUT, 0};
   const bool free = ::poll(&request, 1, kTurnMilliseconds) == 1 && (request.revents & POLLOUT) != 0;
-  if (!free) reader_is_stuck.store(true, std::memory_order_relaxed);
+  if (!free) set_reader_is_stuck(true);
   return free;
 }
 
@@ -94,7 +100,7 @@ void write_whole(const target& out, const char* text, std::size_t length) noexce
     if (written < 0 && errno == EINTR) continue;
     if (written < 0 && errno == EAGAIN && ++turns <= kMostTurns && wait_for_turn(out)) continue;
     if (written <= 0) break;
-    if (out.kind == channel::reopened) reader_is_stuck.store(false, std::memory_order_relaxed);
+    if (out.kind == channel::reopened) set_reader_is_stuck(false);
     text += written;
     length -= static_cast<std::size_t>(written);
   }

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <ctime>
@@ -14,12 +15,30 @@ namespace {
 
 constexpr std::size_t kTimeSize = 128;
 
+/// How often the time zone has been read, from 1.
+std::atomic<unsigned> zone_number{1};
+
+/// Asks the libc once for each second: it changes its own static data, and every page that is
+/// changed after a fork is one more for that child.
+const std::tm& local_time(std::time_t now) {
+  static thread_local constinit struct {
+    unsigned zone;
+    std::time_t second;
+    std::tm local;
+  } last{};
+  const unsigned zone = zone_number.load();
+  if (last.zone != zone || last.second != now) {
+    ::localtime_r(&now, &last.local);
+    last.zone = zone;
+    last.second = now;
+  }
+  return last.local;
+}
+
 /// Formats the local time into `out`.
 /// @return the length of the text.
 std::size_t format_local_time(char (&out)[kTimeSize]) {
-  const std::time_t now = std::time(nullptr);
-  std::tm local{};
-  ::localtime_r(&now, &local);
+  const std::tm& local = local_time(std::time(nullptr));
   const int length =
       std::snprintf(out, sizeof out, "%d-%02d-%02d %02d:%02d:%02d", local.tm_year + 1900,
                     local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
@@ -68,6 +87,11 @@ void Tlog_file::append_time() {
   line[length++] = '\r';
   line[length++] = '\n';
   append_log(line, static_cast<int>(length));
+}
+
+void Tlog_file::read_time_zone() {
+  ::tzset();
+  zone_number.fetch_add(1);
 }
 
 void Tlog_file::write_pair(const char* format, const char* name, long long value) {

@@ -36,6 +36,9 @@ class Tlog_file final {
   /// Appends the local time as "%d-%02d-%02d %02d:%02d:%02d" and "\r\n", when the log is open.
   void append_time();
 
+  /// Reads the machine's time zone again, which all times from now on are in.
+  static void read_time_zone();
+
   /// Appends "debug_log: %s: %lu\n" and a time line. A negative value shows as its two's
   /// complement. The line is cut at 255 bytes. Its bare LF is part of the interface: whoever splits
   /// the log at CR LF joins it to the line behind it.

@@ -5,9 +5,16 @@
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
-#include <memory>
 #include <new>
+
+// The linker makes these two for every section whose name could be a variable's. Weak: a program
+// may have nothing in this one.
+extern "C" {
+[[gnu::weak]] extern std::byte __start_unforked[];
+[[gnu::weak]] extern std::byte __stop_unforked[];
+}
 
 namespace unforked_memory {
 namespace {
@@ -56,24 +63,29 @@ void add_stack_of(pthread_t thread) noexcept {
   ::pthread_attr_destroy(&attributes);
 }
 
-void add_heap([[maybe_unused]] std::size_t size) noexcept {
+void add_heap([[maybe_unused]] std::size_t size, [[maybe_unused]] const void* since) noexcept {
 #ifdef M_TOP_PAD
   // More than is left of the heap as the libc first makes it, so that it grows by `size` now; and
   // less than what would get a mapping of its own.
   constexpr std::size_t kProbe = std::size_t{96} * 1024;
   ::mallopt(M_TOP_PAD, static_cast<int>(size));
   void* const probe = std::malloc(kProbe);
-  const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-  void* begin = probe;
-  std::size_t left = kProbe;
-  if (begin != nullptr && std::align(page, 1, begin, left) != nullptr) {
-    const std::ptrdiff_t grown = static_cast<char*>(::sbrk(0)) - static_cast<char*>(begin);
-    // Unless the libc has its heap elsewhere.
-    if (grown > 0 && static_cast<std::size_t>(grown) <= 2 * size)
-      keep_out_of_forks(begin, static_cast<std::size_t>(grown));
-  }
+  const auto end = reinterpret_cast<std::uintptr_t>(::sbrk(0));
+  const auto page = static_cast<std::uintptr_t>(::sysconf(_SC_PAGESIZE));
+  const std::uintptr_t begin =
+      since != nullptr ? reinterpret_cast<std::uintptr_t>(since) / page * page
+                       : (reinterpret_cast<std::uintptr_t>(probe) + page - 1) / page * page;
+  // Unless the libc has its heap elsewhere.
+  if (begin < end && end - begin <= 2 * size)
+    keep_out_of_forks(reinterpret_cast<void*>(begin), end - begin);
   std::free(probe);
 #endif
+}
+
+void add_static_objects() noexcept {
+  std::byte* const begin = __start_unforked;
+  std::byte* const end = __stop_unforked;
+  if (begin != end) keep_out_of_forks(begin, static_cast<std::size_t>(end - begin));
 }
 
 void release(void* memory, std::size_t size) noexcept {

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <memory_resource>
+#include <type_traits>
 
 /// Memory that forked children of the process do not get.
 ///
@@ -29,10 +30,31 @@ void add_stack_of(pthread_t thread) noexcept;
 /// Has the libc's next allocations, `size` bytes of them, lie in such memory as well: it makes one
 /// for each thread. For the only thread there is, after the last fork that is not one of a child.
 /// Where the libc cannot be told, children are larger and nothing else changes.
-void add_heap(std::size_t size) noexcept;
+/// @param since something allocated before: what has been allocated after it, and what else lies on
+///        its page, becomes such memory, too. Null for nothing.
+void add_heap(std::size_t size, const void* since) noexcept;
 
 /// The same for containers. Each allocation is a mapping of its own, so something that hands out
 /// smaller pieces belongs on top. Throws std::bad_alloc.
 std::pmr::memory_resource* resource() noexcept;
+
+/// An object in static storage that threads change with every start or end of a program: each page
+/// that is changed after a fork stays in that child as it was. Defined like this, it is in such
+/// memory once `add_static_objects` has been called:
+///
+///     [[gnu::section("unforked")]] constinit unforked_memory::static_object<T> object;
+template <typename T>
+struct alignas(4096) static_object {
+  static_assert(std::is_trivially_destructible_v<T>, "threads use it until the process is gone");
+
+  T* operator->() noexcept { return &value; }
+
+  T value{};
+};
+
+/// Makes the pages of all static objects such memory. For the only thread there is, after the last
+/// fork that is not one of a child. On machines with pages of more than 4 kB, where others may lie
+/// on the same ones, children are larger and nothing else changes.
+void add_static_objects() noexcept;
 
 }  // namespace unforked_memory

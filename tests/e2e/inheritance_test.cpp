@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "common/misc/unique_fd.h"
 #include "tests/e2e/golden.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
@@ -244,6 +245,28 @@ TEST(children, are_no_larger_for_the_programs_that_were_started_before_them) {
   };
   // In kB. What the libc allocates for each thread would be more, and so would one stack for each.
   EXPECT_LE(size_of(children.back()), size_of(children.front()) + 8);
+}
+
+TEST(children, share_all_but_two_pages_with_the_daemon) {
+  constexpr std::size_t kStarts = 100;
+  installation place;
+  const std::string name = place.add_script(place.note_start());
+  place.save({place.entry(name)});
+  // As for a daemon of systemd: a file is written to without looking whether its reader is stuck.
+  const unique_fd output(::open("/dev/null", O_WRONLY | O_CLOEXEC));
+  place.start({.output = output.get()});
+  const auto wait_for = [&](std::size_t starts) {
+    ASSERT_TRUE(wait_until([&] { return place.starts(name) >= starts; }));
+  };
+  const auto changed_pages = [&] { return process_table::find(place.daemon())->minor_faults; };
+  wait_for(kStarts);
+  const auto starts_before = static_cast<long>(place.starts(name));
+  const long before = changed_pages();
+  wait_for(2 * kStarts);
+  const long changed = changed_pages() - before;
+  // A page that the daemon changes after a fork stays in that child as it was. What the thread that
+  // forks has on its stack cannot be shared.
+  EXPECT_LE(2 * changed, 5 * (static_cast<long>(place.starts(name)) - starts_before));
 }
 
 #endif

@@ -200,7 +200,7 @@ TEST(log_file_time, is_local_and_not_universal_time) {
   in_child([] {
     // Nine and a half hours ahead of Greenwich.
     ::setenv("TZ", "XYZ-9:30", 1);
-    ::tzset();
+    Tlog_file::read_time_zone();
     constexpr std::time_t kAhead = 9 * 3600 + 30 * 60;
     const Tlog_file log;
     std::array<char, 20> text{};
@@ -208,7 +208,7 @@ TEST(log_file_time, is_local_and_not_universal_time) {
     log.get_date_time(text.data());
     const std::time_t after = std::time(nullptr);
     ::setenv("TZ", "UTC0", 1);
-    ::tzset();
+    Tlog_file::read_time_zone();
     const std::string local = text.data();
     EXPECT_TRUE(local == time_text(before + kAhead) || local == time_text(after + kAhead)) << local;
   });

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <future>
 #include <limits>
+#include <memory>
 #include <memory_resource>
 #include <new>
 #include <string>
@@ -55,6 +56,9 @@ bool is_in_a_child(void* memory) {
   return WEXITSTATUS(status) == 1;
 }
 
+[[gnu::section("unforked")]] constinit unforked_memory::static_object<int> g_object{1};
+int g_ordinary_object = 1;
+
 TEST(unforked_memory, is_not_in_a_child) {
   void* const memory = unforked_memory::allocate(kSize);
   ASSERT_NE(memory, nullptr);
@@ -78,11 +82,34 @@ TEST(unforked_memory, is_what_a_stack_is_made_while_its_thread_runs) {
   thread.join();
 }
 
+TEST(unforked_memory, is_what_static_objects_lie_in_that_are_meant_to) {
+  const child_end end = run_in_child([] {
+    EXPECT_TRUE(is_in_a_child(&g_object));
+    unforked_memory::add_static_objects();
+    EXPECT_FALSE(is_in_a_child(&g_object));
+    EXPECT_EQ(g_object.value, 1);
+    EXPECT_TRUE(is_in_a_child(&g_ordinary_object));
+  });
+  EXPECT_EQ(end.failures, "");
+}
+
 #ifdef M_TOP_PAD
+
+TEST(unforked_memory, is_what_the_libc_has_allocated_since_something) {
+  const child_end end = run_in_child([] {
+    constexpr std::size_t kPart = 8192;
+    const std::unique_ptr<char[]> first(new char[kPart]);
+    const std::unique_ptr<char[]> second(new char[kPart]);
+    unforked_memory::add_heap(kSize * 16, second.get());
+    EXPECT_TRUE(is_in_a_child(first.get()));
+    EXPECT_FALSE(is_in_a_child(second.get()));
+  });
+  EXPECT_EQ(end.failures, "");
+}
 
 TEST(unforked_memory, is_what_the_libc_allocates_next) {
   const child_end end = run_in_child([] {
-    unforked_memory::add_heap(kSize * 16);
+    unforked_memory::add_heap(kSize * 16, nullptr);
     // Not the first ones: what lay free before is used up first.
     std::vector<void*> blocks(40);
     for (void*& block : blocks)

@@ -44,10 +44,12 @@ std::optional<process> find(pid_t pid) {
   const std::size_t open = line.find('(');
   const std::size_t close = line.rfind(')');
   if (open == std::string::npos || close == std::string::npos) return std::nullopt;
-  process found{pid, 0, 0, '?', line.substr(open + 1, close - open - 1)};
+  process found{pid, 0, 0, '?', 0, line.substr(open + 1, close - open - 1)};
   pid_t group = 0;
+  std::string skipped;
   std::istringstream rest(line.substr(close + 1));
   rest >> found.state >> found.parent >> group >> found.session;
+  rest >> skipped >> skipped >> skipped >> found.minor_faults;  // terminal, its group, flags
   if (!rest || found.state == 'Z' || found.state == 'X') return std::nullopt;
   return found;
 }

@@ -14,8 +14,9 @@ struct process {
   pid_t pid;
   pid_t parent;
   pid_t session;
-  char state;        ///< As ps prints it: 'R', 'S', 'T', ...
-  std::string name;  ///< At most 15 bytes.
+  char state;         ///< As ps prints it: 'R', 'S', 'T', ...
+  long minor_faults;  ///< How often it has needed a page that was in memory.
+  std::string name;   ///< At most 15 bytes.
 };
 
 /// The process, unless there is none with that id or it has ended and only waits to be reaped.
