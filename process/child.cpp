@@ -83,7 +83,7 @@ void serve(request& wanted) noexcept {
 /// What the thread that forks runs on, and each child as well. Among the static data, which the
 /// children have anyway: in a mapping of its own it would cost each of them another table of pages.
 /// From a page's beginning, so that a fork copies nothing else that is written here.
-alignas(4096) constinit std::array<std::byte, kForkingStack> g_stack{};
+alignas(unforked_memory::kPageSize) constinit std::array<std::byte, kForkingStack> g_stack{};
 
 void* serve_all(void* /*unused*/) {
   g_requests->serve_for_ever(serve);

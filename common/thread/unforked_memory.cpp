@@ -85,7 +85,8 @@ void add_heap([[maybe_unused]] std::size_t size, [[maybe_unused]] const void* si
 void add_static_objects() noexcept {
   std::byte* const begin = __start_unforked;
   std::byte* const end = __stop_unforked;
-  if (begin != end) keep_out_of_forks(begin, static_cast<std::size_t>(end - begin));
+  if (begin != end && ::sysconf(_SC_PAGESIZE) == kPageSize)
+    keep_out_of_forks(begin, static_cast<std::size_t>(end - begin));
 }
 
 void release(void* memory, std::size_t size) noexcept {

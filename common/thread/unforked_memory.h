@@ -17,6 +17,9 @@
 /// time in every fork. All of it may be used from any thread.
 namespace unforked_memory {
 
+/// In bytes, where pages are smallest.
+inline constexpr std::size_t kPageSize = 4096;
+
 /// @return `size` bytes, or null when there is not enough memory.
 void* allocate(std::size_t size) noexcept;
 
@@ -44,7 +47,7 @@ std::pmr::memory_resource* resource() noexcept;
 ///
 ///     [[gnu::section("unforked")]] constinit unforked_memory::static_object<T> object;
 template <typename T>
-struct alignas(4096) static_object {
+struct alignas(kPageSize) static_object {
   static_assert(std::is_trivially_destructible_v<T>, "threads use it until the process is gone");
 
   T* operator->() noexcept { return &value; }
@@ -53,8 +56,8 @@ struct alignas(4096) static_object {
 };
 
 /// Makes the pages of all static objects such memory. For the only thread there is, after the last
-/// fork that is not one of a child. On machines with pages of more than 4 kB, where others may lie
-/// on the same ones, children are larger and nothing else changes.
+/// fork that is not one of a child. Where pages are larger than `kPageSize`, they hold other
+/// objects as well: children are larger then and nothing else changes.
 void add_static_objects() noexcept;
 
 }  // namespace unforked_memory
