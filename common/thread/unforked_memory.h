@@ -35,7 +35,7 @@ void add_stack_of(pthread_t thread) noexcept;
 /// Where the libc cannot be told, children are larger and nothing else changes.
 /// @param since something allocated before: what has been allocated after it, and what else lies on
 ///        its page, becomes such memory, too. Null for nothing.
-void add_heap(std::size_t size, const void* since) noexcept;
+void add_heap(std::size_t size, void* since) noexcept;
 
 /// The same for containers. Each allocation is a mapping of its own, so something that hands out
 /// smaller pieces belongs on top. Throws std::bad_alloc.
