@@ -11,37 +11,41 @@ import select
 import subprocess
 import sys
 
-# What is left free all the time, less than what hosts take back.
+# What is free while something is measured, less than what hosts take back.
 FREE = 768 << 20
+# As far as memory is taken: otherwise what is left free would be what the host has not given yet.
+LEAST = 192 << 20
 PIECE = 16 << 20
-LOOK_EVERY = 0.005
+LOOK_EVERY = 0.01
 
 
-def _memory(kind):
-    with open("/proc/meminfo", encoding="ascii") as file:
-        for line in file:
-            if line.startswith(kind + ":"):
-                return int(line.split()[1]) << 10
-    raise RuntimeError(f"/proc/meminfo does not tell {kind}")
+def _size(pages):
+    return os.sysconf(pages) * mmap.PAGESIZE
+
+
+def _free():
+    return _size("SC_AVPHYS_PAGES")
 
 
 class _Held:
-    """A stack of pieces, in large pages: those are given back in no time."""
+    """A stack of pieces. In small pages: to make large ones, the kernel would move the memory of
+    programs about, and hold up their starts and ends meanwhile."""
 
     def __init__(self):
-        size = _memory("MemTotal") // PIECE * PIECE
+        size = _size("SC_PHYS_PAGES") // PIECE * PIECE
         self._memory = mmap.mmap(-1, size, flags=mmap.MAP_PRIVATE | mmap.MAP_ANONYMOUS)
-        self._memory.madvise(mmap.MADV_HUGEPAGE)
+        self._memory.madvise(mmap.MADV_NOHUGEPAGE)
         self._held = 0
 
     def take_all(self):
-        while _memory("MemFree") > FREE + 2 * PIECE:
+        while _free() > LEAST:
             for offset in range(self._held, self._held + PIECE, mmap.PAGESIZE):
                 self._memory[offset] = 1
             self._held += PIECE
+        self.give_what_is_used()
 
     def give_what_is_used(self):
-        while self._held and _memory("MemFree") < FREE:
+        while self._held and _free() < FREE:
             self._held -= PIECE
             self._memory.madvise(mmap.MADV_DONTNEED, self._held, PIECE)
 
