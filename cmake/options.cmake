@@ -37,6 +37,7 @@ endif()
 
 # The threads count in the same places, so the counters have to be atomic.
 if(KEELMOND_COVERAGE)
+  target_compile_definitions(keelmond_options INTERFACE KEELMOND_COVERAGE)
   target_compile_options(keelmond_options INTERFACE --coverage -fprofile-update=atomic)
   target_link_options(keelmond_options INTERFACE --coverage)
 endif()

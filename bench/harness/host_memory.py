@@ -11,9 +11,10 @@ import select
 import subprocess
 import sys
 
-# What is free while something is measured, less than what hosts take back.
+# How much is left free while something is measured: less than hosts take back.
 FREE = 768 << 20
-# As far as memory is taken: otherwise what is left free would be what the host has not given yet.
+# How little is left free for a moment while memory is taken. What nobody has ever taken, the host
+# may not have given yet.
 LEAST = 192 << 20
 PIECE = 16 << 20
 LOOK_EVERY = 0.01

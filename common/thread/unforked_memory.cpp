@@ -44,13 +44,6 @@ void keep_out_of_forks(void* memory, std::size_t size) noexcept {
   ::madvise(memory, size, MADV_NOHUGEPAGE);
 }
 
-#ifdef M_TOP_PAD
-/// @return where the page begins that an address lies on.
-std::byte* page_of(void* address, std::size_t size) noexcept {
-  return static_cast<std::byte*>(address) - reinterpret_cast<std::uintptr_t>(address) % size;
-}
-#endif
-
 }  // namespace
 
 void* allocate(std::size_t size) noexcept {
@@ -72,21 +65,19 @@ void add_stack_of(pthread_t thread) noexcept {
 
 void add_heap([[maybe_unused]] std::size_t size, [[maybe_unused]] void* since) noexcept {
 #ifdef M_TOP_PAD
+  if (since == nullptr) return;
   // More than is left of the heap as the libc first makes it, so that it grows by `size` now; and
   // less than what would get a mapping of its own.
   constexpr std::size_t kProbe = std::size_t{96} * 1024;
   ::mallopt(M_TOP_PAD, static_cast<int>(size));
-  auto* const probe = static_cast<std::byte*>(std::malloc(kProbe));
+  std::free(std::malloc(kProbe));
   const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-  if (probe != nullptr) {
-    std::byte* const begin =
-        since != nullptr ? page_of(since, page) : page_of(probe + page - 1, page);
-    const std::ptrdiff_t length = static_cast<std::byte*>(::sbrk(0)) - begin;
-    // Unless the libc has its heap elsewhere.
-    if (length > 0 && static_cast<std::size_t>(length) <= 2 * size)
-      keep_out_of_forks(begin, static_cast<std::size_t>(length));
-  }
-  std::free(probe);
+  auto* const begin =
+      static_cast<std::byte*>(since) - reinterpret_cast<std::uintptr_t>(since) % page;
+  const std::ptrdiff_t length = static_cast<std::byte*>(::sbrk(0)) - begin;
+  // Unless the libc has its heap elsewhere.
+  if (length > 0 && static_cast<std::size_t>(length) <= 2 * size)
+    keep_out_of_forks(begin, static_cast<std::size_t>(length));
 #endif
 }
 

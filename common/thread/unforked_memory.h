@@ -12,9 +12,9 @@
 /// while its parent goes on and gets new ones: a thousand children with a thousand stacks each.
 /// What threads use for themselves, and no child ever looks at, belongs here.
 ///
-/// The memory comes in whole pages, zeroed, from a mapping of its own; the kernel joins
-/// neighbouring ones. There are no guard pages: they would keep the mappings apart, and each costs
-/// time in every fork. All of it may be used from any thread.
+/// What `allocate` returns comes in whole pages, zeroed, from a mapping of its own; the kernel
+/// joins neighbouring ones. There are no guard pages: they would keep the mappings apart, and each
+/// costs time in every fork. Functions that do not say otherwise may be called from any thread.
 namespace unforked_memory {
 
 /// In bytes, where pages are smallest.
@@ -33,8 +33,9 @@ void add_stack_of(pthread_t thread) noexcept;
 /// Has the libc's next allocations, `size` bytes of them, lie in such memory as well: it makes one
 /// for each thread. For the only thread there is, after the last fork that is not one of a child.
 /// Where the libc cannot be told, children are larger and nothing else changes.
-/// @param since something allocated before: what has been allocated after it, and what else lies on
-///        its page, becomes such memory, too. Null for nothing.
+/// @param since something on the heap: what lies behind it, and what else is on its page, becomes
+///        such memory, too. Nothing there may be needed by a child; after a `setenv` the
+///        environment would be. With null nothing is done.
 void add_heap(std::size_t size, void* since) noexcept;
 
 /// The same for containers. Each allocation is a mapping of its own, so something that hands out

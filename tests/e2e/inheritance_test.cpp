@@ -14,6 +14,7 @@
 #include "tests/e2e/golden.h"
 #include "tests/e2e/support/children.h"
 #include "tests/e2e/support/installation.h"
+#include "tests/e2e/support/supervisor_binary.h"
 #include "tests/support/wait_until.h"
 
 namespace {
@@ -247,26 +248,43 @@ TEST(children, are_no_larger_for_the_programs_that_were_started_before_them) {
   EXPECT_LE(size_of(children.back()), size_of(children.front()) + 8);
 }
 
-TEST(children, share_all_but_two_pages_with_the_daemon) {
+#ifndef KEELMOND_COVERAGE
+
+/// How many pages the daemon may change from one fork to the next. Two are those of the stack that
+/// its children run on, too. From glibc 2.41 on the C library changes one of its own in each fork.
+#if defined(__GLIBC__) && !__GLIBC_PREREQ(2, 41)
+constexpr long kChangedPages = 2;
+#else
+constexpr long kChangedPages = 3;
+#endif
+
+// A page that the daemon changes after a fork stays in that child as it was.
+TEST(children, share_nearly_all_pages_with_the_daemon) {
+  if (is_other_supervisor_binary()) GTEST_SKIP() << "it may have another C library";
   constexpr std::size_t kStarts = 100;
   installation place;
   const std::string name = place.add_script(place.note_start());
   place.save({place.entry(name)});
-  // As for a daemon of systemd: a file is written to without looking whether its reader is stuck.
+  // Not a file: only for an output that somebody may read does the daemon note whether the reader
+  // is stuck.
   const unique_fd output(::open("/dev/null", O_WRONLY | O_CLOEXEC));
   place.start({.output = output.get()});
-  const auto wait_for = [&](std::size_t starts) {
-    ASSERT_TRUE(wait_until([&] { return place.starts(name) >= starts; }));
+  const auto has_started = [&](std::size_t times) {
+    return wait_until([&] { return place.starts(name) >= times; });
   };
-  const auto changed_pages = [&] { return process_table::find(place.daemon())->minor_faults; };
-  wait_for(kStarts);
+  const auto changed_pages = [&] {
+    return process_table::find(place.daemon()).value().minor_faults;
+  };
+  ASSERT_TRUE(has_started(kStarts));
   const auto starts_before = static_cast<long>(place.starts(name));
   const long before = changed_pages();
-  wait_for(2 * kStarts);
+  ASSERT_TRUE(has_started(2 * kStarts));
   const long changed = changed_pages() - before;
-  // A page that the daemon changes after a fork stays in that child as it was. What the thread that
-  // forks has on its stack cannot be shared.
-  EXPECT_LE(2 * changed, 5 * (static_cast<long>(place.starts(name)) - starts_before));
+  // Half a page for what is rare: the time of a new second takes two.
+  const long starts = static_cast<long>(place.starts(name)) - starts_before;
+  EXPECT_LE(2 * changed, (2 * kChangedPages + 1) * starts);
 }
+
+#endif
 
 #endif

@@ -15,7 +15,8 @@ struct process {
   pid_t parent;
   pid_t session;
   char state;         ///< As ps prints it: 'R', 'S', 'T', ...
-  long minor_faults;  ///< How often it has needed a page that was in memory.
+  long minor_faults;  ///< Page faults without the disk: one for the first write to a page after a
+                      ///< fork.
   std::string name;   ///< At most 15 bytes.
 };
 

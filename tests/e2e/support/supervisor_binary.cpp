@@ -2,7 +2,16 @@
 
 #include <cstdlib>
 
+namespace {
+
+constexpr char kVariable[] = "KEELMOND_BINARY";
+
+}  // namespace
+
 std::string supervisor_binary() {
-  const char* other = std::getenv("KEELMOND_BINARY");
-  return other != nullptr ? other : KEELMOND_BINARY;
+  return is_other_supervisor_binary() ? std::getenv(kVariable) : KEELMOND_BINARY;
+}
+
+bool is_other_supervisor_binary() {
+  return std::getenv(kVariable) != nullptr;
 }
