@@ -93,6 +93,34 @@ int count_threads(pid_t pid) {
   return std::atoi(status_field(pid, "Threads").c_str());
 }
 
+std::vector<std::uintptr_t> stack_pointers(pid_t pid) {
+  std::vector<std::uintptr_t> result;
+  std::error_code gone;
+  for (fs::directory_iterator at(directory_of(pid) / "task", gone), end; !gone && at != end;
+       at.increment(gone)) {
+    // The call, its six arguments, the stack pointer.
+    std::istringstream line(read_file(at->path() / "syscall"));
+    std::string skipped;
+    for (int i = 0; i < 7; ++i)
+      line >> skipped;
+    std::uintptr_t pointer = 0;
+    if (line >> std::hex >> pointer) result.push_back(pointer);
+  }
+  return result;
+}
+
+bool is_mapped(pid_t pid, std::uintptr_t address) {
+  std::istringstream maps(read_file(directory_of(pid) / "maps"));
+  for (std::string line; std::getline(maps, line);) {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+    char dash = 0;
+    std::istringstream(line) >> std::hex >> begin >> dash >> end;
+    if (begin <= address && address < end) return true;
+  }
+  return false;
+}
+
 int count_inotifies(pid_t pid) {
   int instances = 0;
   std::error_code gone;

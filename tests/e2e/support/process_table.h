@@ -2,6 +2,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -37,6 +38,12 @@ std::string status_field(pid_t pid, std::string_view field);
 
 /// How many threads the process has; 0 when there is none.
 int count_threads(pid_t pid);
+
+/// Where the stacks of the process's threads end just now; of those that wait in a system call.
+/// Empty where the kernel does not tell.
+std::vector<std::uintptr_t> stack_pointers(pid_t pid);
+/// Whether the process has anything at an address.
+bool is_mapped(pid_t pid, std::uintptr_t address);
 
 /// How many inotify instances the process has open, and how many watches on what is written to a
 /// file these have. A watch ends with its file, and its instance only when the process closes it.
