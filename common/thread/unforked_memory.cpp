@@ -70,7 +70,9 @@ void add_heap([[maybe_unused]] std::size_t size, [[maybe_unused]] void* since) n
   // less than what would get a mapping of its own.
   constexpr std::size_t kProbe = std::size_t{96} * 1024;
   ::mallopt(M_TOP_PAD, static_cast<int>(size));
-  std::free(std::malloc(kProbe));
+  // Volatile, or a compiler that sees nobody use it leaves both calls out.
+  void* volatile probe = std::malloc(kProbe);
+  std::free(probe);
   const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
   auto* const begin =
       static_cast<std::byte*>(since) - reinterpret_cast<std::uintptr_t>(since) % page;
