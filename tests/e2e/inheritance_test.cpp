@@ -282,7 +282,7 @@ TEST(children, have_the_stack_of_the_thread_that_forks_and_that_of_the_main_thre
 
 /// How many pages the daemon may change from one fork to the next. Two are those of the stack that
 /// its children run on, too. From glibc 2.41 on the C library changes one of its own in each fork.
-#if defined(__GLIBC__) && !__GLIBC_PREREQ(2, 41)
+#if __GLIBC__ == 2 && __GLIBC_MINOR__ < 41
 constexpr long kChangedPages = 2;
 #else
 constexpr long kChangedPages = 3;
